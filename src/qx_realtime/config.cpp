@@ -1,0 +1,493 @@
+// Configuration: the whole-file reader, the jsmn tokenizing step, the flat token walk that fills
+// the domain being built, pstTop and the central record, and the CPU-list reader.
+#include <limits.h>
+#include <stdlib.h>
+
+#include "qx_realtime_internal.h"
+
+#define RT_TOK_COUNT_INIT 160
+#define RT_READ_LINE 128
+#define RT_READ_INIT 4096
+
+// ParsingStatus bits.
+#define PS_SYSTEM 0x1ull
+#define PS_DOMAIN 0x2ull
+#define PS_CLASS 0x4ull
+#define PS_UTIL 0x10ull
+#define PS_RESERVATION 0x20ull
+#define PS_DBGLEVEL 0x40ull
+#define PS_ENABLED 0x80ull
+#define PS_BUDGETCPUNUM 0x100ull
+#define PS_CPUSET 0x200ull
+#define PS_RT_PRIORITY 0x400ull
+#define PS_DL_DEADLINE 0x800ull
+#define PS_DL_RUNTIME 0x1000ull
+#define PS_DL_PERIOD 0x2000ull
+#define PS_DESCRIPTION 0x4000ull
+
+static const char kParsingString[] = "_QX_REALTIME_ParsingString";
+static const char kParsingScope[] = "_QX_REALTIME_ParsingScope";
+
+// The walk is bounded by the tokens jsmn actually produced: whatever shape a hostile file gives
+// the token tree, no token past this end is read. Set by the tokenizing step (under `mutex` and
+// the central lock); NULL means the caller vouches for the array.
+static const jsmntok_t *s_pstTokEnd = NULL;
+// Set by the walk when the central name list has no room for the domain being built.
+static int s_bCentralListFull = 0;
+
+uint32_t _QX_REALTIME_FileReader(const char *pszPath, char **ppszText) {
+    if (pszPath == NULL || ppszText == NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", __func__);
+        return RT_ERR_INVALID_PARAM;
+    }
+    FILE *pFile = fopen(pszPath, "r");
+    if (pFile == NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] Failed to open %s: %s.\n", __func__, pszPath, RT_ERRNO_STR);
+        return RT_ERR_SYSTEM;
+    }
+    char *pszLine = (char *)calloc(1, RT_READ_LINE);
+    char *pszText = (char *)calloc(1, RT_READ_INIT);
+    if (pszLine == NULL || pszText == NULL) {
+        free(pszLine);
+        free(pszText);
+        return fclose(pFile) != 0 ? RT_ERR_SYSTEM : RT_ERR_NULL;
+    }
+    size_t uSize = RT_READ_INIT;
+    size_t uLen = 0;
+    while (fgets(pszLine, RT_READ_LINE, pFile) != NULL) {
+        strncat(pszText, pszLine, RT_READ_LINE);
+        uLen += strlen(pszLine);
+        if (uLen + RT_READ_LINE >= uSize) {
+            uSize *= 2;
+            char *pszGrown = (char *)realloc(pszText, uSize);
+            RT_LOGI("[RT_Impl][Info] [%s]: The file [%s] is realloc to [%d] bytes.\n", __func__,
+                    pszPath, (int)uSize);
+            if (pszGrown == NULL) {
+                RT_LOGE("[RT_Impl][Err] [%s]: The file [%s] is > [%d] bytes, realloc failed.\n",
+                        __func__, pszPath, (int)uSize);
+                *ppszText = NULL;
+                free(pszLine);
+                free(pszText);
+                return fclose(pFile) != 0 ? RT_ERR_SYSTEM : RT_ERR_NULL;
+            }
+            pszText = pszGrown;
+        }
+    }
+    *ppszText = pszText;
+    free(pszLine);
+    return fclose(pFile) != 0 ? RT_ERR_SYSTEM : RT_SUCCESS;
+}
+
+int _QX_JSMN_TokEqual(const char *pszJson, const jsmntok_t *pstTok, const char *pszKey) {
+    if (pstTok->type != JSMN_STRING) return 0;
+    size_t uLen = strlen(pszKey);
+    return (size_t)(pstTok->end - pstTok->start) == uLen &&
+           strncmp(pszJson + pstTok->start, pszKey, uLen) == 0;
+}
+
+int32_t _QX_VarStrToInt(const char *pszStr, int32_t s32Len) {
+    char szBuf[24];
+    int s32Value = 0;
+    memset(szBuf, 0, sizeof(szBuf));
+    if (s32Len < 0 || RT_SNPRINTF(szBuf, "%.*s", (int)s32Len, pszStr) < 0) return 0;
+    if (sscanf(szBuf, "%d", &s32Value) != 1) return 0;
+    return s32Value;
+}
+
+void _QX_REALTIME_ParseCpuSelection(const char *pszCpuSelection, int32_t *ps32CpuNum,
+                                    uint32_t *pu32CpuMask) {
+    static const char kName[] = "_QX_REALTIME_ParseCpuSelection";
+    RT_ENTER(kName);
+    if (pszCpuSelection == NULL || ps32CpuNum == NULL || pu32CpuMask == NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", kName);
+        return;
+    }
+    char szBuf[64];
+    int32_t as32Cpus[8];
+    int32_t s32Num = 0;
+    uint32_t u32Mask = 0;
+    RT_SNPRINTF(szBuf, "%s", pszCpuSelection);
+    szBuf[sizeof(szBuf) - 1] = '\0';
+    for (int i = 0; i < 8; i++) as32Cpus[i] = -1;
+
+    char *pszSave = NULL;
+    char *pszFirst = strtok_r(szBuf, "-", &pszSave);
+    char *pszSecond = pszFirst != NULL ? strtok_r(NULL, "-", &pszSave) : NULL;
+    if (pszFirst != NULL && pszSecond != NULL) {
+        int32_t s32First = atoi(pszFirst);
+        int32_t s32Last = atoi(pszSecond);
+        if (s32Last == 0) {
+            RT_LOGE("[RT_Impl][Err] [%s] %s parsing error.\n", kName, pszCpuSelection);
+            return;
+        }
+        if (s32First <= s32Last) {
+            int64_t s64Count = (int64_t)s32Last - s32First + 1;
+            s32Num = s64Count > INT32_MAX ? INT32_MAX : (int32_t)s64Count;
+            int32_t s32Lo = s32First < 0 ? 0 : s32First;
+            int32_t s32Hi = s32Last > 31 ? 31 : s32Last;
+            for (int32_t n = s32Lo; n <= s32Hi; n++) u32Mask |= 1u << n;
+        }
+    } else {
+        // List form; strtok_r left the text whole (there was no second piece to cut off).
+        pszSave = NULL;
+        for (char *pszPiece = strtok_r(szBuf, ",", &pszSave); pszPiece != NULL;
+             pszPiece = strtok_r(NULL, ",", &pszSave)) {
+            int32_t n = atoi(pszPiece);
+            if (s32Num < 8) as32Cpus[s32Num] = n;  // more than 8 CPUs count but are not kept
+            if (s32Num < INT32_MAX) s32Num++;
+            if (n >= 0 && n <= 31) u32Mask |= 1u << n;
+        }
+    }
+    (void)as32Cpus;
+    *ps32CpuNum = s32Num;
+    *pu32CpuMask = u32Mask;
+    RT_LOGD("[RT_Impl][DBG] %s parsed to %d cpus, Mask=0x%x\n", pszCpuSelection, s32Num, u32Mask);
+}
+
+// ---- the token walk ----
+
+struct qx_key_bit {
+    const char *pszKey;
+    uint64_t u64Bit;
+};
+
+static const qx_key_bit kKeyBits[] = {
+    {"Util", PS_UTIL},           {"PerThreadUtil", PS_UTIL},    {"Reservation", PS_RESERVATION},
+    {"Enabled", PS_ENABLED},     {"DbgLevel", PS_DBGLEVEL},     {"BudgetCpuNum", PS_BUDGETCPUNUM},
+    {"Cpuset", PS_CPUSET},       {"RT_Priority", PS_RT_PRIORITY}, {"DL_DeadlineUs", PS_DL_DEADLINE},
+    {"DL_RuntimeUs", PS_DL_RUNTIME}, {"DL_PeriodUs", PS_DL_PERIOD}, {"_description", PS_DESCRIPTION},
+};
+
+static int qx_starts_with(const char *pszText, int s32Len, const char *pszPrefix) {
+    int s32PrefixLen = (int)strlen(pszPrefix);
+    return s32Len >= s32PrefixLen && strncmp(pszText, pszPrefix, (size_t)s32PrefixLen) == 0;
+}
+
+// Appends a class record for a "Class_" key; false when the segment has no room for it.
+static int qx_append_class(QX_REALTIME_DOMAIN_t *pstDomain, const char *pszName, int s32Len) {
+    int32_t s32Offset = pstDomain->s32NextOffset;
+    if (s32Offset < RT_DOMAIN_HEADER_SIZE || s32Offset % 4 != 0 ||
+        s32Offset > RT_SHM_SIZE - RT_CLASS_SIZE) {
+        RT_LOGE("[RT_Impl][Err] [%s] No room for class [%.*s] in domain [%s].\n", kParsingString,
+                s32Len, pszName, pstDomain->szName);
+        return 0;
+    }
+    QX_REALTIME_CLASS_t *pstClass = (QX_REALTIME_CLASS_t *)((char *)pstDomain + s32Offset);
+    pstClass->s32ClassId = pstDomain->s32ClassNum;
+    pstClass->s32Util = 0;
+    RT_SNPRINTF(pstClass->szClassName, "%.*s", s32Len, pszName);
+    pstDomain->s32NextOffset += RT_CLASS_SIZE;
+    pstDomain->s32ClassNum += 1;
+    pstDomain->s32ThreadStartOffset = pstDomain->s32NextOffset;
+    return 1;
+}
+
+static void qx_parse_string(QX_REALTIME_DOMAIN_t *pstDomain, const char *pszJson,
+                            const jsmntok_t *pstTok, uint64_t *pu64Status, uint8_t *pbFound) {
+    const char *pszText = pszJson + pstTok->start;
+    int s32Len = pstTok->end - pstTok->start;
+
+    if (qx_starts_with(pszText, s32Len, "System_")) {
+        *pu64Status = PS_SYSTEM | PS_DOMAIN;
+        return;
+    }
+    if (qx_starts_with(pszText, s32Len, "Domain_")) {
+        if (_QX_JSMN_TokEqual(pszJson, pstTok, pstDomain->szName)) {
+            *pbFound = 1;
+            *pu64Status = PS_DOMAIN;
+        } else {
+            RT_LOGD("[RT_Impl][DBG] Skip Domain = [%.*s]\n", s32Len, pszText);
+            *pu64Status = 0;
+        }
+        return;
+    }
+    if ((*pu64Status & (PS_DOMAIN | PS_CLASS)) == 0) return;
+
+    if (qx_starts_with(pszText, s32Len, "Class_")) {
+        *pu64Status = qx_append_class(pstDomain, pszText, s32Len) ? PS_CLASS : 0;
+        return;
+    }
+    for (const qx_key_bit &stKey : kKeyBits) {
+        if (_QX_JSMN_TokEqual(pszJson, pstTok, stKey.pszKey)) {
+            *pu64Status |= stKey.u64Bit;
+            return;
+        }
+    }
+    if (*pu64Status & PS_DOMAIN) {
+        if (*pu64Status & PS_CPUSET) {
+            RT_SNPRINTF(pstDomain->pszCpuset, "%.*s", s32Len, pszText);
+            _QX_REALTIME_ParseCpuSelection(pstDomain->pszCpuset, &pstDomain->s32CpuNum,
+                                           &pstDomain->u32CpuMask);
+            RT_LOGI("[RT_Impl][Info] [%s] Domain [%s] Cpuset = [%s] , CpuNum = [%d], CpuMask = "
+                    "[0x%x], CapabilityPerCore = %d, CapabilityReservation = %d%%\n",
+                    kParsingString, pstDomain->szName, pstDomain->pszCpuset,
+                    pstDomain->s32CpuNum, pstDomain->u32CpuMask, pstTop->s32CapPerCore,
+                    pstTop->s32UtilReservation);
+            *pu64Status &= ~PS_CPUSET;
+        }
+        return;
+    }
+    if ((*pu64Status & PS_DESCRIPTION) == 0)
+        RT_LOGE("[RT_Impl][Err] [%s] Unknown str: '%.*s'; ParsingStatus=[%llu].\n", kParsingString,
+                s32Len, pszText, (unsigned long long)*pu64Status);
+}
+
+static void qx_parse_system_value(int32_t s32Value, const char *pszText, int s32Len,
+                                  uint64_t *pu64Status) {
+    QX_REALTIME_CENTRAL_t *pstCentral = pstTop->pstCentral;
+    if (*pu64Status & PS_UTIL) {
+        pstTop->s32CapPerCore = s32Value;
+        pstCentral->s32CapPerCore = s32Value;
+        RT_LOGI("[RT_Impl][Info] (Global)  UtilMax per core = [%d].\n", s32Value);
+        *pu64Status &= ~PS_UTIL;
+    } else if (*pu64Status & PS_RESERVATION) {
+        pstTop->s32UtilReservation = s32Value;
+        pstCentral->s32UtilReservation = s32Value;
+        RT_LOGI("[RT_Impl][Info] (Global)  Util Reservation = [%d%%].\n", s32Value);
+        *pu64Status &= ~PS_RESERVATION;
+    } else if (*pu64Status & PS_DBGLEVEL) {
+        pstTop->s32DbgLevel = s32Value;
+        RT_LOGI("[RT_Impl][Info] (Global)  DbgLevel = [%d].\n", s32Value);
+        *pu64Status &= ~PS_DBGLEVEL;
+    } else if (*pu64Status & PS_ENABLED) {
+        pstTop->Enabled = (uint8_t)s32Value;
+        RT_LOGI("[RT_Impl][Info] (Global)  Enabled = [%d].\n", (int)pstTop->Enabled);
+        *pu64Status &= ~PS_ENABLED;
+    } else if (*pu64Status & PS_BUDGETCPUNUM) {
+        int32_t s32Num = _QX_VarStrToInt(pszText, s32Len);
+        pstTop->s32BudgetCpuNum = s32Num;
+        pstCentral->s32BudgetCpuNum = s32Num;
+        RT_LOGI("[RT_Impl][Info] (Global)  BudgetCpuNum = [%d].\n", s32Num);
+        *pu64Status &= ~PS_BUDGETCPUNUM;
+    } else {
+        RT_LOGE("[RT_Impl][Err] [%s] Unknown System: [%.*s]; ParsingStatus=[%llu]\n",
+                kParsingScope, s32Len, pszText, (unsigned long long)*pu64Status);
+    }
+}
+
+// Domain Util: the domain's budget, and its registration in the central lists.
+static void qx_parse_domain_util(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Value,
+                                uint64_t *pu64Status) {
+    QX_REALTIME_CENTRAL_t *pstCentral = pstTop->pstCentral;
+    pstDomain->s32UtilMax = s32Value;
+    int32_t s32Num = qx_central_domain_num(pstCentral);
+    int bFound = 0;
+    for (int32_t i = 0; i < s32Num; i++) {
+        if (strncmp(pstCentral->szDomainNameList[i], pstDomain->szName, RT_NAME_LEN) == 0) {
+            bFound = 1;
+            break;
+        }
+    }
+    if (bFound) {
+        RT_LOGI("[RT_Impl][Info] [%s] existed in central data\n", pstDomain->szName);
+    } else if (pstCentral->s32DomainNum < 0 || pstCentral->s32DomainNum >= RT_MAX_DOMAIN) {
+        // The lists hold 24 domains; a further one is refused rather than written past them.
+        RT_LOGE("[RT_Impl][Err] [%s] Domain [%s] can't be recorded: the central data holds at "
+                "most %d domains.\n",
+                kParsingScope, pstDomain->szName, RT_MAX_DOMAIN);
+        s_bCentralListFull = 1;
+        return;
+    } else {
+        int32_t s32Index = pstCentral->s32DomainNum;
+        pstCentral->s32UtilTotal += s32Value;
+        pstCentral->s32DomainUtilList[s32Index] = s32Value;
+        memcpy(pstCentral->szDomainNameList[s32Index], pstDomain->szName, RT_NAME_LEN);
+        pstCentral->szDomainNameList[s32Index][RT_NAME_LEN - 1] = '\0';
+        pstCentral->s32DomainNum = s32Index + 1;
+        // As designed: the 24th entry ends this step without its message, 0x10 left set.
+        if (pstCentral->s32DomainNum >= RT_MAX_DOMAIN) return;
+    }
+    RT_LOGI("[RT_Impl][Info] Domain [%s] UtilMax = [%d].\n", pstDomain->szName, s32Value);
+    *pu64Status &= ~PS_UTIL;
+}
+
+static void qx_parse_class_value(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Value,
+                                 const char *pszText, int s32Len, uint64_t *pu64Status) {
+    QX_REALTIME_CLASS_t *pstClass = qx_domain_class(pstDomain, pstDomain->s32ClassNum - 1);
+    if (pstClass == NULL) return;
+    const char *pszDomain = pstDomain->szName;
+    const char *pszClass = pstClass->szClassName;
+    if (*pu64Status & PS_UTIL) {
+        pstClass->s32Util = s32Value;
+        RT_LOGI("[RT_Impl][Info] Domain [%s] Class [%s] Util = [%d].\n", pszDomain, pszClass,
+                s32Value);
+        *pu64Status &= ~PS_UTIL;
+    } else if (*pu64Status & PS_RT_PRIORITY) {
+        pstClass->s32RtPriority = _QX_VarStrToInt(pszText, s32Len);
+        RT_LOGI("[RT_Impl][Info] Domain [%s] Class [%s] RT_Priority = [%d].\n", pszDomain,
+                pszClass, pstClass->s32RtPriority);
+        if (pstDomain->u32SchedType == 0) {
+            pstDomain->u32SchedType = RT_SCHED_TYPE_RR;
+            RT_LOGI("[RT_Impl][Info] Domain [%s] is set as RR.\n", pszDomain);
+        } else if (pstDomain->u32SchedType == RT_SCHED_TYPE_DEADLINE) {
+            pstDomain->u32SchedType = RT_SCHED_TYPE_BOTH;
+            RT_LOGE("[RT_Impl][Err] [%s] Undefined behavior! The domain is already set as "
+                    "DEADLINE, and SHOULD NOT be set as RR.\n",
+                    kParsingScope);
+        }
+        *pu64Status &= ~PS_RT_PRIORITY;
+    } else if (*pu64Status & PS_DL_DEADLINE) {
+        pstClass->s32DlDeadlineUs = s32Value;
+        RT_LOGI("[RT_Impl][Info] Domain [%s] Class [%s] DL_DeadlineUs = [%d].\n", pszDomain,
+                pszClass, s32Value);
+        *pu64Status &= ~PS_DL_DEADLINE;
+    } else if (*pu64Status & PS_DL_RUNTIME) {
+        pstClass->s32Util = 0;
+        pstClass->s32RtPriority = 0;
+        pstClass->s32DlRuntimeUs = s32Value;
+        RT_LOGI("[RT_Impl][Info] Domain [%s] Class [%s] DL_RuntimeUs = [%d].\n", pszDomain,
+                pszClass, s32Value);
+        if (pstDomain->u32SchedType == 0) {
+            pstDomain->u32SchedType = RT_SCHED_TYPE_DEADLINE;
+            RT_LOGI("[RT_Impl][Info] Domain [%s] is set as DEADLINE.\n", pszDomain);
+        } else if (pstDomain->u32SchedType == RT_SCHED_TYPE_RR) {
+            pstDomain->u32SchedType = RT_SCHED_TYPE_BOTH;
+            RT_LOGE("[RT_Impl][Err] [%s] Undefined behavior! The domain is already set as RR, "
+                    "and SHOULD NOT be set as DEADLINE.\n",
+                    kParsingScope);
+        }
+        *pu64Status &= ~PS_DL_RUNTIME;
+    } else if (*pu64Status & PS_DL_PERIOD) {
+        pstClass->s32DlPeriodUs = s32Value;
+        RT_LOGI("[RT_Impl][Info] Domain [%s] Class [%s] DL_PeriodUs = [%d].\n", pszDomain,
+                pszClass, s32Value);
+        *pu64Status &= ~PS_DL_PERIOD;
+    } else if ((*pu64Status & PS_DESCRIPTION) == 0) {
+        RT_LOGE("[RT_Impl][Err] [%s] Unknown Class: [%.*s]; ParsingStatus=[%llu].\n",
+                kParsingScope, s32Len, pszText, (unsigned long long)*pu64Status);
+    }
+}
+
+static void qx_parse_primitive(QX_REALTIME_DOMAIN_t *pstDomain, const char *pszJson,
+                              const jsmntok_t *pstTok, uint64_t *pu64Status) {
+    if ((*pu64Status & (PS_DOMAIN | PS_CLASS)) == 0) return;
+    const char *pszText = pszJson + pstTok->start;
+    int s32Len = pstTok->end - pstTok->start;
+    int32_t s32Value = _QX_VarStrToInt(pszText, s32Len);
+
+    if (*pu64Status & PS_SYSTEM) {
+        qx_parse_system_value(s32Value, pszText, s32Len, pu64Status);
+    } else if (*pu64Status & PS_DOMAIN) {
+        if (*pu64Status & PS_UTIL)
+            qx_parse_domain_util(pstDomain, s32Value, pu64Status);
+        else if ((*pu64Status & PS_DESCRIPTION) == 0)
+            RT_LOGE("[RT_Impl][Err] [%s] Unknown Domain: [%.*s]; ParsingStatus = [%llu]\n",
+                    kParsingScope, s32Len, pszText, (unsigned long long)*pu64Status);
+    } else {
+        qx_parse_class_value(pstDomain, s32Value, pszText, s32Len, pu64Status);
+    }
+}
+
+int _QX_JSMN_TokParsing(QX_REALTIME_DOMAIN_t *pstDomain, const char *pszJson, jsmntok_t *pstTok,
+                        uint64_t *pu64ParsingStatus, uint8_t *pbFound) {
+    if (s_pstTokEnd != NULL && pstTok >= s_pstTokEnd) return 0;
+    int s32Consumed = 1;
+    switch (pstTok->type) {
+        case JSMN_OBJECT:
+            if (pstTok->size < 1) return 1;
+            for (int i = 0; i < pstTok->size; i++) {
+                jsmntok_t *pstKey = pstTok + s32Consumed;
+                int s32Key = _QX_JSMN_TokParsing(pstDomain, pszJson, pstKey, pu64ParsingStatus,
+                                                 pbFound);
+                if (s32Key == 0) break;
+                s32Consumed += s32Key;
+                if (pstKey->size >= 1)
+                    s32Consumed += _QX_JSMN_TokParsing(pstDomain, pszJson, pstTok + s32Consumed,
+                                                       pu64ParsingStatus, pbFound);
+            }
+            return s32Consumed;
+        case JSMN_ARRAY:
+            for (int i = 0; i < pstTok->size; i++) {
+                int s32Elem = _QX_JSMN_TokParsing(pstDomain, pszJson, pstTok + s32Consumed,
+                                                  pu64ParsingStatus, pbFound);
+                if (s32Elem == 0) break;
+                s32Consumed += s32Elem;
+            }
+            return s32Consumed;
+        case JSMN_STRING:
+            qx_parse_string(pstDomain, pszJson, pstTok, pu64ParsingStatus, pbFound);
+            return 1;
+        case JSMN_PRIMITIVE:
+            qx_parse_primitive(pstDomain, pszJson, pstTok, pu64ParsingStatus);
+            return 1;
+        default:
+            return 0;
+    }
+}
+
+uint32_t _QX_REALTIME_JsonParser(const char *pszJsonPath, QX_REALTIME_DOMAIN_t *pstDomain) {
+    static const char kName[] = "_QX_REALTIME_JsonParser";
+    uint32_t u32Ret;
+    char *pszJson = NULL;
+
+    RT_ENTER(kName);
+    if (pszJsonPath == NULL || pstDomain == NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", kName);
+        return RT_ERR_INVALID_PARAM;
+    }
+    if (_QX_REALTIME_FileReader(pszJsonPath, &pszJson) != RT_SUCCESS) {
+        RT_LOGE("[RT_Impl][Err] [%s] Read %s failed.\n", kName, pszJsonPath);
+        free(pszJson);
+        RT_EXIT(kName, RT_ERR_SYSTEM);
+        return RT_ERR_SYSTEM;
+    }
+
+    jsmn_parser stParser;
+    jsmn_init(&stParser);
+    unsigned int u32TokCount = RT_TOK_COUNT_INIT;
+    jsmntok_t *pstToks = (jsmntok_t *)calloc(u32TokCount, sizeof(jsmntok_t));
+    if (pstToks == NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] Failed to malloc tok size=%d*%d: %s.\n", kName,
+                (int)sizeof(jsmntok_t), RT_TOK_COUNT_INIT, RT_ERRNO_STR);
+        free(pszJson);
+        RT_EXIT(kName, RT_ERR_SYSTEM);
+        return RT_ERR_SYSTEM;
+    }
+    size_t uJsonLen = strlen(pszJson);
+    int s32Tokens = jsmn_parse(&stParser, pszJson, uJsonLen, pstToks, u32TokCount);
+    while (s32Tokens == JSMN_ERROR_NOMEM) {
+        jsmntok_t *pstGrown = NULL;
+        if (u32TokCount <= UINT_MAX / 2 / sizeof(jsmntok_t))
+            pstGrown = (jsmntok_t *)realloc(pstToks, (size_t)u32TokCount * 2 * sizeof(jsmntok_t));
+        if (pstGrown == NULL) {
+            RT_LOGE("[RT_Impl][Err] [%s] Failed to parse pszJson for tok malloc issue: %s.\n",
+                    kName, RT_ERRNO_STR);
+            free(pstToks);
+            free(pszJson);
+            RT_EXIT(kName, RT_ERR_INVALID_PARAM);
+            return RT_ERR_INVALID_PARAM;
+        }
+        RT_LOGD("[RT_Impl][DBG] Prev Tok count = %d is not enough, enlarge it to %d.\n",
+                (int)u32TokCount, (int)(u32TokCount * 2));
+        pstToks = pstGrown;
+        u32TokCount *= 2;
+        // The same parser state: jsmn resumes where it stopped.
+        s32Tokens = jsmn_parse(&stParser, pszJson, uJsonLen, pstToks, u32TokCount);
+    }
+
+    uint64_t u64Status = 0;
+    uint8_t bFound = 0;
+    s_bCentralListFull = 0;
+    if (s32Tokens > 0) {
+        s_pstTokEnd = pstToks + s32Tokens;
+        _QX_JSMN_TokParsing(pstDomain, pszJson, pstToks, &u64Status, &bFound);
+        s_pstTokEnd = NULL;
+    }
+
+    u32Ret = RT_SUCCESS;
+    if (pstDomain->u32SchedType == RT_SCHED_TYPE_BOTH) {
+        RT_LOGE("[RT_Impl][Err] Please check [%s], the sched type of domain[%s] is wrong.\n",
+                pszJsonPath, pstDomain->szName);
+        u32Ret = RT_ERR_INVALID_PARAM;
+    }
+    if (s_bCentralListFull) u32Ret = RT_ERR_INVALID_PARAM;
+    if (!bFound) {
+        RT_LOGE("[RT_Impl][Err] Failed to find Domain[%s] in Json[%s].\n", pstDomain->szName,
+                pszJsonPath);
+        u32Ret = RT_ERR_INVALID_PARAM;
+    }
+    free(pstToks);
+    free(pszJson);
+    RT_EXIT(kName, u32Ret);
+    return u32Ret;
+}

@@ -1,0 +1,605 @@
+// Domains: lookup with the per-process mapping table, creation, enumeration, deletion, the budget
+// query and the DMIPS conversion.
+#include <fcntl.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/sysinfo.h>
+
+#include "qx_realtime_internal.h"
+
+int qx_cpuset_file_path(char *dst, size_t dst_size, const char *pszDir, const char *pszName) {
+    if (qx_format_path(dst, dst_size, "%s/%s", pszDir, pszName) < 0) return -1;
+    if (access(dst, F_OK) == 0) return 0;
+    char szPrefixed[RT_PATH_LEN];
+    if (RT_FORMAT_PATH(szPrefixed, "%s/cpuset.%s", pszDir, pszName) >= 0 &&
+        access(szPrefixed, F_OK) == 0)
+        return qx_format_path(dst, dst_size, "%s", szPrefixed) < 0 ? -1 : 0;
+    return 0;
+}
+
+// ---- lookup ----
+
+QX_REALTIME_DOMAIN_t *_QX_REALTIME_GetDomainFromName(const char *pszDomainName,
+                                                     int32_t *pFlockFd) {
+    if (pszDomainName == NULL) return NULL;
+    if (pstTop == NULL || pstTop->pstCentral == NULL) {
+        if (_QX_REALTIME_GetCentralShm() != RT_SUCCESS) {
+            RT_LOGE("[RT_Impl][Err] %s (%d), can't get existing central data\n", __func__,
+                    __LINE__);
+            return NULL;
+        }
+    }
+
+    void *pvAddr = NULL;
+    int32_t s32ShmFd = -1;
+    QX_REALTIME_DOMAIN_MAP_t *pstEntry = NULL;
+    uint32_t u32MapNum = pstTop->u32DomainMapNum;
+    if (u32MapNum > RT_MAX_DOMAIN_MAP) u32MapNum = RT_MAX_DOMAIN_MAP;
+    for (uint32_t i = 0; i < u32MapNum; i++) {
+        if (strcmp(pstTop->astDomainMap[i].szDomainName, pszDomainName) == 0) {
+            if (pstTop->astDomainMap[i].pvDomainAddr != NULL)
+                pvAddr = pstTop->astDomainMap[i].pvDomainAddr;
+            break;
+        }
+    }
+
+    if (pvAddr == NULL) {
+        char szPath[RT_PATH_LEN];
+        if (RT_FORMAT_PATH(szPath, "%s%s", RT_SHM_PREFIX, pszDomainName) < 0) return NULL;
+        s32ShmFd = open(szPath, O_RDWR | O_CLOEXEC);
+        if (s32ShmFd < 0) return NULL;  // no such domain: the caller reports it
+        if (ftruncate(s32ShmFd, RT_SHM_SIZE) != 0) {
+            RT_LOGE("[RT_Impl][Err] [%s] ftruncate fails, errno=%s\n", __func__, RT_ERRNO_STR);
+            close(s32ShmFd);
+            return NULL;
+        }
+        if (pstTop->u32DomainMapNum >= RT_MAX_DOMAIN_MAP) {
+            // The table has room for 8 mappings; a further domain is refused, never written
+            // past the table.
+            RT_LOGE("[RT_Impl][Err] [%s] Can't map domain [%s]: this process maps at most %d "
+                    "domains.\n",
+                    __func__, pszDomainName, RT_MAX_DOMAIN_MAP);
+            close(s32ShmFd);
+            return NULL;
+        }
+        pvAddr = mmap(NULL, RT_SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, s32ShmFd, 0);
+        if (pvAddr == MAP_FAILED) {
+            RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] mmap fails\n", __func__, getpid(),
+                    qx_gettid());
+            pvAddr = NULL;
+        } else {
+            pstEntry = &pstTop->astDomainMap[pstTop->u32DomainMapNum];
+            pstEntry->pvDomainAddr = pvAddr;
+            memset(pstEntry->szDomainName, 0, RT_NAME_LEN);
+            strncpy(pstEntry->szDomainName, pszDomainName, RT_NAME_LEN - 1);
+            pstEntry->s32ShmFd = s32ShmFd;
+            pstTop->u32DomainMapNum += 1;
+            RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] shm exists. mmap=%p, s32ShmFd=%d\n",
+                    __func__, getpid(), qx_gettid(), pvAddr, s32ShmFd);
+        }
+    }
+
+    if (_QX_REALTIME_GetFlock(pszDomainName, pFlockFd) != RT_SUCCESS) {
+        RT_LOGE("[RT_Impl][Err] %s (%d), can't get %s flock\n", __func__, __LINE__, pszDomainName);
+        if (s32ShmFd >= 0) close(s32ShmFd);
+        // The entry keeps its mapping; its descriptor is gone, so it must not be closed again.
+        if (pstEntry != NULL) pstEntry->s32ShmFd = -1;
+        return NULL;
+    }
+    return (QX_REALTIME_DOMAIN_t *)pvAddr;
+}
+
+int qx_domain_lock(const char *pszOp, const char *pszDomainName, QX_REALTIME_DOMAIN_t **ppstDomain,
+                   int32_t *ps32DomainFd, uint32_t *pu32Ret) {
+    int32_t s32Central = -1;
+    pthread_mutex_lock(&mutex);
+    uint32_t u32Ret = _QX_REALTIME_GetCentralAndTop(&s32Central);
+    if (u32Ret != RT_SUCCESS) {
+        RT_EXIT(pszOp, u32Ret);
+        pthread_mutex_unlock(&mutex);
+        *pu32Ret = u32Ret;
+        return QX_DOMAIN_NO_CENTRAL;
+    }
+    pthread_mutex_unlock(&mutex);
+    if (!qx_enabled()) {
+        close(s32Central);
+        *pu32Ret = RT_SUCCESS;
+        return QX_DOMAIN_DISABLED;
+    }
+    pthread_mutex_lock(&mutex);
+    flock(s32Central, LOCK_EX);
+    *ps32DomainFd = -1;
+    *ppstDomain = _QX_REALTIME_GetDomainFromName(pszDomainName, ps32DomainFd);
+    qx_flock_release(s32Central);
+    if (*ppstDomain == NULL) {
+        pthread_mutex_unlock(&mutex);
+        *pu32Ret = RT_ERR_NULL;
+        return QX_DOMAIN_MISSING;
+    }
+    flock(*ps32DomainFd, LOCK_EX);
+    *pu32Ret = RT_SUCCESS;
+    return QX_DOMAIN_LOCKED;
+}
+
+void qx_domain_unlock(int32_t s32DomainFd) {
+    qx_flock_release(s32DomainFd);
+    pthread_mutex_unlock(&mutex);
+}
+
+// ---- creation ----
+
+static uint32_t qx_make_group_dir(const char *pszDir, const char *pszTasks) {
+    if (mkdir(pszDir, 0770) != 0) {
+        if (errno != EEXIST) {
+            RT_LOGE("[RT_Impl][Err] Can't mkdir %s, errno=%s.\n", pszDir, RT_ERRNO_STR);
+            return RT_ERR_FAILED;
+        }
+        RT_LOGI("[RT_Impl][Info] %s already exists, mkdir failed as expected.\n", pszDir);
+    }
+    if (chmod(pszDir, 0770) != 0) {
+        RT_LOGE("[RT_Impl][Err] chmod(%s,%d) fails, errno=%s\n", pszDir, 0770, RT_ERRNO_STR);
+        return RT_ERR_FAILED;
+    }
+    if (chmod(pszTasks, 0664) != 0) {
+        RT_LOGE("[RT_Impl][Err] chmod(%s,%d) fails, errno=%s\n", pszTasks, 0664, RT_ERRNO_STR);
+        return RT_ERR_FAILED;
+    }
+    return RT_SUCCESS;
+}
+
+// Writes one cpuset control file of the domain ("cpus" or "mems").
+static uint32_t qx_set_cpuset_file(const QX_REALTIME_DOMAIN_t *pstDomain, const char *pszName,
+                                   const char *pszValue) {
+    char szPath[RT_PATH_LEN];
+    if (qx_cpuset_file_path(szPath, sizeof(szPath), pstDomain->pszCpusetPathRoot, pszName) < 0)
+        return RT_ERR_FAILED;
+    if (chmod(szPath, 0664) != 0) {
+        RT_LOGE("[RT_Impl][Err] chmod(%s,%d) fails, errno=%s\n", szPath, 0664, RT_ERRNO_STR);
+        return RT_ERR_FAILED;
+    }
+    if (_QX_WriteStrToPath(pszValue, szPath) == RT_SUCCESS)
+        RT_LOGI("[RT_Impl][Info] %s is set to %s.\n", szPath, pszValue);
+    return RT_SUCCESS;  // a refused value is not a failure of the creation
+}
+
+// Fills the domain record from the parsed configuration and builds its control groups
+// (steps after the parse of QX_REALTIME_CreateDomain).
+static uint32_t qx_create_domain_impl(QX_REALTIME_DOMAIN_t *pstDomain) {
+    static const char kImpl[] = "QX_REALTIME_CreateDomain_Impl";
+    RT_ENTER(kImpl);
+    pstDomain->processIDListNum = RT_PROCESS_ID_LIST_NUM;
+    pstDomain->s32MemHighPrioResource = 3;
+    pstDomain->s32MemHighPrioUsage = 0;
+    pstDomain->s32MemHighPrioAvailable = 3;
+    pstDomain->szName[RT_NAME_LEN - 1] = '\0';
+    const char *pszName = pstDomain->szName;
+
+    struct {
+        const char *pszField;
+        char *pszDst;
+        const char *pszBase;
+        const char *pszTail;
+    } astPaths[] = {
+        {"pszCpusetPathRoot", pstDomain->pszCpusetPathRoot, RT_CPUSET_ROOT, pszName},
+        {"pszCpusetPathTasks", pstDomain->pszCpusetPathTasks, pstDomain->pszCpusetPathRoot, "/tasks"},
+        {"pszCpuacctPathRoot", pstDomain->pszCpuacctPathRoot, RT_CPUACCT_ROOT, pszName},
+        {"pszCpuacctPathTasks", pstDomain->pszCpuacctPathTasks, pstDomain->pszCpuacctPathRoot,
+         "/tasks"},
+        {"pszCpuacctPathStat", pstDomain->pszCpuacctPathStat, pstDomain->pszCpuacctPathRoot,
+         "/cpuacct.stat"},
+    };
+    for (auto &stPath : astPaths) {
+        if (qx_format_path(stPath.pszDst, RT_PATH_LEN, "%s%s", stPath.pszBase, stPath.pszTail) < 0)
+            return RT_ERR_FAILED;
+        RT_LOGD("[RT_Impl][DBG] %s is %s\n", stPath.pszField, stPath.pszDst);
+    }
+
+    if (qx_make_group_dir(pstDomain->pszCpuacctPathRoot, pstDomain->pszCpuacctPathTasks) !=
+        RT_SUCCESS)
+        return RT_ERR_FAILED;
+
+    uint32_t u32Limit = (uint32_t)pstTop->s32BudgetCpuNum * (uint32_t)pstTop->s32CapPerCore *
+                        (uint32_t)pstTop->s32UtilReservation / 100u;
+    int32_t s32Total = pstTop->pstCentral->s32UtilTotal;
+    if ((uint32_t)s32Total > u32Limit) {
+        RT_LOGE("[RT_Impl][Err] [%s] The total utilization (%d) of all domains overflows, %s fails\n",
+                kImpl, s32Total, pszName);
+        RT_LOGE("[RT_Impl][Err] [%s] It shouldn't exceed (CapPerCore * BudgetCpuNums  * "
+                "CapResrvation)=(%d * %d * %d%%)\n",
+                kImpl, pstTop->s32CapPerCore, pstTop->s32BudgetCpuNum, pstTop->s32UtilReservation);
+        return RT_ERR_FAILED;
+    }
+
+    if (pstDomain->s32CpuNum == 0 || pstDomain->s32CpuNum > get_nprocs()) {
+        RT_LOGE("[RT_Impl][Err] [%s] Domain [%s] Cpuset = [%s] CpuMask = [0x%x], CpuNum = [%d]\n",
+                kImpl, pszName, pstDomain->pszCpuset, pstDomain->u32CpuMask, pstDomain->s32CpuNum);
+        return RT_ERR_FAILED;
+    }
+
+    if (qx_make_group_dir(pstDomain->pszCpusetPathRoot, pstDomain->pszCpusetPathTasks) !=
+        RT_SUCCESS)
+        return RT_ERR_FAILED;
+    pstDomain->pszCpuset[RT_CPUSET_LEN - 1] = '\0';
+    if (qx_set_cpuset_file(pstDomain, "cpus", pstDomain->pszCpuset) != RT_SUCCESS)
+        return RT_ERR_FAILED;
+    if (qx_set_cpuset_file(pstDomain, "mems", "0") != RT_SUCCESS) return RT_ERR_FAILED;
+
+    if (pstDomain->s32UtilMax == 0) {
+        if (pstDomain->u32SchedType != RT_SCHED_TYPE_RR) {
+            RT_LOGE("[RT_Impl][Err] [%s] %s should be with SCHED_RR since its Util is 0\n", kImpl,
+                    pszName);
+            return RT_ERR_FAILED;
+        }
+        RT_LOGI("[RT_Impl][Info] [%s] %s Util is 0, so skip and 'cpu' cgroup setting\n", kImpl,
+                pszName);
+    } else {
+        RT_EXIT(kImpl, RT_SUCCESS);
+    }
+    return RT_SUCCESS;
+}
+
+uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
+    static const char kName[] = "QX_REALTIME_CreateDomain";
+    int32_t s32Central = -1;
+
+    RT_ENTER(kName);
+    if (pszDomainName == NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", kName);
+        return RT_ERR_INVALID_PARAM;
+    }
+    pthread_mutex_lock(&mutex);
+    uint32_t u32Ret = _QX_REALTIME_GetCentralAndTop(&s32Central);
+    if (u32Ret != RT_SUCCESS) {
+        RT_EXIT(kName, u32Ret);
+        pthread_mutex_unlock(&mutex);
+        return u32Ret;
+    }
+    pthread_mutex_unlock(&mutex);
+    if (!qx_enabled()) {
+        close(s32Central);
+        return RT_SUCCESS;
+    }
+    pthread_mutex_lock(&mutex);
+    flock(s32Central, LOCK_EX);
+
+    // A domain whose segment exists is never initialised again, even when this process can't map
+    // it (its table is full): that would wipe the records of a live domain.
+    char szShmPath[RT_PATH_LEN];
+    int bExists = _QX_REALTIME_GetDomainFromName(pszDomainName, NULL) != NULL;
+    if (!bExists && RT_FORMAT_PATH(szShmPath, "%s%s", RT_SHM_PREFIX, pszDomainName) >= 0)
+        bExists = access(szShmPath, F_OK) == 0;
+    if (bExists) {
+        RT_LOGI("[RT_Impl][Info] [%s]: Domain [%s] is already created, skipped.\n", kName,
+                pszDomainName);
+        qx_flock_release(s32Central);
+        pthread_mutex_unlock(&mutex);
+        return RT_SUCCESS;
+    }
+
+    int32_t s32ShmFd = -1;
+    void *pvAddr = NULL;
+    u32Ret = _QX_REALTIME_SharedMemoryAlloc(pszDomainName, &s32ShmFd, &pvAddr);
+    if (u32Ret != RT_SUCCESS || pvAddr == NULL) {
+        if (u32Ret != RT_SUCCESS) {
+            RT_LOGE("[RT_Impl][Err] [%s] shared memory initialization fails\n", kName);
+        } else {
+            RT_LOGE("[RT_Impl][Err] Can't allocate for pstDomain, errno=%s.\n", RT_ERRNO_STR);
+            u32Ret = RT_ERR_FAILED;
+        }
+        qx_flock_release(s32Central);
+        pthread_mutex_unlock(&mutex);
+        return u32Ret;
+    }
+
+    QX_REALTIME_DOMAIN_t *pstDomain = (QX_REALTIME_DOMAIN_t *)pvAddr;
+    pstDomain->s32NextOffset = 0;
+    pstDomain->s32ClassStartOffset = 0;
+    pstDomain->s32ClassNum = 0;
+    pstDomain->s32ThreadStartOffset = 0;
+    pstDomain->s32ThreadNum = 0;
+    pstDomain->u32SchedType = 0;
+    strncpy(pstDomain->szName, pszDomainName, RT_NAME_LEN);
+    pstDomain->szName[RT_NAME_LEN - 1] = '\0';
+    pstDomain->s32NextOffset = RT_DOMAIN_HEADER_SIZE;
+    pstDomain->s32ClassStartOffset = RT_DOMAIN_HEADER_SIZE;
+
+    u32Ret = _QX_REALTIME_JsonParser(pstJsonPath, pstDomain);
+    if (u32Ret != RT_SUCCESS) {
+        RT_LOGE("[RT_Impl][Err] Failed to parse Json at [%s].\n",
+                pstJsonPath != NULL ? pstJsonPath : "(none)");
+    } else {
+        u32Ret = qx_create_domain_impl(pstDomain);
+    }
+
+    if (u32Ret == RT_SUCCESS) {
+        // Write, count, then test: the order of the table's bookkeeping is kept as designed.
+        uint32_t u32Index = pstTop->u32DomainMapNum;
+        QX_REALTIME_DOMAIN_MAP_t *pstEntry = NULL;
+        if (u32Index < RT_MAX_DOMAIN_MAP) {
+            pstEntry = &pstTop->astDomainMap[u32Index];
+            memset(pstEntry->szDomainName, 0, RT_NAME_LEN);
+            strncpy(pstEntry->szDomainName, pszDomainName, RT_NAME_LEN - 1);
+            pstEntry->s32ShmFd = s32ShmFd;
+            pstEntry->pvDomainAddr = pvAddr;
+            pstTop->u32DomainMapNum = u32Index + 1;
+        }
+        if (u32Index + 1 >= RT_MAX_DOMAIN_MAP) {
+            RT_LOGE("[RT_Impl][Err] Domain number (%d) in the process shouldn't more than %d\n",
+                    (int)(u32Index + 1), RT_MAX_DOMAIN_MAP);
+            // The entry stays, but without its address: no later lookup may hand out a
+            // mapping that the undo below releases.
+            if (pstEntry != NULL) {
+                pstEntry->pvDomainAddr = NULL;
+                pstEntry->s32ShmFd = -1;
+            }
+            u32Ret = RT_ERR_FAILED;
+        }
+    }
+
+    if (u32Ret != RT_SUCCESS) {
+        _QX_REALTIME_SharedMemoryFree(pszDomainName, &s32ShmFd, pvAddr);
+        qx_flock_release(s32Central);
+        pthread_mutex_unlock(&mutex);
+        return u32Ret;
+    }
+    qx_flock_release(s32Central);
+    pthread_mutex_unlock(&mutex);
+    RT_EXIT(kName, RT_SUCCESS);
+    return RT_SUCCESS;
+}
+
+// ---- enumeration ----
+
+uint32_t QX_REALTIME_GetAllDomainName(char *pNames, uint32_t u32BufSize) {
+    static const char kName[] = "QX_REALTIME_GetAllDomainName";
+    int32_t s32Central = -1;
+
+    RT_ENTER(kName);
+    pthread_mutex_lock(&mutex);
+    uint32_t u32Ret = _QX_REALTIME_GetCentralAndTop(&s32Central);
+    pthread_mutex_unlock(&mutex);
+    if (u32Ret != RT_SUCCESS) return u32Ret;
+    if (!qx_enabled()) {
+        close(s32Central);
+        return RT_SUCCESS;
+    }
+    pthread_mutex_lock(&mutex);
+    flock(s32Central, LOCK_EX);
+
+    QX_REALTIME_CENTRAL_t *pstCentral = pstTop->pstCentral;
+    RT_LOGI("[RT_Impl][Info] ==================================\n");
+    RT_LOGI("[RT_Impl][Info] Total Used Util for all processes=%d\n", pstCentral->s32UtilTotal);
+    if (pNames != NULL) {
+        memset(pNames, 0, u32BufSize);
+        int32_t s32Num = qx_central_domain_num(pstCentral);
+        for (int32_t i = 0; i < s32Num; i++) {
+            RT_LOGI("[RT_Impl][Info] %-30s=%6d\n", qx_name_of(pstCentral->szDomainNameList[i]).sz,
+                    pstCentral->s32DomainUtilList[i]);
+            uint32_t u32Offset = (uint32_t)RT_NAME_LEN * (uint32_t)i;
+            // Only the slot's start is tested, as designed: size the buffer as 64 x domains.
+            if (u32Offset >= u32BufSize) {
+                RT_LOGE("[RT_Impl][Err] [%s] Buffer overflows: outlen=%d, bufsize=%d", kName,
+                        (int)u32Offset, (int)u32BufSize);
+                u32Ret = RT_ERR_SYSTEM;
+                break;
+            }
+            memcpy(pNames + u32Offset, pstCentral->szDomainNameList[i], RT_NAME_LEN);
+        }
+    }
+    qx_flock_release(s32Central);
+    pthread_mutex_unlock(&mutex);
+    RT_EXIT(kName, u32Ret);
+    return u32Ret;
+}
+
+// Reads a small /proc file whole; NULL when the path is unusable or the file can't be read.
+static char *qx_read_whole(const char *pszPath, int s32PathLen) {
+    char *pszText = NULL;
+    if (s32PathLen < 0) return NULL;
+    if (_QX_REALTIME_FileReader(pszPath, &pszText) != RT_SUCCESS) {
+        free(pszText);
+        return NULL;
+    }
+    return pszText;
+}
+
+// Drops the last character (the line end of a comm file).
+static void qx_strip_last(char *pszText) {
+    size_t uLen = strlen(pszText);
+    if (uLen > 0) pszText[uLen - 1] = '\0';
+}
+
+uint32_t _QX_REALTIME_GetAllDomainInfo(void) {
+    static const char kName[] = "_QX_REALTIME_GetAllDomainInfo";
+    if (pstTop == NULL || pstTop->pstCentral == NULL) return RT_ERR_NULL;
+    QX_REALTIME_CENTRAL_t *pstCentral = pstTop->pstCentral;
+    int32_t s32Num = qx_central_domain_num(pstCentral);
+    for (int32_t i = 0; i < s32Num; i++) {
+        qx_name_t stName = qx_name_of(pstCentral->szDomainNameList[i]);
+        QX_REALTIME_DOMAIN_t *pstDomain = _QX_REALTIME_GetDomainFromName(stName.sz, NULL);
+        if (pstDomain == NULL) {
+            RT_LOGE("[RT_Impl][Err] [%s] pstDomain is NULL.\n", kName);
+            continue;
+        }
+        RT_LOGE("[RT_Impl][Err] ============================ Domain: [%s] "
+                "===========================\n",
+                qx_name_of(pstDomain->szName).sz);
+        int32_t s32Threads = qx_domain_thread_num(pstDomain);
+        for (int32_t j = 0; j < s32Threads; j++) {
+            QX_REALTIME_THREAD_t *pstThread = qx_domain_thread(pstDomain, j);
+            if (pstThread->Alive == 0) continue;
+            QX_REALTIME_CLASS_t *pstClass = qx_domain_class(pstDomain, pstThread->ClassIdx);
+            qx_name_t stClass = qx_name_of(pstClass != NULL ? pstClass->szClassName : "");
+            char szPath[RT_PATH_LEN];
+            if (pstThread->ProcessID != 0) {
+                char *pszCmd = qx_read_whole(
+                    szPath, RT_FORMAT_PATH(szPath, "/proc/%d/cmdline", pstThread->ProcessID));
+                if (pszCmd == NULL) continue;
+                char *pszSlash = strrchr(pszCmd, '/');
+                const char *pszProgram = pszSlash != NULL ? pszSlash + 1 : pszCmd;
+                char *pszComm = qx_read_whole(
+                    szPath, RT_FORMAT_PATH(szPath, "/proc/%d/task/%d/comm", pstThread->ProcessID,
+                                           pstThread->Pid));
+                if (pszComm != NULL && pszComm[0] != '\0') {
+                    qx_strip_last(pszComm);
+                    RT_LOGE("[RT_Impl][Err] [%5d]%-45s [%5d]%-16s %s\n", pstThread->ProcessID,
+                            pszProgram, pstThread->Pid, pszComm, stClass.sz);
+                }
+                free(pszComm);
+                free(pszCmd);
+            } else {
+                char *pszComm = qx_read_whole(
+                    szPath, RT_FORMAT_PATH(szPath, "/proc/%d/comm", pstThread->Pid));
+                if (pszComm == NULL) return RT_ERR_SYSTEM;  // deliberately unlike the branch above
+                if (pszComm[0] != '\0') {
+                    qx_strip_last(pszComm);
+                    RT_LOGE("[RT_Impl][Err] [%5d]%-16s %s\n", pstThread->Pid, pszComm, stClass.sz);
+                }
+                free(pszComm);
+            }
+        }
+        RT_LOGE("[RT_Impl][Err] \n");
+    }
+    return RT_SUCCESS;
+}
+
+// ---- deletion ----
+
+int32_t QX_REALTIME_DeleteDomain(const char *pszDomainName) {
+    static const char kName[] = "QX_REALTIME_DeleteDomain";
+    int32_t s32Central = -1;
+
+    RT_ENTER(kName);
+    if (pszDomainName == NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", kName);
+        return (int32_t)RT_ERR_INVALID_PARAM;
+    }
+    pthread_mutex_lock(&mutex);
+    uint32_t u32Ret = _QX_REALTIME_GetCentralAndTop(&s32Central);
+    if (u32Ret != RT_SUCCESS) {
+        RT_EXIT(kName, u32Ret);
+        pthread_mutex_unlock(&mutex);
+        return (int32_t)u32Ret;
+    }
+    pthread_mutex_unlock(&mutex);
+    if (!qx_enabled()) {
+        close(s32Central);
+        return RT_SUCCESS;
+    }
+    pthread_mutex_lock(&mutex);
+    flock(s32Central, LOCK_EX);
+    QX_REALTIME_DOMAIN_t *pstDomain = _QX_REALTIME_GetDomainFromName(pszDomainName, NULL);
+    if (pstDomain == NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] pstDomain is NULL.\n", kName);
+        qx_flock_release(s32Central);
+        pthread_mutex_unlock(&mutex);
+        return (int32_t)RT_ERR_NULL;
+    }
+
+    uint32_t u32MapNum = pstTop->u32DomainMapNum;
+    if (u32MapNum > RT_MAX_DOMAIN_MAP) u32MapNum = RT_MAX_DOMAIN_MAP;
+    for (uint32_t i = 0; i < u32MapNum; i++) {
+        QX_REALTIME_DOMAIN_MAP_t *pstEntry = &pstTop->astDomainMap[i];
+        if (strncmp(pstEntry->szDomainName, pszDomainName, RT_NAME_LEN) != 0) continue;
+        qx_name_t stName = qx_name_of(pstDomain->szName);
+        _QX_REALTIME_SharedMemoryFree(stName.sz, &pstEntry->s32ShmFd, pstEntry->pvDomainAddr);
+        for (uint32_t j = i; j + 1 < u32MapNum; j++)
+            pstTop->astDomainMap[j] = pstTop->astDomainMap[j + 1];
+        memset(&pstTop->astDomainMap[u32MapNum - 1], 0, sizeof(QX_REALTIME_DOMAIN_MAP_t));
+        pstTop->u32DomainMapNum -= 1;
+        break;
+    }
+
+    char szPath[RT_PATH_LEN];
+    if (RT_FORMAT_PATH(szPath, "%s%s", RT_FLOCK_PREFIX, pszDomainName) < 0) {
+        u32Ret = RT_ERR_SYSTEM;
+    } else if (unlink(szPath) == 0) {
+        // At error level on purpose, so that a deletion is always seen.
+        RT_LOGE("[RT_Impl][Err] [%s] unlink %s success\n", kName, szPath);
+    } else if (errno == ENOENT) {
+        RT_LOGI("[RT_Impl][Info] [%s] unlink %s has been unlinked, errno=%s\n", kName, szPath,
+                RT_ERRNO_STR);
+    } else {
+        RT_LOGE("[RT_Impl][Err] [%s] unlink %s fails, errno=%s\n", kName, szPath, RT_ERRNO_STR);
+    }
+    qx_flock_release(s32Central);
+    pthread_mutex_unlock(&mutex);
+    RT_EXIT(kName, u32Ret);
+    return (int32_t)u32Ret;
+}
+
+// ---- budget query and DMIPS conversion ----
+
+uint32_t QX_REALTIME_QueryBudget(const char *pszDomainName, QX_REALTIME_UTIL_t *pstUtil,
+                                 int32_t *ps32UtilLeft) {
+    static const char kName[] = "QX_REALTIME_QueryBudget";
+    RT_ENTER(kName);
+    if (pszDomainName == NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", kName);
+        return RT_ERR_INVALID_PARAM;
+    }
+    if (pstUtil == NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] pstUtil is NULL.\n", kName);
+        return RT_ERR_NULL;
+    }
+    if (ps32UtilLeft == NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] ps32UtilLeft is NULL.\n", kName);
+        return RT_ERR_NULL;
+    }
+    QX_REALTIME_DOMAIN_t *pstDomain = NULL;
+    int32_t s32DomainFd = -1;
+    uint32_t u32Ret;
+    int s32Outcome = qx_domain_lock(kName, pszDomainName, &pstDomain, &s32DomainFd, &u32Ret);
+    if (s32Outcome == QX_DOMAIN_MISSING) RT_LOGE("[RT_Impl][Err] [%s] pstDomain is NULL.\n", kName);
+    if (s32Outcome != QX_DOMAIN_LOCKED) return u32Ret;
+
+    u32Ret = _QX_REALTIME_CheckOverUtil(pstDomain, pstUtil->DlRuntimeUs, pstUtil->DlDeadlineUs,
+                                        pstUtil->DlPeriodUs, &pstUtil->s32Util, 0);
+    *ps32UtilLeft = qx_wrap_sub(pstDomain->s32UtilMax, pstDomain->s32UtilCurrent);
+    if (u32Ret == RT_SUCCESS)
+        RT_LOGD("[RT_Impl][DBG] [%s] successfully.\n", kName);
+    else
+        RT_LOGD("[RT_Impl][DBG] [%s] fails.\n", kName);
+    qx_domain_unlock(s32DomainFd);
+    RT_EXIT(kName, u32Ret);
+    return u32Ret;
+}
+
+uint32_t QX_REALTIME_DmipsToUs(uint32_t u32Dmips, uint32_t *u32MiscroSec) {
+    static const char kName[] = "QX_REALTIME_DmipsToUs";
+    int32_t s32Central = -1;
+    if (u32MiscroSec == NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] u32MiscroSec is NULL.\n", kName);
+        return RT_ERR_NULL;
+    }
+    pthread_mutex_lock(&mutex);
+    if (_QX_REALTIME_GetCentralAndTop(&s32Central) != RT_SUCCESS) {
+        pthread_mutex_unlock(&mutex);
+        return RT_ERR_NULL;  // whatever the code was: unlike the budget query, kept
+    }
+    close(s32Central);
+    pthread_mutex_unlock(&mutex);
+    if (!qx_enabled()) return RT_SUCCESS;
+
+    int32_t s32Cap = pstTop->s32CapPerCore;
+    if (s32Cap == 0) {
+        RT_LOGE("[RT_Impl][Err] [%s] SystemCpapbility should not be 0\n", kName);
+        *u32MiscroSec = 0;
+        return RT_ERR_INVALID_PARAM;
+    }
+    if (u32Dmips > (uint32_t)s32Cap) {
+        RT_LOGE("[RT_Impl][Err] [%s] u32Dmips (%d) should be less than systemCapability (%d)\n",
+                kName, (int)u32Dmips, s32Cap);
+        *u32MiscroSec = 0;
+        return RT_ERR_INVALID_PARAM;
+    }
+    // The 32-bit product wraps above 4294 DMIPS: deliberate in this design.
+    uint32_t u32Us = (u32Dmips * 1000000u) / (uint32_t)s32Cap;
+    *u32MiscroSec = u32Us;
+    RT_LOGI("[RT_Impl][Info] [%s] dmips=%d us=%d, SystemCapability=%d\n", kName, (int)u32Dmips,
+            (int)u32Us, s32Cap);
+    return RT_SUCCESS;
+}

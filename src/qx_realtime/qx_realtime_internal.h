@@ -1,0 +1,404 @@
+// Private header of libqxt_realtime_hal: the shared records, the per-process top object, the
+// diagnostics macros and every internal operation.
+#ifndef QX_REALTIME_INTERNAL_H
+#define QX_REALTIME_INTERNAL_H
+
+#include <errno.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#define JSMN_HEADER  // declarations only: the tokenizer is compiled once, in src/platform/jsmn.c
+#include <jsmn.h>
+
+#include "../platform/platform.h"
+#include "qx_realtime.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// ---------------------------------------------------------------------------------------------
+// Sizes and fixed paths
+// ---------------------------------------------------------------------------------------------
+
+#define RT_SHM_SIZE 16384
+#define RT_MAX_DOMAIN 24
+#define RT_MAX_DOMAIN_MAP 8
+#define RT_NAME_LEN 64
+#define RT_PATH_LEN 128
+#define RT_CPUSET_LEN 16
+#define RT_PROCESS_ID_LIST_NUM 80
+#define RT_DOMAIN_HEADER_SIZE 1100
+#define RT_JSON_PATH_LEN 64
+
+#define RT_SCHED_TYPE_RR 1u
+#define RT_SCHED_TYPE_DEADLINE 2u
+#define RT_SCHED_TYPE_BOTH 3u
+
+#define RT_SHM_PREFIX "/dev/shm/realtime/rt_"
+#define RT_FLOCK_PREFIX "/data/vendor/realtime/flock_rt_"
+#define RT_LOG_FILE_PREFIX "/data/vendor/realtime/rtlog_"
+#define RT_JSON_PREFIX "/vendor/etc/realtime/rt-"
+#define RT_JSON_VERIFY_ONLY "/vendor/etc/realtime/rt_verify_only.json"
+#define RT_CENTRAL_NAME "Global"
+#define RT_PROP_CFG_NAME "vendor.kpo.realtime.cfg_name"
+#define RT_PROP_OVERWRITE_CPUSET "vendor.kpo.realtime.debug.overwrite_cpuset"
+#define RT_CPUSET_ROOT "/dev/cpuset/"
+#define RT_CPUACCT_ROOT "/dev/cpuacct/"
+#define RT_CPUSET_ROOT_TASKS "/dev/cpuset/tasks"
+#define RT_CPUACCT_ROOT_TASKS "/dev/cpuacct/tasks"
+
+// ---------------------------------------------------------------------------------------------
+// Shared records (the same layout in 32-bit and 64-bit processes)
+// ---------------------------------------------------------------------------------------------
+
+typedef struct {
+    int32_t s32BudgetCpuNum;
+    int32_t s32UtilTotal;
+    int32_t s32CapPerCore;
+    int32_t s32UtilReservation;
+    int32_t s32DbgLevel;
+    uint8_t u8Enabled;
+    uint8_t au8Reserved[3];
+    int32_t s32DomainNum;
+    int32_t s32DomainUtilList[RT_MAX_DOMAIN];
+    char szDomainNameList[RT_MAX_DOMAIN][RT_NAME_LEN];
+} QX_REALTIME_CENTRAL_t;
+
+typedef struct {
+    int32_t s32NextOffset;
+    int32_t s32ClassStartOffset;
+    int32_t s32ClassNum;
+    int32_t s32ThreadStartOffset;
+    int32_t s32ThreadNum;
+    char szName[RT_NAME_LEN];
+    int32_t s32UtilMax;
+    int32_t s32UtilCurrent;
+    char pszCpuset[RT_CPUSET_LEN];
+    int32_t s32CpuNum;
+    uint32_t u32CpuMask;
+    int32_t s32RtRuntimeUs;
+    uint32_t u32SchedType;
+    char pszCpusetPathRoot[RT_PATH_LEN];
+    char pszCpusetPathTasks[RT_PATH_LEN];
+    char pszCpuacctPathRoot[RT_PATH_LEN];
+    char pszCpuacctPathTasks[RT_PATH_LEN];
+    char pszCpuacctPathStat[RT_PATH_LEN];
+    int32_t s32MemHighPrioResource;
+    int32_t s32MemHighPrioUsage;
+    int32_t s32MemHighPrioAvailable;
+    int32_t processIDListNum;
+    int32_t s32ProcessIDList[RT_PROCESS_ID_LIST_NUM];
+} QX_REALTIME_DOMAIN_t;
+
+typedef struct {
+    int32_t s32ClassId;
+    char szClassName[RT_NAME_LEN];
+    int32_t s32Util;
+    int32_t s32RtPriority;
+    int32_t s32DlDeadlineUs;
+    int32_t s32DlRuntimeUs;
+    int32_t s32DlPeriodUs;
+} QX_REALTIME_CLASS_t;
+
+// One entry of the per-process table of mapped domain segments.
+typedef struct {
+    char szDomainName[RT_NAME_LEN];
+    int32_t s32ShmFd;
+    void *pvDomainAddr;
+} QX_REALTIME_DOMAIN_MAP_t;
+
+// The per-process top object.
+typedef struct {
+    int32_t s32BudgetCpuNum;
+    int32_t s32CapPerCore;
+    int32_t s32UtilReservation;
+    int32_t s32DbgLevel;
+    uint32_t Enabled;  // only the low byte is meaningful
+    int32_t s32ShmFd;
+    QX_REALTIME_CENTRAL_t *pstCentral;
+    uint32_t u32DomainMapNum;
+    QX_REALTIME_DOMAIN_MAP_t astDomainMap[RT_MAX_DOMAIN_MAP];
+} QX_REALTIME_TOP_t;
+
+
+// The byte layout is a cross-process format: pin every offset and size.
+#define RT_ASSERT_AT(type, field, off) \
+    static_assert(offsetof(type, field) == (off), #type "." #field " offset")
+RT_ASSERT_AT(QX_REALTIME_CENTRAL_t, s32BudgetCpuNum, 0);
+RT_ASSERT_AT(QX_REALTIME_CENTRAL_t, s32UtilTotal, 4);
+RT_ASSERT_AT(QX_REALTIME_CENTRAL_t, s32CapPerCore, 8);
+RT_ASSERT_AT(QX_REALTIME_CENTRAL_t, s32UtilReservation, 12);
+RT_ASSERT_AT(QX_REALTIME_CENTRAL_t, s32DbgLevel, 16);
+RT_ASSERT_AT(QX_REALTIME_CENTRAL_t, u8Enabled, 20);
+RT_ASSERT_AT(QX_REALTIME_CENTRAL_t, au8Reserved, 21);
+RT_ASSERT_AT(QX_REALTIME_CENTRAL_t, s32DomainNum, 24);
+RT_ASSERT_AT(QX_REALTIME_CENTRAL_t, s32DomainUtilList, 28);
+RT_ASSERT_AT(QX_REALTIME_CENTRAL_t, szDomainNameList, 124);
+static_assert(sizeof(QX_REALTIME_CENTRAL_t) == 1660, "central record size");
+
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, s32NextOffset, 0);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, s32ClassStartOffset, 4);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, s32ClassNum, 8);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, s32ThreadStartOffset, 12);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, s32ThreadNum, 16);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, szName, 20);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, s32UtilMax, 84);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, s32UtilCurrent, 88);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, pszCpuset, 92);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, s32CpuNum, 108);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, u32CpuMask, 112);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, s32RtRuntimeUs, 116);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, u32SchedType, 120);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, pszCpusetPathRoot, 124);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, pszCpusetPathTasks, 252);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, pszCpuacctPathRoot, 380);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, pszCpuacctPathTasks, 508);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, pszCpuacctPathStat, 636);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, s32MemHighPrioResource, 764);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, s32MemHighPrioUsage, 768);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, s32MemHighPrioAvailable, 772);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, processIDListNum, 776);
+RT_ASSERT_AT(QX_REALTIME_DOMAIN_t, s32ProcessIDList, 780);
+static_assert(sizeof(QX_REALTIME_DOMAIN_t) == RT_DOMAIN_HEADER_SIZE, "domain record size");
+
+RT_ASSERT_AT(QX_REALTIME_CLASS_t, s32ClassId, 0);
+RT_ASSERT_AT(QX_REALTIME_CLASS_t, szClassName, 4);
+RT_ASSERT_AT(QX_REALTIME_CLASS_t, s32Util, 68);
+RT_ASSERT_AT(QX_REALTIME_CLASS_t, s32RtPriority, 72);
+RT_ASSERT_AT(QX_REALTIME_CLASS_t, s32DlDeadlineUs, 76);
+RT_ASSERT_AT(QX_REALTIME_CLASS_t, s32DlRuntimeUs, 80);
+RT_ASSERT_AT(QX_REALTIME_CLASS_t, s32DlPeriodUs, 84);
+static_assert(sizeof(QX_REALTIME_CLASS_t) == 88, "class record size");
+
+RT_ASSERT_AT(QX_REALTIME_THREAD_t, ThreadIdx, 0);
+RT_ASSERT_AT(QX_REALTIME_THREAD_t, ClassIdx, 4);
+RT_ASSERT_AT(QX_REALTIME_THREAD_t, Alive, 8);
+RT_ASSERT_AT(QX_REALTIME_THREAD_t, ProcessID, 12);
+RT_ASSERT_AT(QX_REALTIME_THREAD_t, Pid, 16);
+RT_ASSERT_AT(QX_REALTIME_THREAD_t, Util, 20);
+RT_ASSERT_AT(QX_REALTIME_THREAD_t, Priority, 24);
+RT_ASSERT_AT(QX_REALTIME_THREAD_t, DeadlineUs, 28);
+RT_ASSERT_AT(QX_REALTIME_THREAD_t, RuntimeUs, 32);
+RT_ASSERT_AT(QX_REALTIME_THREAD_t, PeriodUs, 36);
+RT_ASSERT_AT(QX_REALTIME_THREAD_t, stSavedAttr, 40);
+static_assert(sizeof(QX_REALTIME_THREAD_t) == 96, "thread record size");
+// Slots start at 1100 + 88 x classes: 4-aligned only, hence no 64-bit field in the record.
+static_assert(alignof(QX_REALTIME_THREAD_t) == 4, "thread slots are only 4-byte aligned");
+static_assert(alignof(QX_REALTIME_CLASS_t) == 4, "class records are only 4-byte aligned");
+
+static_assert(sizeof(QX_REALTIME_UTIL_t) == 16, "utilisation record is four words");
+
+#define RT_CLASS_SIZE ((int32_t)sizeof(QX_REALTIME_CLASS_t))
+#define RT_THREAD_SIZE ((int32_t)sizeof(QX_REALTIME_THREAD_t))
+
+// ---------------------------------------------------------------------------------------------
+// Process-wide state
+// ---------------------------------------------------------------------------------------------
+
+extern uint32_t _u32DbgLevel;
+extern QX_REALTIME_TOP_t *pstTop;
+extern const char *pstJsonPath;
+
+// ---------------------------------------------------------------------------------------------
+// Diagnostics
+// ---------------------------------------------------------------------------------------------
+
+#define RT_DBG_LEVEL_DEFAULT 32u
+#define RT_DBG_LEVEL_ERR 32u
+#define RT_DBG_LEVEL_INFO 64u
+#define RT_DBG_LEVEL_TRACE 240u
+#define RT_DBG_LEVEL_FILE 241u
+
+enum qx_msg_kind { QX_MSG_ERR = 0, QX_MSG_INFO = 1 };
+
+// Whether a message of this threshold goes anywhere at the current level.
+static inline int qx_log_wanted(uint32_t threshold) {
+    return (_u32DbgLevel == RT_DBG_LEVEL_FILE && rtlog != NULL) || _u32DbgLevel >= threshold;
+}
+
+// Writes one message in both forms (per-process file at 241, Android log at its threshold).
+void qx_log_emit(int kind, const char *func, int line, const char *fmt, ...)
+    __attribute__((format(printf, 4, 5)));
+
+// The level is tested before any argument is evaluated: a suppressed message formats nothing and
+// makes no system call.
+#define RT_LOGE(...)                                                            \
+    do {                                                                        \
+        if (qx_log_wanted(RT_DBG_LEVEL_ERR))                                    \
+            qx_log_emit(QX_MSG_ERR, __func__, __LINE__, __VA_ARGS__);           \
+    } while (0)
+#define RT_LOGI(...)                                                            \
+    do {                                                                        \
+        if (qx_log_wanted(RT_DBG_LEVEL_INFO))                                   \
+            qx_log_emit(QX_MSG_INFO, __func__, __LINE__, __VA_ARGS__);          \
+    } while (0)
+#define RT_LOGD(...) RT_LOGI(__VA_ARGS__)
+
+// The text of errno, formatted into strerrBuf.
+const char *qx_errno_text(void);
+#define RT_ERRNO_STR qx_errno_text()
+
+// Entry trace of an exported function, with the Android-only ">>>" line at level 240 and above.
+void qx_trace_line(const char *func, int line);
+#define RT_ENTER(name)                                                                      \
+    do {                                                                                    \
+        if (qx_log_wanted(RT_DBG_LEVEL_INFO)) {                                             \
+            qx_log_emit(QX_MSG_INFO, __func__, __LINE__,                                    \
+                        "[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld;\n", name, getpid(),     \
+                        qx_gettid());                                                       \
+            qx_trace_line(name, __LINE__);                                                  \
+        }                                                                                   \
+    } while (0)
+#define RT_ENTER_ARGPID(name, tid)                                                          \
+    do {                                                                                    \
+        if ((tid) < 1) {                                                                    \
+            RT_ENTER(name);                                                                 \
+        } else if (qx_log_wanted(RT_DBG_LEVEL_INFO)) {                                      \
+            qx_log_emit(QX_MSG_INFO, __func__, __LINE__,                                    \
+                        "[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld; argPid=[%d].\n", name,  \
+                        getpid(), qx_gettid(), (int)(tid));                                 \
+            qx_trace_line(name, __LINE__);                                                  \
+        }                                                                                   \
+    } while (0)
+#define RT_EXIT(name, ret)                                                                  \
+    do {                                                                                    \
+        if ((ret) == RT_SUCCESS)                                                            \
+            RT_LOGD("[RT_Impl][DBG] [%s] exit, OK.\n", name);                               \
+        else                                                                                \
+            RT_LOGD("[RT_Impl][DBG] [%s] exit, err=%u.\n", name, (unsigned)(ret));          \
+    } while (0)
+
+// A 64-byte name field of a shared record, copied and terminated for printing: a corrupted
+// record never makes a message read past its field.
+typedef struct {
+    char sz[RT_NAME_LEN];
+} qx_name_t;
+qx_name_t qx_name_of(const char *pszField);
+
+static inline int qx_enabled(void) {
+    return (pstTop->Enabled & 0xFFu) != 0;
+}
+
+// Maps a configured DbgLevel (0..7) to the internal level.
+uint32_t qx_dbg_level_from_config(int32_t s32DbgLevel);
+
+// ---------------------------------------------------------------------------------------------
+// Shared state: segments, lock files, the bounded formatter
+// ---------------------------------------------------------------------------------------------
+
+// snprintf through the fortified vsnprintf: an overflow of the object aborts instead of
+// corrupting memory. Returns what vsnprintf returns (truncation is not reported).
+int qx_snprintf(char *dst, size_t maxlen, size_t objsize, const char *fmt, ...)
+    __attribute__((format(printf, 4, 5)));
+#define RT_SNPRINTF(buf, ...) qx_snprintf((buf), sizeof(buf), sizeof(buf), __VA_ARGS__)
+// Paths must never be cut: a cut path would name another file. A path that does not fit its
+// buffer counts as a formatting failure (-1).
+int qx_format_path(char *dst, size_t dst_size, const char *fmt, ...)
+    __attribute__((format(printf, 3, 4)));
+#define RT_FORMAT_PATH(buf, ...) qx_format_path((buf), sizeof(buf), __VA_ARGS__)
+
+uint32_t _QX_REALTIME_GetFlock(const char *pszName, int32_t *ps32Fd);
+uint32_t _QX_REALTIME_SharedMemoryAlloc(const char *pszName, int32_t *ps32ShmFd, void **ppvAddr);
+void _QX_REALTIME_SharedMemoryFree(const char *pszName, int32_t *ps32ShmFd, void *pvAddr);
+uint32_t _QX_REALTIME_GetCentralShm(void);
+uint32_t _QX_REALTIME_GetCentralAndTop(int32_t *ps32FlockFd);
+
+// Releases a lock file taken with LOCK_EX and closes it.
+void qx_flock_release(int32_t s32Fd);
+
+// Record access with bounds checks against the segment: NULL when the record would not lie
+// wholly inside the 16384 bytes (a corrupted or hostile segment never makes us read past it).
+QX_REALTIME_CLASS_t *qx_domain_class(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Index);
+QX_REALTIME_THREAD_t *qx_domain_thread(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Index);
+int32_t qx_domain_class_num(const QX_REALTIME_DOMAIN_t *pstDomain);
+int32_t qx_domain_thread_num(const QX_REALTIME_DOMAIN_t *pstDomain);
+int32_t qx_domain_pid_list_num(const QX_REALTIME_DOMAIN_t *pstDomain);
+int32_t qx_central_domain_num(const QX_REALTIME_CENTRAL_t *pstCentral);
+
+// ---------------------------------------------------------------------------------------------
+// Lifecycle
+// ---------------------------------------------------------------------------------------------
+
+uint32_t _QX_REALTIME_GetCapability(void);
+
+// ---------------------------------------------------------------------------------------------
+// Configuration
+// ---------------------------------------------------------------------------------------------
+
+uint32_t _QX_REALTIME_FileReader(const char *pszPath, char **ppszText);
+uint32_t _QX_REALTIME_JsonParser(const char *pszJsonPath, QX_REALTIME_DOMAIN_t *pstDomain);
+int _QX_JSMN_TokParsing(QX_REALTIME_DOMAIN_t *pstDomain, const char *pszJson, jsmntok_t *pstTok,
+                        uint64_t *pu64ParsingStatus, uint8_t *pbFound);
+int _QX_JSMN_TokEqual(const char *pszJson, const jsmntok_t *pstTok, const char *pszKey);
+int32_t _QX_VarStrToInt(const char *pszStr, int32_t s32Len);
+void _QX_REALTIME_ParseCpuSelection(const char *pszCpuSelection, int32_t *ps32CpuNum,
+                                    uint32_t *pu32CpuMask);
+
+// ---------------------------------------------------------------------------------------------
+// Domains
+// ---------------------------------------------------------------------------------------------
+
+QX_REALTIME_DOMAIN_t *_QX_REALTIME_GetDomainFromName(const char *pszDomainName,
+                                                     int32_t *pFlockFd);
+
+// The calling order of the operations that work on one domain under its lock: mutex, central
+// lock around the lookup only, then the domain lock. QX_DOMAIN_LOCKED leaves the domain lock and
+// mutex held (release with qx_domain_unlock); every other outcome has released everything and
+// set *pu32Ret to the operation's result; QX_DOMAIN_MISSING leaves the message to the caller.
+enum { QX_DOMAIN_LOCKED = 0, QX_DOMAIN_NO_CENTRAL, QX_DOMAIN_DISABLED, QX_DOMAIN_MISSING };
+int qx_domain_lock(const char *pszOp, const char *pszDomainName, QX_REALTIME_DOMAIN_t **ppstDomain,
+                   int32_t *ps32DomainFd, uint32_t *pu32Ret);
+void qx_domain_unlock(int32_t s32DomainFd);
+
+// a - b and a + b on 32-bit words, wrapping as the shared counters always have.
+static inline int32_t qx_wrap_sub(int32_t a, int32_t b) {
+    return (int32_t)((uint32_t)a - (uint32_t)b);
+}
+static inline int32_t qx_wrap_add(int32_t a, int32_t b) {
+    return (int32_t)((uint32_t)a + (uint32_t)b);
+}
+
+// The cpuset control file <dir>/<name>: Android mounts cpuset with plain names ("cpus"), most
+// Linux hosts with prefixed ones ("cpuset.cpus"); the plain name wins when it exists.
+int qx_cpuset_file_path(char *dst, size_t dst_size, const char *pszDir, const char *pszName);
+
+// ---------------------------------------------------------------------------------------------
+// Threads
+// ---------------------------------------------------------------------------------------------
+
+uint32_t _QX_REALTIME_SetSchedAttr(QX_REALTIME_DOMAIN_t *pstDomain, QX_REALTIME_CLASS_t *pstClass,
+                                   const QX_REALTIME_UTIL_t *pstUtil, int32_t s32Tid,
+                                   uint8_t bDlOverrun);
+uint32_t _QX_WriteStrToPath(const char *pszValue, const char *pszPath);
+uint32_t _QX_WriteS32ToPath(int32_t s32Value, const char *pszPath);
+void _QX_REALTIME_Overwrite_Cpuset(QX_REALTIME_DOMAIN_t *pstDomain);
+uint32_t _QX_REALTIME_CheckOverUtil(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32RuntimeUs,
+                                    int32_t s32DeadlineUs, int32_t s32PeriodUs, int32_t *ps32Util,
+                                    int32_t s32OrigUtil);
+uint32_t _QX_GetThreadByPid(QX_REALTIME_DOMAIN_t *pstDomain, QX_REALTIME_CLASS_t *pstClass,
+                            int32_t s32Tid, QX_REALTIME_THREAD_t **ppstThread);
+uint32_t _QX_REALTIME_getProcessID(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid,
+                                   int32_t *ps32ProcessID);
+void _QX_REALTIME_CheckProcessAlive(QX_REALTIME_DOMAIN_t *pstDomain);
+uint32_t _QX_AddThreadDataAtHead(QX_REALTIME_DOMAIN_t *pstDomain, QX_REALTIME_CLASS_t *pstClass,
+                                 const QX_REALTIME_UTIL_t *pstUtil, int32_t s32Tid,
+                                 int32_t s32ProcessID, const uint8_t *stSavedAttr);
+void QX_REALTIME_RemoveKilledThread(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32ProcessID);
+uint32_t _QX_ThreadDataDelete(QX_REALTIME_THREAD_t *pstThread);
+
+// ---------------------------------------------------------------------------------------------
+// Monitoring
+// ---------------------------------------------------------------------------------------------
+
+uint32_t _QX_REALTIME_GetGroupCpuStat(QX_REALTIME_DOMAIN_t *pstDomain, int32_t *ps32Time);
+uint32_t _QX_REALTIME_GetTotalCpuStat(int32_t *ps32Time);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,268 @@
+// Cross-process shared state: the bounded formatter, lock files, the 16384-byte segments, the
+// attach path to the central segment, and bounds-checked access to records inside a segment.
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdlib.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include "qx_realtime_internal.h"
+
+extern "C" int __vsnprintf_chk(char *s, size_t maxlen, int flag, size_t slen, const char *format,
+                               va_list ap);
+
+int qx_snprintf(char *dst, size_t maxlen, size_t objsize, const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    int n = __vsnprintf_chk(dst, maxlen, 1, objsize, fmt, ap);
+    va_end(ap);
+    return n;
+}
+
+int qx_format_path(char *dst, size_t dst_size, const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    int n = __vsnprintf_chk(dst, dst_size, 1, dst_size, fmt, ap);
+    va_end(ap);
+    if (n >= 0 && (size_t)n >= dst_size) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    return n;
+}
+
+void qx_flock_release(int32_t s32Fd) {
+    flock(s32Fd, LOCK_UN);
+    close(s32Fd);
+}
+
+uint32_t _QX_REALTIME_GetFlock(const char *pszName, int32_t *ps32Fd) {
+    char szPath[RT_PATH_LEN];
+    if (pszName == NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", __func__);
+        return RT_ERR_INVALID_PARAM;
+    }
+    if (RT_FORMAT_PATH(szPath, "%s%s", RT_FLOCK_PREFIX, pszName) < 0) return RT_ERR_SYSTEM;
+    if (ps32Fd == NULL) return RT_SUCCESS;  // checked after the formatting, deliberately
+
+    int fd = open(szPath, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    *ps32Fd = fd;
+    if (fd >= 0) {
+        RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] flock open (%s) return %d, newly created\n",
+                __func__, getpid(), qx_gettid(), szPath, fd);
+        // The umask must not narrow the mode: every client process needs the file.
+        if (chmod(szPath, 0666) != 0) {
+            RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] chmod(%s,%d) fails, errno=%s\n",
+                    __func__, getpid(), qx_gettid(), szPath, 0666, RT_ERRNO_STR);
+            return RT_ERR_SYSTEM;
+        }
+        return RT_SUCCESS;
+    }
+    if (errno == EEXIST) {
+        fd = open(szPath, O_RDWR);
+        *ps32Fd = fd;
+        if (fd >= 0) {
+            RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] flock open (%s) return %d, open existed.\n",
+                    __func__, getpid(), qx_gettid(), szPath, fd);
+            return RT_SUCCESS;
+        }
+    }
+    RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] flock open (%s) return %d, errno=%s\n", __func__,
+            getpid(), qx_gettid(), szPath, fd, RT_ERRNO_STR);
+    return RT_ERR_SYSTEM;
+}
+
+// Removes a segment file after a failed size or map step.
+static void qx_unlink_segment(const char *pszFunc, const char *pszPath) {
+    if (unlink(pszPath) != 0)
+        RT_LOGE("[RT_Impl][Err] [%s] unlink %s fails, errno=%s\n", pszFunc, pszPath, RT_ERRNO_STR);
+}
+
+uint32_t _QX_REALTIME_SharedMemoryAlloc(const char *pszName, int32_t *ps32ShmFd, void **ppvAddr) {
+    char szPath[RT_PATH_LEN];
+    if (pszName == NULL || ps32ShmFd == NULL || ppvAddr == NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", __func__);
+        return RT_ERR_INVALID_PARAM;
+    }
+    if (RT_FORMAT_PATH(szPath, "%s%s", RT_SHM_PREFIX, pszName) < 0) return RT_ERR_SYSTEM;
+    mode_t mode = strcmp(pszName, RT_CENTRAL_NAME) == 0 ? 0666 : 0660;
+    int bNewCreate = 0;
+
+    int fd = open(szPath, O_RDWR | O_CREAT | O_EXCL, mode);
+    *ps32ShmFd = fd;
+    if (fd >= 0) {
+        RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] path=%s create success, shmFd=%d\n",
+                __func__, getpid(), qx_gettid(), szPath, fd);
+        if (chmod(szPath, mode) != 0) {
+            RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] chmod(%s,%d) fails, errno=%s\n",
+                    __func__, getpid(), qx_gettid(), szPath, (int)mode, RT_ERRNO_STR);
+            return RT_ERR_SYSTEM;
+        }
+        bNewCreate = 1;
+    } else {
+        if (errno == EEXIST) {
+            fd = open(szPath, O_RDWR);
+            *ps32ShmFd = fd;
+            if (fd >= 0)
+                RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] open %s an existed shared memory=%d\n",
+                        __func__, getpid(), qx_gettid(), szPath, fd);
+        }
+        if (fd < 0) {
+            RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] shm_open (%s) return %d, errno=%s\n",
+                    __func__, getpid(), qx_gettid(), szPath, fd, RT_ERRNO_STR);
+            return RT_ERR_FAILED;
+        }
+    }
+
+    if (ftruncate(fd, RT_SHM_SIZE) != 0) {
+        RT_LOGE("[RT_Impl][Err] [%s] ftruncate fails, errno=%s\n", __func__, RT_ERRNO_STR);
+        close(fd);
+        qx_unlink_segment(__func__, szPath);
+        return RT_ERR_FAILED;
+    }
+    void *pvAddr = mmap(NULL, RT_SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (pvAddr == MAP_FAILED) {
+        RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] mmap fails\n", __func__, getpid(),
+                qx_gettid());
+        close(fd);
+        qx_unlink_segment(__func__, szPath);
+        return RT_ERR_FAILED;
+    }
+    *ppvAddr = pvAddr;
+    RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] mmap=%p, new_create=%d\n", __func__, getpid(),
+            qx_gettid(), pvAddr, bNewCreate);
+    if (bNewCreate) memset(pvAddr, 0, RT_SHM_SIZE);
+    return RT_SUCCESS;
+}
+
+void _QX_REALTIME_SharedMemoryFree(const char *pszName, int32_t *ps32ShmFd, void *pvAddr) {
+    char szPath[RT_PATH_LEN];
+    if (pszName == NULL || ps32ShmFd == NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", __func__);
+        return;
+    }
+    close(*ps32ShmFd);
+    *ps32ShmFd = -1;
+    if (RT_FORMAT_PATH(szPath, "%s%s", RT_SHM_PREFIX, pszName) < 0) return;
+    if (unlink(szPath) == 0) {
+        if (pvAddr != NULL) munmap(pvAddr, RT_SHM_SIZE);
+        RT_LOGI("[RT_Impl][Info] [%s] unlink %s success\n", __func__, szPath);
+    } else if (errno == ENOENT) {
+        RT_LOGI("[RT_Impl][Info] [%s] unlink %s has been unlinked, errno=%s\n", __func__, szPath,
+                RT_ERRNO_STR);
+    } else {
+        RT_LOGE("[RT_Impl][Err] [%s] unlink %s fails, errno=%s\n", __func__, szPath, RT_ERRNO_STR);
+    }
+}
+
+uint32_t _QX_REALTIME_GetCentralShm(void) {
+    char szPath[RT_PATH_LEN];
+    if (RT_FORMAT_PATH(szPath, "%s%s", RT_SHM_PREFIX, RT_CENTRAL_NAME) < 0) return RT_ERR_SYSTEM;
+    int fd = open(szPath, O_RDWR);
+    if (fd < 0) {
+        RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] shm_open (%s) return %d, errno=%s\n",
+                __func__, getpid(), qx_gettid(), szPath, fd, RT_ERRNO_STR);
+        RT_LOGE("[RT_Impl][Err] Did you forget to invoke QX_REALTIME_Init()?\n");
+        return RT_ERR_NULL;
+    }
+    // A top object left by an earlier failed attach is reused rather than leaked.
+    if (pstTop == NULL) {
+        pstTop = (QX_REALTIME_TOP_t *)calloc(1, sizeof(QX_REALTIME_TOP_t));
+        if (pstTop == NULL) {
+            close(fd);
+            return RT_ERR_NULL;
+        }
+        pstTop->s32ShmFd = -1;
+    }
+    if (ftruncate(fd, RT_SHM_SIZE) != 0) {
+        close(fd);
+        RT_LOGE("[RT_Impl][Err] [%s] ftruncate fails, errno=%s\n", __func__, RT_ERRNO_STR);
+        return RT_ERR_NULL;
+    }
+    void *pvAddr = mmap(NULL, RT_SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (pvAddr == MAP_FAILED) {
+        close(fd);
+        RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] mmap fails\n", __func__, getpid(),
+                qx_gettid());
+        return RT_ERR_NULL;
+    }
+    QX_REALTIME_CENTRAL_t *pstCentral = (QX_REALTIME_CENTRAL_t *)pvAddr;
+    pstTop->s32ShmFd = fd;
+    pstTop->pstCentral = pstCentral;
+    pstTop->s32CapPerCore = pstCentral->s32CapPerCore;
+    pstTop->s32UtilReservation = pstCentral->s32UtilReservation;
+    pstTop->s32DbgLevel = pstCentral->s32DbgLevel;
+    pstTop->Enabled = pstCentral->u8Enabled;
+
+    _u32DbgLevel = qx_dbg_level_from_config(pstCentral->s32DbgLevel);
+    if (pstCentral->s32DbgLevel >= 4 && pstCentral->s32DbgLevel <= 7)
+        RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] shm exists. mmap=%p, s32ShmFd=%d\n",
+                __func__, getpid(), qx_gettid(), pvAddr, fd);
+    return RT_SUCCESS;
+}
+
+uint32_t _QX_REALTIME_GetCentralAndTop(int32_t *ps32FlockFd) {
+    if (_QX_REALTIME_GetFlock(RT_CENTRAL_NAME, ps32FlockFd) != RT_SUCCESS) {
+        RT_LOGE("[RT_Impl][Err] %s (%d), can't get central flock\n", __func__, __LINE__);
+        return RT_ERR_FAILED;
+    }
+    if (pstTop == NULL || pstTop->pstCentral == NULL) {
+        if (_QX_REALTIME_GetCentralShm() != RT_SUCCESS) {
+            RT_LOGE("[RT_Impl][Err] %s (%d), can't get central shared memory\n", __func__,
+                    __LINE__);
+            if (ps32FlockFd != NULL) close(*ps32FlockFd);
+            return RT_ERR_NULL;
+        }
+    }
+    return RT_SUCCESS;
+}
+
+// ---- records inside a segment ----
+
+// A count read from shared memory, clamped to what can lie between offset and the segment end.
+static int32_t qx_clamp_count(int32_t s32Count, int32_t s32Start, int32_t s32Size) {
+    if (s32Count <= 0 || s32Start < 0 || s32Start > RT_SHM_SIZE || (s32Start % 4) != 0) return 0;
+    int32_t s32Room = (RT_SHM_SIZE - s32Start) / s32Size;
+    return s32Count < s32Room ? s32Count : s32Room;
+}
+
+int32_t qx_domain_class_num(const QX_REALTIME_DOMAIN_t *pstDomain) {
+    return qx_clamp_count(pstDomain->s32ClassNum, pstDomain->s32ClassStartOffset, RT_CLASS_SIZE);
+}
+
+int32_t qx_domain_thread_num(const QX_REALTIME_DOMAIN_t *pstDomain) {
+    return qx_clamp_count(pstDomain->s32ThreadNum, pstDomain->s32ThreadStartOffset,
+                          RT_THREAD_SIZE);
+}
+
+int32_t qx_domain_pid_list_num(const QX_REALTIME_DOMAIN_t *pstDomain) {
+    int32_t n = pstDomain->processIDListNum;
+    if (n < 0) return 0;
+    return n < RT_PROCESS_ID_LIST_NUM ? n : RT_PROCESS_ID_LIST_NUM;
+}
+
+int32_t qx_central_domain_num(const QX_REALTIME_CENTRAL_t *pstCentral) {
+    int32_t n = pstCentral->s32DomainNum;
+    if (n < 0) return 0;
+    return n < RT_MAX_DOMAIN ? n : RT_MAX_DOMAIN;
+}
+
+QX_REALTIME_CLASS_t *qx_domain_class(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Index) {
+    if (s32Index < 0 || s32Index >= qx_domain_class_num(pstDomain)) return NULL;
+    return (QX_REALTIME_CLASS_t *)((char *)pstDomain + pstDomain->s32ClassStartOffset +
+                                   RT_CLASS_SIZE * s32Index);
+}
+
+QX_REALTIME_THREAD_t *qx_domain_thread(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Index) {
+    if (s32Index < 0 || s32Index >= qx_domain_thread_num(pstDomain)) return NULL;
+    return (QX_REALTIME_THREAD_t *)((char *)pstDomain + pstDomain->s32ThreadStartOffset +
+                                    RT_THREAD_SIZE * s32Index);
+}
+
+qx_name_t qx_name_of(const char *pszField) {
+    qx_name_t stName;
+    memcpy(stName.sz, pszField, RT_NAME_LEN);
+    stName.sz[RT_NAME_LEN - 1] = '\0';
+    return stName;
+}
