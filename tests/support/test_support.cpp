@@ -1,0 +1,270 @@
+#include "test_support.h"
+
+#include <android/log.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+namespace qxt {
+
+namespace {
+std::mutex g_log_mutex;
+std::vector<LogLine> g_log_lines;
+bool g_capturing = false;
+
+void capture_logger(const struct __android_logger_data *data, const char *message) {
+    std::lock_guard<std::mutex> lock(g_log_mutex);
+    if (!g_capturing) return;
+    g_log_lines.push_back(LogLine{data->priority, data->tag ? data->tag : "", message});
+}
+}  // namespace
+
+std::string LogLine::file_form() const {
+    const std::string info = "<INFO>";
+    if (message.compare(0, info.size(), info) == 0) return message.substr(info.size());
+    if (message.compare(0, 5, "<ERR>") == 0) {
+        size_t pos = message.find("]: ");
+        if (pos != std::string::npos) return message.substr(pos + 3);
+    }
+    return message;
+}
+
+LogCapture::LogCapture() {
+    std::lock_guard<std::mutex> lock(g_log_mutex);
+    g_log_lines.clear();
+    g_capturing = true;
+    __android_log_set_logger(capture_logger);
+}
+
+LogCapture::~LogCapture() {
+    std::lock_guard<std::mutex> lock(g_log_mutex);
+    g_capturing = false;
+    __android_log_set_logger(__android_log_stderr_logger);
+}
+
+std::vector<LogLine> LogCapture::lines() const {
+    std::lock_guard<std::mutex> lock(g_log_mutex);
+    return g_log_lines;
+}
+
+void LogCapture::clear() {
+    std::lock_guard<std::mutex> lock(g_log_mutex);
+    g_log_lines.clear();
+}
+
+int LogCapture::count(int priority, const std::string &file_form) const {
+    int n = 0;
+    for (const LogLine &line : lines())
+        if (line.priority == priority && line.file_form() == file_form) n++;
+    return n;
+}
+
+int LogCapture::count_containing(const std::string &fragment) const {
+    int n = 0;
+    for (const LogLine &line : lines())
+        if (line.message.find(fragment) != std::string::npos) n++;
+    return n;
+}
+
+std::string LogCapture::dump() const {
+    std::string out;
+    for (const LogLine &line : lines()) out += format("  [%d] %s", line.priority, line.message.c_str());
+    return out;
+}
+
+bool in_sandbox(std::string *why) {
+    if (getenv("QXRT_SANDBOX") != nullptr) return true;
+    const char *reason = getenv("QXRT_SANDBOX_UNAVAILABLE");
+    *why = std::string("needs the test sandbox (tools/rt_sandbox): ") +
+           (reason ? reason : "not started inside it");
+    return false;
+}
+
+std::string format(const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    char *text = nullptr;
+    int n = vasprintf(&text, fmt, ap);
+    va_end(ap);
+    std::string out = n >= 0 ? text : "";
+    free(text);
+    return out;
+}
+
+void write_file(const std::string &path, const std::string &content) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+std::string read_file(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return "";
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+bool file_exists(const std::string &path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
+mode_t file_mode(const std::string &path) {
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0) return 0;
+    return st.st_mode & 07777;
+}
+
+std::string install_config(const std::string &name, const std::string &json) {
+    std::string path = "/vendor/etc/realtime/rt-" + name + ".json";
+    write_file(path, json);
+    set_property(RT_PROP_CFG_NAME, name);
+    return path;
+}
+
+void install_verify_only_config(const std::string &json) {
+    write_file(RT_JSON_VERIFY_ONLY, json);
+}
+
+void set_property(const std::string &name, const std::string &value) {
+    write_file(std::string(QX_HOST_PROPERTY_DIR) + "/" + name, value);
+}
+
+void clear_property(const std::string &name) {
+    unlink((std::string(QX_HOST_PROPERTY_DIR) + "/" + name).c_str());
+}
+
+std::string config_with(int enabled, int util, int dbg_level, int reservation, int budget_cpus,
+                        const std::string &domains) {
+    std::string text = format(
+        "{\n"
+        "    \"System_Config\": {\n"
+        "        \"Enabled\": %d,\n"
+        "        \"Util\": %d,\n"
+        "        \"DbgLevel\": %d,\n"
+        "        \"Reservation\": %d,\n"
+        "        \"BudgetCpuNum\": %d\n"
+        "    }",
+        enabled, util, dbg_level, reservation, budget_cpus);
+    if (!domains.empty()) text += ",\n" + domains;
+    text += "\n}\n";
+    return text;
+}
+
+TestThread::TestThread(bool busy) {
+    thread_ = std::thread([this, busy] {
+        tid_ = (pid_t)syscall(SYS_gettid);
+        while (!stop_.load()) {
+            if (!busy) usleep(1000);
+        }
+    });
+    while (tid_.load() == 0) usleep(100);
+}
+
+TestThread::~TestThread() {
+    stop();
+}
+
+void TestThread::stop() {
+    stop_ = true;
+    if (thread_.joinable()) thread_.join();
+}
+
+int run_in_child(const std::function<int()> &fn) {
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        int rc = 1;
+        try {
+            rc = fn();
+        } catch (...) {
+            rc = 99;
+        }
+        fflush(nullptr);
+        _exit(rc);
+    }
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+    return -1;
+}
+
+pid_t spawn_child(const std::function<void()> &fn) {
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        fn();
+        fflush(nullptr);
+        for (;;) pause();
+    }
+    return pid;
+}
+
+void kill_and_reap(pid_t pid) {
+    if (pid <= 0) return;
+    kill(pid, SIGKILL);
+    int status;
+    waitpid(pid, &status, 0);
+}
+
+SchedInfo sched_of(pid_t tid) {
+    SchedInfo info{};
+    struct qx_sched_attr attr;
+    memset(&attr, 0, sizeof(attr));
+    info.ok = syscall(SYS_sched_getattr, tid, &attr, sizeof(attr), 0) == 0;
+    info.policy = attr.sched_policy;
+    info.flags = attr.sched_flags;
+    info.nice = attr.sched_nice;
+    info.priority = attr.sched_priority;
+    info.runtime = attr.sched_runtime;
+    info.deadline = attr.sched_deadline;
+    info.period = attr.sched_period;
+    return info;
+}
+
+std::string cgroup_of(pid_t tid, const std::string &controller) {
+    std::istringstream in(read_file(format("/proc/%d/cgroup", (int)tid)));
+    std::string line;
+    while (std::getline(in, line)) {
+        size_t a = line.find(':');
+        size_t b = line.find(':', a + 1);
+        if (a == std::string::npos || b == std::string::npos) continue;
+        std::string list = "," + line.substr(a + 1, b - a - 1) + ",";
+        if (list.find("," + controller + ",") != std::string::npos) return line.substr(b + 1);
+    }
+    return "";
+}
+
+bool tasks_file_lists(const std::string &path, pid_t id) {
+    std::istringstream in(read_file(path));
+    std::string line;
+    while (std::getline(in, line))
+        if (line == std::to_string(id)) return true;
+    return false;
+}
+
+static void *map_file(const std::string &path) {
+    int fd = open(path.c_str(), O_RDWR);
+    if (fd < 0) return nullptr;
+    void *addr = mmap(nullptr, RT_SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    return addr == MAP_FAILED ? nullptr : addr;
+}
+
+QX_REALTIME_DOMAIN_t *map_domain_file(const std::string &domain) {
+    return (QX_REALTIME_DOMAIN_t *)map_file(RT_SHM_PREFIX + domain);
+}
+
+QX_REALTIME_CENTRAL_t *map_central_file() {
+    return (QX_REALTIME_CENTRAL_t *)map_file(RT_SHM_PREFIX "Global");
+}
+
+}  // namespace qxt

@@ -1,0 +1,118 @@
+// Test support shared by every suite: the log-capture fixture, the sandbox check, configuration
+// and property helpers, real threads and processes, and questions to the kernel.
+#ifndef QXRT_TEST_SUPPORT_H
+#define QXRT_TEST_SUPPORT_H
+
+#include <gtest/gtest.h>
+#include <stdint.h>
+#include <sys/types.h>
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "qx_realtime_internal.h"
+
+namespace qxt {
+
+// One line that reached the Android log.
+struct LogLine {
+    int priority;
+    std::string tag;
+    std::string message;  // as liblog got it: "<ERR>func[line]: ..." or "<INFO>..."
+    std::string file_form() const;  // the message without its Android prefix
+};
+
+// Captures every Android log line of this process (liblog's __android_log_set_logger).
+class LogCapture {
+public:
+    LogCapture();
+    ~LogCapture();
+    std::vector<LogLine> lines() const;
+    void clear();
+    // Lines whose file form equals text exactly, at the given priority.
+    int count(int priority, const std::string &file_form) const;
+    bool has(int priority, const std::string &file_form) const { return count(priority, file_form) > 0; }
+    bool has_error(const std::string &file_form) const { return has(QX_LOG_PRIO_ERROR, file_form); }
+    bool has_info(const std::string &file_form) const { return has(QX_LOG_PRIO_INFO, file_form); }
+    // Lines whose file form contains the fragment, at any priority.
+    int count_containing(const std::string &fragment) const;
+    std::string dump() const;  // every captured line, for failure messages
+};
+
+// True inside tools/rt_sandbox; otherwise why not.
+bool in_sandbox(std::string *why);
+
+// Skips the current test with one clear reason when the sandbox is missing.
+#define QXT_REQUIRE_SANDBOX()                                              \
+    do {                                                                   \
+        std::string qxt_why;                                               \
+        if (!qxt::in_sandbox(&qxt_why)) GTEST_SKIP() << qxt_why;           \
+    } while (0)
+
+// printf into a std::string.
+std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// Files.
+void write_file(const std::string &path, const std::string &content);
+std::string read_file(const std::string &path);  // "" when unreadable
+bool file_exists(const std::string &path);
+mode_t file_mode(const std::string &path);  // permission bits, 0 when missing
+
+// Writes /vendor/etc/realtime/rt-<name>.json and points vendor.kpo.realtime.cfg_name at it.
+std::string install_config(const std::string &name, const std::string &json);
+// Writes /vendor/etc/realtime/rt_verify_only.json.
+void install_verify_only_config(const std::string &json);
+// The host property store of the sandbox.
+void set_property(const std::string &name, const std::string &value);
+void clear_property(const std::string &name);
+
+// A configuration text for tests: system scope plus the given domain objects (without braces).
+std::string config_with(int enabled, int util, int dbg_level, int reservation, int budget_cpus,
+                        const std::string &domains);
+
+// A real thread of this process that sleeps (or spins when busy) until stopped.
+class TestThread {
+public:
+    explicit TestThread(bool busy = false);
+    ~TestThread();
+    pid_t tid() const { return tid_; }
+    void stop();
+
+private:
+    std::atomic<bool> stop_{false};
+    std::atomic<pid_t> tid_{0};
+    std::thread thread_;
+};
+
+// Runs fn in a forked child and returns its exit status (or 128 + signal).
+int run_in_child(const std::function<int()> &fn);
+// Starts a child process that runs fn and then waits to be killed; returns its pid.
+pid_t spawn_child(const std::function<void()> &fn);
+void kill_and_reap(pid_t pid);
+
+// The kernel's view of a thread.
+struct SchedInfo {
+    bool ok;
+    uint32_t policy;
+    uint64_t flags;
+    int32_t nice;
+    uint32_t priority;
+    uint64_t runtime, deadline, period;
+};
+SchedInfo sched_of(pid_t tid);
+// The cgroup path of a thread in the hierarchy that carries the controller ("cpuset", "cpuacct").
+std::string cgroup_of(pid_t tid, const std::string &controller);
+// Whether id is listed in a cgroup tasks file.
+bool tasks_file_lists(const std::string &path, pid_t id);
+
+// Mapped view of a domain segment file, for checking records (never for kernel effects).
+QX_REALTIME_DOMAIN_t *map_domain_file(const std::string &domain);
+QX_REALTIME_CENTRAL_t *map_central_file();
+
+}  // namespace qxt
+
+#endif
