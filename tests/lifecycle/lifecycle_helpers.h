@@ -1,0 +1,56 @@
+// Helpers of the lifecycle suite.
+#ifndef QXRT_LIFECYCLE_HELPERS_H
+#define QXRT_LIFECYCLE_HELPERS_H
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "test_support.h"
+
+namespace lifecycle {
+
+inline std::string tid_text() {
+    return std::to_string(qx_gettid());
+}
+
+// A system scope with the given values and no domains.
+inline std::string system_config(int enabled, int util, int dbg_level) {
+    return qxt::config_with(enabled, util, dbg_level, 80, 2, "");
+}
+
+inline const char *central_path() {
+    return RT_SHM_PREFIX "Global";
+}
+
+inline const char *central_lock_path() {
+    return RT_FLOCK_PREFIX "Global";
+}
+
+// Whether nobody holds the "Global" lock file (a fresh descriptor can take it at once).
+inline bool central_lock_is_free() {
+    int fd = open(central_lock_path(), O_RDWR);
+    if (fd < 0) return true;
+    bool free_now = flock(fd, LOCK_EX | LOCK_NB) == 0;
+    close(fd);
+    return free_now;
+}
+
+// Whether the process mutex is free (it is never left locked by a returning operation).
+inline bool process_mutex_is_free() {
+    if (pthread_mutex_trylock(&mutex) != 0) return false;
+    pthread_mutex_unlock(&mutex);
+    return true;
+}
+
+// The per-process log file name for this process's top object.
+inline std::string own_log_file() {
+    return std::string(RT_LOG_FILE_PREFIX) + std::to_string((int32_t)(intptr_t)pstTop);
+}
+
+}  // namespace lifecycle
+
+#endif
