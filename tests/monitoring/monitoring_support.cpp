@@ -154,12 +154,13 @@ std::string join(const std::vector<std::string> &lines) {
 static bool parse_tail(const char *p, Sample *out) {
     double usage = 0, budget = 0;
     int used = 0;
-    if (sscanf(p, "%lf %% (budget %lf%%) %n", &usage, &budget, &used) != 2 || used == 0)
+    // No blank after the last conversion: a blank in a scanf format would also eat the line end.
+    if (sscanf(p, "%lf %% (budget %lf%%)%n", &usage, &budget, &used) != 2 || used == 0)
         return false;
     std::string rest = p + used;
-    if (rest == "Overbudget\n") {
+    if (rest == " Overbudget\n") {
         out->over = true;
-    } else if (rest == "\n") {
+    } else if (rest == " \n") {
         out->over = false;
     } else {
         return false;

@@ -1,0 +1,191 @@
+// CPU usage sampling against the kernel's own counters: real threads admitted into real domains,
+// measured through the domain's cpuacct group and /proc/stat. The machine's other work adds
+// noise, so the figures are checked within wide bounds; a busy thread runs only while sampled
+// (about one second), is bounded by its deadline reservation or sleeps half of the time, and is
+// removed from its domain before it stops.
+#include <sys/sysinfo.h>
+
+#include "monitoring_support.h"
+
+using namespace qxt;
+using namespace qxt_mon;
+
+namespace {
+
+const char kSpin[] = "Domain_Spin";
+const char kHog[] = "Domain_Hog";
+const char kIdle[] = "Domain_Idle";
+const uint32_t kSchedRr = 2, kSchedDeadline = 6;
+
+// A deadline domain on CPU 1 whose class reserves 9 ms of every 10 ms: one thread of it keeps
+// that core about 90 % busy, and the kernel keeps it from taking more.
+std::string spin_domain() {
+    return dl_domain(kSpin, 1000, "1", "Class_Spin", 9000, 10000, 10000);
+}
+// A round-robin domain of 200 units (19.53 % of one core) at the lowest RT priority.
+std::string hog_domain() {
+    return rr_domain(kHog, 200, "1", "Class_Hog", 100, 1);
+}
+std::string idle_domain() {
+    return rr_domain(kIdle, 200, "0", "Class_Idle", 100, 1);
+}
+
+// Admission for the length of a test: removed again (scheduling and cgroups restored) at the end.
+class Admission {
+public:
+    Admission(const char *domain, const char *cls, pid_t tid) : domain_(domain), tid_(tid) {
+        result_ = QX_REALTIME_AddThread(domain, cls, tid, 0);
+    }
+    ~Admission() {
+        if (result_ == RT_SUCCESS) {
+            EXPECT_EQ(QX_REALTIME_RemoveThread(domain_, tid_), RT_SUCCESS);
+        }
+    }
+    uint32_t result() const { return result_; }
+
+private:
+    const char *domain_;
+    pid_t tid_;
+    uint32_t result_;
+};
+
+class CpuUsageKernel : public ::testing::Test {
+protected:
+    void SetUp() override {
+        QXT_REQUIRE_SANDBOX();
+        if (get_nprocs() < 2) GTEST_SKIP() << "needs 2 CPUs: the measured domains sit on CPU 1";
+    }
+};
+
+std::string suffix(const std::string &path) {
+    size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+TEST_F(CpuUsageKernel, DeadlineThreadKeepingOneCoreBusyShowsAboutOneCoreInEverySample) {
+    ASSERT_EQ(start_framework(spin_domain()), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kSpin), RT_SUCCESS);
+    TestThread spinner(true);
+    Admission admitted(kSpin, "Class_Spin", spinner.tid());
+    ASSERT_EQ(admitted.result(), RT_SUCCESS);
+    ASSERT_EQ(sched_of(spinner.tid()).policy, kSchedDeadline);
+    ASSERT_EQ(suffix(cgroup_of(spinner.tid(), "cpuacct")), kSpin);
+
+    LogCapture log;
+    EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kSpin, 300, 3), RT_SUCCESS);
+    std::vector<std::string> lines = forms(log);
+    std::vector<Sample> samples = samples_of(lines);
+    ASSERT_EQ(samples.size(), 3u) << log.dump();
+    ASSERT_EQ(lines.size(), 3u) << log.dump();
+    for (const Sample &s : samples) {
+        EXPECT_GE(s.usage, 60.0) << log.dump();
+        EXPECT_LE(s.usage, 140.0) << log.dump();
+        EXPECT_DOUBLE_EQ(s.budget, 97.66);  // 1000 x 100 / 1024
+    }
+}
+
+TEST_F(CpuUsageKernel, ThreadsUsingMoreThanTheirBudgetAreMarkedOverbudget) {
+    ASSERT_EQ(start_framework(hog_domain()), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kHog), RT_SUCCESS);
+    DutyThread hog(4, 4);  // about half a core, far above 19.53 %
+    Admission admitted(kHog, "Class_Hog", hog.tid());
+    ASSERT_EQ(admitted.result(), RT_SUCCESS);
+    ASSERT_EQ(sched_of(hog.tid()).policy, kSchedRr);
+
+    LogCapture log;
+    EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kHog, 300, 3), RT_SUCCESS);
+    std::vector<Sample> samples = samples_of(forms(log));
+    ASSERT_EQ(samples.size(), 3u) << log.dump();
+    for (const Sample &s : samples) {
+        EXPECT_DOUBLE_EQ(s.budget, 19.53);  // 200 x 100 / 1024
+        EXPECT_GT(s.usage, 30.0) << log.dump();
+        EXPECT_TRUE(s.over) << log.dump();
+    }
+}
+
+TEST_F(CpuUsageKernel, IdleDomainShowsAboutZeroAndIsNotOverbudget) {
+    ASSERT_EQ(start_framework(idle_domain()), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kIdle), RT_SUCCESS);
+    TestThread sleeper(false);
+    Admission admitted(kIdle, "Class_Idle", sleeper.tid());
+    ASSERT_EQ(admitted.result(), RT_SUCCESS);
+    ASSERT_EQ(sched_of(sleeper.tid()).policy, kSchedRr);
+
+    LogCapture log;
+    EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kIdle, 300, 3), RT_SUCCESS);
+    std::vector<Sample> samples = samples_of(forms(log));
+    ASSERT_EQ(samples.size(), 3u) << log.dump();
+    for (const Sample &s : samples) {
+        EXPECT_LT(s.usage, 10.0) << log.dump();
+        EXPECT_FALSE(s.over) << log.dump();
+    }
+}
+
+TEST_F(CpuUsageKernel, AllDomainsModePrintsTheHeaderAndOneLinePerDomainPerSample) {
+    ASSERT_EQ(start_framework(spin_domain() + ",\n" + idle_domain()), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kSpin), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kIdle), RT_SUCCESS);
+    TestThread spinner(true);
+    TestThread sleeper(false);
+    Admission spin_admitted(kSpin, "Class_Spin", spinner.tid());
+    Admission idle_admitted(kIdle, "Class_Idle", sleeper.tid());
+    ASSERT_EQ(spin_admitted.result(), RT_SUCCESS);
+    ASSERT_EQ(idle_admitted.result(), RT_SUCCESS);
+
+    LogCapture log;
+    EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage("All", 300, 2), RT_SUCCESS);
+    std::vector<std::string> lines = forms(log);
+    ASSERT_EQ(lines.size(), 5u + 2u * 4u) << log.dump();
+    std::vector<std::string> header = {
+        format("[RT_Impl][Err] [%-30s] Util Setting:%6d (%5.2f%%)\n", kSpin, 1000, 97.66),
+        format("[RT_Impl][Err] [%-30s] Util Setting:%6d (%5.2f%%)\n", kIdle, 200, 19.53),
+        "[RT_Impl][Err] Current total Util = 1200 (117.19%)\n",
+        "[RT_Impl][Err] Util Budget = 1024 * 2 * 80 / 100 = 1638 (159.96%)\n",
+        "[RT_Impl][Err] ============================================================\n"};
+    EXPECT_EQ(std::vector<std::string>(lines.begin(), lines.begin() + 5), header);
+    for (int n = 0; n < 2; n++) {
+        const std::string *sample = &lines[5 + 4 * n];
+        std::string name;
+        Sample spin, idle;
+        ASSERT_TRUE(parse_domain_sample(sample[0], &name, &spin)) << sample[0];
+        EXPECT_EQ(name, kSpin);
+        EXPECT_GE(spin.usage, 60.0) << log.dump();
+        EXPECT_LE(spin.usage, 140.0) << log.dump();
+        EXPECT_DOUBLE_EQ(spin.budget, 97.66);
+        ASSERT_TRUE(parse_domain_sample(sample[1], &name, &idle)) << sample[1];
+        EXPECT_EQ(name, kIdle);
+        EXPECT_LT(idle.usage, 10.0) << log.dump();
+        EXPECT_FALSE(idle.over);
+        double all = -1;
+        ASSERT_EQ(sscanf(sample[2].c_str(),
+                         "[RT_Impl][Err] CPU usage of RT tasks in Realtime Framework: %lf%%", &all),
+                  1)
+            << sample[2];
+        EXPECT_GE(all, 60.0) << log.dump();
+        EXPECT_LE(all, 150.0) << log.dump();
+        EXPECT_EQ(sample[3], "[RT_Impl][Err] \n");
+    }
+}
+
+TEST_F(CpuUsageKernel, IntervalOfZeroSamplesAtOnceAndPrintsFiniteFigures) {
+    ASSERT_EQ(start_framework(idle_domain()), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kIdle), RT_SUCCESS);
+    LogCapture log;
+    EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kIdle, 0, 3), RT_SUCCESS);
+    EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage("All", 0, 2), RT_SUCCESS);
+    std::vector<std::string> lines = forms(log);
+    // 3 samples of the one-domain mode, then 4 header lines and 2 x 3 sample lines.
+    ASSERT_EQ(lines.size(), 3u + 4u + 6u) << log.dump();
+    std::vector<Sample> samples = samples_of(lines);
+    ASSERT_EQ(samples.size(), 3u) << log.dump();
+    // No thread in the domain: nothing to count, whatever the divisor.
+    for (const Sample &s : samples) EXPECT_EQ(s.usage, 0.0) << log.dump();
+    std::string name;
+    Sample s;
+    EXPECT_TRUE(parse_domain_sample(lines[7], &name, &s)) << lines[7];
+    EXPECT_EQ(s.usage, 0.0);
+    EXPECT_TRUE(parse_domain_sample(lines[10], &name, &s)) << lines[10];
+    EXPECT_EQ(s.usage, 0.0);
+}
+
+}  // namespace
