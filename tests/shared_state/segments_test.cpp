@@ -1,0 +1,429 @@
+// Lock files and shared segments: creation, modes, sizing, removal, and attaching to the central
+// segment from a process that did not initialise.
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <regex>
+
+#include "shared_state_helpers.h"
+
+using qxt::LogCapture;
+using shared_state::err_head;
+using shared_state::info_head;
+
+namespace {
+
+const char kLockGlobal[] = "/data/vendor/realtime/flock_rt_Global";
+const char kShmGlobal[] = "/dev/shm/realtime/rt_Global";
+const char kForgot[] = "[RT_Impl][Err] Did you forget to invoke QX_REALTIME_Init()?\n";
+
+// Writes a central segment file as another process would have left it.
+void write_central_file(int32_t cap, int32_t reservation, int32_t dbg, uint8_t enabled, int32_t budget_cpus,
+                        size_t size = RT_SHM_SIZE) {
+    std::string bytes(size, '\0');
+    QX_REALTIME_CENTRAL_t central;
+    memset(&central, 0, sizeof(central));
+    central.s32CapPerCore = cap;
+    central.s32UtilReservation = reservation;
+    central.s32DbgLevel = dbg;
+    central.u8Enabled = enabled;
+    central.s32BudgetCpuNum = budget_cpus;
+    memcpy(&bytes[0], &central, std::min(size, sizeof(central)));
+    qxt::write_file(kShmGlobal, bytes);
+}
+
+int count_matching(const LogCapture &log, int priority, const std::string &pattern) {
+    std::regex re(pattern);
+    int n = 0;
+    for (const qxt::LogLine &line : log.lines())
+        if (line.priority == priority && std::regex_match(line.file_form(), re)) n++;
+    return n;
+}
+
+}  // namespace
+
+// ---- lock files ----
+
+TEST(GetFlock, NullDescriptorPointerSucceedsAndOpensNothing) {
+    QXT_REQUIRE_SANDBOX();
+    _u32DbgLevel = 64;
+    LogCapture log;
+    int fds = shared_state::open_fd_count();
+    EXPECT_EQ(RT_SUCCESS, _QX_REALTIME_GetFlock("Global", nullptr));
+    EXPECT_FALSE(qxt::file_exists(kLockGlobal));
+    EXPECT_EQ(fds, shared_state::open_fd_count());
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+}
+
+TEST(GetFlock, NullDescriptorPointerStillFailsOnNameThatDoesNotFit) {
+    QXT_REQUIRE_SANDBOX();
+    // The path is formatted before the pointer is looked at.
+    EXPECT_EQ(RT_ERR_SYSTEM, _QX_REALTIME_GetFlock(std::string(97, 'n').c_str(), nullptr));
+}
+
+TEST(GetFlock, CreatesLockFileMode0666WhateverTheUmask) {
+    QXT_REQUIRE_SANDBOX();
+    umask(077);
+    _u32DbgLevel = 64;
+    LogCapture log;
+    int32_t fd = -1;
+    ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetFlock("Global", &fd));
+    ASSERT_TRUE(shared_state::fd_is_open(fd));
+    EXPECT_EQ(0666u, qxt::file_mode(kLockGlobal));
+    EXPECT_TRUE(log.has_info(info_head("_QX_REALTIME_GetFlock") +
+                             qxt::format("flock open (%s) return %d, newly created\n", kLockGlobal, fd)))
+        << log.dump();
+    // Created close-on-exec; it is not locked by this step.
+    EXPECT_NE(0, fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    int other = open(kLockGlobal, O_RDWR);
+    EXPECT_EQ(0, flock(other, LOCK_EX | LOCK_NB));
+    close(other);
+    close(fd);
+}
+
+TEST(GetFlock, OpensExistingLockFileWithoutCloseOnExec) {
+    QXT_REQUIRE_SANDBOX();
+    qxt::write_file(kLockGlobal, "");
+    chmod(kLockGlobal, 0600);
+    _u32DbgLevel = 64;
+    LogCapture log;
+    int32_t fd = -1;
+    ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetFlock("Global", &fd));
+    ASSERT_TRUE(shared_state::fd_is_open(fd));
+    EXPECT_TRUE(log.has_info(info_head("_QX_REALTIME_GetFlock") +
+                             qxt::format("flock open (%s) return %d, open existed.\n", kLockGlobal, fd)))
+        << log.dump();
+    EXPECT_EQ(0, fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    EXPECT_EQ(0600u, qxt::file_mode(kLockGlobal));  // an existing file keeps its mode
+    close(fd);
+}
+
+TEST(GetFlock, NameThatDoesNotFitPathReturnsSystemError) {
+    QXT_REQUIRE_SANDBOX();
+    // "/data/vendor/realtime/flock_rt_" is 31 bytes: 96 more fill the 128-byte buffer exactly.
+    int32_t fd = -1;
+    ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetFlock(std::string(96, 'n').c_str(), &fd));
+    EXPECT_TRUE(qxt::file_exists(RT_FLOCK_PREFIX + std::string(96, 'n')));
+    close(fd);
+
+    _u32DbgLevel = 64;
+    LogCapture log;
+    fd = -1;
+    EXPECT_EQ(RT_ERR_SYSTEM, _QX_REALTIME_GetFlock(std::string(97, 'n').c_str(), &fd));
+    EXPECT_EQ(-1, fd);
+    EXPECT_FALSE(qxt::file_exists(RT_FLOCK_PREFIX + std::string(97, 'n')));
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+}
+
+TEST(GetFlock, MissingDirectoryReturnsSystemError) {
+    QXT_REQUIRE_SANDBOX();
+    ASSERT_EQ(0, rmdir("/data/vendor/realtime"));
+    LogCapture log;
+    int32_t fd = 0;
+    EXPECT_EQ(RT_ERR_SYSTEM, _QX_REALTIME_GetFlock("Global", &fd));
+    EXPECT_EQ(-1, fd);
+    EXPECT_TRUE(log.has_error(err_head("_QX_REALTIME_GetFlock") +
+                              qxt::format("flock open (%s) return -1, errno=No such file or directory\n",
+                                          kLockGlobal)))
+        << log.dump();
+    EXPECT_FALSE(qxt::file_exists("/data/vendor/realtime"));
+}
+
+// ---- segments ----
+
+TEST(SharedMemoryAlloc, NewSegmentIsAllZerosAndSized) {
+    QXT_REQUIRE_SANDBOX();
+    _u32DbgLevel = 64;
+    LogCapture log;
+    int32_t fd = -1;
+    void *addr = nullptr;
+    ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Domain_New", &fd, &addr));
+    ASSERT_NE(nullptr, addr);
+    EXPECT_TRUE(shared_state::fd_is_open(fd));
+    EXPECT_EQ(RT_SHM_SIZE, shared_state::file_size("/dev/shm/realtime/rt_Domain_New"));
+    EXPECT_TRUE(shared_state::all_zero(addr, RT_SHM_SIZE));
+    QX_REALTIME_DOMAIN_t *domain = (QX_REALTIME_DOMAIN_t *)addr;
+    EXPECT_EQ(0, domain->s32ClassNum);
+    EXPECT_EQ(0, domain->s32ThreadNum);
+    EXPECT_EQ(0, domain->processIDListNum);
+    // Not close-on-exec, unlike the lock files.
+    EXPECT_EQ(0, fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    std::string head = info_head("_QX_REALTIME_SharedMemoryAlloc");
+    EXPECT_TRUE(log.has_info(head + qxt::format("path=/dev/shm/realtime/rt_Domain_New create success, shmFd=%d\n", fd)))
+        << log.dump();
+    EXPECT_TRUE(log.has_info(head + qxt::format("mmap=%p, new_create=1\n", addr))) << log.dump();
+}
+
+TEST(SharedMemoryAlloc, NewCentralSegmentHasNoDomainsAndIsNotEnabled) {
+    QXT_REQUIRE_SANDBOX();
+    int32_t fd = -1;
+    void *addr = nullptr;
+    ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Global", &fd, &addr));
+    QX_REALTIME_CENTRAL_t *central = (QX_REALTIME_CENTRAL_t *)addr;
+    EXPECT_EQ(0, central->s32DomainNum);
+    EXPECT_EQ(0, central->u8Enabled);
+    EXPECT_TRUE(shared_state::all_zero(addr, RT_SHM_SIZE));
+}
+
+TEST(SharedMemoryAlloc, SegmentModesAreFixedWhateverTheUmask) {
+    QXT_REQUIRE_SANDBOX();
+    umask(077);
+    int32_t fd = -1;
+    void *addr = nullptr;
+    ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Global", &fd, &addr));
+    EXPECT_EQ(0666u, qxt::file_mode(kShmGlobal));
+    ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Domain_Mode", &fd, &addr));
+    EXPECT_EQ(0660u, qxt::file_mode("/dev/shm/realtime/rt_Domain_Mode"));
+    // The name decides, by exact comparison.
+    ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Global2", &fd, &addr));
+    EXPECT_EQ(0660u, qxt::file_mode("/dev/shm/realtime/rt_Global2"));
+}
+
+TEST(SharedMemoryAlloc, ExistingSegmentOfWrongSizeIsSizedTo16384AndKeepsItsContents) {
+    QXT_REQUIRE_SANDBOX();
+    for (size_t size : {size_t(100), size_t(40000)}) {
+        std::string path = "/dev/shm/realtime/rt_Domain_Size";
+        std::string pattern(size, '\0');
+        for (size_t i = 0; i < size; i++) pattern[i] = (char)(1 + i % 200);
+        qxt::write_file(path, pattern);
+        _u32DbgLevel = 64;
+        LogCapture log;
+        int32_t fd = -1;
+        void *addr = nullptr;
+        ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Domain_Size", &fd, &addr)) << size;
+        EXPECT_EQ(RT_SHM_SIZE, shared_state::file_size(path)) << size;
+        size_t kept = std::min(size, size_t(RT_SHM_SIZE));
+        EXPECT_EQ(0, memcmp(addr, pattern.data(), kept)) << size;
+        EXPECT_TRUE(shared_state::all_zero((char *)addr + kept, RT_SHM_SIZE - kept)) << size;
+        std::string head = info_head("_QX_REALTIME_SharedMemoryAlloc");
+        EXPECT_TRUE(log.has_info(head + qxt::format("open %s an existed shared memory=%d\n", path.c_str(), fd)))
+            << log.dump();
+        EXPECT_TRUE(log.has_info(head + qxt::format("mmap=%p, new_create=0\n", addr))) << log.dump();
+        munmap(addr, RT_SHM_SIZE);
+        close(fd);
+        unlink(path.c_str());
+    }
+}
+
+TEST(SharedMemoryAlloc, NameThatDoesNotFitPathReturnsSystemError) {
+    QXT_REQUIRE_SANDBOX();
+    // "/dev/shm/realtime/rt_" is 21 bytes: 106 more fill the 128-byte buffer exactly.
+    int32_t fd = -1;
+    void *addr = nullptr;
+    ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc(std::string(106, 'n').c_str(), &fd, &addr));
+    fd = -1;
+    addr = nullptr;
+    LogCapture log;
+    EXPECT_EQ(RT_ERR_SYSTEM, _QX_REALTIME_SharedMemoryAlloc(std::string(107, 'n').c_str(), &fd, &addr));
+    EXPECT_EQ(-1, fd);
+    EXPECT_EQ(nullptr, addr);
+    EXPECT_FALSE(qxt::file_exists(RT_SHM_PREFIX + std::string(107, 'n')));
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+}
+
+TEST(SharedMemoryAlloc, MissingDirectoryReturnsFailed) {
+    QXT_REQUIRE_SANDBOX();
+    ASSERT_EQ(0, rmdir("/dev/shm/realtime"));
+    LogCapture log;
+    int32_t fd = 0;
+    void *addr = nullptr;
+    EXPECT_EQ(RT_ERR_FAILED, _QX_REALTIME_SharedMemoryAlloc("Domain_X", &fd, &addr));
+    EXPECT_EQ(-1, fd);
+    EXPECT_EQ(nullptr, addr);
+    EXPECT_TRUE(log.has_error(err_head("_QX_REALTIME_SharedMemoryAlloc") +
+                              "shm_open (/dev/shm/realtime/rt_Domain_X) return -1, errno=No such file or directory\n"))
+        << log.dump();
+    EXPECT_FALSE(qxt::file_exists("/dev/shm/realtime"));
+}
+
+TEST(SharedMemoryAlloc, ExistingPathThatCannotBeOpenedReturnsFailed) {
+    QXT_REQUIRE_SANDBOX();
+    ASSERT_EQ(0, mkdir("/dev/shm/realtime/rt_Domain_Dir", 0755));
+    LogCapture log;
+    int32_t fd = 0;
+    void *addr = nullptr;
+    EXPECT_EQ(RT_ERR_FAILED, _QX_REALTIME_SharedMemoryAlloc("Domain_Dir", &fd, &addr));
+    EXPECT_EQ(-1, fd);
+    EXPECT_TRUE(log.has_error(err_head("_QX_REALTIME_SharedMemoryAlloc") +
+                              "shm_open (/dev/shm/realtime/rt_Domain_Dir) return -1, errno=Is a directory\n"))
+        << log.dump();
+}
+
+// ---- removal ----
+
+TEST(SharedMemoryFree, RemovesSegmentClosesDescriptorAndUnmaps) {
+    QXT_REQUIRE_SANDBOX();
+    int32_t fd = -1;
+    void *addr = nullptr;
+    ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Domain_Free", &fd, &addr));
+    int32_t held = fd;
+    _u32DbgLevel = 64;
+    LogCapture log;
+    _QX_REALTIME_SharedMemoryFree("Domain_Free", &fd, addr);
+    EXPECT_FALSE(qxt::file_exists("/dev/shm/realtime/rt_Domain_Free"));
+    EXPECT_FALSE(shared_state::fd_is_open(held));
+    EXPECT_FALSE(shared_state::is_mapped(addr));
+    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Domain_Free success\n"))
+        << log.dump();
+}
+
+TEST(SharedMemoryFree, SegmentAlreadyRemovedLogsHasBeenUnlinkedAndKeepsMapping) {
+    QXT_REQUIRE_SANDBOX();
+    int32_t fd = -1;
+    void *addr = nullptr;
+    ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Domain_Gone", &fd, &addr));
+    ((QX_REALTIME_DOMAIN_t *)addr)->s32UtilMax = 321;
+    int32_t held = fd;
+    // Another process removes it first.
+    ASSERT_EQ(0, qxt::run_in_child([] { return unlink("/dev/shm/realtime/rt_Domain_Gone"); }));
+    _u32DbgLevel = 64;
+    LogCapture log;
+    _QX_REALTIME_SharedMemoryFree("Domain_Gone", &fd, addr);
+    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Domain_Gone "
+                             "has been unlinked, errno=No such file or directory\n"))
+        << log.dump();
+    EXPECT_EQ(QX_LOG_PRIO_INFO, log.lines().at(0).priority);
+    EXPECT_FALSE(shared_state::fd_is_open(held));
+    ASSERT_TRUE(shared_state::is_mapped(addr));
+    EXPECT_EQ(321, ((QX_REALTIME_DOMAIN_t *)addr)->s32UtilMax);
+}
+
+TEST(SharedMemoryFree, UnlinkFailureIsAnErrorAndKeepsMapping) {
+    QXT_REQUIRE_SANDBOX();
+    int32_t fd = -1;
+    void *addr = nullptr;
+    ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Domain_Stuck", &fd, &addr));
+    // Something that unlink refuses now stands at the segment's path.
+    ASSERT_EQ(0, rename("/dev/shm/realtime/rt_Domain_Stuck", "/dev/shm/realtime/moved"));
+    ASSERT_EQ(0, mkdir("/dev/shm/realtime/rt_Domain_Stuck", 0755));
+    LogCapture log;
+    _QX_REALTIME_SharedMemoryFree("Domain_Stuck", &fd, addr);
+    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Domain_Stuck "
+                              "fails, errno=Is a directory\n"))
+        << log.dump();
+    EXPECT_TRUE(shared_state::is_mapped(addr));
+}
+
+TEST(SharedMemoryFree, NameThatDoesNotFitClosesDescriptorOnly) {
+    QXT_REQUIRE_SANDBOX();
+    int32_t fd = -1;
+    void *addr = nullptr;
+    ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Domain_Kept", &fd, &addr));
+    int32_t held = fd;
+    LogCapture log;
+    _QX_REALTIME_SharedMemoryFree(std::string(107, 'n').c_str(), &fd, addr);
+    EXPECT_FALSE(shared_state::fd_is_open(held));
+    EXPECT_TRUE(shared_state::is_mapped(addr));
+    EXPECT_TRUE(qxt::file_exists("/dev/shm/realtime/rt_Domain_Kept"));
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+}
+
+// ---- attaching to the central segment ----
+
+TEST(GetCentralShm, WithoutCentralSegmentReturnsNullWithHint) {
+    QXT_REQUIRE_SANDBOX();
+    LogCapture log;
+    EXPECT_EQ(RT_ERR_NULL, _QX_REALTIME_GetCentralShm());
+    std::vector<qxt::LogLine> lines = log.lines();
+    ASSERT_EQ(2u, lines.size()) << log.dump();
+    EXPECT_EQ(err_head("_QX_REALTIME_GetCentralShm") +
+                  "shm_open (/dev/shm/realtime/rt_Global) return -1, errno=No such file or directory\n",
+              lines[0].file_form());
+    EXPECT_EQ(kForgot, lines[1].file_form());
+    EXPECT_EQ(QX_LOG_PRIO_ERROR, lines[0].priority);
+    EXPECT_EQ(QX_LOG_PRIO_ERROR, lines[1].priority);
+    EXPECT_EQ(nullptr, pstTop);
+}
+
+TEST(GetCentralShm, AttachCopiesSettingsButNotBudgetCpuNum) {
+    QXT_REQUIRE_SANDBOX();
+    write_central_file(1024, 80, 4, 1, 2);
+    LogCapture log;
+    ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetCentralShm());
+    ASSERT_NE(nullptr, pstTop);
+    ASSERT_NE(nullptr, pstTop->pstCentral);
+    EXPECT_TRUE(shared_state::fd_is_open(pstTop->s32ShmFd));
+    EXPECT_EQ(1024, pstTop->s32CapPerCore);
+    EXPECT_EQ(80, pstTop->s32UtilReservation);
+    EXPECT_EQ(4, pstTop->s32DbgLevel);
+    EXPECT_EQ(1u, pstTop->Enabled);
+    EXPECT_EQ(0, pstTop->s32BudgetCpuNum);
+    EXPECT_EQ(0u, pstTop->u32DomainMapNum);
+    EXPECT_EQ(64u, _u32DbgLevel);
+    EXPECT_EQ(nullptr, rtlog);
+    EXPECT_TRUE(log.has_info(info_head("_QX_REALTIME_GetCentralShm") +
+                             qxt::format("shm exists. mmap=%p, s32ShmFd=%d\n", (void *)pstTop->pstCentral,
+                                         pstTop->s32ShmFd)))
+        << log.dump();
+}
+
+TEST(GetCentralShm, AttachBelowDbgLevel4WritesNothing) {
+    QXT_REQUIRE_SANDBOX();
+    write_central_file(1024, 80, 3, 1, 2);
+    _u32DbgLevel = 64;  // the attach sets the level before it would write
+    LogCapture log;
+    ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetCentralShm());
+    EXPECT_EQ(48u, _u32DbgLevel);
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+}
+
+TEST(GetCentralShm, AttachSizesShortCentralFileTo16384) {
+    QXT_REQUIRE_SANDBOX();
+    write_central_file(512, 0, 2, 1, 2, 64);
+    ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetCentralShm());
+    EXPECT_EQ(RT_SHM_SIZE, shared_state::file_size(kShmGlobal));
+    EXPECT_EQ(512, pstTop->s32CapPerCore);
+    EXPECT_TRUE(shared_state::all_zero((char *)pstTop->pstCentral + 64, RT_SHM_SIZE - 64));
+}
+
+TEST(GetCentralAndTop, WithoutCentralSegmentReturnsNullAndClosesLockFile) {
+    QXT_REQUIRE_SANDBOX();
+    LogCapture log;
+    int32_t fd = -1;
+    EXPECT_EQ(RT_ERR_NULL, _QX_REALTIME_GetCentralAndTop(&fd));
+    EXPECT_FALSE(shared_state::fd_is_open(fd));
+    EXPECT_TRUE(log.has_error(kForgot)) << log.dump();
+    EXPECT_EQ(1, count_matching(log, QX_LOG_PRIO_ERROR,
+                                "\\[RT_Impl\\]\\[Err\\] _QX_REALTIME_GetCentralAndTop \\([0-9]+\\), "
+                                "can't get central shared memory\n"))
+        << log.dump();
+    EXPECT_EQ(nullptr, pstTop);
+}
+
+TEST(GetCentralAndTop, LockFileFailureReturnsFailed) {
+    QXT_REQUIRE_SANDBOX();
+    write_central_file(1024, 80, 2, 1, 2);
+    ASSERT_EQ(0, mkdir(kLockGlobal, 0755));
+    LogCapture log;
+    int32_t fd = -1;
+    EXPECT_EQ(RT_ERR_FAILED, _QX_REALTIME_GetCentralAndTop(&fd));
+    EXPECT_TRUE(log.has_error(err_head("_QX_REALTIME_GetFlock") +
+                              qxt::format("flock open (%s) return -1, errno=Is a directory\n", kLockGlobal)))
+        << log.dump();
+    EXPECT_EQ(1, count_matching(log, QX_LOG_PRIO_ERROR,
+                                "\\[RT_Impl\\]\\[Err\\] _QX_REALTIME_GetCentralAndTop \\([0-9]+\\), "
+                                "can't get central flock\n"))
+        << log.dump();
+    EXPECT_EQ(nullptr, pstTop);
+}
+
+TEST(GetCentralAndTop, AttachesOnceAndLeavesLockFileOpenButUnlocked) {
+    QXT_REQUIRE_SANDBOX();
+    write_central_file(1024, 80, 4, 1, 2);
+    int32_t fd = -1;
+    ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetCentralAndTop(&fd));
+    ASSERT_TRUE(shared_state::fd_is_open(fd));
+    ASSERT_NE(nullptr, pstTop);
+    QX_REALTIME_CENTRAL_t *central = pstTop->pstCentral;
+    int other = open(kLockGlobal, O_RDWR);
+    EXPECT_EQ(0, flock(other, LOCK_EX | LOCK_NB));
+    close(other);
+    close(fd);
+
+    // With a top object the central segment is not attached again.
+    LogCapture log;
+    ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetCentralAndTop(&fd));
+    close(fd);
+    EXPECT_EQ(central, pstTop->pstCentral);
+    EXPECT_EQ(0, log.count_containing("shm exists")) << log.dump();
+}
