@@ -1,0 +1,189 @@
+// The test sandbox itself: private mounts for the library's fixed paths, cgroup hierarchies
+// rooted at a per-run child group, a clean host after the run, and a clear skip outside it.
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/wait.h>
+#include <linux/magic.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "test_support.h"
+
+namespace {
+
+struct Outcome {
+    int status;
+    std::string output;
+};
+
+// Runs a shell command and collects its standard output and error.
+Outcome run_shell(const std::string &command) {
+    Outcome r{-1, ""};
+    FILE *pipe = popen((command + " 2>&1").c_str(), "r");
+    if (pipe == nullptr) return r;
+    char buf[512];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof(buf), pipe)) > 0) r.output.append(buf, n);
+    int status = pclose(pipe);
+    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return r;
+}
+
+// This test binary, as a path another process can execute.
+std::string self_exe() {
+    char path[4096];
+    ssize_t n = readlink("/proc/self/exe", path, sizeof(path) - 1);
+    if (n < 0) return "";
+    path[n] = '\0';
+    return path;
+}
+
+std::string sandbox_tool() {
+    return std::string(QXRT_SOURCE_DIR) + "/tools/rt_sandbox";
+}
+
+bool is_directory(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+long fs_type(const std::string &path) {
+    struct statfs st;
+    return statfs(path.c_str(), &st) == 0 ? (long)st.f_type : -1;
+}
+
+// The file system type of the mount point exactly at path, from this process's mount table.
+std::string mount_type_at(const std::string &path) {
+    std::istringstream in(qxt::read_file("/proc/self/mounts"));
+    std::string line, type;
+    while (std::getline(in, line)) {
+        std::istringstream fields(line);
+        std::string source, target, fstype;
+        fields >> source >> target >> fstype;
+        if (target == path) type = fstype;  // the last mount there is the visible one
+    }
+    return type;
+}
+
+const char *const kPrivateDirs[] = {"/dev/shm/realtime", "/data/vendor/realtime", "/vendor/etc/realtime"};
+
+}  // namespace
+
+TEST(Sandbox, LibraryDirectoriesExistOnPrivateTmpfs) {
+    QXT_REQUIRE_SANDBOX();
+    for (const char *dir : kPrivateDirs) {
+        EXPECT_TRUE(is_directory(dir)) << dir;
+        EXPECT_EQ((long)TMPFS_MAGIC, fs_type(dir)) << dir;
+    }
+    EXPECT_EQ("tmpfs", mount_type_at("/dev/shm"));
+    EXPECT_EQ("tmpfs", mount_type_at("/data"));
+    EXPECT_EQ("tmpfs", mount_type_at("/vendor"));
+    EXPECT_TRUE(is_directory(QX_HOST_PROPERTY_DIR));
+}
+
+TEST(Sandbox, FilesCreatedHereAreSeenNeitherByAnotherSandboxNorByTheHost) {
+    QXT_REQUIRE_SANDBOX();
+    std::string marker = qxt::format("qxrt_marker_%d", getpid());
+    for (const char *dir : kPrivateDirs) {
+        qxt::write_file(std::string(dir) + "/" + marker, "x");
+        ASSERT_TRUE(qxt::file_exists(std::string(dir) + "/" + marker)) << dir;
+    }
+    qxt::set_property(marker, "x");
+
+    std::string list = "ls -A";
+    for (const char *dir : kPrivateDirs) list += std::string(" ") + dir;
+    Outcome other = run_shell(sandbox_tool() + " sh -c 'echo run=$QXRT_SANDBOX; " + list +
+                              "; for d in " + list.substr(6) + " " QX_HOST_PROPERTY_DIR
+                              "; do echo y > $d/from_other; done'");
+    ASSERT_EQ(0, other.status) << other.output;
+    EXPECT_NE(std::string::npos, other.output.find("run=qxrt_sbx_")) << other.output;
+    EXPECT_EQ(std::string::npos, other.output.find(marker)) << other.output;
+
+    // Nothing the other run wrote comes back here. (A run started from inside this one begins
+    // with a copy of this run's property store; its changes stay its own.)
+    for (const char *dir : kPrivateDirs)
+        EXPECT_FALSE(qxt::file_exists(std::string(dir) + "/from_other")) << dir;
+    EXPECT_FALSE(qxt::file_exists(QX_HOST_PROPERTY_DIR "/from_other"));
+
+    // The host: the mount namespace of process 1.
+    for (const char *dir : kPrivateDirs)
+        EXPECT_FALSE(qxt::file_exists(std::string("/proc/1/root") + dir + "/" + marker)) << dir;
+    EXPECT_FALSE(qxt::file_exists("/proc/1/root" QX_HOST_PROPERTY_DIR "/" + marker));
+}
+
+TEST(Sandbox, CpusetAndCpuacctAreRootedAtThisRunsChildGroup) {
+    QXT_REQUIRE_SANDBOX();
+    EXPECT_EQ("/", qxt::cgroup_of(getpid(), "cpuset"));
+    EXPECT_EQ("/", qxt::cgroup_of(getpid(), "cpuacct"));
+    EXPECT_EQ((long)CGROUP_SUPER_MAGIC, fs_type("/dev/cpuset"));
+    EXPECT_EQ((long)CGROUP_SUPER_MAGIC, fs_type("/dev/cpuacct"));
+    EXPECT_TRUE(qxt::tasks_file_lists("/dev/cpuset/tasks", getpid()));
+    EXPECT_TRUE(qxt::tasks_file_lists("/dev/cpuacct/tasks", getpid()));
+
+    // On the host's view of the hierarchy this is a child group named after the run.
+    const char *name = getenv("QXRT_SANDBOX");
+    ASSERT_NE(nullptr, name);
+    ASSERT_EQ(0, strncmp(name, "qxrt_sbx_", 9)) << name;
+    std::string host_group = std::string("/sys/fs/cgroup/cpuset/") + name;
+    ASSERT_TRUE(is_directory(host_group)) << host_group;
+    EXPECT_TRUE(qxt::tasks_file_lists(host_group + "/tasks", getpid()));
+    EXPECT_TRUE(is_directory(std::string("/sys/fs/cgroup/cpuacct/") + name));
+    // Usable for tasks: its CPUs and memory nodes are copied from the parent.
+    std::string cpus = qxt::read_file("/dev/cpuset/cpuset.cpus");
+    EXPECT_FALSE(cpus.empty() || cpus == "\n");
+    EXPECT_EQ(qxt::read_file("/sys/fs/cgroup/cpuset/cpuset.cpus"), cpus);
+}
+
+TEST(Sandbox, NestedRunRemovesItsCgroupsAndLeavesNoDevCpusetOnHost) {
+    QXT_REQUIRE_SANDBOX();
+    ASSERT_FALSE(qxt::file_exists("/proc/1/root/dev/cpuset"));
+    Outcome nested = run_shell(sandbox_tool() + " sh -c 'echo run=$QXRT_SANDBOX; mkdir /dev/cpuset/Domain_Nested && exit 7'");
+    EXPECT_EQ(7, nested.status) << nested.output;  // the command's own exit status
+    size_t at = nested.output.find("run=");
+    ASSERT_NE(std::string::npos, at) << nested.output;
+    std::string name = nested.output.substr(at + 4);
+    name = name.substr(0, name.find('\n'));
+    ASSERT_EQ(0u, name.rfind("qxrt_sbx_", 0)) << nested.output;
+    EXPECT_STRNE(getenv("QXRT_SANDBOX"), name.c_str());
+
+    EXPECT_FALSE(qxt::file_exists("/sys/fs/cgroup/cpuset/" + name));
+    EXPECT_FALSE(qxt::file_exists("/sys/fs/cgroup/cpuacct/" + name));
+    EXPECT_FALSE(qxt::file_exists("/proc/1/root/dev/cpuset"));
+    EXPECT_FALSE(qxt::file_exists("/proc/1/root/dev/cpuacct"));
+    EXPECT_FALSE(qxt::file_exists("/proc/1/root" QX_HOST_PROPERTY_DIR));
+    // This run's own group and view are untouched.
+    EXPECT_TRUE(is_directory(std::string("/sys/fs/cgroup/cpuset/") + getenv("QXRT_SANDBOX")));
+    EXPECT_FALSE(qxt::file_exists("/dev/cpuset/Domain_Nested"));
+}
+
+TEST(Sandbox, TestsNeedingItSkipWithOneClearReasonOutsideIt) {
+    // This test binary run again with the sandbox's variables removed.
+    std::string filter = " --gtest_filter=Sandbox.LibraryDirectoriesExistOnPrivateTmpfs";
+    Outcome plain = run_shell("env -u QXRT_SANDBOX -u QXRT_SANDBOX_UNAVAILABLE " + self_exe() + filter);
+    EXPECT_EQ(0, plain.status) << plain.output;
+    EXPECT_NE(std::string::npos, plain.output.find("[  SKIPPED ] Sandbox.LibraryDirectoriesExistOnPrivateTmpfs"))
+        << plain.output;
+    EXPECT_NE(std::string::npos,
+              plain.output.find("needs the test sandbox (tools/rt_sandbox): not started inside it"))
+        << plain.output;
+
+    Outcome why = run_shell("env -u QXRT_SANDBOX QXRT_SANDBOX_UNAVAILABLE='the sandbox needs root' " +
+                            self_exe() + filter);
+    EXPECT_EQ(0, why.status) << why.output;
+    EXPECT_NE(std::string::npos, why.output.find("needs the test sandbox (tools/rt_sandbox): the sandbox needs root"))
+        << why.output;
+}
+
+TEST(Sandbox, InSandboxReportsWhyNot) {
+    std::string why;
+    unsetenv("QXRT_SANDBOX");
+    unsetenv("QXRT_SANDBOX_UNAVAILABLE");
+    EXPECT_FALSE(qxt::in_sandbox(&why));
+    EXPECT_EQ("needs the test sandbox (tools/rt_sandbox): not started inside it", why);
+    setenv("QXRT_SANDBOX_UNAVAILABLE", "mount or cgroup namespaces are not available", 1);
+    EXPECT_FALSE(qxt::in_sandbox(&why));
+    EXPECT_EQ("needs the test sandbox (tools/rt_sandbox): mount or cgroup namespaces are not available", why);
+    setenv("QXRT_SANDBOX", "qxrt_sbx_1_2", 1);
+    EXPECT_TRUE(qxt::in_sandbox(&why));
+}
