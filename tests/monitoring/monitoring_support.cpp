@@ -225,13 +225,4 @@ void DutyThread::stop() {
     if (thread_.joinable()) thread_.join();
 }
 
-bool name_thread(pid_t tid, const std::string &name) {
-    std::string path = format("/proc/self/task/%d/comm", (int)tid);
-    int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    bool ok = write(fd, name.data(), name.size()) == (ssize_t)name.size();
-    close(fd);
-    return ok;
-}
-
 }  // namespace qxt_mon

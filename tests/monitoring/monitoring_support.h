@@ -94,9 +94,6 @@ private:
     std::thread thread_;
 };
 
-// Sets a thread's name (its comm) as the kernel shows it.
-bool name_thread(pid_t tid, const std::string &name);
-
 }  // namespace qxt_mon
 
 #endif

@@ -1,0 +1,393 @@
+// The diagnostic dump: one domain's records, classes, thread slots and the kernel's task lists, or
+// the live threads of every domain.
+#include <errno.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <utility>
+
+#include "monitoring_support.h"
+
+using namespace qxt;
+using namespace qxt_mon;
+
+namespace {
+
+const char kMeter[] = "Domain_Meter";
+const char kSpare[] = "Domain_Spare";
+const char kDump[] = "QX_REALTIME_DumpDomainInfo";
+
+typedef std::vector<std::pair<int, std::string>> Lines;
+
+// Info-level traces of the frame: entry and exit, and the opening of lock files.
+bool is_trace(const LogLine &line) {
+    std::string form = line.file_form();
+    return line.priority == QX_LOG_PRIO_INFO &&
+           (form.compare(0, 14, "[RT_Impl][DBG]") == 0 ||
+            form.compare(0, 39, "[RT_Impl][Info] [_QX_REALTIME_GetFlock]") == 0);
+}
+
+// Every captured line but the traces, with its priority.
+Lines dump_lines(const LogCapture &log) {
+    Lines out;
+    for (const LogLine &line : log.lines())
+        if (!is_trace(line)) out.emplace_back(line.priority, line.file_form());
+    return out;
+}
+
+std::pair<int, std::string> err(const std::string &form) {
+    return {QX_LOG_PRIO_ERROR, form};
+}
+std::pair<int, std::string> info(const std::string &form) {
+    return {QX_LOG_PRIO_INFO, form};
+}
+
+std::string show(const Lines &lines) {
+    std::string out;
+    for (const auto &line : lines) out += format("  [%d] %s", line.first, line.second.c_str());
+    return out;
+}
+
+// A round-robin domain on CPU 0 with two classes.
+std::string meter_domain() {
+    return format(
+        "    \"%s\": {\n"
+        "        \"Util\": 512,\n"
+        "        \"Cpuset\": \"0\",\n"
+        "        \"Class_Meter\": {\n"
+        "            \"PerThreadUtil\": 100,\n"
+        "            \"RT_Priority\": 1\n"
+        "        },\n"
+        "        \"Class_Other\": {\n"
+        "            \"PerThreadUtil\": 50,\n"
+        "            \"RT_Priority\": 2\n"
+        "        }\n"
+        "    }",
+        kMeter);
+}
+
+std::string spare_domain() {
+    return rr_domain(kSpare, 256, "0", "Class_Spare", 100, 1);
+}
+
+// Admissions of this process's threads that are undone at the end of the test.
+class Admissions {
+public:
+    ~Admissions() {
+        for (auto &a : admitted_) QX_REALTIME_RemoveThread(a.first.c_str(), a.second);
+    }
+    uint32_t add(const std::string &domain, const char *cls, pid_t tid) {
+        uint32_t ret = QX_REALTIME_AddThread(domain.c_str(), cls, tid, 0);
+        if (ret == RT_SUCCESS) admitted_.emplace_back(domain, tid);
+        return ret;
+    }
+
+private:
+    std::vector<std::pair<std::string, pid_t>> admitted_;
+};
+
+// A child process killed and reaped at the end of the test.
+class ChildGuard {
+public:
+    explicit ChildGuard(pid_t pid) : pid_(pid) {}
+    ~ChildGuard() { kill_and_reap(pid_); }
+
+private:
+    pid_t pid_;
+};
+
+// Waits until the process runs the program (its comm) after exec.
+bool wait_for_comm(pid_t pid, const std::string &comm) {
+    for (int i = 0; i < 2000; i++) {
+        if (read_file(format("/proc/%d/comm", (int)pid)) == comm) return true;
+        usleep(1000);
+    }
+    return false;
+}
+
+class Dump : public ::testing::Test {
+protected:
+    void SetUp() override { QXT_REQUIRE_SANDBOX(); }
+};
+
+// The ten lines and the blank of one thread slot.
+Lines thread_block(int idx, int cls, int alive, int process, int tid, int util, int prio) {
+    return {err(format("[RT_Impl][Err]     ThreadIdx   = [%10d]\n", idx)),
+            err(format("[RT_Impl][Err]     ClassIdx    = [%10d]\n", cls)),
+            err(format("[RT_Impl][Err]     Alive       = [%10d]\n", alive)),
+            err(format("[RT_Impl][Err]     ProcessID   = [%10d]\n", process)),
+            err(format("[RT_Impl][Err]     Pid         = [%10d]\n", tid)),
+            err(format("[RT_Impl][Err]     Util        = [%10d]\n", util)),
+            err(format("[RT_Impl][Err]     Priority    = [%10d]\n", prio)),
+            err("[RT_Impl][Err]     DeadlineUs  = [         0]\n"),
+            err("[RT_Impl][Err]     RuntimeUs   = [         0]\n"),
+            err("[RT_Impl][Err]     PeriodUs    = [         0]\n"),
+            err("[RT_Impl][Err] \n")};
+}
+
+// The lines of the dump between two exact lines (both excluded).
+std::vector<std::string> between(const LogCapture &log, const std::string &from,
+                                 const std::string &to) {
+    std::vector<std::string> all = forms(log), out;
+    bool in = false;
+    for (const std::string &form : all) {
+        if (in && form == to) return out;
+        if (in) out.push_back(form);
+        if (form == from) in = true;
+    }
+    return {"(no closing line " + to + ")"};
+}
+
+const char kThreadsStart[] = "[RT_Impl][Err] ==============================\n";
+const char kThreadsEnd[] = "[RT_Impl][Err] --------End of Threads--------\n";
+const char kClosing[] = "[RT_Impl][Err] =========================\n";
+
+TEST_F(Dump, RealDomainPrintsTheWholeSequenceOfHeaderFieldClassThreadAndKernelLines) {
+    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    TestThread sleeper;
+    Admissions admissions;
+    ASSERT_EQ(admissions.add(kMeter, "Class_Meter", sleeper.tid()), RT_SUCCESS);
+    ASSERT_EQ(pstTop->u32DomainMapNum, 1u);
+    void *addr = pstTop->astDomainMap[0].pvDomainAddr;
+    int pid = getpid(), tid = sleeper.tid();
+
+    QX_REALTIME_SetDebugLevel(64);
+    LogCapture log;
+    EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_SUCCESS);
+
+    // Two classes of 88 bytes after the 1100-byte record, then one 96-byte thread slot.
+    Lines expected = {
+        err(format("[RT_Impl][Err] [%s] %s is used in pid(%d)\n", kDump, kMeter, pid)),
+        err("[RT_Impl][Err] ==================================\n"),
+        err("[RT_Impl][Err] ========== Domain: [Domain_Meter] ==========\n"),
+        err(format("[RT_Impl][Err] %30s=%p\n", "DomainStartAddr", addr)),
+        err(format("[RT_Impl][Err] %30s=0x%x\n", "s32NextOffset", 1100 + 2 * 88 + 96)),
+        err(format("[RT_Impl][Err] %30s=0x%x\n", "s32ClassStartOffset", 1100)),
+        err(format("[RT_Impl][Err] %30s=%20d\n", "s32ClassNum", 2)),
+        err(format("[RT_Impl][Err] %30s=0x%x\n", "s32ThreadStartOffset", 1100 + 2 * 88)),
+        err(format("[RT_Impl][Err] %30s=%20d\n", "s32ThreadNum", 1)),
+        err("[RT_Impl][Err] ==================================\n"),
+        err(format("[RT_Impl][Err] %30s=%20d\n", "s32CapPerCore", 1024)),
+        err(format("[RT_Impl][Err] %30s=%20d\n", "s32UtilMax", 512)),
+        err(format("[RT_Impl][Err] %30s=%20d\n", "s32UtilCurrent", 100)),
+        err(format("[RT_Impl][Err] %30s=%20s\n", "pszCpuset", "0")),
+        err(format("[RT_Impl][Err] %30s=%20d\n", "s32CpuNum", 1)),
+        err(format("[RT_Impl][Err] %30s=%20d\n", "s32RtRuntimeUs", 0)),
+        err(format("[RT_Impl][Err] %30s=%60s\n", "pszCpusetPathTasks", "/dev/cpuset/Domain_Meter/tasks")),
+        err(format("[RT_Impl][Err] %30s=%60s\n", "pszCpuacctPathTasks", "/dev/cpuacct/Domain_Meter/tasks")),
+        err(format("[RT_Impl][Err] %30s=%20d\n", "s32MemHighPrioResource", 3)),
+        err(format("[RT_Impl][Err] %30s=%20d\n", "s32MemHighPrioUsage", 0)),
+        err(format("[RT_Impl][Err] %30s=%20d\n", "s32MemHighPrioAvailable", 3)),
+        err(format("[RT_Impl][Err] %30s=[ ", "s32ProcessIDList")),
+        err(format("[RT_Impl][Err] %5d ", pid)),
+        info("[RT_Impl][Info]  ]\n"),
+        err("[RT_Impl][Err] -------- Class[ 0]: [Class_Meter], ClassUtil/thread = [100], "
+            "RT_Priority = [1], DL_DeadlineUs = [0], DL_RuntimeUs = [0], DL_PeriodUs = [0];"
+            "--------\n"),
+        err("[RT_Impl][Err] -------- Class[ 1]: [Class_Other], ClassUtil/thread = [50], "
+            "RT_Priority = [2], DL_DeadlineUs = [0], DL_RuntimeUs = [0], DL_PeriodUs = [0];"
+            "--------\n"),
+        err(kThreadsStart)};
+    Lines block = thread_block(0, 0, 1, pid, tid, 100, 1);
+    expected.insert(expected.end(), block.begin(), block.end());
+    expected.push_back(err(kThreadsEnd));
+    expected.push_back(info(format("[RT_Impl][Info] Info from [/dev/cpuset/Domain_Meter/tasks]:\n%d\n\n", tid)));
+    expected.push_back(info(format("[RT_Impl][Info] Info from [/dev/cpuacct/Domain_Meter/tasks]:\n%d\n\n", tid)));
+    expected.push_back(err(kClosing));
+    EXPECT_EQ(dump_lines(log), expected) << show(dump_lines(log));
+    EXPECT_EQ(log.count(QX_LOG_PRIO_INFO, "[RT_Impl][DBG] [QX_REALTIME_DumpDomainInfo] exit, OK.\n"), 1);
+}
+
+TEST_F(Dump, AdmittedThreadAppearsInTheKernelsCpusetAndCpuacctTaskLists) {
+    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    TestThread sleeper;
+    Admissions admissions;
+    ASSERT_EQ(admissions.add(kMeter, "Class_Meter", sleeper.tid()), RT_SUCCESS);
+    // What the kernel says, asked directly.
+    ASSERT_TRUE(tasks_file_lists("/dev/cpuset/Domain_Meter/tasks", sleeper.tid()));
+    ASSERT_TRUE(tasks_file_lists("/dev/cpuacct/Domain_Meter/tasks", sleeper.tid()));
+
+    QX_REALTIME_SetDebugLevel(64);
+    LogCapture log;
+    EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_SUCCESS);
+    EXPECT_TRUE(log.has_info(format(
+        "[RT_Impl][Info] Info from [/dev/cpuset/Domain_Meter/tasks]:\n%d\n\n", sleeper.tid())))
+        << log.dump();
+    EXPECT_TRUE(log.has_info(format(
+        "[RT_Impl][Info] Info from [/dev/cpuacct/Domain_Meter/tasks]:\n%d\n\n", sleeper.tid())))
+        << log.dump();
+}
+
+TEST_F(Dump, DefaultLevelShowsTheDumpButNeitherTheListClosureNorTheKernelLists) {
+    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    LogCapture log;
+    EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_SUCCESS);
+    Lines lines = dump_lines(log);
+    for (const auto &line : lines) EXPECT_EQ(line.first, QX_LOG_PRIO_ERROR) << line.second;
+    EXPECT_EQ(log.count_containing("Info from"), 0);
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back().second, kClosing);
+}
+
+TEST_F(Dump, UnknownNameReturnsNullAndPrintsOnlyTheMissingDomainError) {
+    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    const Lines only = {err("[RT_Impl][Err] [QX_REALTIME_DumpDomainInfo] pstDomain is NULL for "
+                            "[Domain_Nope].\n")};
+    {
+        LogCapture log;
+        EXPECT_EQ(QX_REALTIME_DumpDomainInfo("Domain_Nope"), RT_ERR_NULL);
+        EXPECT_EQ(dump_lines(log), only) << log.dump();
+        EXPECT_EQ(log.lines().size(), 1u) << log.dump();
+    }
+    // With the traces on, nothing else shows but traces.
+    QX_REALTIME_SetDebugLevel(64);
+    LogCapture log;
+    EXPECT_EQ(QX_REALTIME_DumpDomainInfo("Domain_Nope"), RT_ERR_NULL);
+    EXPECT_EQ(dump_lines(log), only) << log.dump();
+}
+
+TEST_F(Dump, NotEnabledPrintsNothingButDebugLinesAndSucceeds) {
+    ASSERT_EQ(start_framework(meter_domain(), 1024, 0), RT_SUCCESS);
+    QX_REALTIME_SetDebugLevel(64);
+    LogCapture log;
+    EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_SUCCESS);
+    EXPECT_EQ(QX_REALTIME_DumpDomainInfo("All"), RT_SUCCESS);
+    EXPECT_EQ(dump_lines(log), Lines{}) << log.dump();
+    EXPECT_EQ(log.count(QX_LOG_PRIO_INFO, format("[RT_Impl][DBG] [%s] enter: pid=%d, tid=%d;\n",
+                                                 kDump, getpid(), (int)gettid())),
+              2)
+        << log.dump();
+}
+
+TEST_F(Dump, ThreeThreadSlotsWithOneFreePrintThreeBlocksTheFreeOneNotAlive) {
+    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    TestThread t0, t1, t2;
+    Admissions admissions;
+    ASSERT_EQ(admissions.add(kMeter, "Class_Meter", t0.tid()), RT_SUCCESS);
+    ASSERT_EQ(admissions.add(kMeter, "Class_Other", t1.tid()), RT_SUCCESS);
+    ASSERT_EQ(admissions.add(kMeter, "Class_Meter", t2.tid()), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_RemoveThread(kMeter, t1.tid()), RT_SUCCESS);
+
+    LogCapture log;
+    EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_SUCCESS);
+    std::vector<std::string> threads = between(log, kThreadsStart, kThreadsEnd);
+    ASSERT_EQ(threads.size(), 33u) << join(threads);
+    int pid = getpid();
+    Lines expected = thread_block(0, 0, 1, pid, t0.tid(), 100, 1);
+    Lines freed = thread_block(1, 1, 0, pid, t1.tid(), 50, 2);
+    Lines third = thread_block(2, 0, 1, pid, t2.tid(), 100, 1);
+    expected.insert(expected.end(), freed.begin(), freed.end());
+    expected.insert(expected.end(), third.begin(), third.end());
+    for (size_t i = 0; i < expected.size(); i++) EXPECT_EQ(threads[i], expected[i].second) << i;
+}
+
+TEST_F(Dump, ProcessIdListPrintsOnlyTheNonZeroEntries) {
+    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    QX_REALTIME_DOMAIN_t *rec = map_domain_file(kMeter);
+    ASSERT_NE(rec, nullptr);
+    memset(rec->s32ProcessIDList, 0, sizeof(rec->s32ProcessIDList));
+    rec->s32ProcessIDList[1] = 1234;
+    rec->s32ProcessIDList[3] = 5678;
+
+    QX_REALTIME_SetDebugLevel(64);
+    LogCapture log;
+    EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_SUCCESS);
+    std::vector<std::string> list =
+        between(log, format("[RT_Impl][Err] %30s=[ ", "s32ProcessIDList"), "[RT_Impl][Info]  ]\n");
+    EXPECT_EQ(list, (std::vector<std::string>{"[RT_Impl][Err]  1234 ", "[RT_Impl][Err]  5678 "}))
+        << log.dump();
+}
+
+TEST_F(Dump, UnreadableTaskFilesAreReportedAndTheDumpStillClosesAndSucceeds) {
+    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    // The kernel removes an empty control group with its files.
+    ASSERT_EQ(rmdir("/dev/cpuset/Domain_Meter"), 0) << strerror(errno);
+    ASSERT_EQ(rmdir("/dev/cpuacct/Domain_Meter"), 0) << strerror(errno);
+
+    LogCapture log;
+    EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_SUCCESS);
+    EXPECT_TRUE(log.has_error(
+        "[RT_Impl][Err] Read /dev/cpuset/Domain_Meter/tasks failed in QX_REALTIME_DumpDomainInfo.\n"))
+        << log.dump();
+    EXPECT_TRUE(log.has_error(
+        "[RT_Impl][Err] Read /dev/cpuacct/Domain_Meter/tasks failed in QX_REALTIME_DumpDomainInfo.\n"))
+        << log.dump();
+    std::vector<std::string> errors = error_forms(log);
+    ASSERT_FALSE(errors.empty());
+    EXPECT_EQ(errors.back(), kClosing) << log.dump();
+}
+
+TEST_F(Dump, AllAndNamesBeginningWithAllListTheLiveThreadsOfEveryDomain) {
+    ASSERT_EQ(start_framework(meter_domain() + ",\n" + spare_domain()), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kSpare), RT_SUCCESS);
+    // Another program with a short command line (the listing names it by its first word).
+    pid_t sleeper = fork();
+    if (sleeper == 0) {
+        execlp("sleep", "sleep", "60", (char *)nullptr);
+        _exit(127);
+    }
+    ASSERT_GT(sleeper, 0);
+    ChildGuard guard(sleeper);
+    ASSERT_TRUE(wait_for_comm(sleeper, "sleep\n"));
+    Admissions admissions;
+    ASSERT_EQ(admissions.add(kMeter, "Class_Other", sleeper), RT_SUCCESS);
+
+    std::vector<std::string> expected = {
+        "[RT_Impl][Err] ============================ Domain: [Domain_Meter] "
+        "===========================\n",
+        format("[RT_Impl][Err] [%5d]%-45s [%5d]%-16s %s\n", sleeper, "sleep", sleeper, "sleep",
+               "Class_Other"),
+        "[RT_Impl][Err] \n",
+        "[RT_Impl][Err] ============================ Domain: [Domain_Spare] "
+        "===========================\n",
+        "[RT_Impl][Err] \n"};
+    for (const char *name : {"All", "Allocator"}) {
+        LogCapture log;
+        EXPECT_EQ(QX_REALTIME_DumpDomainInfo(name), RT_SUCCESS) << name;
+        EXPECT_EQ(forms(log), expected) << name << "\n" << log.dump();
+    }
+}
+
+TEST_F(Dump, AllSucceedsEvenWhenTheThreadListingStopsEarly) {
+    ASSERT_EQ(start_framework(meter_domain() + ",\n" + spare_domain()), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kSpare), RT_SUCCESS);
+    pid_t gone;
+    {
+        TestThread shortlived;
+        gone = shortlived.tid();
+        ASSERT_EQ(QX_REALTIME_AddThread(kMeter, "Class_Meter", gone, 0), RT_SUCCESS);
+    }
+    // A slot without a process id whose thread has exited: the listing can't name it and stops.
+    QX_REALTIME_DOMAIN_t *rec = map_domain_file(kMeter);
+    ASSERT_NE(rec, nullptr);
+    QX_REALTIME_THREAD_t *slot =
+        (QX_REALTIME_THREAD_t *)((char *)rec + rec->s32ThreadStartOffset);
+    ASSERT_EQ(slot->Pid, gone);
+    slot->ProcessID = 0;
+    ASSERT_FALSE(file_exists(format("/proc/%d/comm", (int)gone)));
+
+    LogCapture log;
+    EXPECT_EQ(QX_REALTIME_DumpDomainInfo("All"), RT_SUCCESS);
+    // Domain_Spare is never reached.
+    std::vector<std::string> expected = {
+        "[RT_Impl][Err] ============================ Domain: [Domain_Meter] "
+        "===========================\n",
+        format("[RT_Impl][Err] [_QX_REALTIME_FileReader] Failed to open /proc/%d/comm: No such "
+               "file or directory.\n",
+               (int)gone)};
+    EXPECT_EQ(error_forms(log), expected) << log.dump();
+    log.clear();
+    EXPECT_EQ(QX_REALTIME_DumpDomainInfo("Allocator"), RT_SUCCESS);
+    EXPECT_EQ(error_forms(log), expected) << log.dump();
+}
+
+}  // namespace
