@@ -510,10 +510,39 @@ uint32_t QX_REALTIME_AddThread_Lite(const char *pszDomainName, const char *pszCl
 
 // ---- removal and update ----
 
+// The smallest reservation the kernel accepts: 1024 ns every 4 s. Its bandwidth rounds to zero in
+// the kernel's fixed-point accounting, so nothing stays booked for it.
+#define QX_DL_MINIMAL_RUNTIME_NS 1024ull
+#define QX_DL_MINIMAL_PERIOD_NS 4000000000ull
+
 // Restores the attributes saved at admission.
-static int qx_restore_attr(int32_t s32Tid, const QX_REALTIME_THREAD_t *pstThread) {
+//
+// A SCHED_DEADLINE thread that is asleep when it is switched straight to another policy keeps
+// its bandwidth booked in the kernel's admission control long after (40 s and more measured),
+// and a handful of such removals leaves the machine unable to admit any deadline thread (EBUSY).
+// A change of parameters *within* SCHED_DEADLINE gives the old bandwidth back at once, so such a
+// thread is first stepped down to the minimal reservation and only then given its saved
+// attributes. If the kernel refuses the step, the direct switch below still restores the thread.
+static int qx_restore_attr(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid,
+                           const QX_REALTIME_THREAD_t *pstThread) {
     struct qx_sched_attr stAttr;
     memcpy(&stAttr, pstThread->stSavedAttr, sizeof(stAttr));
+    if (pstDomain->u32SchedType == RT_SCHED_TYPE_DEADLINE &&
+        stAttr.sched_policy != RT_SCHED_DEADLINE) {
+        struct qx_sched_attr stNow;
+        memset(&stNow, 0, sizeof(stNow));
+        if (qx_sched_getattr(s32Tid, &stNow, QX_SCHED_ATTR_SIZE, 0) == 0 &&
+            stNow.sched_policy == RT_SCHED_DEADLINE) {
+            struct qx_sched_attr stMinimal;
+            memset(&stMinimal, 0, sizeof(stMinimal));
+            stMinimal.size = QX_SCHED_ATTR_SIZE;
+            stMinimal.sched_policy = RT_SCHED_DEADLINE;
+            stMinimal.sched_runtime = QX_DL_MINIMAL_RUNTIME_NS;
+            stMinimal.sched_deadline = QX_DL_MINIMAL_PERIOD_NS;
+            stMinimal.sched_period = QX_DL_MINIMAL_PERIOD_NS;
+            (void)qx_sched_setattr(s32Tid, &stMinimal, 0);
+        }
+    }
     return qx_sched_setattr(s32Tid, &stAttr, 0);
 }
 
@@ -555,7 +584,7 @@ uint32_t QX_REALTIME_RemoveThread(const char *pszDomainName, int32_t s32Tid) {
             u32Ret = RT_ERR_SYSTEM;
             break;
         }
-        if (qx_restore_attr(s32Tid, pstThread) == -1) {
+        if (qx_restore_attr(pstDomain, s32Tid, pstThread) == -1) {
             RT_LOGE("[RT_Impl][Err] _QX_REALTMIE_SchedSetAttr fails to restore setting, errno=%s\n",
                     RT_ERRNO_STR);
             u32Ret = RT_ERR_SCHED_SETATTR;

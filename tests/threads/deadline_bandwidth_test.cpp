@@ -1,0 +1,72 @@
+// Removing a deadline thread while it sleeps must give its bandwidth back to the kernel at once.
+// A thread switched straight from SCHED_DEADLINE to SCHED_OTHER while asleep keeps its
+// reservation booked in the kernel's admission control for 40 s and more; a handful of such
+// removals leaves the whole machine unable to admit any deadline thread (EBUSY).
+#include <sched.h>
+#include <unistd.h>
+
+#include "threads_support.h"
+
+using namespace qxt;
+using namespace qxt_threads;
+
+namespace {
+
+const char kBw[] = "Domain_Bw";
+
+// 20 ms every 100 ms is a fifth of a CPU: the 2 CPUs of the test machine (95 % each for deadline
+// tasks) hold nine such reservations, so a leak shows within ten cycles.
+std::string bw_domain() {
+    return dl_domain(kBw, 1000, "1", {{"Class_Fifth", 20000, 100000, 100000}});
+}
+
+// Drops, on the way out, whatever a failing run left booked, so that the deadline tests running
+// beside this one are not starved.
+struct DropLeakedBandwidth {
+    ~DropLeakedBandwidth() { rebuild_sched_domains(); }
+};
+
+}  // namespace
+
+TEST(DeadlineBandwidth, RemovingSleepingDeadlineThreadGivesItsBandwidthBackAtOnce) {
+    QXT_REQUIRE_SANDBOX();
+    start({bw_domain()}, {kBw});
+    if (HasFatalFailure()) return;
+    rebuild_sched_domains();  // start from a kernel that holds no stray reservation
+    DropLeakedBandwidth guard;
+
+    TestThread t;
+    ASSERT_TRUE(set_other_nice(t.tid(), 5));
+    const SchedInfo before = sched_of(t.tid());
+    const int kCycles = 30;
+    for (int cycle = 1; cycle <= kCycles; cycle++) {
+        usleep(3000);  // asleep, as a client thread waiting for work
+        LogCapture log;
+        ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kBw, "Class_Fifth", t.tid(), 0))
+            << "cycle " << cycle << " of " << kCycles << "\n" << log.dump();
+        ASSERT_EQ((uint32_t)SCHED_DEADLINE, sched_of(t.tid()).policy);
+        ASSERT_EQ("/Domain_Bw", cgroup_of(t.tid(), "cpuset"));
+        usleep(3000);  // wakes, runs a little as a deadline task, sleeps again
+        log.clear();
+        ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kBw, t.tid())) << "cycle " << cycle << "\n"
+                                                                      << log.dump();
+        // The removal looks exactly as before: its own messages, nothing more.
+        EXPECT_EQ(0, error_count(log)) << log.dump();
+        EXPECT_TRUE(log.has_info("[RT_Impl][Info] s32UtilCurrent in Domain(Domain_Bw) is 0.\n"))
+            << log.dump();
+        EXPECT_TRUE(log.has_info(format(
+            "[RT_Impl][DBG] [QX_REALTIME_RemoveThread] for pid=[%d] successfully.\n", (int)t.tid())))
+            << log.dump();
+        SchedInfo s = sched_of(t.tid());
+        ASSERT_EQ((uint32_t)SCHED_OTHER, s.policy);
+        ASSERT_EQ(5, s.nice);
+        ASSERT_EQ(before.runtime, s.runtime);
+        ASSERT_EQ(0u, s.flags);
+        ASSERT_EQ("/", cgroup_of(t.tid(), "cpuset"));
+    }
+    // Any other thread still gets a deadline reservation.
+    TestThread fresh;
+    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kBw, "Class_Fifth", fresh.tid(), 0));
+    EXPECT_EQ((uint32_t)SCHED_DEADLINE, sched_of(fresh.tid()).policy);
+    EXPECT_EQ(200, map_domain_file(kBw)->s32UtilCurrent);
+}

@@ -1,0 +1,106 @@
+// The reserved memory high-priority calls: they answer success, report that the query is not
+// implemented yet, and touch no shared data.
+#include <unistd.h>
+
+#include "threads_support.h"
+
+using namespace qxt;
+using namespace qxt_threads;
+
+namespace {
+
+const char kEnable[] = "QX_REALTIME_EnableMemoryHighPriority";
+const char kDisable[] = "QX_REALTIME_DisableMemoryHighPriority";
+
+std::string entered(const char *op) {
+    return format("[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld;\n", op, (int)getpid(), (long)gettid());
+}
+
+std::string exited(const char *op) {
+    return format("[RT_Impl][DBG] [%s] exit, OK.\n", op);
+}
+
+}  // namespace
+
+TEST(MemoryHighPriority, QueryLogsNotReadyWithCallersValueAndLeavesItInPlace) {
+    QXT_REQUIRE_SANDBOX();
+    start({rr_domain("Domain_Rr", 500, "1", {{"Class_A", 100, 10}})}, {"Domain_Rr"});
+    if (HasFatalFailure()) return;
+    int32_t avail = 42;
+    LogCapture log;
+    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_GetAvailableHighPriorityResource(&avail));
+    EXPECT_EQ(42, avail);
+    EXPECT_EQ(1, log.count(QX_LOG_PRIO_ERROR, "[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] "
+                                              "The function isn't ready. *ps32Avai=42\n"))
+        << log.dump();
+    avail = -7;
+    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_GetAvailableHighPriorityResource(&avail));
+    EXPECT_EQ(-7, avail);
+    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] The "
+                              "function isn't ready. *ps32Avai=-7\n"))
+        << log.dump();
+}
+
+TEST(MemoryHighPriority, EnableAndDisableInAnyOrderSucceedAndChangeNoSharedField) {
+    QXT_REQUIRE_SANDBOX();
+    start({rr_domain("Domain_Rr", 500, "1", {{"Class_A", 100, 10}})}, {"Domain_Rr"});
+    if (HasFatalFailure()) return;
+    TestThread t;
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_Rr", "Class_A", t.tid(), 0));
+    std::vector<uint8_t> domain_before = segment_bytes("Domain_Rr");
+    std::vector<uint8_t> central_before = central_bytes();
+    ASSERT_EQ((size_t)RT_SHM_SIZE, domain_before.size());
+    ASSERT_EQ((size_t)RT_SHM_SIZE, central_before.size());
+
+    LogCapture log;
+    const bool sequence[] = {true, true, false, true, false, false, false, true};
+    for (bool enable : sequence)
+        EXPECT_EQ(RT_SUCCESS, enable ? QX_REALTIME_EnableMemoryHighPriority()
+                                     : QX_REALTIME_DisableMemoryHighPriority());
+    int32_t avail = 42;
+    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_GetAvailableHighPriorityResource(&avail));
+
+    EXPECT_EQ(domain_before, segment_bytes("Domain_Rr"));
+    EXPECT_EQ(central_before, central_bytes());
+    QX_REALTIME_DOMAIN_t *d = map_domain_file("Domain_Rr");
+    EXPECT_EQ(3, d->s32MemHighPrioResource);
+    EXPECT_EQ(0, d->s32MemHighPrioUsage);
+    EXPECT_EQ(3, d->s32MemHighPrioAvailable);
+    EXPECT_EQ(4, log.count(QX_LOG_PRIO_INFO, entered(kEnable))) << log.dump();
+    EXPECT_EQ(4, log.count(QX_LOG_PRIO_INFO, exited(kEnable))) << log.dump();
+    EXPECT_EQ(4, log.count(QX_LOG_PRIO_INFO, entered(kDisable))) << log.dump();
+    EXPECT_EQ(4, log.count(QX_LOG_PRIO_INFO, exited(kDisable))) << log.dump();
+    // Nothing else is reported: no lock taken, no segment touched.
+    EXPECT_EQ(1, error_count(log)) << log.dump();
+    EXPECT_EQ(17, (int)log.lines().size()) << log.dump();
+    // The admitted thread is untouched.
+    EXPECT_EQ((uint32_t)SCHED_RR, sched_of(t.tid()).policy);
+    EXPECT_EQ("/Domain_Rr", cgroup_of(t.tid(), "cpuset"));
+}
+
+TEST(MemoryHighPriority, CallsAnswerSuccessEvenBeforeAnyInit) {
+    QXT_REQUIRE_SANDBOX();
+    LogCapture log;
+    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_EnableMemoryHighPriority());
+    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_DisableMemoryHighPriority());
+    int32_t avail = 42;
+    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_GetAvailableHighPriorityResource(&avail));
+    EXPECT_EQ(42, avail);
+    // At the default level 32 only the error-level report shows.
+    EXPECT_EQ(1, (int)log.lines().size()) << log.dump();
+    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] The "
+                              "function isn't ready. *ps32Avai=42\n"))
+        << log.dump();
+    EXPECT_FALSE(file_exists(RT_SHM_PREFIX "Global"));
+}
+
+// The query reads the caller's value for its report; a NULL pointer is refused rather than
+// dereferenced.
+TEST(MemoryHighPriority, QueryWithNullPointerIsRefusedWithoutCrash) {
+    QXT_REQUIRE_SANDBOX();
+    LogCapture log;
+    EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_GetAvailableHighPriorityResource(nullptr));
+    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] Arg is "
+                              "NULL.\n"))
+        << log.dump();
+}

@@ -1,0 +1,157 @@
+#include "threads_support.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace qxt_threads {
+
+std::string rr_domain(const std::string &name, int util, const std::string &cpuset,
+                      const std::vector<RrClass> &classes) {
+    std::string text = qxt::format("    \"%s\": {\n        \"Util\": %d,\n        \"Cpuset\": \"%s\"",
+                                   name.c_str(), util, cpuset.c_str());
+    for (const RrClass &c : classes)
+        text += qxt::format(",\n        \"%s\": {\n            \"Util\": %d,\n"
+                            "            \"RT_Priority\": %d\n        }",
+                            c.name.c_str(), c.util, c.priority);
+    return text + "\n    }";
+}
+
+std::string dl_domain(const std::string &name, int util, const std::string &cpuset,
+                      const std::vector<DlClass> &classes) {
+    std::string text = qxt::format("    \"%s\": {\n        \"Util\": %d,\n        \"Cpuset\": \"%s\"",
+                                   name.c_str(), util, cpuset.c_str());
+    for (const DlClass &c : classes)
+        text += qxt::format(",\n        \"%s\": {\n            \"DL_RuntimeUs\": %d,\n"
+                            "            \"DL_DeadlineUs\": %d,\n            \"DL_PeriodUs\": %d\n"
+                            "        }",
+                            c.name.c_str(), c.runtime_us, c.deadline_us, c.period_us);
+    return text + "\n    }";
+}
+
+void start(const std::vector<std::string> &domain_objects,
+           std::initializer_list<const char *> create) {
+    std::string domains;
+    for (const std::string &d : domain_objects) domains += (domains.empty() ? "" : ",\n") + d;
+    // DbgLevel 4: errors, info and debug messages all reach the log.
+    qxt::install_config("threads", qxt::config_with(1, kCapPerCore, 4, 100, 2, domains));
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
+    for (const char *name : create) ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain(name)) << name;
+}
+
+static std::vector<uint8_t> file_bytes(const std::string &path) {
+    std::string text = qxt::read_file(path);
+    return std::vector<uint8_t>(text.begin(), text.end());
+}
+
+std::vector<uint8_t> segment_bytes(const std::string &domain) {
+    return file_bytes(RT_SHM_PREFIX + domain);
+}
+
+std::vector<uint8_t> central_bytes() {
+    return file_bytes(RT_SHM_PREFIX "Global");
+}
+
+QX_REALTIME_THREAD_t *slot(QX_REALTIME_DOMAIN_t *pstDomain, int i) {
+    return (QX_REALTIME_THREAD_t *)((char *)pstDomain + pstDomain->s32ThreadStartOffset +
+                                    RT_THREAD_SIZE * i);
+}
+
+QX_REALTIME_THREAD_t *live_slot(QX_REALTIME_DOMAIN_t *pstDomain, pid_t tid) {
+    for (int i = 0; i < pstDomain->s32ThreadNum; i++)
+        if (slot(pstDomain, i)->Alive != 0 && slot(pstDomain, i)->Pid == tid) return slot(pstDomain, i);
+    return nullptr;
+}
+
+int live_slot_count(QX_REALTIME_DOMAIN_t *pstDomain) {
+    int n = 0;
+    for (int i = 0; i < pstDomain->s32ThreadNum; i++) n += slot(pstDomain, i)->Alive != 0;
+    return n;
+}
+
+int live_util_sum(QX_REALTIME_DOMAIN_t *pstDomain) {
+    int sum = 0;
+    for (int i = 0; i < pstDomain->s32ThreadNum; i++)
+        if (slot(pstDomain, i)->Alive != 0) sum += slot(pstDomain, i)->Util;
+    return sum;
+}
+
+QX_REALTIME_CLASS_t *class_record(QX_REALTIME_DOMAIN_t *pstDomain, const std::string &name) {
+    for (int i = 0; i < pstDomain->s32ClassNum; i++) {
+        auto *pstClass = (QX_REALTIME_CLASS_t *)((char *)pstDomain + pstDomain->s32ClassStartOffset +
+                                                 RT_CLASS_SIZE * i);
+        if (name == pstClass->szClassName) return pstClass;
+    }
+    return nullptr;
+}
+
+uint32_t saved_policy(const QX_REALTIME_THREAD_t *pstThread) {
+    struct qx_sched_attr attr;
+    memcpy(&attr, pstThread->stSavedAttr, sizeof(attr));
+    return attr.sched_policy;
+}
+
+static bool set_attr(pid_t tid, uint32_t policy, int nice, uint32_t priority) {
+    struct qx_sched_attr attr;
+    memset(&attr, 0, sizeof(attr));
+    attr.size = sizeof(attr);
+    attr.sched_policy = policy;
+    attr.sched_nice = nice;
+    attr.sched_priority = priority;
+    return syscall(SYS_sched_setattr, tid, &attr, 0) == 0;
+}
+
+bool set_other_nice(pid_t tid, int nice) {
+    return set_attr(tid, SCHED_OTHER, 0, 0) && setpriority(PRIO_PROCESS, (id_t)tid, nice) == 0;
+}
+
+bool set_rr(pid_t tid, int priority) {
+    return set_attr(tid, SCHED_RR, 0, (uint32_t)priority);
+}
+
+bool set_deadline(pid_t tid, uint64_t runtime_ns, uint64_t deadline_ns, uint64_t period_ns) {
+    struct qx_sched_attr attr;
+    memset(&attr, 0, sizeof(attr));
+    attr.size = sizeof(attr);
+    attr.sched_policy = SCHED_DEADLINE;
+    attr.sched_runtime = runtime_ns;
+    attr.sched_deadline = deadline_ns;
+    attr.sched_period = period_ns;
+    return syscall(SYS_sched_setattr, tid, &attr, 0) == 0;
+}
+
+int error_count(const qxt::LogCapture &log) {
+    int n = 0;
+    for (const qxt::LogLine &line : log.lines()) n += line.priority == QX_LOG_PRIO_ERROR;
+    return n;
+}
+
+pid_t vanished_tid() {
+    pid_t pid = fork();
+    if (pid == 0) _exit(0);
+    int status;
+    waitpid(pid, &status, 0);
+    return pid;
+}
+
+void rebuild_sched_domains() {
+    std::string dir = qxt::format("/dev/cpuset/qxrt_rebuild_%d", (int)getpid());
+    if (mkdir(dir.c_str(), 0755) != 0) return;
+    std::string cpus_file = qxt::file_exists("/dev/cpuset/cpus") ? "cpus" : "cpuset.cpus";
+    std::string mems_file = qxt::file_exists("/dev/cpuset/mems") ? "mems" : "cpuset.mems";
+    qxt::write_file(dir + "/" + mems_file, qxt::read_file("/dev/cpuset/" + mems_file));
+    qxt::write_file(dir + "/" + cpus_file, qxt::read_file("/dev/cpuset/" + cpus_file));
+    rmdir(dir.c_str());
+}
+
+std::string errno_text(int err) {
+    return strerror(err);
+}
+
+}  // namespace qxt_threads

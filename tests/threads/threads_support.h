@@ -1,0 +1,81 @@
+// Helpers of the thread suite: configurations with RR and deadline domains, a started library,
+// views of the domain segment for bookkeeping checks, and a sched-domain rebuild.
+#ifndef QXRT_THREADS_SUPPORT_H
+#define QXRT_THREADS_SUPPORT_H
+
+#include <stdint.h>
+#include <sys/types.h>
+
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "test_support.h"
+
+namespace qxt_threads {
+
+// Capacity units of one busy core in every configuration of this suite; the budget of all
+// domains is 2 CPUs x 1000 x 100 % = 2000.
+constexpr int kCapPerCore = 1000;
+
+struct RrClass {
+    std::string name;
+    int util;
+    int priority;
+};
+struct DlClass {
+    std::string name;
+    int runtime_us;
+    int deadline_us;
+    int period_us;
+};
+
+// One domain object of a configuration (no surrounding braces).
+std::string rr_domain(const std::string &name, int util, const std::string &cpuset,
+                      const std::vector<RrClass> &classes);
+std::string dl_domain(const std::string &name, int util, const std::string &cpuset,
+                      const std::vector<DlClass> &classes);
+
+// Installs a configuration with the given domain objects (joined by commas), initialises the
+// library at debug level 64 (so info and debug messages reach the log) and creates the domains.
+// Fails the current test (fatally for the caller: check HasFatalFailure) when any step fails.
+void start(const std::vector<std::string> &domain_objects,
+           std::initializer_list<const char *> create);
+
+// The whole domain segment, for byte-for-byte "nothing changed" checks.
+std::vector<uint8_t> segment_bytes(const std::string &domain);
+std::vector<uint8_t> central_bytes();
+
+// Thread slot i of a mapped domain segment.
+QX_REALTIME_THREAD_t *slot(QX_REALTIME_DOMAIN_t *pstDomain, int i);
+// The in-use slot of a thread id, or nullptr.
+QX_REALTIME_THREAD_t *live_slot(QX_REALTIME_DOMAIN_t *pstDomain, pid_t tid);
+int live_slot_count(QX_REALTIME_DOMAIN_t *pstDomain);
+// Sum of Util over the in-use slots.
+int live_util_sum(QX_REALTIME_DOMAIN_t *pstDomain);
+// The class record of a name, or nullptr.
+QX_REALTIME_CLASS_t *class_record(QX_REALTIME_DOMAIN_t *pstDomain, const std::string &name);
+// The policy saved in a slot's stSavedAttr.
+uint32_t saved_policy(const QX_REALTIME_THREAD_t *pstThread);
+
+// Sets a thread's scheduling through the kernel directly (the state it has before admission).
+bool set_other_nice(pid_t tid, int nice);
+bool set_rr(pid_t tid, int priority);
+bool set_deadline(pid_t tid, uint64_t runtime_ns, uint64_t deadline_ns, uint64_t period_ns);
+
+// Number of captured lines at the error priority.
+int error_count(const qxt::LogCapture &log);
+
+// A thread id that no thread has: a child process that has already been reaped.
+pid_t vanished_tid();
+
+// Rebuilds the kernel's sched domains (a child cpuset with cpus set, created and removed): drops
+// deadline bandwidth that no task holds any more.
+void rebuild_sched_domains();
+
+// The text of an errno value as the library prints it.
+std::string errno_text(int err);
+
+}  // namespace qxt_threads
+
+#endif
