@@ -38,10 +38,12 @@ QX_REALTIME_DOMAIN_t *_QX_REALTIME_GetDomainFromName(const char *pszDomainName,
     QX_REALTIME_DOMAIN_MAP_t *pstEntry = NULL;
     uint32_t u32MapNum = pstTop->u32DomainMapNum;
     if (u32MapNum > RT_MAX_DOMAIN_MAP) u32MapNum = RT_MAX_DOMAIN_MAP;
+    // An entry without an address (left by a creation that failed after its segment was freed)
+    // counts as not found; a later entry of the same name may hold the domain's live mapping.
     for (uint32_t i = 0; i < u32MapNum; i++) {
-        if (strcmp(pstTop->astDomainMap[i].szDomainName, pszDomainName) == 0) {
-            if (pstTop->astDomainMap[i].pvDomainAddr != NULL)
-                pvAddr = pstTop->astDomainMap[i].pvDomainAddr;
+        if (pstTop->astDomainMap[i].pvDomainAddr != NULL &&
+            strcmp(pstTop->astDomainMap[i].szDomainName, pszDomainName) == 0) {
+            pvAddr = pstTop->astDomainMap[i].pvDomainAddr;
             break;
         }
     }
@@ -406,6 +408,23 @@ static char *qx_read_whole(const char *pszPath, int s32PathLen) {
     return pszText;
 }
 
+#define RT_READ_ARGV0_LEN 512
+
+// The first word of a process's command line (its program path). The file reader joins lines of
+// 127 characters and stops each at its first zero byte, so a command line longer than that comes
+// back as the first word of every 127-byte piece run together; the program is the first word only.
+static int qx_read_argv0(int32_t s32ProcessID, char *pszBuf, size_t uSize) {
+    char szPath[RT_PATH_LEN];
+    if (RT_FORMAT_PATH(szPath, "/proc/%d/cmdline", s32ProcessID) < 0) return -1;
+    int fd = open(szPath, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return -1;
+    ssize_t sLen = read(fd, pszBuf, uSize - 1);
+    close(fd);
+    if (sLen < 0) return -1;
+    pszBuf[sLen] = '\0';
+    return 0;
+}
+
 // Drops the last character (the line end of a comm file).
 static void qx_strip_last(char *pszText) {
     size_t uLen = strlen(pszText);
@@ -438,8 +457,13 @@ uint32_t _QX_REALTIME_GetAllDomainInfo(void) {
                 char *pszCmd = qx_read_whole(
                     szPath, RT_FORMAT_PATH(szPath, "/proc/%d/cmdline", pstThread->ProcessID));
                 if (pszCmd == NULL) continue;
-                char *pszSlash = strrchr(pszCmd, '/');
-                const char *pszProgram = pszSlash != NULL ? pszSlash + 1 : pszCmd;
+                char szArgv0[RT_READ_ARGV0_LEN];
+                if (qx_read_argv0(pstThread->ProcessID, szArgv0, sizeof(szArgv0)) != 0) {
+                    free(pszCmd);
+                    continue;  // the process has just gone
+                }
+                char *pszSlash = strrchr(szArgv0, '/');
+                const char *pszProgram = pszSlash != NULL ? pszSlash + 1 : szArgv0;
                 char *pszComm = qx_read_whole(
                     szPath, RT_FORMAT_PATH(szPath, "/proc/%d/task/%d/comm", pstThread->ProcessID,
                                            pstThread->Pid));
@@ -503,7 +527,11 @@ int32_t QX_REALTIME_DeleteDomain(const char *pszDomainName) {
     if (u32MapNum > RT_MAX_DOMAIN_MAP) u32MapNum = RT_MAX_DOMAIN_MAP;
     for (uint32_t i = 0; i < u32MapNum; i++) {
         QX_REALTIME_DOMAIN_MAP_t *pstEntry = &pstTop->astDomainMap[i];
-        if (strncmp(pstEntry->szDomainName, pszDomainName, RT_NAME_LEN) != 0) continue;
+        // The entry that the lookup used: an earlier entry of the same name may be one left
+        // without a mapping by a failed creation, and freeing it would leave this one behind.
+        if (pstEntry->pvDomainAddr != (void *)pstDomain ||
+            strncmp(pstEntry->szDomainName, pszDomainName, RT_NAME_LEN) != 0)
+            continue;
         qx_name_t stName = qx_name_of(pstDomain->szName);
         _QX_REALTIME_SharedMemoryFree(stName.sz, &pstEntry->s32ShmFd, pstEntry->pvDomainAddr);
         for (uint32_t j = i; j + 1 < u32MapNum; j++)

@@ -1,0 +1,152 @@
+#include "domain_suite.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace qxt_domains {
+
+std::string rr_domain(const std::string &name, int util, const std::string &cpuset,
+                      int class_util, int priority, const std::string &class_name) {
+    return qxt::format(
+        "    \"%s\": {\n"
+        "        \"Util\": %d,\n"
+        "        \"Cpuset\": \"%s\",\n"
+        "        \"%s\": {\n"
+        "            \"Util\": %d,\n"
+        "            \"RT_Priority\": %d\n"
+        "        }\n"
+        "    }",
+        name.c_str(), util, cpuset.c_str(), class_name.c_str(), class_util, priority);
+}
+
+std::string dl_domain(const std::string &name, int util, const std::string &cpuset,
+                      int runtime_us, int deadline_us, int period_us,
+                      const std::string &class_name) {
+    return qxt::format(
+        "    \"%s\": {\n"
+        "        \"Util\": %d,\n"
+        "        \"Cpuset\": \"%s\",\n"
+        "        \"%s\": {\n"
+        "            \"DL_RuntimeUs\": %d,\n"
+        "            \"DL_DeadlineUs\": %d,\n"
+        "            \"DL_PeriodUs\": %d\n"
+        "        }\n"
+        "    }",
+        name.c_str(), util, cpuset.c_str(), class_name.c_str(), runtime_us, deadline_us,
+        period_us);
+}
+
+std::string join(const std::vector<std::string> &domains) {
+    std::string out;
+    for (size_t i = 0; i < domains.size(); i++) {
+        if (i != 0) out += ",\n";
+        out += domains[i];
+    }
+    return out;
+}
+
+std::string numbered_name(int i) {
+    return qxt::format("Domain_%d", i);
+}
+
+std::vector<std::string> numbered_domains(int first, int last, int util) {
+    std::vector<std::string> out;
+    for (int i = first; i <= last; i++) out.push_back(rr_domain(numbered_name(i), util, "0"));
+    return out;
+}
+
+std::string config_of(const std::vector<std::string> &domains) {
+    return qxt::config_with(1, 1024, 4, 80, 2, join(domains));
+}
+
+int run_in_fresh_process(const std::function<int()> &fn) {
+    return qxt::run_in_child([&fn] {
+        pstTop = nullptr;  // the inherited mappings stay, unused, like any other memory
+        return fn();
+    });
+}
+
+void DomainTest::SetUp() {
+    QXT_REQUIRE_SANDBOX();
+}
+
+void DomainTest::init_with(const std::string &json) {
+    qxt::install_config("domains", json);
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0)) << log.dump();
+    ASSERT_EQ(64u, _u32DbgLevel) << "the suite's configurations carry DbgLevel 4";
+}
+
+std::string cpuset_file(const std::string &dir, const std::string &name) {
+    std::string plain = dir + "/" + name;
+    if (qxt::file_exists(plain)) return plain;
+    return dir + "/cpuset." + name;
+}
+
+std::string first_line(const std::string &path) {
+    std::string text = qxt::read_file(path);
+    size_t end = text.find('\n');
+    return end == std::string::npos ? text : text.substr(0, end);
+}
+
+pid_t dead_pid() {
+    pid_t pid = fork();
+    if (pid == 0) _exit(0);
+    int status;
+    waitpid(pid, &status, 0);
+    return pid;
+}
+
+int open_fd_count() {
+    int n = 0;
+    DIR *dir = opendir("/proc/self/fd");
+    if (dir == nullptr) return -1;
+    while (struct dirent *entry = readdir(dir))
+        if (entry->d_name[0] != '.') n++;
+    closedir(dir);
+    return n - 1;  // the directory's own descriptor
+}
+
+bool is_mapped(const void *addr) {
+    long page = sysconf(_SC_PAGESIZE);
+    void *start = (void *)((uintptr_t)addr & ~(uintptr_t)(page - 1));
+    return msync(start, (size_t)page, MS_ASYNC) == 0 || errno != ENOMEM;
+}
+
+std::string errno_text(int err) {
+    char buf[128];
+    return strerror_r(err, buf, sizeof(buf));
+}
+
+bool segment_exists(const std::string &domain) {
+    return qxt::file_exists(RT_SHM_PREFIX + domain);
+}
+
+std::vector<std::string> files_in(const std::string &dir, const std::string &prefix) {
+    std::vector<std::string> out;
+    DIR *handle = opendir(dir.c_str());
+    if (handle == nullptr) return out;
+    while (struct dirent *entry = readdir(handle)) {
+        std::string name = entry->d_name;
+        if (name == "." || name == "..") continue;
+        if (name.compare(0, prefix.size(), prefix) == 0) out.push_back(name);
+    }
+    closedir(handle);
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+std::vector<std::string> mapped_names() {
+    std::vector<std::string> out;
+    if (pstTop == nullptr) return out;
+    for (uint32_t i = 0; i < pstTop->u32DomainMapNum && i < RT_MAX_DOMAIN_MAP; i++)
+        out.push_back(pstTop->astDomainMap[i].szDomainName);
+    return out;
+}
+
+}  // namespace qxt_domains
