@@ -1140,34 +1140,73 @@ private:
         }
         const Key wanted[3] = {kUtil, kEnabled, kDbgLevel};
         const char *const names[3] = {"Util", "Enabled", "DbgLevel"};
+        int last_system_line = 0;
         for (int k = 0; k < 3; k++) {
             const Member *m = sys(wanted[k]);
-            if (m == nullptr || !m->has_int) continue;  // reported already
-            if (m->key->text != names[k]) continue;     // PerThreadUtil, reported already
+            if (m != nullptr) last_system_line = std::max(last_system_line, m->value->line);
+        }
+        for (int k = 0; k < 3; k++) {
+            const Member *m = sys(wanted[k]);
+            if (m == nullptr || m->key->text != names[k]) continue;  // reported already
             int key_line = m->key->line;
+            std::string key_colon = std::string("\"") + names[k] + "\":";
+            // The layout rules first: each says plainly what to change.
+            if (line_text(key_line).find(key_colon) == std::string::npos) {
+                error(key_line,
+                      "the start-up scan of QX_REALTIME_Init looks for " + key_colon +
+                          " and does not see this line's " + quoted(names[k]),
+                      "write " + key_colon + " with no space before the colon");
+                continue;
+            }
+            if (m->value->line != key_line) {
+                error(key_line,
+                      "the value of " + quoted(names[k]) +
+                          " is not on its line; the start-up scan of QX_REALTIME_Init reads 0",
+                      "put the value on the same line as " + quoted(names[k]));
+                continue;
+            }
+            if (others_on_line(key_line)) {
+                error(key_line,
+                      quoted(names[k]) +
+                          " shares its line with another key; the start-up scan of "
+                          "QX_REALTIME_Init reads one key per line",
+                      "put " + quoted(names[k]) + " on a line of its own");
+                continue;
+            }
+            if (!m->has_int) continue;  // a value of the wrong form, reported already
             bool right_line = seen[k].found && seen[k].line == key_line;
             bool right_value = seen[k].found && (long long)seen[k].value == m->number;
             if (right_line && right_value) continue;
-            std::string what = std::string("the start-up scan of QX_REALTIME_Init ");
-            what += seen[k].found ? "reads " + quoted(names[k]) + " as " + num(seen[k].value) +
-                                        " from line " + num(seen[k].line)
-                                  : "never finds " + quoted(std::string(names[k]) + ":");
-            what += ", not " + num(m->number) + " from this line";
-            std::string fix;
-            std::string key_text = line_text(key_line);
-            if (key_text.find(keys[k]) == std::string::npos)
-                fix = "write " + quoted(names[k]) + ": with no space before the colon";
-            else if (m->value->line != key_line)
-                fix = "put the value on the same line as " + quoted(names[k]);
-            else if (others_on_line(key_line))
-                fix = "put " + quoted(names[k]) + " on a line of its own";
-            else if (seen[k].found && seen[k].line < key_line)
-                fix = "move the System_ scope, with \"Util\", \"Enabled\" and \"DbgLevel\", above "
-                      "every other line containing \"Util\":";
-            else
-                fix = "give \"Util\", \"Enabled\" and \"DbgLevel\" each a line of its own at the "
-                      "start of the System_ scope";
-            error(key_line, what, fix);
+            error(key_line,
+                  "the start-up scan of QX_REALTIME_Init reads " + quoted(names[k]) + " as " +
+                      num(seen[k].value) +
+                      (seen[k].found ? " from line " + num(seen[k].line) : std::string(" (not found)")) +
+                      ", not " + num(m->number) + " from this line",
+                  "give \"Util\", \"Enabled\" and \"DbgLevel\" each a line of their own at the "
+                  "start of the System_ scope, above every other line containing \"Util\":");
+        }
+        // Until it has all three, the scan takes any line containing "Util": as the capacity per
+        // core; a domain's or class's Util above the System_ keys is therefore a trap even when a
+        // later line happens to set the value right again.
+        const Member *cap = sys(kUtil);
+        if (cap != nullptr && last_system_line > 0) {
+            int l = 1;
+            size_t pos = 0;
+            while (pos < text_.size() && l < last_system_line) {
+                size_t nl = text_.find('\n', pos);
+                std::string t = text_.substr(pos, nl == std::string::npos ? std::string::npos : nl - pos);
+                if (t.find("\"Util\":") != std::string::npos && l != cap->key->line) {
+                    error(l,
+                          "this line contains \"Util\": before the System_ scope's \"Util\", "
+                          "\"Enabled\" and \"DbgLevel\"; the start-up scan of QX_REALTIME_Init "
+                          "may take it as the capacity of one CPU",
+                          "move the System_ scope above every other line containing \"Util\":");
+                    break;
+                }
+                if (nl == std::string::npos) break;
+                pos = nl + 1;
+                l++;
+            }
         }
     }
 

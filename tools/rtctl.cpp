@@ -130,6 +130,7 @@ int finish(const char *command, uint32_t code) {
 struct Args {
     std::vector<std::string> pos;  // positional arguments after the subcommand
     bool overrun = false;          // --overrun
+    std::string cpus;              // lint --cpus N
 };
 
 typedef int (*Handler)(const char *name, const Args &args);
@@ -367,6 +368,13 @@ int run_mem_available(const char *name, const Args &a) {
 
 // The linter reads the file only: no shared state, no library call.
 int run_lint(const char *, const Args &a) {
+    qxrt_lint::Options options;
+    if (!a.cpus.empty()) {
+        uint32_t cpus = 0;
+        if (!parse_u32(a.cpus, &cpus) || cpus < 1 || cpus > 4096)
+            return usage_error(cmd_of("lint"), "--cpus: '" + a.cpus + "' is not a CPU count (1..4096)");
+        options.cpu_count = (int)cpus;
+    }
     const std::string &path = a.pos[0];
     std::string text;
     std::string error;
@@ -374,7 +382,7 @@ int run_lint(const char *, const Args &a) {
         printf("%s: error: cannot read the file: %s\n", path.c_str(), error.c_str());
         return 1;
     }
-    std::vector<qxrt_lint::Diagnostic> found = qxrt_lint::lint_text(text, qxrt_lint::Options());
+    std::vector<qxrt_lint::Diagnostic> found = qxrt_lint::lint_text(text, options);
     int errors = 0, warnings = 0;
     for (const qxrt_lint::Diagnostic &d : found) {
         printf("%s\n", qxrt_lint::format_diagnostic(path, d).c_str());
@@ -449,9 +457,10 @@ const Command kCommands[] = {
     {"mem-available", "[VALUE]",
      "QX_REALTIME_GetAvailableHighPriorityResource with *ps32Avai = VALUE (default 0).", 0, 1,
      false, false, run_mem_available},
-    {"lint", "FILE",
+    {"lint", "[--cpus N] FILE",
      "Checks a configuration file without touching the shared state. Prints every problem as\n"
-     "FILE:LINE: error|warning: message (fix: suggestion); exits 1 when there is an error.",
+     "FILE:LINE: error|warning: message (fix: suggestion); exits 1 when there is an error.\n"
+     "CPU sets and BudgetCpuNum are checked against this machine's CPUs, or N with --cpus.",
      1, 1, false, false, run_lint},
 };
 const size_t kCommandCount = sizeof(kCommands) / sizeof(kCommands[0]);
@@ -518,6 +527,9 @@ int main(int argc, char **argv) {
             want_help = true;
         } else if (cmd != nullptr && arg == "--overrun" && cmd->takes_overrun) {
             args.overrun = true;
+        } else if (cmd != nullptr && strcmp(cmd->name, "lint") == 0 && arg == "--cpus") {
+            if (i + 1 >= argc) return usage_error(cmd, "--cpus needs a number");
+            args.cpus = argv[++i];
         } else if (arg.size() > 1 && arg[0] == '-' && !(arg[1] >= '0' && arg[1] <= '9')) {
             return usage_error(cmd, "unknown option '" + arg + "'");
         } else if (cmd == nullptr) {

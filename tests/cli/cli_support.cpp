@@ -1,0 +1,51 @@
+#include "cli_support.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "test_support.h"
+
+namespace qxt_cli {
+
+namespace {
+std::string slurp_and_remove(const char *path) {
+    std::string text = qxt::read_file(path);
+    unlink(path);
+    return text;
+}
+}  // namespace
+
+Result rtctl(const std::vector<std::string> &args) {
+    char out_path[] = "/tmp/qxrt_cli_out.XXXXXX";
+    char err_path[] = "/tmp/qxrt_cli_err.XXXXXX";
+    int out_fd = mkstemp(out_path);
+    int err_fd = mkstemp(err_path);
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(out_fd, 1);
+        dup2(err_fd, 2);
+        std::vector<char *> argv;
+        argv.push_back(const_cast<char *>(QXRT_RTCTL));
+        for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+        argv.push_back(nullptr);
+        execv(QXRT_RTCTL, argv.data());
+        _exit(127);
+    }
+    close(out_fd);
+    close(err_fd);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    Result r;
+    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    r.out = slurp_and_remove(out_path);
+    r.err = slurp_and_remove(err_path);
+    return r;
+}
+
+void install_shipped_config() {
+    qxt::install_config("0", qxt::read_file(std::string(QXRT_SOURCE_DIR) + "/config/rt-0.json"));
+}
+
+}  // namespace qxt_cli

@@ -1,0 +1,183 @@
+// The configuration linter: a corpus of good and bad files, each with the diagnostics it must
+// produce (tests/cli/lint_corpus/NAME.expected: "LINE error|warning fragment"), the shipped
+// configurations, the report format, and `rtctl lint` as a process.
+#include <dirent.h>
+#include <sys/sysinfo.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+
+#include "cli_support.h"
+#include "config_lint.h"
+#include "test_support.h"
+
+using qxrt_lint::Diagnostic;
+using qxrt_lint::Severity;
+
+namespace {
+
+struct Expected {
+    int line;
+    Severity severity;
+    std::string fragment;
+};
+
+std::vector<Expected> read_expected(const std::string &path) {
+    std::vector<Expected> rows;
+    std::ifstream f(path);
+    std::string line;
+    while (std::getline(f, line)) {
+        if (line.empty() || line[0] == '#') continue;
+        std::istringstream in(line);
+        Expected e;
+        std::string sev;
+        in >> e.line >> sev;
+        std::getline(in, e.fragment);
+        e.fragment.erase(0, e.fragment.find_first_not_of(' '));
+        e.severity = sev == "warning" ? Severity::kWarning : Severity::kError;
+        rows.push_back(e);
+    }
+    return rows;
+}
+
+std::vector<std::string> corpus_names() {
+    std::vector<std::string> names;
+    DIR *dir = opendir(QXRT_LINT_CORPUS);
+    if (dir == nullptr) return names;
+    while (struct dirent *e = readdir(dir)) {
+        std::string n = e->d_name;
+        if (n.size() > 5 && n.compare(n.size() - 5, 5, ".json") == 0) names.push_back(n.substr(0, n.size() - 5));
+    }
+    closedir(dir);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::vector<Diagnostic> lint_for_two_cpus(const std::string &text) {
+    qxrt_lint::Options options;
+    options.cpu_count = 2;
+    return qxrt_lint::lint_text(text, options);
+}
+
+std::string describe(const std::vector<Diagnostic> &found) {
+    std::string s;
+    for (const Diagnostic &d : found) s += qxrt_lint::format_diagnostic("file", d) + "\n";
+    return s;
+}
+
+class LintCorpus : public ::testing::TestWithParam<std::string> {};
+
+}  // namespace
+
+TEST(LintCorpusFiles, CorpusIsPresentAndEveryFileHasItsExpectations) {
+    std::vector<std::string> names = corpus_names();
+    EXPECT_GE(names.size(), 15u);
+    for (const std::string &n : names)
+        EXPECT_TRUE(qxt::file_exists(std::string(QXRT_LINT_CORPUS) + "/" + n + ".expected")) << n;
+}
+
+TEST_P(LintCorpus, ReportsExactlyTheExpectedDiagnosticsOnTheirLines) {
+    const std::string base = std::string(QXRT_LINT_CORPUS) + "/" + GetParam();
+    std::vector<Diagnostic> found = lint_for_two_cpus(qxt::read_file(base + ".json"));
+    std::vector<Expected> expected = read_expected(base + ".expected");
+    ASSERT_EQ(found.size(), expected.size()) << describe(found);
+    for (size_t i = 0; i < expected.size(); i++) {
+        EXPECT_EQ(found[i].line, expected[i].line) << describe(found);
+        EXPECT_EQ(found[i].severity, expected[i].severity) << describe(found);
+        EXPECT_NE(found[i].message.find(expected[i].fragment), std::string::npos)
+            << "expected \"" << expected[i].fragment << "\" in:\n" << describe(found);
+        EXPECT_FALSE(found[i].fix.empty()) << describe(found);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, LintCorpus, ::testing::ValuesIn(corpus_names()),
+                         [](const ::testing::TestParamInfo<std::string> &info) { return info.param; });
+
+TEST(Lint, ShippedConfigurationsAreClean) {
+    for (const char *name : {"rt-0.json", "rt_verify_only.json"}) {
+        std::string text = qxt::read_file(std::string(QXRT_SOURCE_DIR) + "/config/" + name);
+        ASSERT_FALSE(text.empty()) << name;
+        EXPECT_EQ(describe(lint_for_two_cpus(text)), "") << name;
+        EXPECT_EQ(describe(qxrt_lint::lint_text(text, qxrt_lint::Options())), "") << name;
+    }
+}
+
+TEST(Lint, CpuChecksFollowTheTargetMachine) {
+    const std::string text = qxt::read_file(std::string(QXRT_LINT_CORPUS) + "/bad_cpusets.json");
+    qxrt_lint::Options four;
+    four.cpu_count = 4;
+    for (const Diagnostic &d : qxrt_lint::lint_text(text, four))
+        EXPECT_EQ(d.message.find("names CPU"), std::string::npos) << d.message;
+    bool refused_on_two = false;
+    for (const Diagnostic &d : lint_for_two_cpus(text))
+        refused_on_two = refused_on_two || d.message.find("names CPU 2") != std::string::npos;
+    EXPECT_TRUE(refused_on_two);
+}
+
+TEST(Lint, ReportFormatNamesFileLineSeverityAndFix) {
+    Diagnostic e{7, Severity::kError, "something is wrong", "do this"};
+    EXPECT_EQ(qxrt_lint::format_diagnostic("rt-0.json", e),
+              "rt-0.json:7: error: something is wrong (fix: do this)");
+    Diagnostic w{3, Severity::kWarning, "odd", ""};
+    EXPECT_EQ(qxrt_lint::format_diagnostic("x.json", w), "x.json:3: warning: odd");
+}
+
+TEST(Lint, MalformedJsonGivesLineAndColumnOfTheFirstError) {
+    std::vector<Diagnostic> found = lint_for_two_cpus("{\n  \"System_A\": {\n    \"Util\": 12 13\n  }\n}\n");
+    ASSERT_EQ(found.size(), 1u) << describe(found);
+    EXPECT_EQ(found[0].line, 3);
+    EXPECT_NE(found[0].message.find("malformed JSON at column 16"), std::string::npos) << found[0].message;
+}
+
+TEST(Lint, TheWholeFileMustBeOneObject) {
+    std::vector<Diagnostic> found = lint_for_two_cpus("\n[1, 2]\n");
+    ASSERT_EQ(found.size(), 1u) << describe(found);
+    EXPECT_EQ(found[0].line, 2);
+}
+
+TEST(RtctlLint, ErrorsExitOneAndArePrintedOnePerLine) {
+    const std::string path = std::string(QXRT_LINT_CORPUS) + "/bad_domain_key_after_class.json";
+    qxt_cli::Result r = qxt_cli::rtctl({"lint", "--cpus", "2", path});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out,
+              path + ":15: error: domain key \"Cpuset\" comes after the class \"Class_Render\" of "
+                     "\"Domain_Audio\"; the parser reads it as a key of the last class before it "
+                     "(fix: move \"Cpuset\" above \"Class_Render\")\n" +
+                  path + ": 1 error, 0 warnings\n");
+}
+
+TEST(RtctlLint, WarningsAloneExitZero) {
+    const std::string path = std::string(QXRT_LINT_CORPUS) + "/warn_unknown_keys.json";
+    qxt_cli::Result r = qxt_cli::rtctl({"lint", "--cpus", "2", path});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(r.out.find(path + ":8: warning: unknown key \"Owner\""), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find(": 0 errors, 3 warnings\n"), std::string::npos) << r.out;
+}
+
+TEST(RtctlLint, ShippedConfigurationLintsCleanOnThisMachine) {
+    if (get_nprocs() < 2) GTEST_SKIP() << "the shipped configuration is for 2 CPUs";
+    qxt_cli::Result r = qxt_cli::rtctl({"lint", std::string(QXRT_SOURCE_DIR) + "/config/rt-0.json"});
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_NE(r.out.find(": 0 errors, 0 warnings"), std::string::npos) << r.out;
+}
+
+TEST(RtctlLint, UnreadableFileIsAnError) {
+    qxt_cli::Result r = qxt_cli::rtctl({"lint", "/nonexistent/rt-9.json"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "/nonexistent/rt-9.json: error: cannot read the file: No such file or directory\n");
+}
+
+TEST(RtctlLint, LintingTouchesNoSharedState) {
+    QXT_REQUIRE_SANDBOX();
+    qxt_cli::Result r = qxt_cli::rtctl({"-v", "lint", std::string(QXRT_SOURCE_DIR) + "/config/rt-0.json"});
+    EXPECT_EQ(r.err, "");
+    EXPECT_FALSE(qxt::file_exists("/dev/shm/realtime/rt_Global"));
+    EXPECT_FALSE(qxt::file_exists("/data/vendor/realtime/flock_rt_Global"));
+}
+
+TEST(RtctlLint, BadCpuCountIsAUsageError) {
+    qxt_cli::Result r = qxt_cli::rtctl({"lint", "--cpus", "none", "x.json"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("usage: rtctl [-v] lint [--cpus N] FILE"), std::string::npos) << r.err;
+}
