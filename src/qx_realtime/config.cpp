@@ -163,27 +163,11 @@ static int qx_starts_with(const char *pszText, int s32Len, const char *pszPrefix
     return s32Len >= s32PrefixLen && strncmp(pszText, pszPrefix, (size_t)s32PrefixLen) == 0;
 }
 
-// Appends a class record for a "Class_" key; false when the segment has no room for it.
-static int qx_append_class(QX_REALTIME_DOMAIN_t *pstDomain, const char *pszName, int s32Len) {
-    int32_t s32Offset = pstDomain->s32NextOffset;
-    if (s32Offset < RT_DOMAIN_HEADER_SIZE || s32Offset % 4 != 0 ||
-        s32Offset > RT_SHM_SIZE - RT_CLASS_SIZE) {
-        RT_LOGE("[RT_Impl][Err] [%s] No room for class [%.*s] in domain [%s].\n", kParsingString,
-                s32Len, pszName, pstDomain->szName);
-        return 0;
-    }
-    QX_REALTIME_CLASS_t *pstClass = (QX_REALTIME_CLASS_t *)((char *)pstDomain + s32Offset);
-    pstClass->s32ClassId = pstDomain->s32ClassNum;
-    pstClass->s32Util = 0;
-    RT_SNPRINTF(pstClass->szClassName, "%.*s", s32Len, pszName);
-    pstDomain->s32NextOffset += RT_CLASS_SIZE;
-    pstDomain->s32ClassNum += 1;
-    pstDomain->s32ThreadStartOffset = pstDomain->s32NextOffset;
-    return 1;
-}
-
-static void qx_parse_string(QX_REALTIME_DOMAIN_t *pstDomain, const char *pszJson,
-                            const jsmntok_t *pstTok, uint64_t *pu64Status, uint8_t *pbFound) {
+// A string token, key or value alike: scope keys switch the scope, value keys mark their value as
+// due, and a due Cpuset text is taken. Named after the step its messages report.
+static void _QX_REALTIME_ParsingString(QX_REALTIME_DOMAIN_t *pstDomain, const char *pszJson,
+                                       const jsmntok_t *pstTok, uint64_t *pu64Status,
+                                       uint8_t *pbFound) {
     const char *pszText = pszJson + pstTok->start;
     int s32Len = pstTok->end - pstTok->start;
 
@@ -204,7 +188,24 @@ static void qx_parse_string(QX_REALTIME_DOMAIN_t *pstDomain, const char *pszJson
     if ((*pu64Status & (PS_DOMAIN | PS_CLASS)) == 0) return;
 
     if (qx_starts_with(pszText, s32Len, "Class_")) {
-        *pu64Status = qx_append_class(pstDomain, pszText, s32Len) ? PS_CLASS : 0;
+        // A class record is appended only where it lies wholly inside the segment; past that
+        // the class and its keys are dropped (status 0) rather than written out of bounds.
+        int32_t s32Offset = pstDomain->s32NextOffset;
+        if (s32Offset < RT_DOMAIN_HEADER_SIZE || s32Offset % 4 != 0 ||
+            s32Offset > RT_SHM_SIZE - RT_CLASS_SIZE) {
+            RT_LOGE("[RT_Impl][Err] [%s] No room for class [%.*s] in domain [%s].\n",
+                    kParsingString, s32Len, pszText, pstDomain->szName);
+            *pu64Status = 0;
+            return;
+        }
+        QX_REALTIME_CLASS_t *pstClass = (QX_REALTIME_CLASS_t *)((char *)pstDomain + s32Offset);
+        pstClass->s32ClassId = pstDomain->s32ClassNum;
+        pstClass->s32Util = 0;
+        RT_SNPRINTF(pstClass->szClassName, "%.*s", s32Len, pszText);
+        pstDomain->s32NextOffset += RT_CLASS_SIZE;
+        pstDomain->s32ClassNum += 1;
+        pstDomain->s32ThreadStartOffset = pstDomain->s32NextOffset;
+        *pu64Status = PS_CLASS;
         return;
     }
     for (const qx_key_bit &stKey : kKeyBits) {
@@ -232,77 +233,94 @@ static void qx_parse_string(QX_REALTIME_DOMAIN_t *pstDomain, const char *pszJson
                 s32Len, pszText, (unsigned long long)*pu64Status);
 }
 
-static void qx_parse_system_value(int32_t s32Value, const char *pszText, int s32Len,
-                                  uint64_t *pu64Status) {
-    QX_REALTIME_CENTRAL_t *pstCentral = pstTop->pstCentral;
-    if (*pu64Status & PS_UTIL) {
-        pstTop->s32CapPerCore = s32Value;
-        pstCentral->s32CapPerCore = s32Value;
-        RT_LOGI("[RT_Impl][Info] (Global)  UtilMax per core = [%d].\n", s32Value);
-        *pu64Status &= ~PS_UTIL;
-    } else if (*pu64Status & PS_RESERVATION) {
-        pstTop->s32UtilReservation = s32Value;
-        pstCentral->s32UtilReservation = s32Value;
-        RT_LOGI("[RT_Impl][Info] (Global)  Util Reservation = [%d%%].\n", s32Value);
-        *pu64Status &= ~PS_RESERVATION;
-    } else if (*pu64Status & PS_DBGLEVEL) {
-        pstTop->s32DbgLevel = s32Value;
-        RT_LOGI("[RT_Impl][Info] (Global)  DbgLevel = [%d].\n", s32Value);
-        *pu64Status &= ~PS_DBGLEVEL;
-    } else if (*pu64Status & PS_ENABLED) {
-        pstTop->Enabled = (uint8_t)s32Value;
-        RT_LOGI("[RT_Impl][Info] (Global)  Enabled = [%d].\n", (int)pstTop->Enabled);
-        *pu64Status &= ~PS_ENABLED;
-    } else if (*pu64Status & PS_BUDGETCPUNUM) {
-        int32_t s32Num = _QX_VarStrToInt(pszText, s32Len);
-        pstTop->s32BudgetCpuNum = s32Num;
-        pstCentral->s32BudgetCpuNum = s32Num;
-        RT_LOGI("[RT_Impl][Info] (Global)  BudgetCpuNum = [%d].\n", s32Num);
-        *pu64Status &= ~PS_BUDGETCPUNUM;
-    } else {
-        RT_LOGE("[RT_Impl][Err] [%s] Unknown System: [%.*s]; ParsingStatus=[%llu]\n",
-                kParsingScope, s32Len, pszText, (unsigned long long)*pu64Status);
-    }
-}
-
 // Domain Util: the domain's budget, and its registration in the central lists.
-static void qx_parse_domain_util(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Value,
-                                uint64_t *pu64Status) {
+enum { QX_UTIL_TAKEN, QX_UTIL_LAST_PLACE, QX_UTIL_NO_ROOM };
+static int qx_take_domain_util(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Value) {
     QX_REALTIME_CENTRAL_t *pstCentral = pstTop->pstCentral;
     pstDomain->s32UtilMax = s32Value;
     int32_t s32Num = qx_central_domain_num(pstCentral);
-    int bFound = 0;
     for (int32_t i = 0; i < s32Num; i++) {
         if (strncmp(pstCentral->szDomainNameList[i], pstDomain->szName, RT_NAME_LEN) == 0) {
-            bFound = 1;
-            break;
+            RT_LOGI("[RT_Impl][Info] [%s] existed in central data\n", pstDomain->szName);
+            return QX_UTIL_TAKEN;
         }
     }
-    if (bFound) {
-        RT_LOGI("[RT_Impl][Info] [%s] existed in central data\n", pstDomain->szName);
-    } else if (pstCentral->s32DomainNum < 0 || pstCentral->s32DomainNum >= RT_MAX_DOMAIN) {
-        // The lists hold 24 domains; a further one is refused rather than written past them.
-        RT_LOGE("[RT_Impl][Err] [%s] Domain [%s] can't be recorded: the central data holds at "
-                "most %d domains.\n",
-                kParsingScope, pstDomain->szName, RT_MAX_DOMAIN);
-        s_bCentralListFull = 1;
-        return;
-    } else {
-        int32_t s32Index = pstCentral->s32DomainNum;
-        pstCentral->s32UtilTotal += s32Value;
-        pstCentral->s32DomainUtilList[s32Index] = s32Value;
-        memcpy(pstCentral->szDomainNameList[s32Index], pstDomain->szName, RT_NAME_LEN);
-        pstCentral->szDomainNameList[s32Index][RT_NAME_LEN - 1] = '\0';
-        pstCentral->s32DomainNum = s32Index + 1;
-        // As designed: the 24th entry ends this step without its message, 0x10 left set.
-        if (pstCentral->s32DomainNum >= RT_MAX_DOMAIN) return;
-    }
-    RT_LOGI("[RT_Impl][Info] Domain [%s] UtilMax = [%d].\n", pstDomain->szName, s32Value);
-    *pu64Status &= ~PS_UTIL;
+    if (pstCentral->s32DomainNum < 0 || pstCentral->s32DomainNum >= RT_MAX_DOMAIN)
+        return QX_UTIL_NO_ROOM;
+    int32_t s32Index = pstCentral->s32DomainNum;
+    pstCentral->s32UtilTotal += s32Value;
+    pstCentral->s32DomainUtilList[s32Index] = s32Value;
+    memcpy(pstCentral->szDomainNameList[s32Index], pstDomain->szName, RT_NAME_LEN);
+    pstCentral->szDomainNameList[s32Index][RT_NAME_LEN - 1] = '\0';
+    pstCentral->s32DomainNum = s32Index + 1;
+    return pstCentral->s32DomainNum < RT_MAX_DOMAIN ? QX_UTIL_TAKEN : QX_UTIL_LAST_PLACE;
 }
 
-static void qx_parse_class_value(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Value,
-                                 const char *pszText, int s32Len, uint64_t *pu64Status) {
+// A primitive token (number, true, false, null): the value due in the current scope. Named after
+// the step its messages report.
+static void _QX_REALTIME_ParsingScope(QX_REALTIME_DOMAIN_t *pstDomain, const char *pszJson,
+                                      const jsmntok_t *pstTok, uint64_t *pu64Status) {
+    if ((*pu64Status & (PS_DOMAIN | PS_CLASS)) == 0) return;
+    const char *pszText = pszJson + pstTok->start;
+    int s32Len = pstTok->end - pstTok->start;
+    int32_t s32Value = _QX_VarStrToInt(pszText, s32Len);
+    QX_REALTIME_CENTRAL_t *pstCentral = pstTop->pstCentral;
+
+    if (*pu64Status & PS_SYSTEM) {
+        if (*pu64Status & PS_UTIL) {
+            pstTop->s32CapPerCore = s32Value;
+            pstCentral->s32CapPerCore = s32Value;
+            RT_LOGI("[RT_Impl][Info] (Global)  UtilMax per core = [%d].\n", s32Value);
+            *pu64Status &= ~PS_UTIL;
+        } else if (*pu64Status & PS_RESERVATION) {
+            pstTop->s32UtilReservation = s32Value;
+            pstCentral->s32UtilReservation = s32Value;
+            RT_LOGI("[RT_Impl][Info] (Global)  Util Reservation = [%d%%].\n", s32Value);
+            *pu64Status &= ~PS_RESERVATION;
+        } else if (*pu64Status & PS_DBGLEVEL) {
+            pstTop->s32DbgLevel = s32Value;
+            RT_LOGI("[RT_Impl][Info] (Global)  DbgLevel = [%d].\n", s32Value);
+            *pu64Status &= ~PS_DBGLEVEL;
+        } else if (*pu64Status & PS_ENABLED) {
+            pstTop->Enabled = (uint8_t)s32Value;
+            RT_LOGI("[RT_Impl][Info] (Global)  Enabled = [%d].\n", (int)pstTop->Enabled);
+            *pu64Status &= ~PS_ENABLED;
+        } else if (*pu64Status & PS_BUDGETCPUNUM) {
+            int32_t s32Num = _QX_VarStrToInt(pszText, s32Len);
+            pstTop->s32BudgetCpuNum = s32Num;
+            pstCentral->s32BudgetCpuNum = s32Num;
+            RT_LOGI("[RT_Impl][Info] (Global)  BudgetCpuNum = [%d].\n", s32Num);
+            *pu64Status &= ~PS_BUDGETCPUNUM;
+        } else {
+            RT_LOGE("[RT_Impl][Err] [%s] Unknown System: [%.*s]; ParsingStatus=[%llu]\n",
+                    kParsingScope, s32Len, pszText, (unsigned long long)*pu64Status);
+        }
+        return;
+    }
+
+    if (*pu64Status & PS_DOMAIN) {
+        if (*pu64Status & PS_UTIL) {
+            int s32Taken = qx_take_domain_util(pstDomain, s32Value);
+            if (s32Taken == QX_UTIL_NO_ROOM) {
+                // The lists hold 24 domains; a further one is refused rather than written past
+                // them, and the parse fails.
+                RT_LOGE("[RT_Impl][Err] [%s] Domain [%s] can't be recorded: the central data "
+                        "holds at most %d domains.\n",
+                        kParsingScope, pstDomain->szName, RT_MAX_DOMAIN);
+                s_bCentralListFull = 1;
+                return;
+            }
+            // As designed: the 24th entry ends this step without its message, 0x10 left set.
+            if (s32Taken == QX_UTIL_LAST_PLACE) return;
+            RT_LOGI("[RT_Impl][Info] Domain [%s] UtilMax = [%d].\n", pstDomain->szName, s32Value);
+            *pu64Status &= ~PS_UTIL;
+        } else if ((*pu64Status & PS_DESCRIPTION) == 0) {
+            RT_LOGE("[RT_Impl][Err] [%s] Unknown Domain: [%.*s]; ParsingStatus = [%llu]\n",
+                    kParsingScope, s32Len, pszText, (unsigned long long)*pu64Status);
+        }
+        return;
+    }
+
     QX_REALTIME_CLASS_t *pstClass = qx_domain_class(pstDomain, pstDomain->s32ClassNum - 1);
     if (pstClass == NULL) return;
     const char *pszDomain = pstDomain->szName;
@@ -358,60 +376,120 @@ static void qx_parse_class_value(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Val
     }
 }
 
-static void qx_parse_primitive(QX_REALTIME_DOMAIN_t *pstDomain, const char *pszJson,
-                              const jsmntok_t *pstTok, uint64_t *pu64Status) {
-    if ((*pu64Status & (PS_DOMAIN | PS_CLASS)) == 0) return;
-    const char *pszText = pszJson + pstTok->start;
-    int s32Len = pstTok->end - pstTok->start;
-    int32_t s32Value = _QX_VarStrToInt(pszText, s32Len);
+// An object or array whose children are being walked.
+typedef struct {
+    const jsmntok_t *pstTok;
+    int s32Left;      // members (object) or elements (array) not yet walked
+    int s32Consumed;  // tokens consumed so far, the container's own included
+    int bValueDue;    // object: the member's key has been walked and its value comes next
+} qx_walk_frame_t;
 
-    if (*pu64Status & PS_SYSTEM) {
-        qx_parse_system_value(s32Value, pszText, s32Len, pu64Status);
-    } else if (*pu64Status & PS_DOMAIN) {
-        if (*pu64Status & PS_UTIL)
-            qx_parse_domain_util(pstDomain, s32Value, pu64Status);
-        else if ((*pu64Status & PS_DESCRIPTION) == 0)
-            RT_LOGE("[RT_Impl][Err] [%s] Unknown Domain: [%.*s]; ParsingStatus = [%llu]\n",
-                    kParsingScope, s32Len, pszText, (unsigned long long)*pu64Status);
-    } else {
-        qx_parse_class_value(pstDomain, s32Value, pszText, s32Len, pu64Status);
-    }
-}
+#define RT_WALK_FRAMES_INLINE 16
 
+// Walks the token and everything below it in document order and returns the number of tokens
+// consumed: 1 for a string or primitive, 1 plus the children's counts for an object or array,
+// 0 for a token of no known type or past the end. An object walks, for each member, its key
+// and, when the key has a value (size at least 1), the token that follows. Nesting is unbounded
+// in a hostile file, so the walk keeps its open containers on a stack of its own rather than
+// recursing on the thread's stack.
 int _QX_JSMN_TokParsing(QX_REALTIME_DOMAIN_t *pstDomain, const char *pszJson, jsmntok_t *pstTok,
                         uint64_t *pu64ParsingStatus, uint8_t *pbFound) {
-    if (s_pstTokEnd != NULL && pstTok >= s_pstTokEnd) return 0;
-    int s32Consumed = 1;
-    switch (pstTok->type) {
-        case JSMN_OBJECT:
-            if (pstTok->size < 1) return 1;
-            for (int i = 0; i < pstTok->size; i++) {
-                jsmntok_t *pstKey = pstTok + s32Consumed;
-                int s32Key = _QX_JSMN_TokParsing(pstDomain, pszJson, pstKey, pu64ParsingStatus,
-                                                 pbFound);
-                if (s32Key == 0) break;
-                s32Consumed += s32Key;
-                if (pstKey->size >= 1)
-                    s32Consumed += _QX_JSMN_TokParsing(pstDomain, pszJson, pstTok + s32Consumed,
-                                                       pu64ParsingStatus, pbFound);
+    qx_walk_frame_t astInline[RT_WALK_FRAMES_INLINE];
+    qx_walk_frame_t *pstFrames = astInline;
+    size_t uCapacity = RT_WALK_FRAMES_INLINE;
+    size_t uDepth = 0;
+    const jsmntok_t *pstNext = pstTok;
+    int s32Done = 0;  // count of the token (or container) just finished
+
+    for (;;) {
+        // Walk the token at pstNext: a leaf finishes at once, a container with children opens.
+        if (s_pstTokEnd != NULL && pstNext >= s_pstTokEnd) {
+            s32Done = 0;
+        } else if ((pstNext->type == JSMN_OBJECT || pstNext->type == JSMN_ARRAY) &&
+                   pstNext->size >= 1) {
+            if (uDepth == uCapacity) {
+                size_t uGrown = uCapacity * 2;
+                qx_walk_frame_t *pstGrown = (qx_walk_frame_t *)malloc(uGrown * sizeof(*pstGrown));
+                if (pstGrown == NULL) {
+                    RT_LOGE("[RT_Impl][Err] [%s] Failed to malloc walk depth %d: %s.\n",
+                            "_QX_JSMN_TokParsing", (int)uGrown, RT_ERRNO_STR);
+                    if (pstFrames != astInline) free(pstFrames);
+                    return (int)(pstNext - pstTok);
+                }
+                memcpy(pstGrown, pstFrames, uDepth * sizeof(*pstGrown));
+                if (pstFrames != astInline) free(pstFrames);
+                pstFrames = pstGrown;
+                uCapacity = uGrown;
             }
-            return s32Consumed;
-        case JSMN_ARRAY:
-            for (int i = 0; i < pstTok->size; i++) {
-                int s32Elem = _QX_JSMN_TokParsing(pstDomain, pszJson, pstTok + s32Consumed,
-                                                  pu64ParsingStatus, pbFound);
-                if (s32Elem == 0) break;
-                s32Consumed += s32Elem;
+            qx_walk_frame_t *pstOpen = &pstFrames[uDepth++];
+            pstOpen->pstTok = pstNext;
+            pstOpen->s32Left = pstNext->size;
+            pstOpen->s32Consumed = 1;
+            pstOpen->bValueDue = 0;
+            pstNext = pstNext + 1;
+            continue;
+        } else {
+            switch (pstNext->type) {
+                case JSMN_OBJECT:
+                case JSMN_ARRAY:
+                    s32Done = 1;
+                    break;
+                case JSMN_STRING:
+                    _QX_REALTIME_ParsingString(pstDomain, pszJson, pstNext, pu64ParsingStatus,
+                                               pbFound);
+                    s32Done = 1;
+                    break;
+                case JSMN_PRIMITIVE:
+                    _QX_REALTIME_ParsingScope(pstDomain, pszJson, pstNext, pu64ParsingStatus);
+                    s32Done = 1;
+                    break;
+                default:
+                    s32Done = 0;
+                    break;
             }
-            return s32Consumed;
-        case JSMN_STRING:
-            qx_parse_string(pstDomain, pszJson, pstTok, pu64ParsingStatus, pbFound);
-            return 1;
-        case JSMN_PRIMITIVE:
-            qx_parse_primitive(pstDomain, pszJson, pstTok, pu64ParsingStatus);
-            return 1;
-        default:
-            return 0;
+        }
+
+        // Hand the finished count to the open containers, closing those that are complete.
+        for (;;) {
+            if (uDepth == 0) {
+                if (pstFrames != astInline) free(pstFrames);
+                return s32Done;
+            }
+            qx_walk_frame_t *pstOpen = &pstFrames[uDepth - 1];
+            int bClose = 0;
+            if (pstOpen->pstTok->type == JSMN_OBJECT && !pstOpen->bValueDue) {
+                // A key: nothing consumed ends the object; a key with a value walks it next.
+                const jsmntok_t *pstKey = pstOpen->pstTok + pstOpen->s32Consumed;
+                if (s32Done == 0) {
+                    bClose = 1;
+                } else {
+                    pstOpen->s32Consumed += s32Done;
+                    if (pstKey->size >= 1)
+                        pstOpen->bValueDue = 1;
+                    else
+                        bClose = --pstOpen->s32Left == 0;
+                }
+            } else if (pstOpen->pstTok->type == JSMN_OBJECT) {
+                // A member's value: counted whatever it consumed.
+                pstOpen->s32Consumed += s32Done;
+                pstOpen->bValueDue = 0;
+                bClose = --pstOpen->s32Left == 0;
+            } else {
+                // An array element: nothing consumed ends the array.
+                if (s32Done == 0) {
+                    bClose = 1;
+                } else {
+                    pstOpen->s32Consumed += s32Done;
+                    bClose = --pstOpen->s32Left == 0;
+                }
+            }
+            if (!bClose) {
+                pstNext = pstOpen->pstTok + pstOpen->s32Consumed;
+                break;
+            }
+            s32Done = pstOpen->s32Consumed;
+            uDepth--;
+        }
     }
 }
 
