@@ -242,6 +242,19 @@ TEST_F(CreateDomainTest, RefusedDomainKeepsItsUnitsSoEveryLaterCreationIsRefused
     EXPECT_FALSE(segment_exists("Domain_One"));
 }
 
+TEST_F(CreateDomainTest, RefusalStandsWhenItsMessagesAreNotPrinted) {
+    // DbgLevel 0: not even errors reach the log.
+    qxt::install_config("domains", qxt::config_with(1, 1024, 0, 80, 4,
+                                                     join({rr_domain("Domain_Big", 3276, "0"),
+                                                           rr_domain("Domain_One", 1, "0")})));
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
+    ASSERT_EQ(0u, _u32DbgLevel);
+    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_Big"));
+    EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_CreateDomain("Domain_One"));
+    EXPECT_FALSE(segment_exists("Domain_One"));
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+}
+
 TEST_F(CreateDomainTest, CpusetWiderThanTheMachineIsRefused) {
     int cpus = get_nprocs();
     ASSERT_LT(2 * cpus, 32);
