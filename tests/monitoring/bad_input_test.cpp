@@ -46,6 +46,22 @@ TEST_F(MonitoringBadInput, UnknownDomainReturnsNullBeforeAnySample) {
         << log.dump();
 }
 
+TEST_F(MonitoringBadInput, EmptyAndOverlongNamesAreUnknownDomains) {
+    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    const std::string overlong = "Domain_" + std::string(300, 'x');
+    for (const std::string &name : {std::string(), overlong}) {
+        LogCapture log;
+        EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(name.c_str(), 1, 1), RT_ERR_NULL);
+        EXPECT_EQ(QX_REALTIME_DumpDomainInfo(name.c_str()), RT_ERR_NULL);
+        std::vector<std::string> expected = {
+            "[RT_Impl][Err] [QX_REALTIME_GetDomainCpuUsage] pstDomain is NULL.\n",
+            format("[RT_Impl][Err] [QX_REALTIME_DumpDomainInfo] pstDomain is NULL for [%s].\n",
+                   name.c_str())};
+        EXPECT_EQ(forms(log), expected) << log.dump();
+    }
+}
+
 TEST_F(MonitoringBadInput, WithoutCentralDataBothCallsFailWithItsResult) {
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kMeter, 10, 1), RT_ERR_NULL);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <stdlib.h>
+#include <sys/file.h>
 #include <sys/inotify.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -223,6 +224,18 @@ DutyThread::~DutyThread() {
 void DutyThread::stop() {
     stop_ = true;
     if (thread_.joinable()) thread_.join();
+}
+
+BusyCpuTurn::BusyCpuTurn() {
+    for (const char *path : {"/run/lock/qxrt_busy_cpu.lock", "/tmp/qxrt_busy_cpu.lock"}) {
+        fd_ = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+        if (fd_ >= 0) break;
+    }
+    if (fd_ >= 0) flock(fd_, LOCK_EX);
+}
+
+BusyCpuTurn::~BusyCpuTurn() {
+    if (fd_ >= 0) close(fd_);
 }
 
 }  // namespace qxt_mon

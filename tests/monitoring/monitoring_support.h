@@ -94,6 +94,18 @@ private:
     std::thread thread_;
 };
 
+// Held while a test keeps a core busy: such tests of concurrent runs (ctest -j) take turns
+// instead of sharing the cores and measuring each other. A lock file outside the sandbox, so that
+// every run on the machine sees it.
+class BusyCpuTurn {
+public:
+    BusyCpuTurn();
+    ~BusyCpuTurn();
+
+private:
+    int fd_ = -1;
+};
+
 }  // namespace qxt_mon
 
 #endif
