@@ -1,0 +1,79 @@
+// The call frame of the lifecycle operations: what is held while the entry and exit messages are
+// written. A logger of our own looks at the process mutex and the "Global" lock file at the very
+// moment each message arrives.
+#include <android/log.h>
+
+#include <vector>
+
+#include "lifecycle_helpers.h"
+
+using lifecycle::system_config;
+
+namespace {
+
+struct Seen {
+    std::string message;
+    bool mutex_free;
+    bool lock_free;
+};
+std::vector<Seen> g_seen;
+
+void observing_logger(const struct __android_logger_data *, const char *message) {
+    g_seen.push_back(Seen{message, lifecycle::process_mutex_is_free(), lifecycle::central_lock_is_free()});
+}
+
+// Runs fn with the observing logger and returns what it saw for the messages containing text.
+std::vector<Seen> observe(const std::function<void()> &fn, const std::string &text) {
+    g_seen.clear();
+    __android_log_set_logger(observing_logger);
+    fn();
+    __android_log_set_logger(__android_log_stderr_logger);
+    std::vector<Seen> out;
+    for (const Seen &s : g_seen)
+        if (s.message.find(text) != std::string::npos) out.push_back(s);
+    return out;
+}
+
+}  // namespace
+
+TEST(CallFrame, InitExitMessageIsWrittenAfterLockFileAndMutexAreReleased) {
+    QXT_REQUIRE_SANDBOX();
+    qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 4));
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
+    for (uint32_t mode : {0u, 2u}) {
+        std::vector<Seen> exits = observe([mode] { QX_REALTIME_Init(mode); }, "[QX_REALTIME_Init] exit");
+        ASSERT_EQ(1u, exits.size()) << mode;
+        EXPECT_TRUE(exits[0].mutex_free) << mode;
+        EXPECT_TRUE(exits[0].lock_free) << mode;
+        std::vector<Seen> entries = observe([mode] { QX_REALTIME_Init(mode); }, "[QX_REALTIME_Init] enter");
+        ASSERT_EQ(1u, entries.size()) << mode;
+        EXPECT_TRUE(entries[0].mutex_free) << mode;
+    }
+    // Work inside the frame happens with both held.
+    std::vector<Seen> inner = observe([] { QX_REALTIME_Init(0); }, "JsonPath is");
+    ASSERT_EQ(1u, inner.size());
+    EXPECT_FALSE(inner[0].mutex_free);
+    EXPECT_FALSE(inner[0].lock_free);
+}
+
+TEST(CallFrame, InitFailingBeforeLockFileWritesExitMessageWhileMutexIsHeld) {
+    QXT_REQUIRE_SANDBOX();
+    ASSERT_EQ(0, mkdir(lifecycle::central_lock_path(), 0755));
+    _u32DbgLevel = 64;
+    std::vector<Seen> exits = observe([] { QX_REALTIME_Init(0); }, "[QX_REALTIME_Init] exit, err=12.");
+    ASSERT_EQ(1u, exits.size());
+    EXPECT_FALSE(exits[0].mutex_free);
+    EXPECT_TRUE(lifecycle::process_mutex_is_free());
+}
+
+TEST(CallFrame, DeinitExitMessageIsWrittenAfterLockFileAndMutexAreReleased) {
+    QXT_REQUIRE_SANDBOX();
+    qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 4));
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
+    std::vector<Seen> seen = observe([] { QX_REALTIME_Deinit(); }, "[QX_REALTIME_Deinit]");
+    ASSERT_EQ(3u, seen.size());  // enter, lock file unlinked, exit
+    EXPECT_TRUE(seen[0].mutex_free);
+    EXPECT_FALSE(seen[1].mutex_free);  // the lock file is removed under the mutex
+    EXPECT_TRUE(seen[2].mutex_free);
+    EXPECT_TRUE(seen[2].lock_free);
+}
