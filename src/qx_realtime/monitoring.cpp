@@ -87,6 +87,10 @@ static float qx_budget_percent(float fUnits, float fDivisor) {
     return fDivisor == 0.0f ? 0.0f : fUnits / fDivisor;
 }
 
+// Said once per call, just before the first line that shows a budget: before the first sample in
+// the one-domain mode (so not at all with 0 samples), before the Util Setting lines in the
+// all-domains mode (which show budgets even with 0 samples). A call that prints no budget says
+// nothing, so the warning always explains lines that follow it.
 static void qx_warn_zero_capability(const char *pszOp, int32_t s32Cap) {
     if (s32Cap == 0)
         RT_LOGE("[RT_Impl][Err] [%s] s32CapPerCore is 0: budgets are shown as 0.00.\n", pszOp);

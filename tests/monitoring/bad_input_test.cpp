@@ -2,8 +2,13 @@
 // a NULL name, a switched-off framework. Every case gets a result code and a message, never a
 // crash.
 #include <errno.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <atomic>
+#include <thread>
 
 #include "monitoring_support.h"
 
@@ -211,6 +216,60 @@ TEST_F(MonitoringBadInput, CorruptedRecordNeverMakesTheDumpReadPastTheSegment) {
     EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_SUCCESS);
     EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kMeter, 1, 1), RT_SUCCESS);
     EXPECT_EQ(log.count_containing("ThreadIdx"), 0) << log.dump();
+}
+
+void ignore_signal(int) {}
+
+// Interrupts whatever the calling thread sleeps in, again and again, until stopped.
+class Interrupter {
+public:
+    Interrupter() : target_(pthread_self()) {
+        struct sigaction sa;
+        memset(&sa, 0, sizeof(sa));
+        sa.sa_handler = ignore_signal;  // no SA_RESTART: a sleep ends with EINTR
+        sigaction(SIGUSR1, &sa, &old_);
+        thread_ = std::thread([this] {
+            while (!stop_.load()) {
+                pthread_kill(target_, SIGUSR1);
+                usleep(20000);
+            }
+        });
+    }
+    ~Interrupter() {
+        stop_ = true;
+        thread_.join();
+        sigaction(SIGUSR1, &old_, nullptr);
+    }
+
+private:
+    pthread_t target_;
+    struct sigaction old_;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+TEST_F(MonitoringBadInput, InterruptedSleepIsReportedAndTheSampleIsTakenAtOnce) {
+    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    LogCapture log;
+    {
+        Interrupter interrupter;
+        // An interval of 100 s: only an interrupted sleep lets these calls end within the test.
+        EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kMeter, 100000, 1), RT_SUCCESS);
+        EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage("All", 100000, 1), RT_SUCCESS);
+    }
+    std::vector<std::string> lines = forms(log);
+    ASSERT_EQ(lines.size(), 2u + 4u + 4u) << log.dump();
+    EXPECT_EQ(lines[0],
+              "[RT_Impl][Err] [QX_REALTIME_GetDomainCpuUsage] usleep errno=Interrupted system call\n");
+    Sample sample;
+    EXPECT_TRUE(parse_sample(lines[1], &sample)) << lines[1];
+    EXPECT_EQ(lines[6],
+              "[RT_Impl][Err] [_QX_REALTIME_GetAllDomainCpuUsage] usleep errno=Interrupted system "
+              "call\n");
+    std::string name;
+    EXPECT_TRUE(parse_domain_sample(lines[7], &name, &sample)) << lines[7];
+    EXPECT_EQ(name, kMeter);
 }
 
 }  // namespace
