@@ -178,29 +178,32 @@ TEST(ThreadUpdate, DeadlineUpdateOutOfOrderIsRefusedAndKernelKeepsOldReservation
 
 TEST(ThreadUpdate, DeadlineUpdateOverBudgetIsRefusedAndExactlyAtBudgetIsApplied) {
     QXT_REQUIRE_SANDBOX();
-    start({dl()}, {kDl});
+    // A small budget keeps the reservations small: other deadline users share the machine.
+    start({dl_domain("Domain_Small", 300, "1", {{"Class_Tenth", 1000, 10000, 10000}})},
+          {"Domain_Small"});
     if (HasFatalFailure()) return;
     TestThread t1, t2;
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kDl, "Class_Isp", t1.tid(), 0));
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kDl, "Class_Isp", t2.tid(), 0));
-    QX_REALTIME_DOMAIN_t *d = map_domain_file(kDl);
-    ASSERT_EQ(400, d->s32UtilCurrent);
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_Small", "Class_Tenth", t1.tid(), 0));
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_Small", "Class_Tenth", t2.tid(), 0));
+    QX_REALTIME_DOMAIN_t *d = map_domain_file("Domain_Small");
+    ASSERT_EQ(200, d->s32UtilCurrent);
 
-    QX_REALTIME_UTIL_t util = {0, 10000, 9000, 10000};  // 900: 400 - 200 + 900 > 1000
+    QX_REALTIME_UTIL_t util = {0, 10000, 2100, 10000};  // 210: 200 - 100 + 210 > 300
     LogCapture log;
-    EXPECT_EQ(RT_ERR_OVER_BUDGET, QX_REALTIME_UpdateThreadUtil(kDl, &util, t1.tid()));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Domain[Domain_Dl] over "
-                              "s32Util: new Util is 900, original Util is 200,domain current total "
-                              "Util is 400, max. domain Util is 1000\n"))
+    EXPECT_EQ(RT_ERR_OVER_BUDGET, QX_REALTIME_UpdateThreadUtil("Domain_Small", &util, t1.tid()));
+    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Domain[Domain_Small] "
+                              "over s32Util: new Util is 210, original Util is 100,domain current "
+                              "total Util is 200, max. domain Util is 300\n"))
+        << log.dump();
+    EXPECT_EQ(1000000u, sched_of(t1.tid()).runtime);
+    EXPECT_EQ(200, d->s32UtilCurrent);
+
+    util = {0, 10000, 2000, 10000};  // 200: 200 - 100 + 200 = 300, exactly the budget
+    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_UpdateThreadUtil("Domain_Small", &util, t1.tid()))
         << log.dump();
     EXPECT_EQ(2000000u, sched_of(t1.tid()).runtime);
-    EXPECT_EQ(400, d->s32UtilCurrent);
-
-    util = {0, 10000, 8000, 10000};  // 800: 400 - 200 + 800 = 1000, exactly the budget
-    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_UpdateThreadUtil(kDl, &util, t1.tid())) << log.dump();
-    EXPECT_EQ(8000000u, sched_of(t1.tid()).runtime);
     EXPECT_EQ(10000000u, sched_of(t1.tid()).deadline);
-    EXPECT_EQ("/Domain_Dl", cgroup_of(t1.tid(), "cpuset"));
-    EXPECT_EQ(1000, d->s32UtilCurrent);
+    EXPECT_EQ("/Domain_Small", cgroup_of(t1.tid(), "cpuset"));
+    EXPECT_EQ(300, d->s32UtilCurrent);
     EXPECT_EQ(live_util_sum(d), d->s32UtilCurrent);
 }
