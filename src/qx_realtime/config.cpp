@@ -55,8 +55,11 @@ uint32_t _QX_REALTIME_FileReader(const char *pszPath, char **ppszText) {
     size_t uSize = RT_READ_INIT;
     size_t uLen = 0;
     while (fgets(pszLine, RT_READ_LINE, pFile) != NULL) {
-        strncat(pszText, pszLine, RT_READ_LINE);
-        uLen += strlen(pszLine);
+        // Appended at the running length, which is always the text's strlen: the same bytes as
+        // strncat, without rescanning the whole text for every line of a large file.
+        size_t uLineLen = strlen(pszLine);
+        memcpy(pszText + uLen, pszLine, uLineLen + 1);
+        uLen += uLineLen;
         if (uLen + RT_READ_LINE >= uSize) {
             uSize *= 2;
             char *pszGrown = (char *)realloc(pszText, uSize);
