@@ -150,14 +150,15 @@ const Command *find_command(const std::string &name);
 void print_usage(FILE *out);
 
 void print_command_help(FILE *out, const Command &c) {
-    fprintf(out, "usage: rtctl [-v] %s %s\n\n%s\n", c.name, c.synopsis, c.help);
+    fprintf(out, "usage: rtctl [-v] %s%s%s\n\n%s\n", c.name, c.synopsis[0] ? " " : "", c.synopsis,
+            c.help);
 }
 
 int usage_error(const Command *c, const std::string &message) {
     fprintf(stderr, "rtctl: %s\n", message.c_str());
     if (c != nullptr)
-        fprintf(stderr, "usage: rtctl [-v] %s %s\n(see rtctl %s --help)\n", c->name, c->synopsis,
-                c->name);
+        fprintf(stderr, "usage: rtctl [-v] %s%s%s\n(see rtctl %s --help)\n", c->name,
+                c->synopsis[0] ? " " : "", c->synopsis, c->name);
     else
         print_usage(stderr);
     return kExitUsage;
@@ -408,8 +409,8 @@ const Command kCommands[] = {
     {"deinit", "", "Removes the shared state for every process (QX_REALTIME_Deinit).", 0, 0, false,
      false, run_deinit},
     {"debug-level", "LEVEL",
-     "Sets the internal debug level (0, 16, 32, 48, 64, 80, 240, 241) of this process and\n"
-     "stores it in the shared settings when the framework is enabled.",
+     "Sets this process's internal debug level (0, 16, 32, 48, 64, 80, 240, 241).\n"
+     "It is also stored in the shared settings when the framework is enabled.",
      1, 1, false, false, run_debug_level},
     {"self-test", "", "Runs the library's self test (QX_REALTIME_SelfTest).", 0, 0, false, false,
      run_self_test},
@@ -425,7 +426,8 @@ const Command kCommands[] = {
      run_list},
     {"add", "DOMAIN CLASS TID [--overrun]",
      "Admits thread TID to CLASS of DOMAIN with the class's parameters and a budget check.\n"
-     "--overrun asks a deadline domain for SCHED_FLAG_DL_OVERRUN.",
+     "--overrun asks a deadline domain for SCHED_FLAG_DL_OVERRUN: the kernel then sends the\n"
+     "thread SIGXCPU whenever it overruns its runtime.",
      3, 3, true, false, run_add},
     {"add-lite", "DOMAIN CLASS TID UTIL DEADLINE_US RUNTIME_US PERIOD_US [--overrun]",
      "Admits thread TID with the given parameters and no checks (QX_REALTIME_AddThread_Lite).", 7,
@@ -437,18 +439,18 @@ const Command kCommands[] = {
      "Changes an admitted thread's utilisation (and deadline parameters in a deadline domain).", 6,
      6, false, false, run_update},
     {"budget", "DOMAIN UTIL DEADLINE_US RUNTIME_US PERIOD_US",
-     "Asks whether a thread with this demand would fit into DOMAIN and prints the utilisation\n"
-     "left. In a deadline domain the demand is RUNTIME_US x Util-per-core / PERIOD_US.",
+     "Prints the utilisation DOMAIN has left and whether this demand would fit.\n"
+     "In a deadline domain the demand is RUNTIME_US x Util-per-core / PERIOD_US.",
      5, 5, false, false, run_budget},
     {"dmips", "N", "Converts N DMIPS into microseconds of CPU time per second on one core.", 1, 1,
      false, false, run_dmips},
     {"usage", "DOMAIN|All INTERVAL_MS SAMPLES",
-     "Samples the CPU usage of DOMAIN (or of every domain) SAMPLES times, every INTERVAL_MS,\n"
-     "against its budget; samples above the budget are marked Overbudget.",
+     "Samples the CPU usage of DOMAIN (or of every domain) against its budget.\n"
+     "SAMPLES samples, one every INTERVAL_MS; samples above the budget are marked Overbudget.",
      3, 3, false, true, run_usage},
     {"dump", "DOMAIN|All",
-     "Prints DOMAIN's records, classes, thread slots and cgroup task lists, or (All) every\n"
-     "live thread of every domain.",
+     "Prints DOMAIN's records, classes, thread slots and cgroup task lists.\n"
+     "With All: every live thread of every domain, with its program and class.",
      1, 1, false, true, run_dump},
     {"mem-enable", "", "QX_REALTIME_EnableMemoryHighPriority (reserved, does nothing).", 0, 0,
      false, false, run_mem_enable},
@@ -458,8 +460,9 @@ const Command kCommands[] = {
      "QX_REALTIME_GetAvailableHighPriorityResource with *ps32Avai = VALUE (default 0).", 0, 1,
      false, false, run_mem_available},
     {"lint", "[--cpus N] FILE",
-     "Checks a configuration file without touching the shared state. Prints every problem as\n"
-     "FILE:LINE: error|warning: message (fix: suggestion); exits 1 when there is an error.\n"
+     "Checks a configuration file without touching the shared state.\n"
+     "Prints every problem as FILE:LINE: error|warning: message (fix: suggestion);\n"
+     "exits 1 when there is an error, 0 otherwise (warnings alone included).\n"
      "CPU sets and BudgetCpuNum are checked against this machine's CPUs, or N with --cpus.",
      1, 1, false, false, run_lint},
 };
@@ -487,7 +490,8 @@ void print_usage(FILE *out) {
             "\n"
             "commands:\n");
     for (size_t i = 0; i < kCommandCount; i++) {
-        std::string line = std::string(kCommands[i].name) + " " + kCommands[i].synopsis;
+        std::string line = kCommands[i].name;
+        if (kCommands[i].synopsis[0] != '\0') line += std::string(" ") + kCommands[i].synopsis;
         const char *help = kCommands[i].help;
         const char *nl = strchr(help, '\n');
         int first_len = nl ? (int)(nl - help) : (int)strlen(help);
