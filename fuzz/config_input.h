@@ -38,7 +38,9 @@ inline int domain_names_of(const char *pszText, char aszNames[][RT_NAME_LEN], in
 // Sets a domain record up as domain creation does before parsing into it.
 inline void prepare_domain(QX_REALTIME_DOMAIN_t *pstDomain, const char *pszName) {
     memset(pstDomain, 0, RT_SHM_SIZE);
-    strncpy(pstDomain->szName, pszName, RT_NAME_LEN - 1);
+    size_t uLen = strnlen(pszName, RT_NAME_LEN - 1);
+    memcpy(pstDomain->szName, pszName, uLen);
+    pstDomain->szName[uLen] = '\0';
     pstDomain->s32NextOffset = RT_DOMAIN_HEADER_SIZE;
     pstDomain->s32ClassStartOffset = RT_DOMAIN_HEADER_SIZE;
 }

@@ -12,7 +12,9 @@ namespace qxt_config {
 DomainRecord::DomainRecord(const std::string &name) {
     domain_ = (QX_REALTIME_DOMAIN_t *)aligned_alloc(64, RT_SHM_SIZE);
     memset(domain_, 0, RT_SHM_SIZE);
-    strncpy(domain_->szName, name.c_str(), RT_NAME_LEN - 1);
+    size_t len = std::min(name.size(), (size_t)RT_NAME_LEN - 1);
+    memcpy(domain_->szName, name.data(), len);
+    domain_->szName[len] = '\0';
     domain_->s32NextOffset = RT_DOMAIN_HEADER_SIZE;
     domain_->s32ClassStartOffset = RT_DOMAIN_HEADER_SIZE;
 }
