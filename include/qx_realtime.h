@@ -83,17 +83,21 @@ QX_REALTIME_API uint32_t QX_REALTIME_SelfTest(void);
 /* ---- Domains ---- */
 
 /* RT_SUCCESS (also when it exists or the framework is disabled); RT_ERR_FAILED (budget, CPU
- * count, cgroups, table full); RT_ERR_INVALID_PARAM (configuration); RT_ERR_SYSTEM; RT_ERR_NULL. */
+ * count, cgroups, a process maps at most 7 created domains); RT_ERR_INVALID_PARAM (configuration,
+ * NULL name, no configuration chosen by QX_REALTIME_Init in this process); RT_ERR_SYSTEM;
+ * RT_ERR_NULL (no central segment). */
 QX_REALTIME_API uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName);
 /* Copies the names in 64-byte slots; a NULL buffer only logs them.
  * RT_SUCCESS; RT_ERR_SYSTEM when the buffer is too small; RT_ERR_FAILED or RT_ERR_NULL. */
 QX_REALTIME_API uint32_t QX_REALTIME_GetAllDomainName(char *pNames, uint32_t u32BufSize);
 /* Prints every live thread of every domain. RT_SUCCESS or RT_ERR_SYSTEM. */
 QX_REALTIME_API uint32_t _QX_REALTIME_GetAllDomainInfo(void);
-/* RT_SUCCESS; RT_ERR_NULL for an unknown domain; RT_ERR_SYSTEM; RT_ERR_FAILED. */
+/* RT_SUCCESS; RT_ERR_NULL for an unknown domain; RT_ERR_SYSTEM (lock-file path);
+ * RT_ERR_INVALID_PARAM for a NULL name; RT_ERR_FAILED (central lock file). */
 QX_REALTIME_API int32_t QX_REALTIME_DeleteDomain(const char *pszDomainName);
-/* RT_SUCCESS when the demand fits; RT_ERR_INVALID_PARAM; RT_ERR_OVER_BUDGET; RT_ERR_NULL
- * (NULL record or output, unknown domain); RT_ERR_FAILED. *ps32UtilLeft = UtilMax - UtilCurrent. */
+/* RT_SUCCESS when the demand fits; RT_ERR_INVALID_PARAM (deadline triple, negative utilisation,
+ * NULL name); RT_ERR_OVER_BUDGET; RT_ERR_NULL (NULL record or output, unknown domain, no central
+ * segment); RT_ERR_FAILED. *ps32UtilLeft = UtilMax - UtilCurrent whenever the domain was found. */
 QX_REALTIME_API uint32_t QX_REALTIME_QueryBudget(const char *pszDomainName, QX_REALTIME_UTIL_t *pstUtil,
                                  int32_t *ps32UtilLeft);
 /* Microseconds per second on one core for a DMIPS demand (32-bit product, wraps above 4294).
@@ -102,8 +106,10 @@ QX_REALTIME_API uint32_t QX_REALTIME_DmipsToUs(uint32_t u32Dmips, uint32_t *u32M
 
 /* ---- Threads ---- */
 
-/* RT_SUCCESS; RT_ERR_NULL (unknown domain); RT_ERR_NOT_EXIST (class, record, process list);
- * RT_ERR_INVALID_PARAM; RT_ERR_OVER_BUDGET; RT_ERR_SCHED_SETATTR; RT_ERR_SYSTEM (cgroup move). */
+/* RT_SUCCESS (also for a thread already admitted); RT_ERR_NULL (unknown domain);
+ * RT_ERR_NOT_EXIST (class, record, process list); RT_ERR_INVALID_PARAM (priority, deadline
+ * triple, negative utilisation, NULL name); RT_ERR_OVER_BUDGET; RT_ERR_SCHED_SETATTR;
+ * RT_ERR_SYSTEM (cgroup move). Nothing is rolled back after a later failure. */
 QX_REALTIME_API uint32_t QX_REALTIME_AddThread(const char *pszDomainName, const char *pszClassName,
                                int32_t s32Tid, uint8_t bDlOverrun);
 /* As QX_REALTIME_AddThread with the caller's parameters and no budget check;
@@ -111,13 +117,17 @@ QX_REALTIME_API uint32_t QX_REALTIME_AddThread(const char *pszDomainName, const 
 QX_REALTIME_API uint32_t QX_REALTIME_AddThread_Lite(const char *pszDomainName, const char *pszClassName,
                                     QX_REALTIME_UTIL_t *pstUtil, int32_t s32Tid,
                                     uint8_t bDlOverrun);
-/* RT_SUCCESS; RT_ERR_NULL; RT_ERR_NOT_EXIST; RT_ERR_SYSTEM; RT_ERR_SCHED_SETATTR. */
+/* Restores the attributes saved at admission and the root groups.
+ * RT_SUCCESS; RT_ERR_NULL (unknown domain); RT_ERR_NOT_EXIST (thread not admitted);
+ * RT_ERR_SYSTEM (cgroup move); RT_ERR_SCHED_SETATTR; RT_ERR_INVALID_PARAM (NULL name). */
 QX_REALTIME_API uint32_t QX_REALTIME_RemoveThread(const char *pszDomainName, int32_t s32Tid);
-/* RT_SUCCESS; RT_ERR_NULL; RT_ERR_NOT_EXIST; RT_ERR_INVALID_PARAM; RT_ERR_OVER_BUDGET;
- * RT_ERR_SYSTEM; RT_ERR_SCHED_SETATTR. */
+/* RT_SUCCESS; RT_ERR_NULL (NULL record, unknown domain); RT_ERR_NOT_EXIST; RT_ERR_INVALID_PARAM;
+ * RT_ERR_OVER_BUDGET; RT_ERR_SYSTEM; RT_ERR_SCHED_SETATTR. In a deadline domain s32Util is
+ * overwritten with the converted utilisation. */
 QX_REALTIME_API uint32_t QX_REALTIME_UpdateThreadUtil(const char *pszDomainName, QX_REALTIME_UTIL_t *pstUtil,
                                       int32_t s32Tid);
-/* Reserved for a future memory resource: always RT_SUCCESS. */
+/* Reserved for a future memory resource: RT_SUCCESS (the query logs that it is not ready and
+ * leaves *ps32Avai as it is; a NULL pointer gets RT_ERR_INVALID_PARAM). */
 QX_REALTIME_API uint32_t QX_REALTIME_EnableMemoryHighPriority(void);
 QX_REALTIME_API uint32_t QX_REALTIME_DisableMemoryHighPriority(void);
 QX_REALTIME_API uint32_t QX_REALTIME_GetAvailableHighPriorityResource(int32_t *ps32Avai);
@@ -125,11 +135,13 @@ QX_REALTIME_API uint32_t QX_REALTIME_GetAvailableHighPriorityResource(int32_t *p
 /* ---- Monitoring ---- */
 
 /* Samples a domain's (or, for a name beginning with "All", every domain's) CPU usage.
- * RT_SUCCESS; RT_ERR_NULL (unknown domain); RT_ERR_SYSTEM (first readings); RT_ERR_FAILED. */
+ * RT_SUCCESS; RT_ERR_NULL (unknown domain, no central segment); RT_ERR_SYSTEM (first readings);
+ * RT_ERR_INVALID_PARAM (NULL name); RT_ERR_FAILED (central lock file). */
 QX_REALTIME_API uint32_t QX_REALTIME_GetDomainCpuUsage(const char *pszDomainName, uint32_t u32IntervalMs,
                                        uint32_t u32SampleNum);
 /* Prints a domain's records and the kernel's task lists, or (for "All...") every live thread.
- * RT_SUCCESS; RT_ERR_NULL (unknown domain); RT_ERR_FAILED. */
+ * RT_SUCCESS; RT_ERR_NULL (unknown domain, no central segment); RT_ERR_INVALID_PARAM (NULL
+ * name); RT_ERR_FAILED (central lock file). */
 QX_REALTIME_API uint32_t QX_REALTIME_DumpDomainInfo(const char *pszDomainName);
 
 #ifdef __cplusplus

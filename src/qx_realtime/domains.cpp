@@ -75,8 +75,7 @@ QX_REALTIME_DOMAIN_t *_QX_REALTIME_GetDomainFromName(const char *pszDomainName,
         } else {
             pstEntry = &pstTop->astDomainMap[pstTop->u32DomainMapNum];
             pstEntry->pvDomainAddr = pvAddr;
-            memset(pstEntry->szDomainName, 0, RT_NAME_LEN);
-            strncpy(pstEntry->szDomainName, pszDomainName, RT_NAME_LEN - 1);
+            qx_copy_name(pstEntry->szDomainName, pszDomainName);
             pstEntry->s32ShmFd = s32ShmFd;
             pstTop->u32DomainMapNum += 1;
             RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] shm exists. mmap=%p, s32ShmFd=%d\n",
@@ -303,8 +302,7 @@ uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
     pstDomain->s32ThreadStartOffset = 0;
     pstDomain->s32ThreadNum = 0;
     pstDomain->u32SchedType = 0;
-    strncpy(pstDomain->szName, pszDomainName, RT_NAME_LEN);
-    pstDomain->szName[RT_NAME_LEN - 1] = '\0';
+    qx_copy_name(pstDomain->szName, pszDomainName);
     pstDomain->s32NextOffset = RT_DOMAIN_HEADER_SIZE;
     pstDomain->s32ClassStartOffset = RT_DOMAIN_HEADER_SIZE;
 
@@ -322,8 +320,7 @@ uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
         QX_REALTIME_DOMAIN_MAP_t *pstEntry = NULL;
         if (u32Index < RT_MAX_DOMAIN_MAP) {
             pstEntry = &pstTop->astDomainMap[u32Index];
-            memset(pstEntry->szDomainName, 0, RT_NAME_LEN);
-            strncpy(pstEntry->szDomainName, pszDomainName, RT_NAME_LEN - 1);
+            qx_copy_name(pstEntry->szDomainName, pszDomainName);
             pstEntry->s32ShmFd = s32ShmFd;
             pstEntry->pvDomainAddr = pvAddr;
             pstTop->u32DomainMapNum = u32Index + 1;

@@ -279,6 +279,13 @@ typedef struct {
 } qx_name_t;
 qx_name_t qx_name_of(const char *pszField);
 
+// Copies a name into a 64-byte field: cut to 63 characters, the rest of the field zeroed.
+static inline void qx_copy_name(char *pszField, const char *pszName) {
+    size_t uLen = strnlen(pszName, RT_NAME_LEN - 1);
+    memcpy(pszField, pszName, uLen);
+    memset(pszField + uLen, 0, RT_NAME_LEN - uLen);
+}
+
 static inline int qx_enabled(void) {
     return (pstTop->Enabled & 0xFFu) != 0;
 }
