@@ -40,7 +40,8 @@ uint32_t qx_dbg_level_from_config(int32_t s32DbgLevel) {
 }
 
 // Formats into buf when it fits, else into a heap block; the caller frees *heap.
-static const char *qx_vformat(char *buf, size_t size, char **heap, const char *fmt, va_list ap) {
+__attribute__((format(printf, 4, 0))) static const char *qx_vformat(char *buf, size_t size, char **heap,
+                                                                 const char *fmt, va_list ap) {
     va_list copy;
     va_copy(copy, ap);
     int n = vsnprintf(buf, size, fmt, copy);
