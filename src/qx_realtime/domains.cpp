@@ -96,20 +96,9 @@ QX_REALTIME_DOMAIN_t *_QX_REALTIME_GetDomainFromName(const char *pszDomainName,
 int qx_domain_lock(const char *pszOp, const char *pszDomainName, QX_REALTIME_DOMAIN_t **ppstDomain,
                    int32_t *ps32DomainFd, uint32_t *pu32Ret) {
     int32_t s32Central = -1;
-    pthread_mutex_lock(&mutex);
-    uint32_t u32Ret = _QX_REALTIME_GetCentralAndTop(&s32Central);
-    if (u32Ret != RT_SUCCESS) {
-        RT_EXIT(pszOp, u32Ret);
-        pthread_mutex_unlock(&mutex);
-        *pu32Ret = u32Ret;
-        return QX_DOMAIN_NO_CENTRAL;
-    }
-    pthread_mutex_unlock(&mutex);
-    if (!qx_enabled()) {
-        close(s32Central);
-        *pu32Ret = RT_SUCCESS;
-        return QX_DOMAIN_DISABLED;
-    }
+    int s32Frame = qx_frame_open(pszOp, &s32Central, pu32Ret);
+    if (s32Frame == QX_FRAME_FAILED) return QX_DOMAIN_NO_CENTRAL;
+    if (s32Frame == QX_FRAME_DISABLED) return QX_DOMAIN_DISABLED;
     pthread_mutex_lock(&mutex);
     flock(s32Central, LOCK_EX);
     *ps32DomainFd = -1;
@@ -251,18 +240,8 @@ uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
         RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", kName);
         return RT_ERR_INVALID_PARAM;
     }
-    pthread_mutex_lock(&mutex);
-    uint32_t u32Ret = _QX_REALTIME_GetCentralAndTop(&s32Central);
-    if (u32Ret != RT_SUCCESS) {
-        RT_EXIT(kName, u32Ret);
-        pthread_mutex_unlock(&mutex);
-        return u32Ret;
-    }
-    pthread_mutex_unlock(&mutex);
-    if (!qx_enabled()) {
-        close(s32Central);
-        return RT_SUCCESS;
-    }
+    uint32_t u32Ret;
+    if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return u32Ret;
     pthread_mutex_lock(&mutex);
     flock(s32Central, LOCK_EX);
 
@@ -357,14 +336,8 @@ uint32_t QX_REALTIME_GetAllDomainName(char *pNames, uint32_t u32BufSize) {
     int32_t s32Central = -1;
 
     RT_ENTER(kName);
-    pthread_mutex_lock(&mutex);
-    uint32_t u32Ret = _QX_REALTIME_GetCentralAndTop(&s32Central);
-    pthread_mutex_unlock(&mutex);
-    if (u32Ret != RT_SUCCESS) return u32Ret;
-    if (!qx_enabled()) {
-        close(s32Central);
-        return RT_SUCCESS;
-    }
+    uint32_t u32Ret;
+    if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return u32Ret;
     pthread_mutex_lock(&mutex);
     flock(s32Central, LOCK_EX);
 
@@ -498,18 +471,8 @@ int32_t QX_REALTIME_DeleteDomain(const char *pszDomainName) {
         RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", kName);
         return (int32_t)RT_ERR_INVALID_PARAM;
     }
-    pthread_mutex_lock(&mutex);
-    uint32_t u32Ret = _QX_REALTIME_GetCentralAndTop(&s32Central);
-    if (u32Ret != RT_SUCCESS) {
-        RT_EXIT(kName, u32Ret);
-        pthread_mutex_unlock(&mutex);
-        return (int32_t)u32Ret;
-    }
-    pthread_mutex_unlock(&mutex);
-    if (!qx_enabled()) {
-        close(s32Central);
-        return RT_SUCCESS;
-    }
+    uint32_t u32Ret;
+    if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return (int32_t)u32Ret;
     pthread_mutex_lock(&mutex);
     flock(s32Central, LOCK_EX);
     QX_REALTIME_DOMAIN_t *pstDomain = _QX_REALTIME_GetDomainFromName(pszDomainName, NULL);

@@ -214,17 +214,10 @@ uint32_t QX_REALTIME_GetDomainCpuUsage(const char *pszDomainName, uint32_t u32In
         RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", kName);
         return RT_ERR_INVALID_PARAM;
     }
-    pthread_mutex_lock(&mutex);
-    uint32_t u32Ret = _QX_REALTIME_GetCentralAndTop(&s32Central);
-    if (u32Ret != RT_SUCCESS) {
-        RT_EXIT(kName, u32Ret);
-        pthread_mutex_unlock(&mutex);
-        return u32Ret;
-    }
+    uint32_t u32Ret;
+    if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return u32Ret;
     // The measurement takes no lock file: it only reads, and it may run for a long time.
     close(s32Central);
-    pthread_mutex_unlock(&mutex);
-    if (!qx_enabled()) return RT_SUCCESS;
     // Only the first three characters are compared: "Allocator" samples every domain too.
     if (strncmp(pszDomainName, "All", 3) == 0)
         u32Ret = qx_sample_all_domains(u32IntervalMs, u32SampleNum);
@@ -322,18 +315,8 @@ uint32_t QX_REALTIME_DumpDomainInfo(const char *pszDomainName) {
         RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", kName);
         return RT_ERR_INVALID_PARAM;
     }
-    pthread_mutex_lock(&mutex);
-    uint32_t u32Ret = _QX_REALTIME_GetCentralAndTop(&s32Central);
-    if (u32Ret != RT_SUCCESS) {
-        RT_EXIT(kName, u32Ret);
-        pthread_mutex_unlock(&mutex);
-        return u32Ret;
-    }
-    pthread_mutex_unlock(&mutex);
-    if (!qx_enabled()) {
-        close(s32Central);
-        return RT_SUCCESS;
-    }
+    uint32_t u32Ret;
+    if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return u32Ret;
     if (strncmp(pszDomainName, "All", 3) == 0) {
         // No lock file is taken on this path; the descriptor is closed rather than leaked.
         close(s32Central);

@@ -314,6 +314,14 @@ void _QX_REALTIME_SharedMemoryFree(const char *pszName, int32_t *ps32ShmFd, void
 uint32_t _QX_REALTIME_GetCentralShm(void);
 uint32_t _QX_REALTIME_GetCentralAndTop(int32_t *ps32FlockFd);
 
+// The opening steps of the exported operations after QX_REALTIME_Init: under `mutex`, open the
+// central lock file and attach the central segment (on failure: exit trace, `mutex` released,
+// QX_FRAME_FAILED); then, `mutex` released, the Enabled test (disabled: descriptor closed,
+// QX_FRAME_DISABLED, the operation succeeds doing nothing). QX_FRAME_GO leaves *ps32Central open
+// and unlocked, `mutex` not held. *pu32Ret is what the operation returns unless it goes on.
+enum { QX_FRAME_GO = 0, QX_FRAME_FAILED, QX_FRAME_DISABLED };
+int qx_frame_open(const char *pszOp, int32_t *ps32Central, uint32_t *pu32Ret);
+
 // Releases a lock file taken with LOCK_EX and closes it.
 void qx_flock_release(int32_t s32Fd);
 

@@ -1,6 +1,7 @@
 // Cross-process shared state: the bounded formatter, lock files, the 16384-byte segments, the
 // attach path to the central segment, and bounds-checked access to records inside a segment.
 #include <fcntl.h>
+#include <pthread.h>
 #include <stdarg.h>
 #include <stdlib.h>
 #include <sys/file.h>
@@ -216,6 +217,24 @@ uint32_t _QX_REALTIME_GetCentralAndTop(int32_t *ps32FlockFd) {
         }
     }
     return RT_SUCCESS;
+}
+
+int qx_frame_open(const char *pszOp, int32_t *ps32Central, uint32_t *pu32Ret) {
+    *ps32Central = -1;
+    pthread_mutex_lock(&mutex);
+    *pu32Ret = _QX_REALTIME_GetCentralAndTop(ps32Central);
+    if (*pu32Ret != RT_SUCCESS) {
+        RT_EXIT(pszOp, *pu32Ret);
+        pthread_mutex_unlock(&mutex);
+        return QX_FRAME_FAILED;
+    }
+    pthread_mutex_unlock(&mutex);
+    if (!qx_enabled()) {
+        close(*ps32Central);
+        *ps32Central = -1;
+        return QX_FRAME_DISABLED;
+    }
+    return QX_FRAME_GO;
 }
 
 // ---- records inside a segment ----
