@@ -361,6 +361,30 @@ void QX_REALTIME_RemoveKilledThread(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32
     RT_EXIT(kName, RT_SUCCESS);
 }
 
+// ---- leaving SCHED_DEADLINE ----
+
+// The smallest reservation the kernel accepts: 1024 ns every 4 s. Its bandwidth rounds to zero in
+// the kernel's fixed-point accounting, so nothing stays booked for it.
+#define QX_DL_MINIMAL_RUNTIME_NS 1024ull
+#define QX_DL_MINIMAL_PERIOD_NS 4000000000ull
+
+// A SCHED_DEADLINE thread that is asleep when it is switched straight to another policy keeps
+// its bandwidth booked in the kernel's admission control long after (40 s and more measured),
+// and a handful of such switches leaves the machine unable to admit any deadline thread (EBUSY).
+// A change of parameters *within* SCHED_DEADLINE gives the old bandwidth back at once, so such a
+// thread is first stepped down to the minimal reservation; the caller then applies the policy it
+// wants. If the kernel refuses the step, the caller's switch still happens.
+static void qx_dl_step_down(int32_t s32Tid) {
+    struct qx_sched_attr stMinimal;
+    memset(&stMinimal, 0, sizeof(stMinimal));
+    stMinimal.size = QX_SCHED_ATTR_SIZE;
+    stMinimal.sched_policy = RT_SCHED_DEADLINE;
+    stMinimal.sched_runtime = QX_DL_MINIMAL_RUNTIME_NS;
+    stMinimal.sched_deadline = QX_DL_MINIMAL_PERIOD_NS;
+    stMinimal.sched_period = QX_DL_MINIMAL_PERIOD_NS;
+    (void)qx_sched_setattr(s32Tid, &stMinimal, 0);
+}
+
 // ---- admission ----
 
 static QX_REALTIME_CLASS_t *qx_find_class(QX_REALTIME_DOMAIN_t *pstDomain, const char *pszName) {
@@ -429,8 +453,20 @@ static uint32_t qx_add_thread(const char *pszOp, const char *pszDomainName,
         } else {
             stUtil = *pstLiteUtil;
         }
+        // A deadline thread admitted into a round-robin domain leaves SCHED_DEADLINE here: step
+        // it down first (see qx_dl_step_down), and give it back its reservation if the new policy
+        // is refused, so that a refusal leaves it as it was.
+        int bSteppedDown = 0;
+        if (stSaved.sched_policy == RT_SCHED_DEADLINE &&
+            pstDomain->u32SchedType != RT_SCHED_TYPE_DEADLINE) {
+            qx_dl_step_down(s32Tid);
+            bSteppedDown = 1;
+        }
         u32Ret = _QX_REALTIME_SetSchedAttr(pstDomain, pstClass, &stUtil, s32Tid, bDlOverrun != 0);
-        if (u32Ret != RT_SUCCESS) break;
+        if (u32Ret != RT_SUCCESS) {
+            if (bSteppedDown) (void)qx_sched_setattr(s32Tid, &stSaved, 0);
+            break;
+        }
 
         // The policy is applied before the cpuset move: the kernel refuses SCHED_DEADLINE to a
         // thread that already sits in a narrower cpuset.
@@ -510,19 +546,8 @@ uint32_t QX_REALTIME_AddThread_Lite(const char *pszDomainName, const char *pszCl
 
 // ---- removal and update ----
 
-// The smallest reservation the kernel accepts: 1024 ns every 4 s. Its bandwidth rounds to zero in
-// the kernel's fixed-point accounting, so nothing stays booked for it.
-#define QX_DL_MINIMAL_RUNTIME_NS 1024ull
-#define QX_DL_MINIMAL_PERIOD_NS 4000000000ull
-
-// Restores the attributes saved at admission.
-//
-// A SCHED_DEADLINE thread that is asleep when it is switched straight to another policy keeps
-// its bandwidth booked in the kernel's admission control long after (40 s and more measured),
-// and a handful of such removals leaves the machine unable to admit any deadline thread (EBUSY).
-// A change of parameters *within* SCHED_DEADLINE gives the old bandwidth back at once, so such a
-// thread is first stepped down to the minimal reservation and only then given its saved
-// attributes. If the kernel refuses the step, the direct switch below still restores the thread.
+// Restores the attributes saved at admission; a deadline thread leaves SCHED_DEADLINE through
+// the minimal reservation (see qx_dl_step_down).
 static int qx_restore_attr(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid,
                            const QX_REALTIME_THREAD_t *pstThread) {
     struct qx_sched_attr stAttr;
@@ -532,16 +557,8 @@ static int qx_restore_attr(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid
         struct qx_sched_attr stNow;
         memset(&stNow, 0, sizeof(stNow));
         if (qx_sched_getattr(s32Tid, &stNow, QX_SCHED_ATTR_SIZE, 0) == 0 &&
-            stNow.sched_policy == RT_SCHED_DEADLINE) {
-            struct qx_sched_attr stMinimal;
-            memset(&stMinimal, 0, sizeof(stMinimal));
-            stMinimal.size = QX_SCHED_ATTR_SIZE;
-            stMinimal.sched_policy = RT_SCHED_DEADLINE;
-            stMinimal.sched_runtime = QX_DL_MINIMAL_RUNTIME_NS;
-            stMinimal.sched_deadline = QX_DL_MINIMAL_PERIOD_NS;
-            stMinimal.sched_period = QX_DL_MINIMAL_PERIOD_NS;
-            (void)qx_sched_setattr(s32Tid, &stMinimal, 0);
-        }
+            stNow.sched_policy == RT_SCHED_DEADLINE)
+            qx_dl_step_down(s32Tid);
     }
     return qx_sched_setattr(s32Tid, &stAttr, 0);
 }

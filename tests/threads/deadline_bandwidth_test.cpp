@@ -73,3 +73,59 @@ TEST(DeadlineBandwidth, RemovingSleepingDeadlineThreadGivesItsBandwidthBackAtOnc
     EXPECT_EQ((uint32_t)SCHED_DEADLINE, sched_of(fresh.tid()).policy);
     EXPECT_EQ(200, map_domain_file(kBw)->s32UtilCurrent);
 }
+
+TEST(DeadlineBandwidth, AdmittingSleepingDeadlineThreadIntoRoundRobinDomainGivesItsBandwidthBack) {
+    QXT_REQUIRE_SANDBOX();
+    const char kRr[] = "Domain_BwRr";
+    start({bw_domain(), rr_domain(kRr, 0, "0", {{"Class_Plain", 0, 20}})}, {kBw, kRr});
+    if (HasFatalFailure()) return;
+    rebuild_sched_domains();
+    DropLeakedBandwidth guard;
+
+    // A client thread that already holds its own deadline reservation (a fifth of a CPU) is
+    // admitted into a round-robin domain and removed again, over and over, while it sleeps.
+    TestThread t;
+    ASSERT_TRUE(set_deadline(t.tid(), 20000000, 100000000, 100000000));
+    const int kCycles = 30;
+    for (int cycle = 1; cycle <= kCycles; cycle++) {
+        LogCapture log;
+        ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_Plain", t.tid(), 0))
+            << "cycle " << cycle << "\n" << log.dump();
+        SchedInfo rr = sched_of(t.tid());
+        ASSERT_EQ((uint32_t)SCHED_RR, rr.policy);
+        ASSERT_EQ(20u, rr.priority);
+        if (cycle % 2 == 0) usleep(1500);
+        ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kRr, t.tid())) << "cycle " << cycle;
+        // Removal gives the thread its own reservation back.
+        SchedInfo dl = sched_of(t.tid());
+        ASSERT_EQ((uint32_t)SCHED_DEADLINE, dl.policy);
+        ASSERT_EQ(20000000u, dl.runtime);
+        ASSERT_EQ(100000000u, dl.period);
+    }
+    // Its own reservation is still the only one booked: a fresh deadline thread is admitted.
+    TestThread fresh;
+    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kBw, "Class_Fifth", fresh.tid(), 0));
+    EXPECT_EQ((uint32_t)SCHED_DEADLINE, sched_of(fresh.tid()).policy);
+    QX_REALTIME_RemoveThread(kBw, fresh.tid());
+    // Leave the thread without a reservation on the way out, the same careful way.
+    ASSERT_TRUE(set_deadline(t.tid(), 1024, 4000000000ull, 4000000000ull));
+    ASSERT_TRUE(set_other_nice(t.tid(), 0));
+}
+
+TEST(DeadlineBandwidth, RefusedRoundRobinAdmissionLeavesDeadlineThreadWithItsReservation) {
+    QXT_REQUIRE_SANDBOX();
+    const char kRr[] = "Domain_BwRr";
+    // RT_Priority 0 is refused before any system call changes the policy.
+    start({rr_domain(kRr, 0, "0", {{"Class_Bad", 0, 0}})}, {kRr});
+    if (HasFatalFailure()) return;
+    TestThread t;
+    ASSERT_TRUE(set_deadline(t.tid(), 1000000, 10000000, 10000000));
+    EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kRr, "Class_Bad", t.tid(), 0));
+    SchedInfo s = sched_of(t.tid());
+    EXPECT_EQ((uint32_t)SCHED_DEADLINE, s.policy);
+    EXPECT_EQ(1000000u, s.runtime);
+    EXPECT_EQ(10000000u, s.deadline);
+    EXPECT_EQ(10000000u, s.period);
+    ASSERT_TRUE(set_deadline(t.tid(), 1024, 4000000000ull, 4000000000ull));
+    ASSERT_TRUE(set_other_nice(t.tid(), 0));
+}
