@@ -15,7 +15,6 @@ namespace {
 
 const char kMeter[] = "Domain_Meter";
 const char kSpare[] = "Domain_Spare";
-const char kTotalFifo[] = "/dev/shm/qxt_total_counter";
 
 class CpuUsageCounters : public ::testing::Test {
 protected:
@@ -31,21 +30,33 @@ protected:
         for (const std::string &name : names) ASSERT_EQ(QX_REALTIME_CreateDomain(name.c_str()), RT_SUCCESS) << name;
     }
 
-    // From now on every read of /proc/stat gets the next of these totals.
+    // Every feeder served each of its readers; a feeder that could not says why.
+    void TearDown() override {
+        if (total_) {
+            EXPECT_TRUE(total_->ok()) << total_->error();
+        }
+        for (const auto &group : groups_) {
+            EXPECT_TRUE(group->ok()) << group->error();
+        }
+    }
+
+    // From now on every read of /proc/stat gets the next of these texts.
+    void feed_total_texts(const std::vector<std::string> &texts) {
+        total_.reset(new CounterFeeder("/proc/stat", texts));
+        ASSERT_TRUE(total_->ok()) << total_->error();
+    }
+    // ... the next of these totals.
     void feed_total(const std::vector<int32_t> &totals) {
         std::vector<std::string> texts;
         for (int32_t t : totals) texts.push_back(proc_stat_text(t));
-        total_.reset(new CounterFeeder(kTotalFifo, texts));
-        ASSERT_TRUE(total_->ok());
-        std::string why;
-        ASSERT_TRUE(bind_over(kTotalFifo, "/proc/stat", &why)) << why;
+        feed_total_texts(texts);
     }
 
     // From now on every read of the domain's cpuacct statistics gets the next of these texts.
     void feed_group_texts(const std::string &domain, const std::vector<std::string> &texts) {
         std::string path = "/dev/shm/qxt_group_" + domain;
         groups_.emplace_back(new CounterFeeder(path, texts));
-        ASSERT_TRUE(groups_.back()->ok());
+        ASSERT_TRUE(groups_.back()->ok()) << groups_.back()->error();
         ASSERT_NO_FATAL_FAILURE(set_cpuacct_stat_path(domain, path));
     }
     void feed_group(const std::string &domain, const std::vector<int32_t> &times) {
@@ -95,8 +106,8 @@ TEST_F(CpuUsageCounters, OneDomainWithZeroSamplesTakesTheFirstReadingsAndPrintsN
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kMeter, 100, 0), RT_SUCCESS);
     EXPECT_TRUE(log.lines().empty()) << log.dump();
-    EXPECT_EQ(groups_[0]->settled_reads(), 1);
-    EXPECT_EQ(total_->settled_reads(), 1);
+    EXPECT_EQ(groups_[0]->reads(), 1);
+    EXPECT_EQ(total_->reads(), 1);
 }
 
 TEST_F(CpuUsageCounters, AllDomainsWithZeroSamplesPrintsSettingsTotalBudgetAndSeparatorOnly) {
@@ -205,8 +216,8 @@ TEST_F(CpuUsageCounters, OneDomainPrintsOneLinePerSampleFromConsecutiveReadings)
                                          sample_line(10.0, 50.0, false),
                                          sample_line(100.0, 50.0, true)};
     EXPECT_EQ(forms(log), expected) << log.dump();
-    EXPECT_EQ(groups_[0]->settled_reads(), 4);
-    EXPECT_EQ(total_->settled_reads(), 4);
+    EXPECT_EQ(groups_[0]->reads(), 4);
+    EXPECT_EQ(total_->reads(), 4);
 }
 
 TEST_F(CpuUsageCounters, UnparsableGroupReadingDuringSamplingKeepsThePreviousValue) {
@@ -223,11 +234,7 @@ TEST_F(CpuUsageCounters, UnparsableGroupReadingDuringSamplingKeepsThePreviousVal
 
 TEST_F(CpuUsageCounters, UnparsableTotalReadingDuringSamplingKeepsThePreviousValue) {
     ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", "Class_Meter", 100, 1), {kMeter}));
-    std::vector<std::string> totals = {proc_stat_text(1000), "cpu 1 2\n"};
-    total_.reset(new CounterFeeder(kTotalFifo, totals));
-    ASSERT_TRUE(total_->ok());
-    std::string why;
-    ASSERT_TRUE(bind_over(kTotalFifo, "/proc/stat", &why)) << why;
+    ASSERT_NO_FATAL_FAILURE(feed_total_texts({proc_stat_text(1000), "cpu 1 2\n"}));
     ASSERT_NO_FATAL_FAILURE(feed_group(kMeter, {100, 101}));
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kMeter, 1, 1), RT_SUCCESS);

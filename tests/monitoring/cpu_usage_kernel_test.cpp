@@ -78,6 +78,7 @@ TEST_F(CpuUsageKernel, DeadlineThreadKeepingOneCoreBusyShowsAboutOneCoreInEveryS
     ASSERT_EQ(start_framework(spin_domain()), RT_SUCCESS);
     ASSERT_EQ(QX_REALTIME_CreateDomain(kSpin), RT_SUCCESS);
     BusyCpuTurn turn;
+    ASSERT_TRUE(turn.held()) << turn.why();
     TestThread spinner(true);
     Admission admitted(kSpin, "Class_Spin", spinner.tid());
     ASSERT_EQ(admitted.result(), RT_SUCCESS);
@@ -102,6 +103,7 @@ TEST_F(CpuUsageKernel, ThreadsUsingMoreThanTheirBudgetAreMarkedOverbudget) {
     ASSERT_EQ(start_framework(hog_domain()), RT_SUCCESS);
     ASSERT_EQ(QX_REALTIME_CreateDomain(kHog), RT_SUCCESS);
     BusyCpuTurn turn;
+    ASSERT_TRUE(turn.held()) << turn.why();
     DutyThread hog(4, 4);  // about half a core, far above 19.53 %
     Admission admitted(kHog, "Class_Hog", hog.tid());
     ASSERT_EQ(admitted.result(), RT_SUCCESS);
@@ -143,6 +145,7 @@ TEST_F(CpuUsageKernel, AllDomainsModePrintsTheHeaderAndOneLinePerDomainPerSample
     ASSERT_EQ(QX_REALTIME_CreateDomain(kSpin), RT_SUCCESS);
     ASSERT_EQ(QX_REALTIME_CreateDomain(kIdle), RT_SUCCESS);
     BusyCpuTurn turn;
+    ASSERT_TRUE(turn.held()) << turn.why();
     TestThread spinner(true);
     TestThread sleeper(false);
     Admission spin_admitted(kSpin, "Class_Spin", spinner.tid());

@@ -1,75 +1,161 @@
 #include "monitoring_support.h"
 
 #include <fcntl.h>
-#include <poll.h>
+#include <limits.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/file.h>
-#include <sys/inotify.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 
 namespace qxt_mon {
 
 using qxt::format;
 
-CounterFeeder::CounterFeeder(const std::string &fifo_path, std::vector<std::string> texts)
-    : path_(fifo_path), texts_(std::move(texts)) {
-    unlink(path_.c_str());
-    if (texts_.empty() || mkfifo(path_.c_str(), 0644) != 0) return;
-    inotify_fd_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    if (inotify_fd_ < 0) return;
-    if (inotify_add_watch(inotify_fd_, path_.c_str(), IN_CLOSE_NOWRITE) < 0) return;
-    ok_ = true;
+CounterFeeder::CounterFeeder(const std::string &target, std::vector<std::string> texts,
+                             const std::string &pipe_dir)
+    : target_(target), dir_(pipe_dir), texts_(std::move(texts)) {
+    if (dir_.empty()) {
+        char tmpl[] = "/dev/shm/qxt_feeder_XXXXXX";
+        if (mkdtemp(tmpl) == nullptr) {
+            fail(format("mkdtemp %s: %s", tmpl, strerror(errno)));
+            return;
+        }
+        dir_ = tmpl;
+    }
+    if (texts_.empty()) {
+        fail("no texts to serve");
+        return;
+    }
+    for (const std::string &text : texts_) {
+        // Written in one piece into an empty pipe: a reader sees all of it or nothing.
+        if (text.size() >= PIPE_BUF) {
+            fail(format("a text of %zu bytes does not fit one pipe write", text.size()));
+            return;
+        }
+    }
+    struct stat st;
+    if (stat(target_.c_str(), &st) != 0 && !make_empty_file(target_)) return;
+    // What the target was, kept reachable under the pipes so that it can be given back.
+    std::string original = dir_ + "/original";
+    if (!make_empty_file(original)) return;
+    if (mount(target_.c_str(), original.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+        fail(format("bind %s over %s: %s", target_.c_str(), original.c_str(), strerror(errno)));
+        return;
+    }
+    kept_original_ = true;
+    if (!install(0)) return;
     thread_ = std::thread([this] { run(); });
 }
 
+// Nothing is unmounted here: an unmount waits for a kernel grace period, which takes seconds on
+// a loaded machine. The target is given back by binding what it was over the pipes instead; the
+// stacked mounts, the mount points and the directory go with this test's mount namespace.
 CounterFeeder::~CounterFeeder() {
     stop_ = true;
     if (thread_.joinable()) thread_.join();
-    if (inotify_fd_ >= 0) close(inotify_fd_);
-    unlink(path_.c_str());
+    // No reader is expected here (the calls that read have returned), but one that were blocked
+    // in open() gets end of file rather than keeping the process from ending.
+    if (installed_ >= 0) {
+        int fd = open(pipe_path(installed_).c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        if (fd >= 0) close(fd);
+    }
+    if (kept_original_) {
+        std::string original = dir_ + "/original";
+        mount(original.c_str(), target_.c_str(), nullptr, MS_BIND, nullptr);
+    }
+    for (int g = 0; g <= installed_; g++) unlink(pipe_path(g).c_str());
+}
+
+bool CounterFeeder::make_empty_file(const std::string &path) {
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        fail(format("create %s: %s", path.c_str(), strerror(errno)));
+        return false;
+    }
+    close(fd);
+    return true;
+}
+
+std::string CounterFeeder::error() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return error_;
+}
+
+void CounterFeeder::fail(const std::string &why) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (error_.empty()) error_ = "counter feeder for " + target_ + ": " + why;
+    failed_ = true;
+}
+
+std::string CounterFeeder::pipe_path(int generation) const {
+    return dir_ + "/" + std::to_string(generation);
+}
+
+bool CounterFeeder::install(int generation) {
+    std::string path = pipe_path(generation);
+    unlink(path.c_str());
+    if (mkfifo(path.c_str(), 0644) != 0) {
+        fail(format("mkfifo %s: %s", path.c_str(), strerror(errno)));
+        return false;
+    }
+    // Stacked over the previous pipe: from now on an open() of the target reaches this one.
+    if (mount(path.c_str(), target_.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+        fail(format("bind %s over %s: %s", path.c_str(), target_.c_str(), strerror(errno)));
+        unlink(path.c_str());
+        return false;
+    }
+    installed_ = generation;
+    return true;
 }
 
 void CounterFeeder::run() {
-    size_t next = 0;
+    // A reader that went away before its text was written must not end the test process.
+    sigset_t pipe_signal;
+    sigemptyset(&pipe_signal);
+    sigaddset(&pipe_signal, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe_signal, nullptr);
+
+    int generation = 0;
     while (!stop_.load()) {
-        // A non-blocking open for writing succeeds only while a reader is opening the pipe.
-        int fd = open(path_.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        // A non-blocking open for writing succeeds only once a reader is opening this pipe; no
+        // reader can reach it any more after the next pipe has been bound over the target.
+        int fd = open(pipe_path(generation).c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
         if (fd < 0) {
-            usleep(500);
+            if (errno != ENXIO) {
+                fail(format("open %s: %s", pipe_path(generation).c_str(), strerror(errno)));
+                break;
+            }
+            usleep(200);
             continue;
         }
-        const std::string &text = texts_[next < texts_.size() ? next : texts_.size() - 1];
-        fcntl(fd, F_SETFL, 0);
+        const std::string &text = texts_[std::min((size_t)generation, texts_.size() - 1)];
+        // The next reader must find the next pipe: put it in place before this reader can return.
+        bool next = install(generation + 1);
         ssize_t n = write(fd, text.data(), text.size());
-        (void)n;
+        if (n != (ssize_t)text.size())
+            fail(format("write to %s: %zd of %zu bytes (%s)", pipe_path(generation).c_str(), n,
+                        text.size(), n < 0 ? strerror(errno) : "short"));
         served_++;  // before the close: the reader cannot be done before this is counted
         close(fd);
-        next++;
-        // Wait for that reader to close before a new reader can be served.
-        bool closed = false;
-        while (!closed && !stop_.load()) {
-            struct pollfd p = {inotify_fd_, POLLIN, 0};
-            if (poll(&p, 1, 50) <= 0) continue;
-            char buf[4096] __attribute__((aligned(8)));
-            ssize_t got = read(inotify_fd_, buf, sizeof(buf));
-            for (char *q = buf; got > 0 && q < buf + got;) {
-                struct inotify_event *ev = (struct inotify_event *)q;
-                if (ev->mask & IN_CLOSE_NOWRITE) closed = true;
-                q += sizeof(*ev) + ev->len;
-            }
-        }
-        if (closed) reads_++;
+        if (!next) break;
+        generation++;
     }
+    release_readers(generation);
 }
 
-int CounterFeeder::settled_reads() const {
-    for (int i = 0; i < 5000 && reads_.load() < served_.load(); i++) usleep(1000);
-    return reads_.load();
+// Once the feeder cannot serve: every reader of the pipe still bound gets end of file at once.
+void CounterFeeder::release_readers(int generation) {
+    while (!stop_.load()) {
+        int fd = open(pipe_path(generation).c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        if (fd >= 0) close(fd);
+        usleep(200);
+    }
 }
 
 std::string proc_stat_text(int32_t total) {
@@ -227,11 +313,30 @@ void DutyThread::stop() {
 }
 
 BusyCpuTurn::BusyCpuTurn() {
-    for (const char *path : {"/run/lock/qxrt_busy_cpu.lock", "/tmp/qxrt_busy_cpu.lock"}) {
+    const char *path = nullptr;
+    for (const char *candidate : {"/run/lock/qxrt_busy_cpu.lock", "/tmp/qxrt_busy_cpu.lock"}) {
+        path = candidate;
         fd_ = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
         if (fd_ >= 0) break;
     }
-    if (fd_ >= 0) flock(fd_, LOCK_EX);
+    if (fd_ < 0) {
+        why_ = format("cannot open the busy-CPU lock file %s: %s", path, strerror(errno));
+        return;
+    }
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!held_) {
+        if (flock(fd_, LOCK_EX | LOCK_NB) == 0) {
+            held_ = true;
+        } else if (errno != EWOULDBLOCK && errno != EINTR) {
+            why_ = format("flock %s: %s", path, strerror(errno));
+            return;
+        } else if (std::chrono::steady_clock::now() >= until) {
+            why_ = format("another run kept the busy-CPU turn (%s) for 60 s", path);
+            return;
+        } else {
+            usleep(10000);
+        }
+    }
 }
 
 BusyCpuTurn::~BusyCpuTurn() {
