@@ -236,10 +236,7 @@ uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
     int32_t s32Central = -1;
 
     RT_ENTER(kName);
-    if (pszDomainName == NULL) {
-        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", kName);
-        return RT_ERR_INVALID_PARAM;
-    }
+    RT_REQUIRE_ARG(kName, pszDomainName);
     uint32_t u32Ret;
     if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return u32Ret;
     pthread_mutex_lock(&mutex);
@@ -467,10 +464,7 @@ int32_t QX_REALTIME_DeleteDomain(const char *pszDomainName) {
     int32_t s32Central = -1;
 
     RT_ENTER(kName);
-    if (pszDomainName == NULL) {
-        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", kName);
-        return (int32_t)RT_ERR_INVALID_PARAM;
-    }
+    RT_REQUIRE_ARG(kName, pszDomainName);
     uint32_t u32Ret;
     if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return (int32_t)u32Ret;
     pthread_mutex_lock(&mutex);
@@ -525,10 +519,7 @@ uint32_t QX_REALTIME_QueryBudget(const char *pszDomainName, QX_REALTIME_UTIL_t *
                                  int32_t *ps32UtilLeft) {
     static const char kName[] = "QX_REALTIME_QueryBudget";
     RT_ENTER(kName);
-    if (pszDomainName == NULL) {
-        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", kName);
-        return RT_ERR_INVALID_PARAM;
-    }
+    RT_REQUIRE_ARG(kName, pszDomainName);
     if (pstUtil == NULL) {
         RT_LOGE("[RT_Impl][Err] [%s] pstUtil is NULL.\n", kName);
         return RT_ERR_NULL;

@@ -210,10 +210,7 @@ uint32_t QX_REALTIME_GetDomainCpuUsage(const char *pszDomainName, uint32_t u32In
     static const char kName[] = "QX_REALTIME_GetDomainCpuUsage";
     int32_t s32Central = -1;
     RT_ENTER(kName);
-    if (pszDomainName == NULL) {
-        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", kName);
-        return RT_ERR_INVALID_PARAM;
-    }
+    RT_REQUIRE_ARG(kName, pszDomainName);
     uint32_t u32Ret;
     if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return u32Ret;
     // The measurement takes no lock file: it only reads, and it may run for a long time.
@@ -311,10 +308,7 @@ uint32_t QX_REALTIME_DumpDomainInfo(const char *pszDomainName) {
     static const char kName[] = "QX_REALTIME_DumpDomainInfo";
     int32_t s32Central = -1;
     RT_ENTER(kName);
-    if (pszDomainName == NULL) {
-        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", kName);
-        return RT_ERR_INVALID_PARAM;
-    }
+    RT_REQUIRE_ARG(kName, pszDomainName);
     uint32_t u32Ret;
     if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return u32Ret;
     if (strncmp(pszDomainName, "All", 3) == 0) {

@@ -264,6 +264,14 @@ void qx_trace_line(const char *func, int line);
             qx_trace_line(name, __LINE__);                                                  \
         }                                                                                   \
     } while (0)
+// A NULL argument ends the operation before any lock is taken.
+#define RT_REQUIRE_ARG(name, arg)                                       \
+    do {                                                                \
+        if ((arg) == NULL) {                                            \
+            RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", name);        \
+            return RT_ERR_INVALID_PARAM;                                \
+        }                                                               \
+    } while (0)
 #define RT_EXIT(name, ret)                                                                  \
     do {                                                                                    \
         if ((ret) == RT_SUCCESS)                                                            \

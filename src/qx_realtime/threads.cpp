@@ -570,10 +570,7 @@ uint32_t QX_REALTIME_RemoveThread(const char *pszDomainName, int32_t s32Tid) {
     uint32_t u32Ret;
 
     RT_ENTER_ARGPID(kName, s32Tid);
-    if (pszDomainName == NULL) {
-        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", kName);
-        return RT_ERR_INVALID_PARAM;
-    }
+    RT_REQUIRE_ARG(kName, pszDomainName);
     int s32Outcome = qx_domain_lock(kName, pszDomainName, &pstDomain, &s32DomainFd, &u32Ret);
     // The arguments are in the reverse order of the other messages: kept.
     if (s32Outcome == QX_DOMAIN_MISSING)
@@ -638,10 +635,7 @@ uint32_t QX_REALTIME_UpdateThreadUtil(const char *pszDomainName, QX_REALTIME_UTI
         RT_LOGE("[RT_Impl][Err] [%s] pstUtil is NULL.\n", kName);
         return RT_ERR_NULL;
     }
-    if (pszDomainName == NULL) {
-        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", kName);
-        return RT_ERR_INVALID_PARAM;
-    }
+    RT_REQUIRE_ARG(kName, pszDomainName);
     int s32Outcome = qx_domain_lock(kName, pszDomainName, &pstDomain, &s32DomainFd, &u32Ret);
     if (s32Outcome == QX_DOMAIN_MISSING) RT_LOGE("[RT_Impl][Err] [%s] pstDomain is NULL.\n", kName);
     if (s32Outcome != QX_DOMAIN_LOCKED) return u32Ret;
@@ -720,10 +714,7 @@ uint32_t QX_REALTIME_DisableMemoryHighPriority(void) {
 
 uint32_t QX_REALTIME_GetAvailableHighPriorityResource(int32_t *ps32Avai) {
     static const char kName[] = "QX_REALTIME_GetAvailableHighPriorityResource";
-    if (ps32Avai == NULL) {
-        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", kName);
-        return RT_ERR_INVALID_PARAM;
-    }
+    RT_REQUIRE_ARG(kName, ps32Avai);
     // Reports that it is not implemented yet while still answering success: deliberate.
     RT_LOGE("[RT_Impl][Err] [%s] The function isn't ready. *ps32Avai=%d\n", kName, *ps32Avai);
     return RT_SUCCESS;
