@@ -267,6 +267,7 @@ static void _QX_REALTIME_ParsingScope(QX_REALTIME_DOMAIN_t *pstDomain, const cha
     if ((*pu64Status & (PS_DOMAIN | PS_CLASS)) == 0) return;
     const char *pszText = pszJson + pstTok->start;
     int s32Len = pstTok->end - pstTok->start;
+    // Every value takes the same conversion, so it is made once here.
     int32_t s32Value = _QX_VarStrToInt(pszText, s32Len);
     QX_REALTIME_CENTRAL_t *pstCentral = pstTop->pstCentral;
 
@@ -290,10 +291,9 @@ static void _QX_REALTIME_ParsingScope(QX_REALTIME_DOMAIN_t *pstDomain, const cha
             RT_LOGI("[RT_Impl][Info] (Global)  Enabled = [%d].\n", (int)pstTop->Enabled);
             *pu64Status &= ~PS_ENABLED;
         } else if (*pu64Status & PS_BUDGETCPUNUM) {
-            int32_t s32Num = _QX_VarStrToInt(pszText, s32Len);
-            pstTop->s32BudgetCpuNum = s32Num;
-            pstCentral->s32BudgetCpuNum = s32Num;
-            RT_LOGI("[RT_Impl][Info] (Global)  BudgetCpuNum = [%d].\n", s32Num);
+            pstTop->s32BudgetCpuNum = s32Value;
+            pstCentral->s32BudgetCpuNum = s32Value;
+            RT_LOGI("[RT_Impl][Info] (Global)  BudgetCpuNum = [%d].\n", s32Value);
             *pu64Status &= ~PS_BUDGETCPUNUM;
         } else {
             RT_LOGE("[RT_Impl][Err] [%s] Unknown System: [%.*s]; ParsingStatus=[%llu]\n",
@@ -335,7 +335,7 @@ static void _QX_REALTIME_ParsingScope(QX_REALTIME_DOMAIN_t *pstDomain, const cha
                 s32Value);
         *pu64Status &= ~PS_UTIL;
     } else if (*pu64Status & PS_RT_PRIORITY) {
-        pstClass->s32RtPriority = _QX_VarStrToInt(pszText, s32Len);
+        pstClass->s32RtPriority = s32Value;
         RT_LOGI("[RT_Impl][Info] Domain [%s] Class [%s] RT_Priority = [%d].\n", pszDomain,
                 pszClass, pstClass->s32RtPriority);
         if (pstDomain->u32SchedType == 0) {
