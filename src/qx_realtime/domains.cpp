@@ -141,6 +141,20 @@ QX_REALTIME_DOMAIN_t *qx_find_domain(const char *pszDomainName, int32_t *pFlockF
             close(s32ShmFd);
             return NULL;
         }
+        // Sizing makes a short file whole again with zeros where its end was: a segment that is
+        // shorter than it should be is not sized and used but refused. An empty one is what a
+        // creator killed before it sized the segment leaves: unfinished.
+        if (st.st_size < RT_SHM_SIZE) {
+            close(s32ShmFd);
+            if (st.st_size == 0) {
+                *ps32Status = QX_LOOKUP_UNFINISHED;
+                return NULL;
+            }
+            RT_LOGE("[RT_Impl][Err] [%s] %s is %lld bytes, not %d: refused.\n", kName, szPath,
+                    (long long)st.st_size, RT_SHM_SIZE);
+            *ps32Status = QX_LOOKUP_BROKEN;
+            return NULL;
+        }
         *ps32Status = QX_LOOKUP_FAILED;
         if (ftruncate(s32ShmFd, RT_SHM_SIZE) != 0) {
             RT_LOGE("[RT_Impl][Err] [%s] ftruncate fails, errno=%s\n", kName, RT_ERRNO_STR);
@@ -532,6 +546,7 @@ static void qx_strip_last(char *pszText) {
 uint32_t _QX_REALTIME_GetAllDomainInfo(void) {
     static const char kName[] = "_QX_REALTIME_GetAllDomainInfo";
     if (pstTop == NULL || pstTop->pstCentral == NULL) return RT_ERR_NULL;
+    if (!qx_central_intact(kName)) return RT_ERR_NULL;
     QX_REALTIME_CENTRAL_t *pstCentral = pstTop->pstCentral;
     int32_t s32Num = qx_central_domain_num(pstCentral);
     for (int32_t i = 0; i < s32Num; i++) {

@@ -333,9 +333,6 @@ uint32_t _QX_REALTIME_GetCentralAndTop(int32_t *ps32FlockFd);
 enum { QX_FRAME_GO = 0, QX_FRAME_FAILED, QX_FRAME_DISABLED };
 int qx_frame_open(const char *pszOp, int32_t *ps32Central, uint32_t *pu32Ret);
 
-// Opens an existing file without following a symlink; anything but a regular file is refused
-// (-1, errno EINVAL).
-int qx_open_regular(const char *pszPath, int s32Flags);
 // Whether the file behind a segment descriptor is shorter than a segment (its size in
 // *ps64Size): such a mapping must not be touched. A descriptor of -1 can't tell and says no.
 int qx_fd_is_short(int32_t s32Fd, long long *ps64Size);

@@ -33,18 +33,6 @@ int qx_format_path(char *dst, size_t dst_size, const char *fmt, ...) {
     return n;
 }
 
-int qx_open_regular(const char *pszPath, int s32Flags) {
-    int fd = open(pszPath, s32Flags | O_NOFOLLOW);
-    if (fd < 0) return -1;
-    struct stat st;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        close(fd);
-        errno = EINVAL;
-        return -1;
-    }
-    return fd;
-}
-
 int qx_fd_is_short(int32_t s32Fd, long long *ps64Size) {
     struct stat st;
     if (s32Fd < 0) return 0;  // no descriptor to ask: nothing can be told
@@ -91,7 +79,9 @@ uint32_t _QX_REALTIME_GetFlock(const char *pszName, int32_t *ps32Fd) {
         return RT_SUCCESS;
     }
     if (errno == EEXIST) {
-        fd = qx_open_regular(szPath, O_RDWR);
+        // Never through a symlink; a lock file is only locked, never mapped or written, so
+        // what else it is does not matter.
+        fd = open(szPath, O_RDWR | O_NOFOLLOW);
         *ps32Fd = fd;
         if (fd >= 0) {
             RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] flock open (%s) return %d, open existed.\n",
@@ -325,8 +315,10 @@ QX_REALTIME_THREAD_t *qx_domain_thread(QX_REALTIME_DOMAIN_t *pstDomain, int32_t 
 }
 
 qx_name_t qx_name_of(const char *pszField) {
+    // Never more than the text: a short literal ("" for a missing class) is not 64 bytes long.
     qx_name_t stName;
-    memcpy(stName.sz, pszField, RT_NAME_LEN);
-    stName.sz[RT_NAME_LEN - 1] = '\0';
+    size_t uLen = strnlen(pszField, RT_NAME_LEN - 1);
+    memcpy(stName.sz, pszField, uLen);
+    memset(stName.sz + uLen, 0, RT_NAME_LEN - uLen);
     return stName;
 }
