@@ -311,9 +311,24 @@ void run_fields(const char *what, const std::string &path, const std::vector<Fie
 #define CLASS_FIELD(f) Field{#f, offsetof(QX_REALTIME_CLASS_t, f)}
 #define THREAD_FIELD(f) Field{#f, offsetof(QX_REALTIME_THREAD_t, f)}
 
+// Deadline bandwidth is one pool for the whole machine: whatever a failing case left booked is
+// dropped on the way out, so that the deadline tests running beside these are not starved.
+// Every case gets a private /tmp: the escaping names resolve into it, and its listing is compared
+// before and after without other runs on the machine changing it.
+class HardeningCorruptedFiles : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string why;
+        if (qxt::in_sandbox(&why)) {
+            ASSERT_EQ("", private_tmp());
+        }
+    }
+    void TearDown() override { rebuild_sched_domains(); }
+};
+
 }  // namespace
 
-TEST(CorruptedFiles, SegmentsTruncatedUnderAMappedProcess) {
+TEST_F(HardeningCorruptedFiles, SegmentsTruncatedUnderAMappedProcess) {
     QXT_REQUIRE_SANDBOX();
     install(2);
     double t0 = now_s();
@@ -327,7 +342,7 @@ TEST(CorruptedFiles, SegmentsTruncatedUnderAMappedProcess) {
     summary("truncated segments", cases, crashes, t0);
 }
 
-TEST(CorruptedFiles, SegmentsReplacedBySymlinksToAForeignFile) {
+TEST_F(HardeningCorruptedFiles, SegmentsReplacedBySymlinksToAForeignFile) {
     QXT_REQUIRE_SANDBOX();
     install(2);
     ASSERT_EQ("", private_tmp());
@@ -372,7 +387,7 @@ TEST(CorruptedFiles, SegmentsReplacedBySymlinksToAForeignFile) {
     summary("symlinked segments and lock files", cases, crashes, t0);
 }
 
-TEST(CorruptedFiles, DirectoryOrFifoInPlaceOfASegmentMakesCreationFail) {
+TEST_F(HardeningCorruptedFiles, DirectoryOrFifoInPlaceOfASegmentMakesCreationFail) {
     QXT_REQUIRE_SANDBOX();
     install(2);
     double t0 = now_s();
@@ -402,7 +417,7 @@ TEST(CorruptedFiles, DirectoryOrFifoInPlaceOfASegmentMakesCreationFail) {
     summary("directory and FIFO segments", cases, crashes, t0);
 }
 
-TEST(CorruptedFiles, NameClimbingOutOfTheDirectoriesTouchesNothing) {
+TEST_F(HardeningCorruptedFiles, NameClimbingOutOfTheDirectoriesTouchesNothing) {
     QXT_REQUIRE_SANDBOX();
     install(2);
     ASSERT_EQ("", private_tmp());
@@ -462,7 +477,7 @@ TEST(CorruptedFiles, NameClimbingOutOfTheDirectoriesTouchesNothing) {
     summary("climbing name", cases, crashes, t0);
 }
 
-TEST(CorruptedFiles, CgroupPathsOfARecordAimedAtAForeignFile) {
+TEST_F(HardeningCorruptedFiles, CgroupPathsOfARecordAimedAtAForeignFile) {
     QXT_REQUIRE_SANDBOX();
     install(2);
     ASSERT_EQ("", private_tmp());
@@ -488,7 +503,7 @@ TEST(CorruptedFiles, CgroupPathsOfARecordAimedAtAForeignFile) {
     summary("cgroup paths aimed at a foreign file", cases, crashes, t0);
 }
 
-TEST(CorruptedFiles, ExtremeValuesInCentralRecord) {
+TEST_F(HardeningCorruptedFiles, ExtremeValuesInCentralRecord) {
     QXT_REQUIRE_SANDBOX();
     run_fields("central record", kGlobalPath,
                {CENTRAL_FIELD(s32BudgetCpuNum), CENTRAL_FIELD(s32UtilTotal), CENTRAL_FIELD(s32CapPerCore),
@@ -497,7 +512,7 @@ TEST(CorruptedFiles, ExtremeValuesInCentralRecord) {
                [] { return (size_t)0; });
 }
 
-TEST(CorruptedFiles, ExtremeValuesInDomainRecord) {
+TEST_F(HardeningCorruptedFiles, ExtremeValuesInDomainRecord) {
     QXT_REQUIRE_SANDBOX();
     run_fields("domain record", kRrPath,
                {DOMAIN_FIELD(s32NextOffset), DOMAIN_FIELD(s32ClassStartOffset), DOMAIN_FIELD(s32ClassNum),
@@ -509,7 +524,7 @@ TEST(CorruptedFiles, ExtremeValuesInDomainRecord) {
                [] { return (size_t)0; });
 }
 
-TEST(CorruptedFiles, ExtremeValuesInClassRecord) {
+TEST_F(HardeningCorruptedFiles, ExtremeValuesInClassRecord) {
     QXT_REQUIRE_SANDBOX();
     run_fields("class record", kRrPath,
                {CLASS_FIELD(s32ClassId), CLASS_FIELD(s32Util), CLASS_FIELD(s32RtPriority),
@@ -517,7 +532,7 @@ TEST(CorruptedFiles, ExtremeValuesInClassRecord) {
                [] { return (size_t)RT_DOMAIN_HEADER_SIZE; });
 }
 
-TEST(CorruptedFiles, ExtremeValuesInThreadRecord) {
+TEST_F(HardeningCorruptedFiles, ExtremeValuesInThreadRecord) {
     QXT_REQUIRE_SANDBOX();
     // The first slot holds the foreign thread admitted by the case's setup.
     run_fields("thread record", kRrPath,
@@ -527,7 +542,7 @@ TEST(CorruptedFiles, ExtremeValuesInThreadRecord) {
                [] { return (size_t)peek32(kRrPath, offsetof(QX_REALTIME_DOMAIN_t, s32ThreadStartOffset)); });
 }
 
-TEST(CorruptedFiles, NameAndPathFieldsWithoutTerminator) {
+TEST_F(HardeningCorruptedFiles, NameAndPathFieldsWithoutTerminator) {
     QXT_REQUIRE_SANDBOX();
     install(2);
     double t0 = now_s();
@@ -567,7 +582,7 @@ TEST(CorruptedFiles, NameAndPathFieldsWithoutTerminator) {
     summary("fields without terminator", cases, crashes, t0);
 }
 
-TEST(CorruptedFiles, RandomBytesOverWholeSegments) {
+TEST_F(HardeningCorruptedFiles, RandomBytesOverWholeSegments) {
     QXT_REQUIRE_SANDBOX();
     install(2);
     double t0 = now_s();
@@ -592,4 +607,100 @@ TEST(CorruptedFiles, RandomBytesOverWholeSegments) {
         EXPECT_EQ("", r.problems) << path << " filled with random bytes, seed " << seed;
     }
     summary("random bytes", cases, crashes, t0);
+}
+
+// A segment that is not a regular file of 16384 bytes, is reached through a symlink, or whose
+// record does not belong to the name (its name or cgroup paths are another's) can't be used: the
+// lookup fails as for an unknown domain (RT_ERR_NULL) with an error message, and the file is left
+// as it is (no truncation to size, no write).
+TEST_F(HardeningCorruptedFiles, UnusableSegmentMakesTheLookupFail) {
+    QXT_REQUIRE_SANDBOX();
+    install(2);
+    ASSERT_EQ("", private_tmp());
+    double t0 = now_s();
+    const std::string copy = "/tmp/hard_segment_copy";
+    const std::string lock = std::string(RT_FLOCK_PREFIX) + kRr;
+    auto text_field = [](size_t offset, const std::string &text) {
+        char field[RT_PATH_LEN] = {0};
+        memcpy(field, text.c_str(), std::min(text.size(), sizeof(field) - 1));
+        poke(kRrPath, offset, field, offset == offsetof(QX_REALTIME_DOMAIN_t, szName) ? RT_NAME_LEN : RT_PATH_LEN);
+    };
+    struct Damage {
+        const char *what;
+        std::function<void()> apply;
+    };
+    const std::vector<Damage> damages = {
+        {"truncated to 0 bytes", [] { truncate(kRrPath.c_str(), 0); }},
+        {"truncated to 100 bytes", [] { truncate(kRrPath.c_str(), 100); }},
+        {"cut to 16383 bytes", [] { truncate(kRrPath.c_str(), RT_SHM_SIZE - 1); }},
+        {"a directory", [] { unlink(kRrPath.c_str()); mkdir(kRrPath.c_str(), 0770); }},
+        {"a FIFO", [] { unlink(kRrPath.c_str()); mkfifo(kRrPath.c_str(), 0660); }},
+        {"a symlink to an intact copy",
+         [&] {
+             qxt::write_file(copy, qxt::read_file(kRrPath));
+             unlink(kRrPath.c_str());
+             if (symlink(copy.c_str(), kRrPath.c_str()) != 0) {
+             }
+         }},
+        {"its lock file a symlink",
+         [&] {
+             qxt::write_file(copy, "lock\n");
+             unlink(lock.c_str());
+             if (symlink(copy.c_str(), lock.c_str()) != 0) {
+             }
+         }},
+        {"the record named for another domain",
+         [&] { text_field(offsetof(QX_REALTIME_DOMAIN_t, szName), kDl); }},
+        {"cpuset tasks path elsewhere",
+         [&] { text_field(offsetof(QX_REALTIME_DOMAIN_t, pszCpusetPathTasks), "/tmp/hard_tasks"); }},
+        {"cpuacct tasks path elsewhere",
+         [&] { text_field(offsetof(QX_REALTIME_DOMAIN_t, pszCpuacctPathTasks), "/tmp/hard_tasks"); }},
+        {"cpuset root of another domain",
+         [&] { text_field(offsetof(QX_REALTIME_DOMAIN_t, pszCpusetPathRoot), std::string("/dev/cpuset/") + kDl); }},
+        {"cpuacct stat path elsewhere",
+         [&] { text_field(offsetof(QX_REALTIME_DOMAIN_t, pszCpuacctPathStat), "/tmp/hard_tasks"); }},
+    };
+    int cases = 0, crashes = 0;
+    for (const Damage &d : damages) {
+        ASSERT_EQ("", reset({kRr, kDl}));
+        d.apply();
+        struct stat before;
+        bool had = lstat(kRrPath.c_str(), &before) == 0;
+        std::string bytes_before = S_ISREG(before.st_mode) ? qxt::read_file(kRrPath) : "";
+        ChildResult r = run_child(
+            [&] {
+                pid_t t = start_sleeper();
+                qxt::LogCapture log;
+                QX_REALTIME_UTIL_t u = {10, 0, 0, 0};
+                int32_t left = 0;
+                uint32_t rc[4] = {QX_REALTIME_QueryBudget(kRr, &u, &left),
+                                  QX_REALTIME_AddThread(kRr, kRrClass, t, 0),
+                                  QX_REALTIME_UpdateThreadUtil(kRr, &u, t),
+                                  QX_REALTIME_RemoveThread(kRr, t)};
+                const char *ops[4] = {"QueryBudget", "AddThread", "UpdateThreadUtil", "RemoveThread"};
+                std::string out;
+                for (int i = 0; i < 4; i++)
+                    if (rc[i] != RT_ERR_NULL) out += qxt::format("%s returned %u, not 10\n", ops[i], rc[i]);
+                int errors = 0;
+                for (const qxt::LogLine &line : log.lines()) errors += line.priority == QX_LOG_PRIO_ERROR;
+                if (errors == 0) out += "no error message\n";
+                qxt::SchedInfo si = qxt::sched_of(t);
+                if (si.policy != SCHED_OTHER || qxt::cgroup_of(t, "cpuset") != "/")
+                    out += "the thread was admitted all the same\n";
+                return out;
+            },
+            20);
+        cases++;
+        crashes += !r.normal_exit;
+        EXPECT_EQ("", r.describe()) << kRrPath << " " << d.what;
+        struct stat after;
+        bool has = lstat(kRrPath.c_str(), &after) == 0;
+        EXPECT_EQ(had, has) << d.what;
+        if (had && has && S_ISREG(before.st_mode)) {
+            EXPECT_EQ(before.st_size, after.st_size) << d.what << ": the segment's size changed";
+            EXPECT_TRUE(bytes_before == qxt::read_file(kRrPath)) << d.what << ": the segment was written";
+        }
+        unlink(copy.c_str());
+    }
+    summary("unusable segments", cases, crashes, t0);
 }
