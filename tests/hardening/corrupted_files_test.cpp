@@ -295,9 +295,10 @@ void run_fields(const char *what, const std::string &path, const std::vector<Fie
     install(2);
     double t0 = now_s();
     int cases = 0, crashes = 0;
+    Scratch scratch("/tmp/hard_scratch");
     for (const Field &field : fields) {
         for (int32_t value : kExtremes) {
-            CaseResult r = run_case([&] { poke32(path, base() + field.offset, value); }, nullptr);
+            CaseResult r = run_case([&] { poke32(path, base() + field.offset, value); }, &scratch);
             cases++;
             crashes += r.crashed;
             EXPECT_EQ("", r.problems) << what << " field " << field.name << " = " << value;
@@ -566,6 +567,7 @@ TEST_F(HardeningCorruptedFiles, NameAndPathFieldsWithoutTerminator) {
         {"all paths at once", kRrPath, offsetof(QX_REALTIME_DOMAIN_t, pszCpusetPathRoot), RT_PATH_LEN * 5},
         {"szClassName", kRrPath, cls + offsetof(QX_REALTIME_CLASS_t, szClassName), RT_NAME_LEN},
     };
+    Scratch scratch("/tmp/hard_scratch");
     for (const Text &t : texts) {
         for (char fill : {'A', '%', '/'}) {
             CaseResult r = run_case(
@@ -573,7 +575,7 @@ TEST_F(HardeningCorruptedFiles, NameAndPathFieldsWithoutTerminator) {
                     std::string bytes(t.size, fill);
                     poke(t.path, t.offset, bytes.data(), bytes.size());
                 },
-                nullptr);
+                &scratch);
             cases++;
             crashes += r.crashed;
             EXPECT_EQ("", r.problems) << t.name << " filled with '" << fill << "' and no terminator";
@@ -589,6 +591,7 @@ TEST_F(HardeningCorruptedFiles, RandomBytesOverWholeSegments) {
     int runs = 300;
     if (const char *env = getenv("QXRT_HARDENING_RANDOM_RUNS")) runs = atoi(env);
     int cases = 0, crashes = 0;
+    Scratch scratch("/tmp/hard_scratch");
     for (int seed = 1; seed <= runs; seed++) {
         // Odd seeds damage the domain segment, even ones the central segment; every fourth run
         // keeps the domain's header offsets and damages only the rest, so the records are reached.
@@ -601,7 +604,7 @@ TEST_F(HardeningCorruptedFiles, RandomBytesOverWholeSegments) {
                 size_t from = (seed % 4 == 1) ? 20 : 0;
                 poke(path, from, bytes.data() + from, bytes.size() - from);
             },
-            nullptr);
+            &scratch);
         cases++;
         crashes += r.crashed;
         EXPECT_EQ("", r.problems) << path << " filled with random bytes, seed " << seed;

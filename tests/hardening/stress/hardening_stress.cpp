@@ -1,8 +1,9 @@
 // Bounded stress run: 8 client processes with 3 sleeping threads each admit, update and remove
 // their threads in a round-robin and a deadline domain as fast as they can, while a supervisor
 // SIGKILLs random clients and starts new ones. At the end, after one reaping admission per domain,
-// the books must agree: s32UtilCurrent equals the sum of the in-use slots, and the process-ID
-// list names no dead process.
+// the books must agree: s32UtilCurrent equals the sum of the in-use slots, the process-ID list
+// names no dead process, and the thread of another live process that the clients admit and
+// remove in turn is SCHED_OTHER in the root groups unless a slot names it.
 //
 //   QXRT_STRESS_SECONDS   length of the run (default 5; CI runs 60)
 //   QXRT_STRESS_SEED      seed of the supervisor's and clients' choices (default 1)
@@ -38,7 +39,7 @@ struct Shared {
     std::atomic<int> last_unexpected;
 };
 
-[[noreturn]] void client(Shared *sh, unsigned seed) {
+[[noreturn]] void client(Shared *sh, unsigned seed, pid_t foreign_tid) {
     int fd = open("/dev/null", O_WRONLY);  // errors of refused calls are expected: keep quiet
     if (fd >= 0 && getenv("QXRT_HARDENING_VERBOSE") == nullptr) dup2(fd, 2);
     pid_t tids[kThreadsPerClient];
@@ -59,6 +60,18 @@ struct Shared {
         return rc;
     };
     while (sh->stop.load() == 0) {
+        if (rand_r(&seed) % 8 == 0) {
+            // The thread of another live process, shared by all clients: admitted by one, removed
+            // by another, or found already there (0) or already gone (11).
+            uint32_t rc = rand_r(&seed) % 2 ? QX_REALTIME_AddThread(kRr, kRrClass, foreign_tid, 0)
+                                            : QX_REALTIME_RemoveThread(kRr, foreign_tid);
+            sh->calls.fetch_add(1);
+            if (rc != RT_SUCCESS && rc != RT_ERR_OVER_BUDGET && rc != RT_ERR_NOT_EXIST) {
+                sh->unexpected.fetch_add(1);
+                sh->last_unexpected.store((int)rc);
+            }
+            continue;
+        }
         int i = (int)(rand_r(&seed) % kThreadsPerClient);
         if (!in[i]) {
             domain[i] = rand_r(&seed) % 2 ? kRr : kDl;
@@ -91,10 +104,10 @@ struct Shared {
     _exit(0);
 }
 
-pid_t start_client(Shared *sh, unsigned seed) {
+pid_t start_client(Shared *sh, unsigned seed, pid_t foreign_tid) {
     fflush(nullptr);
     pid_t pid = fork();
-    if (pid == 0) client(sh, seed);
+    if (pid == 0) client(sh, seed, foreign_tid);
     return pid;
 }
 
@@ -121,9 +134,14 @@ int main() {
     if (sh == MAP_FAILED) return 1;
     new (sh) Shared{};
 
+    Foreign foreign = start_foreign();
+    if (foreign.pid <= 0) {
+        printf("hardening_stress: the foreign process did not start\n");
+        return 1;
+    }
     std::vector<pid_t> clients;
     unsigned next_seed = seed * 1000;
-    for (int c = 0; c < kClients; c++) clients.push_back(start_client(sh, next_seed++));
+    for (int c = 0; c < kClients; c++) clients.push_back(start_client(sh, next_seed++, foreign.tid));
     long kills = 0;
     const double t0 = now_s();
     while (now_s() - t0 < seconds) {
@@ -132,7 +150,7 @@ int main() {
         kill(clients[victim], SIGKILL);
         waitpid(clients[victim], nullptr, 0);
         kills++;
-        clients[victim] = start_client(sh, next_seed++);
+        clients[victim] = start_client(sh, next_seed++, foreign.tid);
     }
     sh->stop.store(1);
     const double elapsed = now_s() - t0;
@@ -154,7 +172,8 @@ int main() {
     // One reaping admission per domain, then the invariants.
     bool ok = true;
     for (const char *domain : {kRr, kDl}) {
-        ChildResult r = run_child([domain] { return admit_remove_and_check(domain, -1, false); });
+        pid_t ftid = domain == kRr ? foreign.tid : -1;  // it only ever enters the RR domain
+        ChildResult r = run_child([domain, ftid] { return admit_remove_and_check(domain, ftid, false); });
         if (!r.describe().empty()) {
             ok = false;
             printf("hardening_stress: %s broken after the run:\n%s\n", domain, r.describe().c_str());
@@ -166,6 +185,7 @@ int main() {
            elapsed, kClients, kThreadsPerClient, sh->calls.load(), sh->calls.load() / elapsed,
            sh->admitted.load(), sh->refused_budget.load(), sh->unexpected.load(),
            sh->last_unexpected.load(), kills, stragglers, ok ? "hold" : "BROKEN");
+    stop_foreign(foreign);
     rebuild_sched_domains();  // nothing booked by this run stays behind for the next tests
     if (stragglers != 0) ok = false;
     return ok ? 0 : 1;
