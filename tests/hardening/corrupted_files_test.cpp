@@ -57,7 +57,7 @@ void quiet_child() {
 
 // Every exported operation once, in an order that keeps the destructive ones to the end. The
 // codes are collected into the returned text only as information; what counts is that the calls
-// return. fresh: the process has no Init of its own (Init comes late, before CreateDomain).
+// return. Init comes late, just before CreateDomain, which needs it in the calling process.
 std::string every_operation(pid_t foreign_tid) {
     std::string codes;
     auto note = [&codes](const char *what, uint32_t rc) { codes += qxt::format("%s=%u ", what, rc); };

@@ -87,8 +87,7 @@ std::vector<NameOp> name_ops() {
     };
 }
 
-// Whether an operation is one of the thread operations that the name case runs after an
-// admission of the same thread into the existing domain (so that it has something to find).
+// The domain's s32UtilCurrent as its segment file holds it (INT32_MIN when unreadable).
 int32_t util_current(const std::string &domain) {
     Segment s = read_segment(domain);
     return s.ok ? s.head.s32UtilCurrent : INT32_MIN;
