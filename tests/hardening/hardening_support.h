@@ -19,6 +19,20 @@
 
 namespace hard {
 
+// Sanitizer builds fork a large process image, many times more slowly: the long loops of the
+// corrupted-file suite run a share of their cases there, so that every case stays in its time.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+#else
+constexpr bool kSanitized = false;
+#endif
+
 // Domains of the suite's configuration. Rr and Dl exist after reset(); New and NewDl are in the
 // configuration but left for the creation cases.
 extern const char kRr[];     // round-robin, CPU 0, Class_R (Util 100, priority 10)
