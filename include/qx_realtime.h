@@ -82,13 +82,25 @@ QX_REALTIME_API uint32_t QX_REALTIME_SelfTest(void);
 
 /* ---- Domains ---- */
 
+/* Domain names name files and control groups: every operation that takes one refuses, with
+ * RT_ERR_INVALID_PARAM and before it touches any file, a name that is empty, longer than 63
+ * characters, "." or "..", or contains '/'. A domain whose shared files another process damaged
+ * (a segment cut short, a record whose name or cgroup paths are not its own) or whose creation
+ * was cut short by the death of its creator is not used: operations on it answer RT_ERR_NULL with
+ * a message, QX_REALTIME_CreateDomain makes a half-created domain anew, and
+ * QX_REALTIME_DeleteDomain removes a damaged one. Segment and lock files are never opened through
+ * a symlink. */
+
 /* RT_SUCCESS (also when it exists or the framework is disabled); RT_ERR_FAILED (budget, CPU
  * count, cgroups, a process maps at most 7 created domains); RT_ERR_INVALID_PARAM (configuration,
  * NULL name, no configuration chosen by QX_REALTIME_Init in this process); RT_ERR_SYSTEM;
  * RT_ERR_NULL (no central segment). */
 QX_REALTIME_API uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName);
 /* Copies the names in 64-byte slots; a NULL buffer only logs them.
- * RT_SUCCESS; RT_ERR_SYSTEM when the buffer is too small; RT_ERR_FAILED or RT_ERR_NULL. */
+ * RT_SUCCESS; RT_ERR_SYSTEM when the buffer is too small; RT_ERR_FAILED or RT_ERR_NULL.
+ * Hazard, kept by design: only the start of each slot is tested against u32BufSize, and the
+ * whole 64-byte slot is copied. A buffer whose size is not a multiple of 64 is overrun by up to
+ * 63 bytes; always pass 64 x the number of domains (24 at most: 1536 bytes is always enough). */
 QX_REALTIME_API uint32_t QX_REALTIME_GetAllDomainName(char *pNames, uint32_t u32BufSize);
 /* Prints every live thread of every domain. RT_SUCCESS or RT_ERR_SYSTEM. */
 QX_REALTIME_API uint32_t _QX_REALTIME_GetAllDomainInfo(void);
@@ -108,8 +120,17 @@ QX_REALTIME_API uint32_t QX_REALTIME_DmipsToUs(uint32_t u32Dmips, uint32_t *u32M
 
 /* RT_SUCCESS (also for a thread already admitted); RT_ERR_NULL (unknown domain);
  * RT_ERR_NOT_EXIST (class, record, process list); RT_ERR_INVALID_PARAM (priority, deadline
- * triple, negative utilisation, NULL name); RT_ERR_OVER_BUDGET; RT_ERR_SCHED_SETATTR;
- * RT_ERR_SYSTEM (cgroup move). Nothing is rolled back after a later failure. */
+ * triple, negative utilisation, NULL or invalid name); RT_ERR_OVER_BUDGET; RT_ERR_SCHED_SETATTR;
+ * RT_ERR_SYSTEM (cgroup move).
+ * After RT_ERR_SCHED_SETATTR nothing has changed. After RT_ERR_SYSTEM the thread keeps the
+ * class's policy (it is not rolled back) but nothing is recorded or charged. After
+ * RT_ERR_NOT_EXIST from the record or process-list step the thread is admitted and charged all
+ * the same. A caller killed during the call leaves a record for the thread if it changed it.
+ * With bDlOverrun in a deadline domain the kernel sends SIGXCPU at each runtime overrun; a
+ * process that neither catches nor ignores it is killed, and admission logs an error saying so.
+ * Hazard, kept by design: s32Tid is used as given. 0 means the calling thread to the kernel: it
+ * gets the policy and the groups, and its record is kept under thread id 0 (RT_ERR_NOT_EXIST,
+ * since /proc/0 does not exist). Always pass a real thread id (gettid()). */
 QX_REALTIME_API uint32_t QX_REALTIME_AddThread(const char *pszDomainName, const char *pszClassName,
                                int32_t s32Tid, uint8_t bDlOverrun);
 /* As QX_REALTIME_AddThread with the caller's parameters and no budget check;

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "config_lint.h"
+#include "rt_check.h"
 #include "qx_realtime.h"
 
 namespace {
@@ -131,6 +132,7 @@ struct Args {
     std::vector<std::string> pos;  // positional arguments after the subcommand
     bool overrun = false;          // --overrun
     std::string cpus;              // lint --cpus N
+    bool repair = false;           // check --repair
 };
 
 typedef int (*Handler)(const char *name, const Args &args);
@@ -400,6 +402,35 @@ int run_lint(const char *, const Args &a) {
 }  // namespace
 
 namespace {
+// Every inconsistency on its own line, with the repair's action under it; exit 0 only when there
+// was none (or, with --repair, when every one was repaired).
+int run_check(const char *, const Args &a) {
+    std::string error;
+    std::vector<rtcheck::Finding> findings = rtcheck::run(a.repair, &error);
+    if (!error.empty()) {
+        fprintf(stderr, "rtctl check: %s\n", error.c_str());
+        return 1;
+    }
+    size_t repaired = 0;
+    for (const rtcheck::Finding &f : findings) {
+        printf("%s: %s\n", f.where.c_str(), f.what.c_str());
+        if (f.action.empty()) continue;
+        printf("    repaired: %s\n", f.action.c_str());
+        if (f.action.find("fail") == std::string::npos && f.action.compare(0, 5, "could") != 0)
+            repaired++;
+    }
+    if (findings.empty()) {
+        printf("consistent\n");
+        return 0;
+    }
+    if (a.repair) {
+        printf("%zu inconsistencies, %zu repaired\n", findings.size(), repaired);
+        return repaired == findings.size() ? 0 : 1;
+    }
+    printf("%zu inconsistencies (rtctl check --repair repairs them)\n", findings.size());
+    return 1;
+}
+
 const Command kCommands[] = {
     {"init", "[MODE]",
      "Creates the shared state and reads the system settings of the configuration.\n"
@@ -459,6 +490,13 @@ const Command kCommands[] = {
     {"mem-available", "[VALUE]",
      "QX_REALTIME_GetAvailableHighPriorityResource with *ps32Avai = VALUE (default 0).", 0, 1,
      false, false, run_mem_available},
+    {"check", "[--repair]",
+     "Checks every domain against its records and the kernel, under their lock files:\n"
+     "charges without a record, records of dead processes or threads, threads in a domain's\n"
+     "groups without a record, records the kernel disagrees with, half-created or damaged\n"
+     "domains, segment sizes and modes. Prints each; exits 0 only when there is none.\n"
+     "--repair fixes each one and says what it did (exit 0 when all were repaired).",
+     0, 0, false, false, run_check},
     {"lint", "[--cpus N] FILE",
      "Checks a configuration file without touching the shared state.\n"
      "Prints every problem as FILE:LINE: error|warning: message (fix: suggestion);\n"
@@ -531,6 +569,8 @@ int main(int argc, char **argv) {
             want_help = true;
         } else if (cmd != nullptr && arg == "--overrun" && cmd->takes_overrun) {
             args.overrun = true;
+        } else if (cmd != nullptr && strcmp(cmd->name, "check") == 0 && arg == "--repair") {
+            args.repair = true;
         } else if (cmd != nullptr && strcmp(cmd->name, "lint") == 0 && arg == "--cpus") {
             if (i + 1 >= argc) return usage_error(cmd, "--cpus needs a number");
             args.cpus = argv[++i];

@@ -20,17 +20,91 @@ int qx_cpuset_file_path(char *dst, size_t dst_size, const char *pszDir, const ch
     return 0;
 }
 
+// ---- names and the trust placed in a segment ----
+
+int qx_domain_name_ok(const char *pszName) {
+    if (pszName == NULL) return 0;
+    size_t uLen = strnlen(pszName, RT_NAME_LEN);
+    if (uLen == 0 || uLen > RT_DOMAIN_NAME_MAX) return 0;
+    if (strchr(pszName, '/') != NULL) return 0;
+    return strcmp(pszName, ".") != 0 && strcmp(pszName, "..") != 0;
+}
+
+// Whether a path field of a record reads exactly pszBase + pszName + pszTail.
+static int qx_field_is(const char *pszField, const char *pszBase, const char *pszName,
+                       const char *pszTail) {
+    const char *apszParts[] = {pszBase, pszName, pszTail};
+    size_t uAt = 0;
+    for (const char *pszPart : apszParts) {
+        size_t uLen = strlen(pszPart);
+        if (uAt + uLen >= RT_PATH_LEN || memcmp(pszField + uAt, pszPart, uLen) != 0) return 0;
+        uAt += uLen;
+    }
+    return pszField[uAt] == '\0';
+}
+
+static uint32_t qx_creation_mark(const QX_REALTIME_DOMAIN_t *pstDomain) {
+    uint32_t u32Mark;
+    memcpy(&u32Mark, (const char *)pstDomain + RT_DOMAIN_MARK_OFFSET, sizeof(u32Mark));
+    return u32Mark;
+}
+
+void qx_set_creation_mark(QX_REALTIME_DOMAIN_t *pstDomain, uint32_t u32Mark) {
+    memcpy((char *)pstDomain + RT_DOMAIN_MARK_OFFSET, &u32Mark, sizeof(u32Mark));
+}
+
+// What a mapped segment may be trusted with. A record whose creation never finished (its mark
+// still set, or not even its name written) is unfinished; one whose name or the cgroup paths the
+// library writes to are not those its name implies, or whose file is shorter than a segment, is
+// broken: another process wrote over it, and acting on it could write into any file.
+static int qx_check_segment(const char *pszOp, const char *pszName,
+                            const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32ShmFd) {
+    long long s64Size = 0;
+    if (qx_fd_is_short(s32ShmFd, &s64Size)) {
+        RT_LOGE("[RT_Impl][Err] [%s] %s%s is %lld bytes, not %d: refused.\n", pszOp, RT_SHM_PREFIX,
+                pszName, s64Size, RT_SHM_SIZE);
+        return QX_LOOKUP_BROKEN;
+    }
+    if (qx_creation_mark(pstDomain) == RT_DOMAIN_CREATING || pstDomain->szName[0] == '\0')
+        return QX_LOOKUP_UNFINISHED;
+    const char *pszBad = NULL;
+    if (strncmp(pstDomain->szName, pszName, RT_NAME_LEN) != 0)
+        pszBad = "szName";
+    else if (!qx_field_is(pstDomain->pszCpusetPathRoot, RT_CPUSET_ROOT, pszName, ""))
+        pszBad = "pszCpusetPathRoot";
+    else if (!qx_field_is(pstDomain->pszCpusetPathTasks, RT_CPUSET_ROOT, pszName, "/tasks"))
+        pszBad = "pszCpusetPathTasks";
+    else if (!qx_field_is(pstDomain->pszCpuacctPathRoot, RT_CPUACCT_ROOT, pszName, ""))
+        pszBad = "pszCpuacctPathRoot";
+    else if (!qx_field_is(pstDomain->pszCpuacctPathTasks, RT_CPUACCT_ROOT, pszName, "/tasks"))
+        pszBad = "pszCpuacctPathTasks";
+    if (pszBad == NULL) return QX_LOOKUP_FOUND;
+    RT_LOGE("[RT_Impl][Err] [%s] Domain [%s] is corrupted (%s): refused.\n", pszOp, pszName,
+            pszBad);
+    return QX_LOOKUP_BROKEN;
+}
+
 // ---- lookup ----
 
-QX_REALTIME_DOMAIN_t *_QX_REALTIME_GetDomainFromName(const char *pszDomainName,
-                                                     int32_t *pFlockFd) {
+QX_REALTIME_DOMAIN_t *qx_find_domain(const char *pszDomainName, int32_t *pFlockFd,
+                                     int *ps32Status) {
+    static const char kName[] = "_QX_REALTIME_GetDomainFromName";
+    int s32Status = QX_LOOKUP_FAILED;
+    if (ps32Status == NULL) ps32Status = &s32Status;
+    *ps32Status = QX_LOOKUP_FAILED;
     if (pszDomainName == NULL) return NULL;
     if (pstTop == NULL || pstTop->pstCentral == NULL) {
         if (_QX_REALTIME_GetCentralShm() != RT_SUCCESS) {
-            RT_LOGE("[RT_Impl][Err] %s (%d), can't get existing central data\n", __func__,
+            RT_LOGE("[RT_Impl][Err] %s (%d), can't get existing central data\n", kName,
                     __LINE__);
             return NULL;
         }
+    }
+    // A name that could leave the segment directory names no domain (names read from a
+    // corrupted central list come this way too).
+    if (!qx_domain_name_ok(pszDomainName)) {
+        *ps32Status = QX_LOOKUP_MISSING;
+        return NULL;
     }
 
     void *pvAddr = NULL;
@@ -44,6 +118,10 @@ QX_REALTIME_DOMAIN_t *_QX_REALTIME_GetDomainFromName(const char *pszDomainName,
         if (pstTop->astDomainMap[i].pvDomainAddr != NULL &&
             strcmp(pstTop->astDomainMap[i].szDomainName, pszDomainName) == 0) {
             pvAddr = pstTop->astDomainMap[i].pvDomainAddr;
+            *ps32Status = qx_check_segment(kName, pszDomainName,
+                                           (QX_REALTIME_DOMAIN_t *)pvAddr,
+                                           pstTop->astDomainMap[i].s32ShmFd);
+            if (*ps32Status != QX_LOOKUP_FOUND) return NULL;
             break;
         }
     }
@@ -51,10 +129,21 @@ QX_REALTIME_DOMAIN_t *_QX_REALTIME_GetDomainFromName(const char *pszDomainName,
     if (pvAddr == NULL) {
         char szPath[RT_PATH_LEN];
         if (RT_FORMAT_PATH(szPath, "%s%s", RT_SHM_PREFIX, pszDomainName) < 0) return NULL;
-        s32ShmFd = open(szPath, O_RDWR | O_CLOEXEC);
-        if (s32ShmFd < 0) return NULL;  // no such domain: the caller reports it
+        s32ShmFd = open(szPath, O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+        // No such domain (or a symlink, which is never followed): the caller reports it.
+        *ps32Status = QX_LOOKUP_MISSING;
+        if (s32ShmFd < 0) return NULL;
+        struct stat st;
+        if (fstat(s32ShmFd, &st) != 0 || !S_ISREG(st.st_mode)) {
+            // Not a segment (a FIFO, a device): it fails as its ftruncate would.
+            errno = EINVAL;
+            RT_LOGE("[RT_Impl][Err] [%s] ftruncate fails, errno=%s\n", kName, RT_ERRNO_STR);
+            close(s32ShmFd);
+            return NULL;
+        }
+        *ps32Status = QX_LOOKUP_FAILED;
         if (ftruncate(s32ShmFd, RT_SHM_SIZE) != 0) {
-            RT_LOGE("[RT_Impl][Err] [%s] ftruncate fails, errno=%s\n", __func__, RT_ERRNO_STR);
+            RT_LOGE("[RT_Impl][Err] [%s] ftruncate fails, errno=%s\n", kName, RT_ERRNO_STR);
             close(s32ShmFd);
             return NULL;
         }
@@ -63,34 +152,56 @@ QX_REALTIME_DOMAIN_t *_QX_REALTIME_GetDomainFromName(const char *pszDomainName,
             // past the table.
             RT_LOGE("[RT_Impl][Err] [%s] Can't map domain [%s]: this process maps at most %d "
                     "domains.\n",
-                    __func__, pszDomainName, RT_MAX_DOMAIN_MAP);
+                    kName, pszDomainName, RT_MAX_DOMAIN_MAP);
             close(s32ShmFd);
             return NULL;
         }
         pvAddr = mmap(NULL, RT_SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, s32ShmFd, 0);
         if (pvAddr == MAP_FAILED) {
-            RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] mmap fails\n", __func__, getpid(),
+            RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] mmap fails\n", kName, getpid(),
                     qx_gettid());
             pvAddr = NULL;
         } else {
+            // Only a finished, sound domain enters the table.
+            *ps32Status = qx_check_segment(kName, pszDomainName, (QX_REALTIME_DOMAIN_t *)pvAddr,
+                                           s32ShmFd);
+            if (*ps32Status != QX_LOOKUP_FOUND) {
+                munmap(pvAddr, RT_SHM_SIZE);
+                close(s32ShmFd);
+                return NULL;
+            }
             pstEntry = &pstTop->astDomainMap[pstTop->u32DomainMapNum];
             pstEntry->pvDomainAddr = pvAddr;
             qx_copy_name(pstEntry->szDomainName, pszDomainName);
             pstEntry->s32ShmFd = s32ShmFd;
             pstTop->u32DomainMapNum += 1;
             RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] shm exists. mmap=%p, s32ShmFd=%d\n",
-                    __func__, getpid(), qx_gettid(), pvAddr, s32ShmFd);
+                    kName, getpid(), qx_gettid(), pvAddr, s32ShmFd);
         }
     }
 
     if (_QX_REALTIME_GetFlock(pszDomainName, pFlockFd) != RT_SUCCESS) {
-        RT_LOGE("[RT_Impl][Err] %s (%d), can't get %s flock\n", __func__, __LINE__, pszDomainName);
-        if (s32ShmFd >= 0) close(s32ShmFd);
-        // The entry keeps its mapping; its descriptor is gone, so it must not be closed again.
-        if (pstEntry != NULL) pstEntry->s32ShmFd = -1;
+        RT_LOGE("[RT_Impl][Err] %s (%d), can't get %s flock\n", kName, __LINE__, pszDomainName);
+        // A descriptor that entered the table stays open with it: it is how a later lookup
+        // sees that another process cut the file short.
+        if (s32ShmFd >= 0 && pstEntry == NULL) close(s32ShmFd);
+        *ps32Status = QX_LOOKUP_FAILED;
         return NULL;
     }
+    if (pvAddr == NULL) return NULL;
+    *ps32Status = QX_LOOKUP_FOUND;
     return (QX_REALTIME_DOMAIN_t *)pvAddr;
+}
+
+QX_REALTIME_DOMAIN_t *_QX_REALTIME_GetDomainFromName(const char *pszDomainName,
+                                                     int32_t *pFlockFd) {
+    int s32Status = QX_LOOKUP_FAILED;
+    QX_REALTIME_DOMAIN_t *pstDomain = qx_find_domain(pszDomainName, pFlockFd, &s32Status);
+    if (s32Status == QX_LOOKUP_UNFINISHED)
+        RT_LOGE("[RT_Impl][Err] [%s] Domain [%s] is being created, or its creator died before "
+                "it was done: refused.\n",
+                "_QX_REALTIME_GetDomainFromName", pszDomainName);
+    return pstDomain;
 }
 
 int qx_domain_lock(const char *pszOp, const char *pszDomainName, QX_REALTIME_DOMAIN_t **ppstDomain,
@@ -237,17 +348,35 @@ uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
 
     RT_ENTER(kName);
     RT_REQUIRE_ARG(kName, pszDomainName);
+    RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
     uint32_t u32Ret;
     if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return u32Ret;
     pthread_mutex_lock(&mutex);
     flock(s32Central, LOCK_EX);
 
     // A domain whose segment exists is never initialised again, even when this process can't map
-    // it (its table is full): that would wipe the records of a live domain.
+    // it (its table is full): that would wipe the records of a live domain. A damaged one is
+    // refused; one whose creator died half-way is removed and created anew (creations hold the
+    // central lock, so under it an unfinished domain is one nobody will finish).
     char szShmPath[RT_PATH_LEN];
-    int bExists = _QX_REALTIME_GetDomainFromName(pszDomainName, NULL) != NULL;
-    if (!bExists && RT_FORMAT_PATH(szShmPath, "%s%s", RT_SHM_PREFIX, pszDomainName) >= 0)
-        bExists = access(szShmPath, F_OK) == 0;
+    int s32Found = QX_LOOKUP_FAILED;
+    int bExists = qx_find_domain(pszDomainName, NULL, &s32Found) != NULL;
+    if (s32Found == QX_LOOKUP_BROKEN) {
+        qx_flock_release(s32Central);
+        pthread_mutex_unlock(&mutex);
+        return RT_ERR_FAILED;
+    }
+    if (RT_FORMAT_PATH(szShmPath, "%s%s", RT_SHM_PREFIX, pszDomainName) >= 0) {
+        struct stat st;
+        if (s32Found == QX_LOOKUP_UNFINISHED) {
+            RT_LOGE("[RT_Impl][Err] [%s]: Domain [%s] was left half-created by a process that "
+                    "died: created again.\n",
+                    kName, pszDomainName);
+            unlink(szShmPath);
+        } else if (!bExists) {
+            bExists = lstat(szShmPath, &st) == 0 && S_ISREG(st.st_mode);
+        }
+    }
     if (bExists) {
         RT_LOGI("[RT_Impl][Info] [%s]: Domain [%s] is already created, skipped.\n", kName,
                 pszDomainName);
@@ -272,6 +401,7 @@ uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
     }
 
     QX_REALTIME_DOMAIN_t *pstDomain = (QX_REALTIME_DOMAIN_t *)pvAddr;
+    qx_set_creation_mark(pstDomain, RT_DOMAIN_CREATING);
     pstDomain->s32NextOffset = 0;
     pstDomain->s32ClassStartOffset = 0;
     pstDomain->s32ClassNum = 0;
@@ -320,6 +450,7 @@ uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
         pthread_mutex_unlock(&mutex);
         return u32Ret;
     }
+    qx_set_creation_mark(pstDomain, 0);  // complete: from here on it is a domain
     qx_flock_release(s32Central);
     pthread_mutex_unlock(&mutex);
     RT_EXIT(kName, RT_SUCCESS);
@@ -459,18 +590,47 @@ uint32_t _QX_REALTIME_GetAllDomainInfo(void) {
 
 // ---- deletion ----
 
+// Drops this process's mapping of a domain without reading the segment (it may be cut short).
+static void qx_forget_mapping(const char *pszDomainName) {
+    uint32_t u32MapNum = pstTop->u32DomainMapNum;
+    if (u32MapNum > RT_MAX_DOMAIN_MAP) u32MapNum = RT_MAX_DOMAIN_MAP;
+    for (uint32_t i = 0; i < u32MapNum; i++) {
+        QX_REALTIME_DOMAIN_MAP_t *pstEntry = &pstTop->astDomainMap[i];
+        if (pstEntry->pvDomainAddr == NULL ||
+            strncmp(pstEntry->szDomainName, pszDomainName, RT_NAME_LEN) != 0)
+            continue;
+        munmap(pstEntry->pvDomainAddr, RT_SHM_SIZE);
+        if (pstEntry->s32ShmFd >= 0) close(pstEntry->s32ShmFd);
+        for (uint32_t j = i; j + 1 < u32MapNum; j++)
+            pstTop->astDomainMap[j] = pstTop->astDomainMap[j + 1];
+        memset(&pstTop->astDomainMap[u32MapNum - 1], 0, sizeof(QX_REALTIME_DOMAIN_MAP_t));
+        pstTop->u32DomainMapNum -= 1;
+        return;
+    }
+}
+
 int32_t QX_REALTIME_DeleteDomain(const char *pszDomainName) {
     static const char kName[] = "QX_REALTIME_DeleteDomain";
     int32_t s32Central = -1;
 
     RT_ENTER(kName);
     RT_REQUIRE_ARG(kName, pszDomainName);
+    RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
     uint32_t u32Ret;
     if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return (int32_t)u32Ret;
     pthread_mutex_lock(&mutex);
     flock(s32Central, LOCK_EX);
-    QX_REALTIME_DOMAIN_t *pstDomain = _QX_REALTIME_GetDomainFromName(pszDomainName, NULL);
-    if (pstDomain == NULL) {
+    int s32Found = QX_LOOKUP_FAILED;
+    QX_REALTIME_DOMAIN_t *pstDomain = qx_find_domain(pszDomainName, NULL, &s32Found);
+    if (s32Found == QX_LOOKUP_UNFINISHED || s32Found == QX_LOOKUP_BROKEN) {
+        // Nothing in it can be trusted or used: this process lets go of its mapping without
+        // reading it, and the files go, as a domain's would.
+        qx_forget_mapping(pszDomainName);
+        char szShmPath[RT_PATH_LEN];
+        if (RT_FORMAT_PATH(szShmPath, "%s%s", RT_SHM_PREFIX, pszDomainName) >= 0 &&
+            unlink(szShmPath) == 0)
+            RT_LOGE("[RT_Impl][Err] [%s] unlink %s success\n", kName, szShmPath);
+    } else if (pstDomain == NULL) {
         RT_LOGE("[RT_Impl][Err] [%s] pstDomain is NULL.\n", kName);
         qx_flock_release(s32Central);
         pthread_mutex_unlock(&mutex);
@@ -479,7 +639,7 @@ int32_t QX_REALTIME_DeleteDomain(const char *pszDomainName) {
 
     uint32_t u32MapNum = pstTop->u32DomainMapNum;
     if (u32MapNum > RT_MAX_DOMAIN_MAP) u32MapNum = RT_MAX_DOMAIN_MAP;
-    for (uint32_t i = 0; i < u32MapNum; i++) {
+    for (uint32_t i = 0; pstDomain != NULL && i < u32MapNum; i++) {
         QX_REALTIME_DOMAIN_MAP_t *pstEntry = &pstTop->astDomainMap[i];
         // The entry that the lookup used: an earlier entry of the same name may be one left
         // without a mapping by a failed creation, and freeing it would leave this one behind.
@@ -528,6 +688,7 @@ uint32_t QX_REALTIME_QueryBudget(const char *pszDomainName, QX_REALTIME_UTIL_t *
         RT_LOGE("[RT_Impl][Err] [%s] ps32UtilLeft is NULL.\n", kName);
         return RT_ERR_NULL;
     }
+    RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
     QX_REALTIME_DOMAIN_t *pstDomain = NULL;
     int32_t s32DomainFd = -1;
     uint32_t u32Ret;

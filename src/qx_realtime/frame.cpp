@@ -225,6 +225,11 @@ uint32_t QX_REALTIME_Init(uint32_t u32Mode) {
             }
         }
 
+        if (!qx_central_intact(kName)) {
+            u32Ret = RT_ERR_FAILED;
+            break;
+        }
+
         uint32_t u32Cap = _QX_REALTIME_GetCapability();
         if (u32Cap != RT_SUCCESS) {
             RT_LOGE("[RT_Impl][Err] [%s] _QX_REALTIME_GetCapability() return %d\n", kName,
@@ -306,6 +311,7 @@ uint32_t QX_REALTIME_SetDebugLevel(int32_t s32Level) {
     }
     close(s32Flock);
     pthread_mutex_unlock(&mutex);
+    if (!qx_central_intact(kName)) return RT_ERR_NULL;
     // Written without any lock; later attachers map it through the 0..7 table, so an internal
     // level stored here reads differently to them. Both are kept as designed.
     if ((pstTop->Enabled & 0xFFu) != 0) {

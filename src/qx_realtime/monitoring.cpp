@@ -211,6 +211,8 @@ uint32_t QX_REALTIME_GetDomainCpuUsage(const char *pszDomainName, uint32_t u32In
     int32_t s32Central = -1;
     RT_ENTER(kName);
     RT_REQUIRE_ARG(kName, pszDomainName);
+    // "All" (its first three characters) names every domain, not a file.
+    if (strncmp(pszDomainName, "All", 3) != 0) RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
     uint32_t u32Ret;
     if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return u32Ret;
     // The measurement takes no lock file: it only reads, and it may run for a long time.
@@ -309,6 +311,8 @@ uint32_t QX_REALTIME_DumpDomainInfo(const char *pszDomainName) {
     int32_t s32Central = -1;
     RT_ENTER(kName);
     RT_REQUIRE_ARG(kName, pszDomainName);
+    // "All" (its first three characters) names every domain, not a file.
+    if (strncmp(pszDomainName, "All", 3) != 0) RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
     uint32_t u32Ret;
     if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return u32Ret;
     if (strncmp(pszDomainName, "All", 3) == 0) {

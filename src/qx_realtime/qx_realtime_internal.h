@@ -194,6 +194,9 @@ static_assert(sizeof(QX_REALTIME_UTIL_t) == 16, "utilisation record is four word
 
 #define RT_CLASS_SIZE ((int32_t)sizeof(QX_REALTIME_CLASS_t))
 #define RT_THREAD_SIZE ((int32_t)sizeof(QX_REALTIME_THREAD_t))
+static_assert(RT_DOMAIN_HEADER_SIZE % 8 == 4 && sizeof(QX_REALTIME_CLASS_t) % 8 == 0 &&
+                  sizeof(QX_REALTIME_THREAD_t) % 8 == 0 && RT_SHM_SIZE % 8 == 0,
+              "no record reaches the last word of a domain segment (the creation mark)");
 
 // ---------------------------------------------------------------------------------------------
 // Process-wide state
@@ -330,6 +333,15 @@ uint32_t _QX_REALTIME_GetCentralAndTop(int32_t *ps32FlockFd);
 enum { QX_FRAME_GO = 0, QX_FRAME_FAILED, QX_FRAME_DISABLED };
 int qx_frame_open(const char *pszOp, int32_t *ps32Central, uint32_t *pu32Ret);
 
+// Opens an existing file without following a symlink; anything but a regular file is refused
+// (-1, errno EINVAL).
+int qx_open_regular(const char *pszPath, int s32Flags);
+// Whether the file behind a segment descriptor is shorter than a segment (its size in
+// *ps64Size): such a mapping must not be touched. A descriptor of -1 can't tell and says no.
+int qx_fd_is_short(int32_t s32Fd, long long *ps64Size);
+// Whether this process's central mapping is whole; if not, says so in an error message.
+int qx_central_intact(const char *pszOp);
+
 // Releases a lock file taken with LOCK_EX and closes it.
 void qx_flock_release(int32_t s32Fd);
 
@@ -367,6 +379,37 @@ void _QX_REALTIME_ParseCpuSelection(const char *pszCpuSelection, int32_t *ps32Cp
 
 QX_REALTIME_DOMAIN_t *_QX_REALTIME_GetDomainFromName(const char *pszDomainName,
                                                      int32_t *pFlockFd);
+
+// The lookup with its outcome told apart: a domain that does not exist, one whose creation never
+// finished (left by a creator that died, or under way in another process), one whose segment or
+// record another process damaged, or another failure (its message already given).
+enum { QX_LOOKUP_FOUND = 0, QX_LOOKUP_MISSING, QX_LOOKUP_UNFINISHED, QX_LOOKUP_BROKEN,
+       QX_LOOKUP_FAILED };
+QX_REALTIME_DOMAIN_t *qx_find_domain(const char *pszDomainName, int32_t *pFlockFd,
+                                     int *ps32Status);
+
+// A domain name names files and directories: 1 to 63 characters (the record's name field), no
+// '/', and neither "." nor "..", so that it can never lead out of the directories it is used in.
+#define RT_DOMAIN_NAME_MAX (RT_NAME_LEN - 1)
+int qx_domain_name_ok(const char *pszName);
+#define RT_REQUIRE_DOMAIN_NAME(name, arg)                                                       \
+    do {                                                                                        \
+        if (!qx_domain_name_ok(arg)) {                                                          \
+            RT_LOGE("[RT_Impl][Err] [%s] Invalid domain name: it must be 1 to 63 characters, "  \
+                    "not \".\" or \"..\", without '/'.\n",                                     \
+                    name);                                                                      \
+            return RT_ERR_INVALID_PARAM;                                                        \
+        }                                                                                       \
+    } while (0)
+
+// The creation mark: the last word of a domain segment holds RT_DOMAIN_CREATING from the moment
+// the segment is made until its creation is complete, so that a creation cut short by the death
+// of its process is recognised and done again. No record ever reaches that word: the header is
+// 4 bytes past a multiple of 8 and class and thread records are multiples of 8, so every record
+// ends 4 bytes past a multiple of 8, at most at RT_SHM_SIZE - 4.
+#define RT_DOMAIN_MARK_OFFSET (RT_SHM_SIZE - 4)
+#define RT_DOMAIN_CREATING 0x51585243u
+void qx_set_creation_mark(QX_REALTIME_DOMAIN_t *pstDomain, uint32_t u32Mark);
 
 // The calling order of the operations that work on one domain under its lock: mutex, central
 // lock around the lookup only, then the domain lock. QX_DOMAIN_LOCKED leaves the domain lock and

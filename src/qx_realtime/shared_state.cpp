@@ -33,6 +33,36 @@ int qx_format_path(char *dst, size_t dst_size, const char *fmt, ...) {
     return n;
 }
 
+int qx_open_regular(const char *pszPath, int s32Flags) {
+    int fd = open(pszPath, s32Flags | O_NOFOLLOW);
+    if (fd < 0) return -1;
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        close(fd);
+        errno = EINVAL;
+        return -1;
+    }
+    return fd;
+}
+
+int qx_fd_is_short(int32_t s32Fd, long long *ps64Size) {
+    struct stat st;
+    if (s32Fd < 0) return 0;  // no descriptor to ask: nothing can be told
+    if (fstat(s32Fd, &st) != 0) return 0;
+    *ps64Size = (long long)st.st_size;
+    return st.st_size < RT_SHM_SIZE;
+}
+
+// Only a regular file is sized and mapped: a FIFO, a device or a directory planted under a
+// segment's name fails here as its ftruncate would.
+static int qx_sizeable(int fd) {
+    struct stat st;
+    if (fstat(fd, &st) != 0) return 0;
+    if (S_ISREG(st.st_mode)) return 1;
+    errno = EINVAL;
+    return 0;
+}
+
 void qx_flock_release(int32_t s32Fd) {
     flock(s32Fd, LOCK_UN);
     close(s32Fd);
@@ -47,7 +77,7 @@ uint32_t _QX_REALTIME_GetFlock(const char *pszName, int32_t *ps32Fd) {
     if (RT_FORMAT_PATH(szPath, "%s%s", RT_FLOCK_PREFIX, pszName) < 0) return RT_ERR_SYSTEM;
     if (ps32Fd == NULL) return RT_SUCCESS;  // checked after the formatting, deliberately
 
-    int fd = open(szPath, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    int fd = open(szPath, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
     *ps32Fd = fd;
     if (fd >= 0) {
         RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] flock open (%s) return %d, newly created\n",
@@ -61,7 +91,7 @@ uint32_t _QX_REALTIME_GetFlock(const char *pszName, int32_t *ps32Fd) {
         return RT_SUCCESS;
     }
     if (errno == EEXIST) {
-        fd = open(szPath, O_RDWR);
+        fd = qx_open_regular(szPath, O_RDWR);
         *ps32Fd = fd;
         if (fd >= 0) {
             RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] flock open (%s) return %d, open existed.\n",
@@ -90,7 +120,7 @@ uint32_t _QX_REALTIME_SharedMemoryAlloc(const char *pszName, int32_t *ps32ShmFd,
     mode_t mode = strcmp(pszName, RT_CENTRAL_NAME) == 0 ? 0666 : 0660;
     int bNewCreate = 0;
 
-    int fd = open(szPath, O_RDWR | O_CREAT | O_EXCL, mode);
+    int fd = open(szPath, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
     *ps32ShmFd = fd;
     if (fd >= 0) {
         RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] path=%s create success, shmFd=%d\n",
@@ -103,7 +133,7 @@ uint32_t _QX_REALTIME_SharedMemoryAlloc(const char *pszName, int32_t *ps32ShmFd,
         bNewCreate = 1;
     } else {
         if (errno == EEXIST) {
-            fd = open(szPath, O_RDWR);
+            fd = open(szPath, O_RDWR | O_NOFOLLOW);
             *ps32ShmFd = fd;
             if (fd >= 0)
                 RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] open %s an existed shared memory=%d\n",
@@ -116,7 +146,7 @@ uint32_t _QX_REALTIME_SharedMemoryAlloc(const char *pszName, int32_t *ps32ShmFd,
         }
     }
 
-    if (ftruncate(fd, RT_SHM_SIZE) != 0) {
+    if (!qx_sizeable(fd) || ftruncate(fd, RT_SHM_SIZE) != 0) {
         RT_LOGE("[RT_Impl][Err] [%s] ftruncate fails, errno=%s\n", __func__, RT_ERRNO_STR);
         close(fd);
         qx_unlink_segment(__func__, szPath);
@@ -160,7 +190,7 @@ void _QX_REALTIME_SharedMemoryFree(const char *pszName, int32_t *ps32ShmFd, void
 uint32_t _QX_REALTIME_GetCentralShm(void) {
     char szPath[RT_PATH_LEN];
     if (RT_FORMAT_PATH(szPath, "%s%s", RT_SHM_PREFIX, RT_CENTRAL_NAME) < 0) return RT_ERR_SYSTEM;
-    int fd = open(szPath, O_RDWR);
+    int fd = open(szPath, O_RDWR | O_NOFOLLOW);
     if (fd < 0) {
         RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] shm_open (%s) return %d, errno=%s\n",
                 __func__, getpid(), qx_gettid(), szPath, fd, RT_ERRNO_STR);
@@ -176,7 +206,7 @@ uint32_t _QX_REALTIME_GetCentralShm(void) {
         }
         pstTop->s32ShmFd = -1;
     }
-    if (ftruncate(fd, RT_SHM_SIZE) != 0) {
+    if (!qx_sizeable(fd) || ftruncate(fd, RT_SHM_SIZE) != 0) {
         close(fd);
         RT_LOGE("[RT_Impl][Err] [%s] ftruncate fails, errno=%s\n", __func__, RT_ERRNO_STR);
         return RT_ERR_NULL;
@@ -219,10 +249,25 @@ uint32_t _QX_REALTIME_GetCentralAndTop(int32_t *ps32FlockFd) {
     return RT_SUCCESS;
 }
 
+int qx_central_intact(const char *pszOp) {
+    long long s64Size = 0;
+    if (pstTop == NULL || !qx_fd_is_short(pstTop->s32ShmFd, &s64Size)) return 1;
+    RT_LOGE("[RT_Impl][Err] [%s] %s%s is %lld bytes, not %d: refused.\n", pszOp, RT_SHM_PREFIX,
+            RT_CENTRAL_NAME, s64Size, RT_SHM_SIZE);
+    return 0;
+}
+
 int qx_frame_open(const char *pszOp, int32_t *ps32Central, uint32_t *pu32Ret) {
     *ps32Central = -1;
     pthread_mutex_lock(&mutex);
     *pu32Ret = _QX_REALTIME_GetCentralAndTop(ps32Central);
+    // A central segment cut short by another process would end this one with SIGBUS at its
+    // first access: refuse to touch it instead.
+    if (*pu32Ret == RT_SUCCESS && !qx_central_intact(pszOp)) {
+        close(*ps32Central);
+        *ps32Central = -1;
+        *pu32Ret = RT_ERR_NULL;
+    }
     if (*pu32Ret != RT_SUCCESS) {
         RT_EXIT(pszOp, *pu32Ret);
         pthread_mutex_unlock(&mutex);

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sched.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/sysinfo.h>
 
@@ -188,37 +189,115 @@ uint32_t _QX_GetThreadByPid(QX_REALTIME_DOMAIN_t *pstDomain, QX_REALTIME_CLASS_t
     return RT_SUCCESS;
 }
 
-// Reads the thread-group id from the first 79 bytes of /proc/<tid>/status.
-static uint32_t qx_read_tgid(int32_t s32Tid, int32_t *ps32Tgid) {
+// ---- the thread's process ----
+
+// What the process-id step found out about a thread, with the system calls done and the messages
+// not yet given: admission asks before it changes anything and reports where the step stands.
+enum { QX_OWNER_FOUND = 0, QX_OWNER_NO_PGID, QX_OWNER_NO_OPEN, QX_OWNER_NO_READ, QX_OWNER_NO_TGID,
+       QX_OWNER_SILENT };
+typedef struct {
+    int s32What;          // QX_OWNER_*
+    int s32Errno;         // errno of the failed call
+    int32_t s32ProcessID; // the thread group, 0 for a pgid of 0, else as the caller had it
     char szPath[80];
+} qx_owner_t;
+
+static void qx_probe_owner(int32_t s32Tid, qx_owner_t *pstOwner) {
+    pstOwner->s32What = QX_OWNER_FOUND;
+    pstOwner->s32Errno = 0;
+    pstOwner->szPath[0] = '\0';
+    pid_t pgid = getpgid(s32Tid);
+    if (pgid < 0) {
+        pstOwner->s32What = QX_OWNER_NO_PGID;
+        pstOwner->s32Errno = errno;
+        return;
+    }
+    if (pgid == 0) {
+        pstOwner->s32ProcessID = 0;
+        return;
+    }
+    // The thread-group id from the first 79 bytes of /proc/<tid>/status.
     char szBuf[80];
-    if (RT_FORMAT_PATH(szPath, "/proc/%d/status", s32Tid) < 0) return RT_ERR_SYSTEM;
-    int fd = open(szPath, O_RDONLY | O_CLOEXEC);
+    if (RT_FORMAT_PATH(pstOwner->szPath, "/proc/%d/status", s32Tid) < 0) {
+        pstOwner->s32What = QX_OWNER_SILENT;
+        return;
+    }
+    int fd = open(pstOwner->szPath, O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
-        RT_LOGE("[RT_Impl][Err] [%s] Can't open %s, errno=%s\n", "_QX_REALTIME_getProcessID",
-                szPath, RT_ERRNO_STR);
-        return RT_ERR_SYSTEM;
+        pstOwner->s32What = QX_OWNER_NO_OPEN;
+        pstOwner->s32Errno = errno;
+        return;
     }
     ssize_t n = read(fd, szBuf, sizeof(szBuf) - 1);
+    pstOwner->s32Errno = errno;
+    close(fd);
     if (n < 0) {
-        RT_LOGE("[RT_Impl][Err] [%s] Can't read from %s, errno=%s.\n", "_QX_REALTIME_getProcessID",
-                szPath, RT_ERRNO_STR);
-        close(fd);
-        return RT_ERR_SYSTEM;
+        pstOwner->s32What = QX_OWNER_NO_READ;
+        return;
     }
     szBuf[n] = '\0';
-    close(fd);
     char *pszTgid = strstr(szBuf, "Tgid");
     if (pszTgid == NULL) {
-        RT_LOGE("[RT_Impl][Err] [%s] Can't get Tgid from %s\n", "_QX_REALTIME_getProcessID",
-                szPath);
-        return RT_ERR_SYSTEM;
+        pstOwner->s32What = QX_OWNER_NO_TGID;
+        return;
     }
     char szKey[11];
     int s32Tgid = 0;
-    if (sscanf(pszTgid, "%10s %d", szKey, &s32Tgid) < 2) return RT_ERR_SYSTEM;
-    *ps32Tgid = s32Tgid;
-    return RT_SUCCESS;
+    if (sscanf(pszTgid, "%10s %d", szKey, &s32Tgid) < 2) {
+        pstOwner->s32What = QX_OWNER_SILENT;
+        return;
+    }
+    pstOwner->s32ProcessID = s32Tgid;
+}
+
+// Gives the probe's message; RT_ERR_SYSTEM when the process could not be told and so must not be
+// listed.
+static uint32_t qx_report_owner(int32_t s32Tid, const qx_owner_t *pstOwner) {
+    static const char kName[] = "_QX_REALTIME_getProcessID";
+    errno = pstOwner->s32Errno;
+    switch (pstOwner->s32What) {
+    case QX_OWNER_NO_PGID:
+        RT_LOGE("[RT_Impl][Err] [%s] Thread %d can't get its process ID. errnor=%s\n", kName,
+                s32Tid, RT_ERRNO_STR);
+        return RT_SUCCESS;  // listed as the caller had it
+    case QX_OWNER_NO_OPEN:
+        RT_LOGE("[RT_Impl][Err] [%s] Can't open %s, errno=%s\n", kName, pstOwner->szPath,
+                RT_ERRNO_STR);
+        return RT_ERR_SYSTEM;
+    case QX_OWNER_NO_READ:
+        RT_LOGE("[RT_Impl][Err] [%s] Can't read from %s, errno=%s.\n", kName, pstOwner->szPath,
+                RT_ERRNO_STR);
+        return RT_ERR_SYSTEM;
+    case QX_OWNER_NO_TGID:
+        RT_LOGE("[RT_Impl][Err] [%s] Can't get Tgid from %s\n", kName, pstOwner->szPath);
+        return RT_ERR_SYSTEM;
+    case QX_OWNER_SILENT:
+        return RT_ERR_SYSTEM;
+    default:
+        return RT_SUCCESS;
+    }
+}
+
+// Enters a process in the domain's process-ID list; the slot it wrote in *ps32Slot (-1 when it
+// was there already). Stops at the first free slot: an id already present further on is entered
+// again (kept). 0 when the list is full.
+static int qx_list_owner(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32ProcessID, int32_t *ps32Slot) {
+    *ps32Slot = -1;
+    int32_t s32Num = qx_domain_pid_list_num(pstDomain);
+    for (int32_t i = 0; i < s32Num; i++) {
+        if (pstDomain->s32ProcessIDList[i] == 0) {
+            pstDomain->s32ProcessIDList[i] = s32ProcessID;
+            *ps32Slot = i;
+            return 1;
+        }
+        if (pstDomain->s32ProcessIDList[i] == s32ProcessID) return 1;
+    }
+    return 0;
+}
+
+static void qx_report_list_full(const QX_REALTIME_DOMAIN_t *pstDomain) {
+    RT_LOGE("[RT_Impl][Err] [%s] processIDListNum=%d. it is full !!!\n",
+            "_QX_REALTIME_getProcessID", pstDomain->processIDListNum);
 }
 
 uint32_t _QX_REALTIME_getProcessID(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid,
@@ -227,27 +306,15 @@ uint32_t _QX_REALTIME_getProcessID(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32T
         RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", __func__);
         return RT_ERR_SYSTEM;
     }
-    pid_t pgid = getpgid(s32Tid);
-    if (pgid < 0) {
-        RT_LOGE("[RT_Impl][Err] [%s] Thread %d can't get its process ID. errnor=%s\n", __func__,
-                s32Tid, RT_ERRNO_STR);
-    } else if (pgid == 0) {
-        *ps32ProcessID = 0;
-    } else {
-        uint32_t u32Ret = qx_read_tgid(s32Tid, ps32ProcessID);
-        if (u32Ret != RT_SUCCESS) return u32Ret;
-    }
-    // Stops at the first free slot: an id already present further on is entered again (kept).
-    int32_t s32Num = qx_domain_pid_list_num(pstDomain);
-    for (int32_t i = 0; i < s32Num; i++) {
-        if (pstDomain->s32ProcessIDList[i] == 0) {
-            pstDomain->s32ProcessIDList[i] = *ps32ProcessID;
-            return RT_SUCCESS;
-        }
-        if (pstDomain->s32ProcessIDList[i] == *ps32ProcessID) return RT_SUCCESS;
-    }
-    RT_LOGE("[RT_Impl][Err] [%s] processIDListNum=%d. it is full !!!\n", __func__,
-            pstDomain->processIDListNum);
+    qx_owner_t stOwner;
+    stOwner.s32ProcessID = *ps32ProcessID;
+    qx_probe_owner(s32Tid, &stOwner);
+    uint32_t u32Ret = qx_report_owner(s32Tid, &stOwner);
+    if (u32Ret != RT_SUCCESS) return u32Ret;
+    *ps32ProcessID = stOwner.s32ProcessID;
+    int32_t s32Slot;
+    if (qx_list_owner(pstDomain, *ps32ProcessID, &s32Slot)) return RT_SUCCESS;
+    qx_report_list_full(pstDomain);
     return RT_ERR_SYSTEM;
 }
 
@@ -277,6 +344,28 @@ void _QX_REALTIME_CheckProcessAlive(QX_REALTIME_DOMAIN_t *pstDomain) {
     }
 }
 
+// The slot a new thread record goes to: the first free one, else one past the last (then equal
+// to s32ThreadNum). 0 when there is none; the tests and their order are those of the store.
+static int qx_pick_slot(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t *ps32Slot) {
+    // Tested before the search for a free slot: a full segment refuses even when a freed slot
+    // could be reused (kept).
+    if (pstDomain->s32NextOffset > RT_SHM_SIZE - RT_THREAD_SIZE) return 0;
+    int32_t s32Num = qx_domain_thread_num(pstDomain);
+    for (int32_t i = 0; i < s32Num; i++) {
+        if (qx_domain_thread((QX_REALTIME_DOMAIN_t *)pstDomain, i)->Alive == 0) {
+            *ps32Slot = i;
+            return 1;
+        }
+    }
+    // A new slot past the last; its place must lie inside the segment, after the header.
+    int32_t s32Start = pstDomain->s32ThreadStartOffset;
+    if (s32Num != pstDomain->s32ThreadNum || s32Start < RT_DOMAIN_HEADER_SIZE ||
+        s32Start % 4 != 0 || s32Start > RT_SHM_SIZE - RT_THREAD_SIZE * (s32Num + 1))
+        return 0;
+    *ps32Slot = s32Num;
+    return 1;
+}
+
 uint32_t _QX_AddThreadDataAtHead(QX_REALTIME_DOMAIN_t *pstDomain, QX_REALTIME_CLASS_t *pstClass,
                                  const QX_REALTIME_UTIL_t *pstUtil, int32_t s32Tid,
                                  int32_t s32ProcessID, const uint8_t *stSavedAttr) {
@@ -285,32 +374,14 @@ uint32_t _QX_AddThreadDataAtHead(QX_REALTIME_DOMAIN_t *pstDomain, QX_REALTIME_CL
                 __func__, (const void *)pstClass, (const void *)pstUtil);
         return RT_ERR_NULL;
     }
-    // Tested before the search for a free slot: a full segment refuses even when a freed slot
-    // could be reused (kept).
-    if (pstDomain->s32NextOffset > RT_SHM_SIZE - RT_THREAD_SIZE) {
+    int32_t s32Slot;
+    if (!qx_pick_slot(pstDomain, &s32Slot)) {
         RT_LOGE("[RT_Impl][Err] [%s] shared memory size (%d Byte) is too small. "
                 "sizeof(QX_REALTIME_THREAD_t)=%d\n",
                 __func__, RT_SHM_SIZE, RT_THREAD_SIZE);
         return RT_ERR_NOT_EXIST;
     }
-    int32_t s32Num = qx_domain_thread_num(pstDomain);
-    int32_t s32Slot = s32Num;
-    for (int32_t i = 0; i < s32Num; i++) {
-        if (qx_domain_thread(pstDomain, i)->Alive == 0) {
-            s32Slot = i;
-            break;
-        }
-    }
-    if (s32Slot == s32Num) {
-        // A new slot past the last; its place must lie inside the segment, after the header.
-        int32_t s32Start = pstDomain->s32ThreadStartOffset;
-        if (s32Num != pstDomain->s32ThreadNum || s32Start < RT_DOMAIN_HEADER_SIZE ||
-            s32Start % 4 != 0 || s32Start > RT_SHM_SIZE - RT_THREAD_SIZE * (s32Num + 1)) {
-            RT_LOGE("[RT_Impl][Err] [%s] shared memory size (%d Byte) is too small. "
-                    "sizeof(QX_REALTIME_THREAD_t)=%d\n",
-                    __func__, RT_SHM_SIZE, RT_THREAD_SIZE);
-            return RT_ERR_NOT_EXIST;
-        }
+    if (s32Slot == pstDomain->s32ThreadNum) {
         pstDomain->s32ThreadNum += 1;
         pstDomain->s32NextOffset += RT_THREAD_SIZE;
     }
@@ -396,14 +467,144 @@ static QX_REALTIME_CLASS_t *qx_find_class(QX_REALTIME_DOMAIN_t *pstDomain, const
     return NULL;
 }
 
+// The bookkeeping of one admission, written before the kernel is asked anything so that the
+// death of the caller at any point leaves a record for every thread it changed, and taken back
+// exactly when the kernel refuses.
+typedef struct {
+    int32_t s32ListSlot;              // process-ID slot this admission filled, or -1
+    QX_REALTIME_THREAD_t *pstThread;  // record stored, or NULL
+    uint8_t au8OldSlot[sizeof(QX_REALTIME_THREAD_t)];  // that slot's bytes before
+    int32_t s32OldThreadNum;
+    int32_t s32OldNextOffset;
+    int32_t s32Charge;
+} qx_booking_t;
+
+// Returns 0 when the process-ID list had no room for the thread's process.
+static int qx_book(QX_REALTIME_DOMAIN_t *pstDomain, QX_REALTIME_CLASS_t *pstClass,
+                   const QX_REALTIME_UTIL_t *pstUtil, int32_t s32Tid, int32_t s32ProcessID,
+                   int bListed, const uint8_t *pu8Saved, qx_booking_t *pstBooking) {
+    pstBooking->s32ListSlot = -1;
+    pstBooking->pstThread = NULL;
+    pstBooking->s32OldThreadNum = pstDomain->s32ThreadNum;
+    pstBooking->s32OldNextOffset = pstDomain->s32NextOffset;
+    int bListRoom = !bListed || qx_list_owner(pstDomain, s32ProcessID, &pstBooking->s32ListSlot);
+    int32_t s32Slot;
+    if (qx_pick_slot(pstDomain, &s32Slot)) {
+        // qx_pick_slot has checked that the slot lies wholly inside the segment.
+        QX_REALTIME_THREAD_t *pstThread =
+            (QX_REALTIME_THREAD_t *)((char *)pstDomain + pstDomain->s32ThreadStartOffset +
+                                     RT_THREAD_SIZE * s32Slot);
+        memcpy(pstBooking->au8OldSlot, pstThread, sizeof(pstBooking->au8OldSlot));
+        (void)_QX_AddThreadDataAtHead(pstDomain, pstClass, pstUtil, s32Tid, s32ProcessID,
+                                      pu8Saved);
+        pstBooking->pstThread = pstThread;
+    }
+    pstBooking->s32Charge = pstUtil->s32Util;
+    pstDomain->s32UtilCurrent = qx_wrap_add(pstDomain->s32UtilCurrent, pstUtil->s32Util);
+    return bListRoom;
+}
+
+static void qx_unbook(QX_REALTIME_DOMAIN_t *pstDomain, const qx_booking_t *pstBooking) {
+    pstDomain->s32UtilCurrent = qx_wrap_sub(pstDomain->s32UtilCurrent, pstBooking->s32Charge);
+    if (pstBooking->pstThread != NULL)
+        memcpy(pstBooking->pstThread, pstBooking->au8OldSlot, sizeof(pstBooking->au8OldSlot));
+    pstDomain->s32ThreadNum = pstBooking->s32OldThreadNum;
+    pstDomain->s32NextOffset = pstBooking->s32OldNextOffset;
+    if (pstBooking->s32ListSlot >= 0) pstDomain->s32ProcessIDList[pstBooking->s32ListSlot] = 0;
+}
+
+// Whether a process neither catches nor ignores SIGXCPU (the kernel's default for it ends the
+// process), from the SigIgn and SigCgt masks of /proc/<pid>/status.
+static int qx_sigxcpu_kills(int32_t s32Pid) {
+    char szPath[RT_PATH_LEN];
+    if (RT_FORMAT_PATH(szPath, "/proc/%d/status", s32Pid) < 0) return 0;
+    FILE *pFile = fopen(szPath, "re");
+    if (pFile == NULL) return 0;
+    char szLine[256];
+    unsigned long long u64Handled = 0;
+    int s32Seen = 0;
+    while (fgets(szLine, sizeof(szLine), pFile) != NULL) {
+        unsigned long long u64Mask;
+        if (sscanf(szLine, "SigIgn: %llx", &u64Mask) == 1 ||
+            sscanf(szLine, "SigCgt: %llx", &u64Mask) == 1) {
+            u64Handled |= u64Mask;
+            s32Seen++;
+        }
+    }
+    fclose(pFile);
+    return s32Seen == 2 && (u64Handled & (1ull << (SIGXCPU - 1))) == 0;
+}
+
+static void qx_warn_overrun_signal(const char *pszOp, int32_t s32ProcessID, int32_t s32Tid) {
+    int32_t s32Pid = s32ProcessID > 0 ? s32ProcessID : s32Tid;
+    if (!qx_sigxcpu_kills(s32Pid)) return;
+    char szPath[RT_PATH_LEN];
+    char szComm[32] = "?";
+    if (RT_FORMAT_PATH(szPath, "/proc/%d/comm", s32Pid) >= 0) {
+        FILE *pFile = fopen(szPath, "re");
+        if (pFile != NULL) {
+            if (fgets(szComm, sizeof(szComm), pFile) == NULL) RT_SNPRINTF(szComm, "?");
+            fclose(pFile);
+            szComm[strcspn(szComm, "\n")] = '\0';
+        }
+    }
+    RT_LOGE("[RT_Impl][Err] [%s] Process %d (%s) neither catches nor ignores SIGXCPU: the first "
+            "runtime overrun of thread %d will kill it.\n",
+            pszOp, s32Pid, szComm, s32Tid);
+}
+
+// Applies the policy and moves the thread into the domain's groups (admission steps 13 to 15).
+static uint32_t qx_admit_in_kernel(const char *pszOp, QX_REALTIME_DOMAIN_t *pstDomain,
+                                   QX_REALTIME_CLASS_t *pstClass, const QX_REALTIME_UTIL_t *pstUtil,
+                                   int32_t s32Tid, uint8_t bDlOverrun,
+                                   const struct qx_sched_attr *pstSaved) {
+    // A deadline thread admitted into a round-robin domain leaves SCHED_DEADLINE here: step it
+    // down first (see qx_dl_step_down), and give it back its reservation if the new policy is
+    // refused, so that a refusal leaves it as it was.
+    int bSteppedDown = 0;
+    if (pstSaved->sched_policy == RT_SCHED_DEADLINE &&
+        pstDomain->u32SchedType != RT_SCHED_TYPE_DEADLINE) {
+        qx_dl_step_down(s32Tid);
+        bSteppedDown = 1;
+    }
+    uint32_t u32Ret = _QX_REALTIME_SetSchedAttr(pstDomain, pstClass, pstUtil, s32Tid, bDlOverrun);
+    if (u32Ret != RT_SUCCESS) {
+        if (bSteppedDown) (void)qx_sched_setattr(s32Tid, pstSaved, 0);
+        return u32Ret;
+    }
+    // The policy is applied before the cpuset move: the kernel refuses SCHED_DEADLINE to a
+    // thread that already sits in a narrower cpuset.
+    const char *pszMoveTo = NULL;
+    if (pstDomain->s32UtilMax >= 1) {
+        _QX_REALTIME_Overwrite_Cpuset(pstDomain);
+        if (pstDomain->s32CpuNum != get_nprocs() &&
+            _QX_WriteS32ToPath(s32Tid, pstDomain->pszCpusetPathTasks) != RT_SUCCESS)
+            pszMoveTo = pstDomain->pszCpusetPathTasks;
+    }
+    if (pszMoveTo == NULL &&
+        _QX_WriteS32ToPath(s32Tid, pstDomain->pszCpuacctPathTasks) != RT_SUCCESS)
+        pszMoveTo = pstDomain->pszCpuacctPathTasks;
+    if (pszMoveTo != NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] Move pid = [%d] to [%s] failed.\n", pszOp, s32Tid,
+                pszMoveTo);
+        return RT_ERR_SYSTEM;
+    }
+    return RT_SUCCESS;
+}
+
 // Admission, shared by QX_REALTIME_AddThread (pstUtil NULL: the class's parameters, checked
 // against the budget) and QX_REALTIME_AddThread_Lite (the caller's, unchecked).
+//
+// Its messages and results are given in the order of the steps, but the work is done in another:
+// the thread's process is found, the record stored and the utilisation charged before the kernel
+// is asked to change the thread, and all three are taken back if it refuses. No other process
+// sees the difference (the domain lock is held throughout); a caller killed half-way leaves a
+// record for every thread it touched, and no charge without one.
 static uint32_t qx_add_thread(const char *pszOp, const char *pszDomainName,
                               const char *pszClassName, const QX_REALTIME_UTIL_t *pstLiteUtil,
                               int32_t s32Tid, uint8_t bDlOverrun) {
     uint8_t au8Saved[QX_SCHED_ATTR_SIZE];
     memset(au8Saved, 0, sizeof(au8Saved));
-    int32_t s32ProcessID = getpid();
     QX_REALTIME_DOMAIN_t *pstDomain = NULL;
     int32_t s32DomainFd = -1;
     uint32_t u32Ret;
@@ -453,54 +654,43 @@ static uint32_t qx_add_thread(const char *pszOp, const char *pszDomainName,
         } else {
             stUtil = *pstLiteUtil;
         }
-        // A deadline thread admitted into a round-robin domain leaves SCHED_DEADLINE here: step
-        // it down first (see qx_dl_step_down), and give it back its reservation if the new policy
-        // is refused, so that a refusal leaves it as it was.
-        int bSteppedDown = 0;
-        if (stSaved.sched_policy == RT_SCHED_DEADLINE &&
-            pstDomain->u32SchedType != RT_SCHED_TYPE_DEADLINE) {
-            qx_dl_step_down(s32Tid);
-            bSteppedDown = 1;
-        }
-        u32Ret = _QX_REALTIME_SetSchedAttr(pstDomain, pstClass, &stUtil, s32Tid, bDlOverrun != 0);
+
+        // Book first: the thread's process (the caller's own when it can't be told), its place
+        // in the process-ID list, the record and the charge.
+        qx_owner_t stOwner;
+        stOwner.s32ProcessID = getpid();
+        qx_probe_owner(s32Tid, &stOwner);
+        int bOwnerKnown = stOwner.s32What == QX_OWNER_FOUND || stOwner.s32What == QX_OWNER_NO_PGID;
+        qx_booking_t stBooking;
+        int bListFull = !qx_book(pstDomain, pstClass, &stUtil, s32Tid, stOwner.s32ProcessID,
+                                 bOwnerKnown, au8Saved, &stBooking);
+
+        u32Ret = qx_admit_in_kernel(pszOp, pstDomain, pstClass, &stUtil, s32Tid, bDlOverrun != 0,
+                                    &stSaved);
         if (u32Ret != RT_SUCCESS) {
-            if (bSteppedDown) (void)qx_sched_setattr(s32Tid, &stSaved, 0);
+            qx_unbook(pstDomain, &stBooking);
             break;
         }
 
-        // The policy is applied before the cpuset move: the kernel refuses SCHED_DEADLINE to a
-        // thread that already sits in a narrower cpuset.
-        const char *pszMoveTo = NULL;
-        if (pstDomain->s32UtilMax >= 1) {
-            _QX_REALTIME_Overwrite_Cpuset(pstDomain);
-            if (pstDomain->s32CpuNum != get_nprocs() &&
-                _QX_WriteS32ToPath(s32Tid, pstDomain->pszCpusetPathTasks) != RT_SUCCESS)
-                pszMoveTo = pstDomain->pszCpusetPathTasks;
-        }
-        if (pszMoveTo == NULL &&
-            _QX_WriteS32ToPath(s32Tid, pstDomain->pszCpuacctPathTasks) != RT_SUCCESS)
-            pszMoveTo = pstDomain->pszCpuacctPathTasks;
-        if (pszMoveTo != NULL) {
-            RT_LOGE("[RT_Impl][Err] [%s] Move pid = [%d] to [%s] failed.\n", pszOp, s32Tid,
-                    pszMoveTo);
-            u32Ret = RT_ERR_SYSTEM;
-            break;
-        }
-
-        pstDomain->s32UtilCurrent = qx_wrap_add(pstDomain->s32UtilCurrent, stUtil.s32Util);
+        // Report the booking where the steps stand.
         RT_LOGI("[RT_Impl][Info] s32UtilCurrent in Domain[%s] is [%d] after add pid=[%d].\n",
                 qx_name_of(pstDomain->szName).sz, pstDomain->s32UtilCurrent, s32Tid);
-
-        if (_QX_REALTIME_getProcessID(pstDomain, s32Tid, &s32ProcessID) != RT_SUCCESS) {
+        int bOwnerFailed = qx_report_owner(s32Tid, &stOwner) != RT_SUCCESS;
+        if (bListFull) qx_report_list_full(pstDomain);
+        if (bOwnerFailed || bListFull) {
             RT_LOGE("[RT_Impl][Err] [%s] getProcessID for tid [%d] failed.\n", pszOp, s32Tid);
             u32Ret = RT_ERR_NOT_EXIST;  // the admission goes on
         }
-        if (_QX_AddThreadDataAtHead(pstDomain, pstClass, &stUtil, s32Tid, s32ProcessID,
-                                    au8Saved) != RT_SUCCESS) {
+        if (stBooking.pstThread == NULL) {
+            // Says why, as the store does when it finds no room.
+            (void)_QX_AddThreadDataAtHead(pstDomain, pstClass, &stUtil, s32Tid,
+                                          stOwner.s32ProcessID, au8Saved);
             RT_LOGE("[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = [%s] failed.\n",
                     pszOp, s32Tid, pszClassName);
             u32Ret = RT_ERR_NOT_EXIST;
         }
+        if (bDlOverrun != 0 && pstDomain->u32SchedType == RT_SCHED_TYPE_DEADLINE)
+            qx_warn_overrun_signal(pszOp, stOwner.s32ProcessID, s32Tid);
         if (u32Ret == RT_SUCCESS) RT_LOGD("[RT_Impl][DBG] [%s] for [%d] successfully.\n", pszOp, s32Tid);
     } while (0);
 
@@ -525,6 +715,7 @@ uint32_t QX_REALTIME_AddThread(const char *pszDomainName, const char *pszClassNa
         RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", kName);
         return RT_ERR_INVALID_PARAM;
     }
+    RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
     return qx_add_thread(kName, pszDomainName, pszClassName, NULL, s32Tid, bDlOverrun);
 }
 
@@ -541,6 +732,7 @@ uint32_t QX_REALTIME_AddThread_Lite(const char *pszDomainName, const char *pszCl
         RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", kName);
         return RT_ERR_INVALID_PARAM;
     }
+    RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
     return qx_add_thread(kName, pszDomainName, pszClassName, pstUtil, s32Tid, bDlOverrun);
 }
 
@@ -571,6 +763,7 @@ uint32_t QX_REALTIME_RemoveThread(const char *pszDomainName, int32_t s32Tid) {
 
     RT_ENTER_ARGPID(kName, s32Tid);
     RT_REQUIRE_ARG(kName, pszDomainName);
+    RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
     int s32Outcome = qx_domain_lock(kName, pszDomainName, &pstDomain, &s32DomainFd, &u32Ret);
     // The arguments are in the reverse order of the other messages: kept.
     if (s32Outcome == QX_DOMAIN_MISSING)
@@ -604,10 +797,13 @@ uint32_t QX_REALTIME_RemoveThread(const char *pszDomainName, int32_t s32Tid) {
             u32Ret = RT_ERR_SCHED_SETATTR;
             break;
         }
+        // The release and the freed record go together, before the message: a caller killed
+        // while it writes the message leaves no charge without a record.
         pstDomain->s32UtilCurrent = qx_wrap_sub(pstDomain->s32UtilCurrent, pstThread->Util);
+        uint32_t u32Deleted = _QX_ThreadDataDelete(pstThread);
         RT_LOGI("[RT_Impl][Info] s32UtilCurrent in Domain(%s) is %d.\n", stDomain.sz,
                 pstDomain->s32UtilCurrent);
-        if (_QX_ThreadDataDelete(pstThread) != RT_SUCCESS) {
+        if (u32Deleted != RT_SUCCESS) {
             QX_REALTIME_CLASS_t *pstClass = qx_domain_class(pstDomain, pstThread->ClassIdx);
             RT_LOGE("[RT_Impl][Err] Remove Thread of pid=[%d] from Class=%s failed.\n", s32Tid,
                     qx_name_of(pstClass != NULL ? pstClass->szClassName : "").sz);
@@ -636,6 +832,7 @@ uint32_t QX_REALTIME_UpdateThreadUtil(const char *pszDomainName, QX_REALTIME_UTI
         return RT_ERR_NULL;
     }
     RT_REQUIRE_ARG(kName, pszDomainName);
+    RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
     int s32Outcome = qx_domain_lock(kName, pszDomainName, &pstDomain, &s32DomainFd, &u32Ret);
     if (s32Outcome == QX_DOMAIN_MISSING) RT_LOGE("[RT_Impl][Err] [%s] pstDomain is NULL.\n", kName);
     if (s32Outcome != QX_DOMAIN_LOCKED) return u32Ret;
@@ -680,14 +877,15 @@ uint32_t QX_REALTIME_UpdateThreadUtil(const char *pszDomainName, QX_REALTIME_UTI
                 break;
             }
         }
+        // The charge and the record change together, before the message (see the removal).
         pstDomain->s32UtilCurrent = qx_wrap_add(
             qx_wrap_sub(pstDomain->s32UtilCurrent, pstThread->Util), pstUtil->s32Util);
-        RT_LOGI("[RT_Impl][Info] s32UtilCurrent in Domain[%s] is [%d] after add pid=[%d].\n",
-                qx_name_of(pstDomain->szName).sz, pstDomain->s32UtilCurrent, s32Tid);
         pstThread->Util = pstUtil->s32Util;
         pstThread->DeadlineUs = pstUtil->DlDeadlineUs;
         pstThread->RuntimeUs = pstUtil->DlRuntimeUs;
         pstThread->PeriodUs = pstUtil->DlPeriodUs;
+        RT_LOGI("[RT_Impl][Info] s32UtilCurrent in Domain[%s] is [%d] after add pid=[%d].\n",
+                qx_name_of(pstDomain->szName).sz, pstDomain->s32UtilCurrent, s32Tid);
         RT_LOGD("[RT_Impl][DBG] [%s] for [%d] successfully.\n", kName, s32Tid);
     } while (0);
 

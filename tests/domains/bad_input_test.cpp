@@ -1,5 +1,7 @@
 // Bad input to the domain operations gets a result code and a message, never a crash.
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "domain_suite.h"
 
@@ -55,32 +57,82 @@ TEST_F(BadInputTest, NullDomainNameIsRefusedWithTheFrameworkRunning) {
     pthread_mutex_unlock(&mutex);
 }
 
-TEST_F(BadInputTest, NameTooLongForThePathsIsRefusedEverywhere) {
-    init_with(config_of({rr_domain("Domain_A", 100, "0")}));
-    std::string name = "Domain_" + std::string(193, 'x');
-    ASSERT_EQ(200u, name.size());
+const char kInvalidName[] =
+    "Invalid domain name: it must be 1 to 63 characters, not \".\" or \"..\", without '/'.\n";
+
+std::string invalid_name_error(const char *op) {
+    return qxt::format("[RT_Impl][Err] [%s] %s", op, kInvalidName);
+}
+
+// A name longer than the record's name field, empty, "." or "..", or with a '/' could name a
+// file outside the library's directories (or another domain's, once cut): every operation that
+// takes a domain name refuses it before it touches any file, the central lock file included.
+TEST_F(BadInputTest, NamesThatCouldLeaveTheirDirectoryAreRefusedBeforeAnyFile) {
+    const std::string names[] = {"Domain_" + std::string(193, 'x'), std::string(64, 'D'), "",
+                                 ".", "..", "evil/../../../../tmp/x", "/abs", "Domain_A/",
+                                 "../Domain_A"};
     QX_REALTIME_UTIL_t util = {1, 0, 0, 0};
     int32_t left = -7;
-    log.clear();
-
-    EXPECT_EQ(RT_ERR_SYSTEM, QX_REALTIME_CreateDomain(name.c_str()));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_CreateDomain] shared memory "
-                              "initialization fails\n"))
-        << log.dump();
-    EXPECT_EQ((int32_t)RT_ERR_NULL, QX_REALTIME_DeleteDomain(name.c_str()));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_DeleteDomain] pstDomain is NULL.\n"));
-    EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_QueryBudget(name.c_str(), &util, &left));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_QueryBudget] pstDomain is NULL.\n"));
+    for (const std::string &name : names) {
+        SCOPED_TRACE(name);
+        log.clear();
+        const char *n = name.c_str();
+        EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_CreateDomain(n));
+        EXPECT_EQ((int32_t)RT_ERR_INVALID_PARAM, QX_REALTIME_DeleteDomain(n));
+        EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_QueryBudget(n, &util, &left));
+        EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(n, "Class_Rr", gettid(), 0));
+        EXPECT_EQ(RT_ERR_INVALID_PARAM,
+                  QX_REALTIME_AddThread_Lite(n, "Class_Rr", &util, gettid(), 0));
+        EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_RemoveThread(n, gettid()));
+        EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_UpdateThreadUtil(n, &util, gettid()));
+        EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_GetDomainCpuUsage(n, 1, 1));
+        EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_DumpDomainInfo(n));
+        for (const char *op :
+             {"QX_REALTIME_CreateDomain", "QX_REALTIME_DeleteDomain", "QX_REALTIME_QueryBudget",
+              "QX_REALTIME_AddThread", "QX_REALTIME_AddThread_Lite", "QX_REALTIME_RemoveThread",
+              "QX_REALTIME_UpdateThreadUtil", "QX_REALTIME_GetDomainCpuUsage",
+              "QX_REALTIME_DumpDomainInfo"})
+            EXPECT_TRUE(log.has_error(invalid_name_error(op))) << op << "\n" << log.dump();
+        EXPECT_EQ(nullptr, _QX_REALTIME_GetDomainFromName(n, nullptr));
+    }
     EXPECT_EQ(-7, left);
-    EXPECT_EQ(nullptr, _QX_REALTIME_GetDomainFromName(name.c_str(), nullptr));
+    EXPECT_FALSE(qxt::file_exists(kCentralFlock));
+    EXPECT_EQ((std::vector<std::string>{}), files_in("/dev/shm/realtime"));
+    EXPECT_EQ((std::vector<std::string>{}), files_in("/data/vendor/realtime"));
+}
 
-    // Nothing was made under a cut name.
-    EXPECT_EQ(0u, pstTop->u32DomainMapNum);
-    EXPECT_EQ(0, pstTop->pstCentral->s32DomainNum);
-    EXPECT_EQ((std::vector<std::string>{"rt_Global"}), files_in("/dev/shm/realtime"));
-    EXPECT_EQ((std::vector<std::string>{"flock_rt_Global"}), files_in("/data/vendor/realtime"));
-    EXPECT_EQ((std::vector<std::string>{}), files_in("/dev/cpuset", "Domain_"));
-    EXPECT_EQ((std::vector<std::string>{}), files_in("/dev/cpuacct", "Domain_"));
+// A 63-character name is the longest the record holds: it is a domain like any other.
+TEST_F(BadInputTest, SixtyThreeCharacterNameIsADomain) {
+    std::string name = "Domain_" + std::string(56, 'x');
+    ASSERT_EQ(63u, name.size());
+    init_with(config_of({rr_domain(name, 100, "0")}));
+    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain(name.c_str()));
+    QX_REALTIME_UTIL_t util = {1, 0, 0, 0};
+    int32_t left = -7;
+    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_QueryBudget(name.c_str(), &util, &left));
+    EXPECT_EQ(100, left);
+    EXPECT_EQ((int32_t)RT_SUCCESS, QX_REALTIME_DeleteDomain(name.c_str()));
+}
+
+// The planted-directory attack: with rt_evil/ and flock_rt_evil/ in place, a name that climbs
+// out through them would reach /tmp/x; it is refused and /tmp/x stays as it was.
+TEST_F(BadInputTest, PlantedDirectoriesCannotLeadANameOutOfTheSegmentDirectory) {
+    init_with(config_of({rr_domain("Domain_A", 100, "0")}));
+    ASSERT_EQ(0, mkdir("/dev/shm/realtime/rt_evil", 0777));
+    ASSERT_EQ(0, mkdir("/data/vendor/realtime/flock_rt_evil", 0777));
+    char dir[] = "/tmp/qxrt_victim_XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(dir));
+    std::string victim = std::string(dir) + "/x";
+    qxt::write_file(victim, "precious");
+    std::string name = "evil/../../../.." + victim;
+    QX_REALTIME_UTIL_t util = {1, 0, 0, 0};
+    int32_t left = -7;
+    EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_CreateDomain(name.c_str()));
+    EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_QueryBudget(name.c_str(), &util, &left));
+    EXPECT_EQ((int32_t)RT_ERR_INVALID_PARAM, QX_REALTIME_DeleteDomain(name.c_str()));
+    EXPECT_EQ("precious", qxt::read_file(victim));
+    unlink(victim.c_str());
+    rmdir(dir);
 }
 
 TEST_F(BadInputTest, UnknownDomainNamesAreReportedMissing) {
@@ -89,10 +141,8 @@ TEST_F(BadInputTest, UnknownDomainNamesAreReportedMissing) {
     int32_t left = -7;
     EXPECT_EQ((int32_t)RT_ERR_NULL, QX_REALTIME_DeleteDomain("Domain_Nope"));
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_QueryBudget("Domain_Nope", &util, &left));
-    EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_QueryBudget("", &util, &left));
     EXPECT_EQ(-7, left);
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_CreateDomain("Domain_Nope"));
-    EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_CreateDomain(""));
     EXPECT_EQ(0u, pstTop->u32DomainMapNum);
     EXPECT_FALSE(segment_exists("Domain_Nope"));
 }

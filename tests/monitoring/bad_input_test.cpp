@@ -51,18 +51,22 @@ TEST_F(MonitoringBadInput, UnknownDomainReturnsNullBeforeAnySample) {
         << log.dump();
 }
 
-TEST_F(MonitoringBadInput, EmptyAndOverlongNamesAreUnknownDomains) {
+// An empty or overlong name names no domain and could name no file: both calls refuse it before
+// they touch anything.
+TEST_F(MonitoringBadInput, EmptyAndOverlongNamesAreRefused) {
     ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
     ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
     const std::string overlong = "Domain_" + std::string(300, 'x');
     for (const std::string &name : {std::string(), overlong}) {
         LogCapture log;
-        EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(name.c_str(), 1, 1), RT_ERR_NULL);
-        EXPECT_EQ(QX_REALTIME_DumpDomainInfo(name.c_str()), RT_ERR_NULL);
+        EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(name.c_str(), 1, 1), RT_ERR_INVALID_PARAM);
+        EXPECT_EQ(QX_REALTIME_DumpDomainInfo(name.c_str()), RT_ERR_INVALID_PARAM);
+        const char *rule =
+            "Invalid domain name: it must be 1 to 63 characters, not \".\" or \"..\", without "
+            "'/'.\n";
         std::vector<std::string> expected = {
-            "[RT_Impl][Err] [QX_REALTIME_GetDomainCpuUsage] pstDomain is NULL.\n",
-            format("[RT_Impl][Err] [QX_REALTIME_DumpDomainInfo] pstDomain is NULL for [%s].\n",
-                   name.c_str())};
+            format("[RT_Impl][Err] [QX_REALTIME_GetDomainCpuUsage] %s", rule),
+            format("[RT_Impl][Err] [QX_REALTIME_DumpDomainInfo] %s", rule)};
         EXPECT_EQ(forms(log), expected) << log.dump();
     }
 }
@@ -211,11 +215,17 @@ TEST_F(MonitoringBadInput, CorruptedRecordNeverMakesTheDumpReadPastTheSegment) {
     rec->s32ThreadStartOffset = 16380;
     rec->processIDListNum = 1 << 20;
     memset(rec->pszCpuset, 'x', sizeof(rec->pszCpuset));
-    memset(rec->szName, 'n', sizeof(rec->szName));
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_SUCCESS);
     EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kMeter, 1, 1), RT_SUCCESS);
     EXPECT_EQ(log.count_containing("ThreadIdx"), 0) << log.dump();
+    // A name field that is not the domain's own (here without its terminating zero) marks a
+    // record written over by someone else: it is not used at all.
+    memset(rec->szName, 'n', sizeof(rec->szName));
+    log.clear();
+    EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_ERR_NULL);
+    EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kMeter, 1, 1), RT_ERR_NULL);
+    EXPECT_EQ(log.count_containing("is corrupted (szName): refused."), 2) << log.dump();
 }
 
 void ignore_signal(int) {}

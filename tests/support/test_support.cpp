@@ -37,16 +37,23 @@ std::string LogLine::file_form() const {
     return message;
 }
 
+// The logger is installed and removed outside the capture's lock: liblog calls the logger under
+// its own lock, and the logger takes the capture's, so holding ours while liblog takes its lock
+// would order the two locks both ways.
 LogCapture::LogCapture() {
-    std::lock_guard<std::mutex> lock(g_log_mutex);
-    g_log_lines.clear();
-    g_capturing = true;
+    {
+        std::lock_guard<std::mutex> lock(g_log_mutex);
+        g_log_lines.clear();
+        g_capturing = true;
+    }
     __android_log_set_logger(capture_logger);
 }
 
 LogCapture::~LogCapture() {
-    std::lock_guard<std::mutex> lock(g_log_mutex);
-    g_capturing = false;
+    {
+        std::lock_guard<std::mutex> lock(g_log_mutex);
+        g_capturing = false;
+    }
     __android_log_set_logger(__android_log_stderr_logger);
 }
 

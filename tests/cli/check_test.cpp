@@ -1,0 +1,167 @@
+// rtctl check [--repair]: each kind of inconsistency a fault can leave behind is made for real
+// (a killed client, a thread moved or switched behind the library's back, a segment written
+// over), found by the check, repaired, and the repair confirmed by the kernel and a second check.
+#include <sched.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/sysinfo.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "cli_support.h"
+#include "test_support.h"
+
+using qxt_cli::rtctl;
+using qxt_cli::Result;
+
+namespace {
+
+bool contains(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
+
+class RtctlCheck : public ::testing::Test {
+protected:
+    void SetUp() override {
+        QXT_REQUIRE_SANDBOX();
+        if (get_nprocs() < 2) GTEST_SKIP() << "the shipped configuration needs 2 CPUs";
+        qxt_cli::install_shipped_config();
+        ASSERT_EQ(QX_REALTIME_Init(0), RT_SUCCESS);
+        ASSERT_EQ(QX_REALTIME_CreateDomain("Domain_Audio"), RT_SUCCESS);
+        ASSERT_EQ(QX_REALTIME_CreateDomain("Domain_Camera"), RT_SUCCESS);
+        audio_ = qxt::map_domain_file("Domain_Audio");
+        ASSERT_NE(audio_, nullptr);
+    }
+    // check finds exactly what is expected, --repair repairs it, and a last check is clean.
+    void expect_found_and_repaired(const std::vector<std::string> &what,
+                                   const std::vector<std::string> &repairs) {
+        Result found = rtctl({"check"});
+        EXPECT_EQ(found.status, 1) << found.out << found.err;
+        for (const std::string &w : what) EXPECT_TRUE(contains(found.out, w)) << w << "\n" << found.out;
+        Result fixed = rtctl({"check", "--repair"});
+        EXPECT_EQ(fixed.status, 0) << fixed.out << fixed.err;
+        for (const std::string &r : repairs)
+            EXPECT_TRUE(contains(fixed.out, "    repaired: " + r)) << r << "\n" << fixed.out;
+        Result after = rtctl({"check"});
+        EXPECT_EQ(after.status, 0) << after.out;
+        EXPECT_EQ(after.out, "consistent\n");
+    }
+    QX_REALTIME_DOMAIN_t *audio_ = nullptr;
+};
+
+}  // namespace
+
+TEST_F(RtctlCheck, ConsistentStateIsReportedSoWithStatusZero) {
+    qxt::TestThread t;
+    ASSERT_EQ(QX_REALTIME_AddThread("Domain_Audio", "Class_Render", t.tid(), 0), RT_SUCCESS);
+    Result r = rtctl({"check"});
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_EQ(r.out, "consistent\n");
+    ASSERT_EQ(QX_REALTIME_RemoveThread("Domain_Audio", t.tid()), RT_SUCCESS);
+}
+
+TEST_F(RtctlCheck, WithoutTheFrameworkItSaysSo) {
+    ASSERT_EQ(QX_REALTIME_Deinit(), RT_SUCCESS);
+    Result r = rtctl({"check"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(contains(r.err, "no central segment")) << r.err;
+}
+
+TEST_F(RtctlCheck, ChargeWithoutARecordIsReturned) {
+    qxt::TestThread t;
+    ASSERT_EQ(QX_REALTIME_AddThread("Domain_Audio", "Class_Render", t.tid(), 0), RT_SUCCESS);
+    audio_->s32UtilCurrent += 100;
+    expect_found_and_repaired(
+        {"Domain_Audio: s32UtilCurrent is 300 but the records add up to 200\n"},
+        {"s32UtilCurrent set to 200"});
+    EXPECT_EQ(audio_->s32UtilCurrent, 200);
+    ASSERT_EQ(QX_REALTIME_RemoveThread("Domain_Audio", t.tid()), RT_SUCCESS);
+}
+
+TEST_F(RtctlCheck, RecordsOfAKilledClientAreReaped) {
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        pid_t tid = (pid_t)gettid();
+        char ok = QX_REALTIME_AddThread("Domain_Audio", "Class_Render", tid, 0) == RT_SUCCESS;
+        (void)!write(ready[1], &ok, 1);
+        pause();
+        _exit(0);
+    }
+    char ok = 0;
+    ASSERT_EQ(read(ready[0], &ok, 1), 1);
+    ASSERT_EQ(ok, 1);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    ASSERT_EQ(audio_->s32UtilCurrent, 200);
+    expect_found_and_repaired(
+        {qxt::format("record of thread %d of process %d, which has died", child, child),
+         qxt::format("process %d is listed but has died", child)},
+        {"record freed, its utilisation returned", "taken off the list"});
+    EXPECT_EQ(audio_->s32UtilCurrent, 0);
+}
+
+TEST_F(RtctlCheck, RealTimeThreadInADomainGroupWithoutARecordIsReleased) {
+    qxt::TestThread t;
+    struct sched_param p = {};
+    p.sched_priority = 20;
+    ASSERT_EQ(sched_setscheduler(t.tid(), SCHED_RR, &p), 0);
+    qxt::write_file("/dev/cpuacct/Domain_Audio/tasks", std::to_string(t.tid()));
+    ASSERT_EQ(qxt::cgroup_of(t.tid(), "cpuacct"), "/Domain_Audio");
+    expect_found_and_repaired(
+        {qxt::format("thread %d is in the domain's groups and real-time without a record", t.tid())},
+        {"moved to the root groups, back to normal scheduling"});
+    EXPECT_EQ(qxt::sched_of(t.tid()).policy, (uint32_t)SCHED_OTHER);
+    EXPECT_EQ(qxt::cgroup_of(t.tid(), "cpuacct"), "/");
+}
+
+TEST_F(RtctlCheck, RecordTheKernelDisagreesWithIsAppliedAgain) {
+    qxt::TestThread t;
+    ASSERT_EQ(QX_REALTIME_AddThread("Domain_Audio", "Class_Render", t.tid(), 0), RT_SUCCESS);
+    struct sched_param p = {};
+    ASSERT_EQ(sched_setscheduler(t.tid(), SCHED_OTHER, &p), 0);
+    qxt::write_file("/dev/cpuacct/tasks", std::to_string(t.tid()));
+    expect_found_and_repaired(
+        {qxt::format("thread %d is recorded but the kernel differs (policy 0, outside the "
+                     "domain's groups)",
+                     t.tid())},
+        {"policy and groups applied again"});
+    qxt::SchedInfo s = qxt::sched_of(t.tid());
+    EXPECT_EQ(s.policy, (uint32_t)SCHED_RR);
+    EXPECT_EQ(s.priority, 90u);
+    EXPECT_EQ(qxt::cgroup_of(t.tid(), "cpuacct"), "/Domain_Audio");
+    EXPECT_EQ(qxt::cgroup_of(t.tid(), "cpuset"), "/Domain_Audio");
+    ASSERT_EQ(QX_REALTIME_RemoveThread("Domain_Audio", t.tid()), RT_SUCCESS);
+}
+
+TEST_F(RtctlCheck, HalfCreatedDomainIsRemovedAndCanBeCreatedAgain) {
+    uint32_t mark = RT_DOMAIN_CREATING;
+    memcpy((char *)audio_ + RT_SHM_SIZE - 4, &mark, 4);
+    expect_found_and_repaired({"Domain_Audio: half-created: its creator died before it was done\n"},
+                              {"removed; create the domain again"});
+    EXPECT_FALSE(qxt::file_exists("/dev/shm/realtime/rt_Domain_Audio"));
+    Result created = rtctl({"create", "Domain_Audio"});
+    EXPECT_EQ(created.status, 0) << created.out << created.err;
+    EXPECT_EQ(rtctl({"check"}).out, "consistent\n");
+}
+
+TEST_F(RtctlCheck, WrittenOverPathsAndModesAreRestored) {
+    strcpy(audio_->pszCpuacctPathTasks, "/tmp/elsewhere");
+    ASSERT_EQ(chmod("/dev/shm/realtime/rt_Domain_Camera", 0666), 0);
+    expect_found_and_repaired(
+        {"Domain_Audio: pszCpuacctPathTasks is \"/tmp/elsewhere\", not "
+         "\"/dev/cpuacct/Domain_Audio/tasks\"\n",
+         "Domain_Camera: its segment has mode 0666, not 0660\n"},
+        {"set to \"/dev/cpuacct/Domain_Audio/tasks\"", "mode set to 0660"});
+    qxt::TestThread t;
+    EXPECT_EQ(QX_REALTIME_AddThread("Domain_Audio", "Class_Render", t.tid(), 0), RT_SUCCESS);
+    EXPECT_EQ(QX_REALTIME_RemoveThread("Domain_Audio", t.tid()), RT_SUCCESS);
+}
+
+TEST_F(RtctlCheck, SegmentCutShortIsRemoved) {
+    ASSERT_EQ(truncate("/dev/shm/realtime/rt_Domain_Camera", 4096), 0);
+    expect_found_and_repaired({"Domain_Camera: its segment is 4096 bytes, not 16384\n"},
+                              {"removed; create the domain again"});
+}

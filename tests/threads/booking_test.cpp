@@ -1,0 +1,111 @@
+// Admission books the thread (record, charge, process-ID list) before it asks the kernel, so that
+// a caller killed half-way leaves a record for every thread it changed; a refusal by the kernel
+// takes the booking back to the byte. Admitting with overrun signalling warns when the thread's
+// process would be killed by the signal.
+#include <sched.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include "threads_support.h"
+
+using namespace qxt;
+using namespace qxt_threads;
+
+namespace {
+
+const char kRr[] = "Domain_Rr";
+const char kDl[] = "Domain_Dl";
+
+std::string rr() { return rr_domain(kRr, 1000, "1", {{"Class_A", 200, 10}}); }
+std::string dl() { return dl_domain(kDl, 1000, "1", {{"Class_Isp", 2000, 8000, 100000}}); }
+
+std::string overrun_warning(pid_t pid, const std::string &comm, pid_t tid) {
+    return format("[RT_Impl][Err] [QX_REALTIME_AddThread] Process %d (%s) neither catches nor "
+                  "ignores SIGXCPU: the first runtime overrun of thread %d will kill it.\n",
+                  (int)pid, comm.c_str(), (int)tid);
+}
+
+std::string comm_of(pid_t pid) {
+    std::string comm = read_file(format("/proc/%d/comm", (int)pid));
+    if (!comm.empty() && comm.back() == '\n') comm.pop_back();
+    return comm;
+}
+
+}  // namespace
+
+// The kernel refuses the policy: the segment is as it was before the call, byte for byte, though
+// a record was written and a charge made for the time of the call.
+TEST(AdmissionBooking, RefusalByTheKernelLeavesTheSegmentAsItWas) {
+    QXT_REQUIRE_SANDBOX();
+    start({rr()}, {kRr});
+    if (HasFatalFailure()) return;
+    // A freed slot (not blank) is the one a new record would take.
+    TestThread first;
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", first.tid(), 0));
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kRr, first.tid()));
+    std::vector<uint8_t> before = segment_bytes(kRr);
+    pid_t gone = vanished_tid();
+    EXPECT_EQ(RT_ERR_SCHED_SETATTR, QX_REALTIME_AddThread(kRr, "Class_A", gone, 0));
+    EXPECT_TRUE(before == segment_bytes(kRr)) << "the refused admission left a change";
+    // And past the last slot: the counts go back too.
+    TestThread keep;
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", keep.tid(), 0));
+    before = segment_bytes(kRr);
+    EXPECT_EQ(RT_ERR_SCHED_SETATTR, QX_REALTIME_AddThread(kRr, "Class_A", gone, 0));
+    EXPECT_TRUE(before == segment_bytes(kRr)) << "the refused admission left a change";
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kRr, keep.tid()));
+}
+
+TEST(AdmissionBooking, RefusedMoveKeepsThePolicyButNoBooking) {
+    QXT_REQUIRE_SANDBOX();
+    start({rr()}, {kRr});
+    if (HasFatalFailure()) return;
+    QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
+    ASSERT_NE(nullptr, d);
+    std::vector<uint8_t> before = segment_bytes(kRr);
+    // The domain's cpuset with no CPU refuses every task that is moved into it.
+    std::string cpus = "/dev/cpuset/Domain_Rr/cpuset.cpus";
+    if (!file_exists(cpus)) cpus = "/dev/cpuset/Domain_Rr/cpus";
+    write_file(cpus, "\n");
+    TestThread t;
+    EXPECT_EQ(RT_ERR_SYSTEM, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0));
+    // The policy stays applied, as the admission has always left it; nothing is booked.
+    EXPECT_EQ((uint32_t)SCHED_RR, sched_of(t.tid()).policy);
+    EXPECT_EQ(nullptr, live_slot(d, t.tid()));
+    EXPECT_EQ(0, d->s32UtilCurrent);
+    EXPECT_TRUE(before == segment_bytes(kRr)) << "the refused admission left a change";
+    write_file(cpus, "1");
+}
+
+TEST(AdmissionBooking, OverrunSignallingWarnsWhenTheSignalWouldKillTheProcess) {
+    QXT_REQUIRE_SANDBOX();
+    start({dl()}, {kDl});
+    if (HasFatalFailure()) return;
+    signal(SIGXCPU, SIG_DFL);
+    {
+        TestThread t;
+        LogCapture log;
+        ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kDl, "Class_Isp", t.tid(), 1)) << log.dump();
+        EXPECT_TRUE(log.has_error(overrun_warning(getpid(), comm_of(getpid()), t.tid())))
+            << log.dump();
+        ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kDl, t.tid()));
+    }
+    {
+        // Without the flag there is nothing to warn about.
+        TestThread t;
+        LogCapture log;
+        ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kDl, "Class_Isp", t.tid(), 0));
+        EXPECT_EQ(0, log.count_containing("SIGXCPU")) << log.dump();
+        ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kDl, t.tid()));
+    }
+    for (void (*handler)(int) : {SIG_IGN, +[](int) {}}) {
+        // A process that ignores or catches the signal survives it.
+        signal(SIGXCPU, handler);
+        TestThread t;
+        LogCapture log;
+        ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kDl, "Class_Isp", t.tid(), 1));
+        EXPECT_EQ(0, log.count_containing("SIGXCPU")) << log.dump();
+        ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kDl, t.tid()));
+    }
+    signal(SIGXCPU, SIG_DFL);
+}

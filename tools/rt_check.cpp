@@ -1,0 +1,514 @@
+// The consistency check behind `rtctl check [--repair]`.
+//
+// Lock order is the library's: the central lock file only while the list of domains is read,
+// then each domain's lock file alone while that domain is examined and repaired. What a repair
+// changes in a record it changes under that lock, so no client operation sees half of it.
+#include "rt_check.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/sysinfo.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "qx_realtime_internal.h"
+
+namespace rtcheck {
+namespace {
+
+const uint32_t kPolicyOther = 0;
+const uint32_t kPolicyRr = 2;
+const uint32_t kPolicyDeadline = 6;
+const uint64_t kFlagReclaim = 0x02;
+
+std::string str(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string str(const char *fmt, ...) {
+    char buf[512];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(buf, sizeof(buf), fmt, ap);
+    va_end(ap);
+    return buf;
+}
+
+// A descriptor that closes itself.
+class Fd {
+public:
+    explicit Fd(int fd = -1) : fd_(fd) {}
+    ~Fd() {
+        if (fd_ >= 0) close(fd_);
+    }
+    Fd(const Fd &) = delete;
+    Fd &operator=(const Fd &) = delete;
+    int get() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+// An exclusive flock on a lock file, released (then the file closed) on scope exit.
+class FlockGuard {
+public:
+    explicit FlockGuard(const std::string &name) {
+        std::string path = std::string(RT_FLOCK_PREFIX) + name;
+        fd_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0666);
+        if (fd_ >= 0) {
+            struct stat st;
+            if (fstat(fd_, &st) != 0 || !S_ISREG(st.st_mode) || flock(fd_, LOCK_EX) != 0) {
+                close(fd_);
+                fd_ = -1;
+            }
+        }
+    }
+    ~FlockGuard() {
+        if (fd_ < 0) return;
+        flock(fd_, LOCK_UN);
+        close(fd_);
+    }
+    FlockGuard(const FlockGuard &) = delete;
+    FlockGuard &operator=(const FlockGuard &) = delete;
+    bool held() const { return fd_ >= 0; }
+
+private:
+    int fd_ = -1;
+};
+
+// A whole segment mapped read-write, unmapped on scope exit.
+class Mapping {
+public:
+    explicit Mapping(int fd) {
+        void *p = mmap(nullptr, RT_SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        addr_ = p == MAP_FAILED ? nullptr : p;
+    }
+    ~Mapping() {
+        if (addr_ != nullptr) munmap(addr_, RT_SHM_SIZE);
+    }
+    Mapping(const Mapping &) = delete;
+    Mapping &operator=(const Mapping &) = delete;
+    void *get() const { return addr_; }
+
+private:
+    void *addr_;
+};
+
+bool process_alive(int32_t pid) {
+    if (pid <= 0) return false;
+    if (kill(pid, 0) != 0 && errno == ESRCH) return false;
+    return access(str("/proc/%d", pid).c_str(), F_OK) == 0;
+}
+
+bool thread_alive(int32_t tid) {
+    return tid > 0 && access(str("/proc/%d/status", tid).c_str(), F_OK) == 0;
+}
+
+std::vector<int32_t> tasks_of(const std::string &path) {
+    std::vector<int32_t> ids;
+    std::ifstream in(path);
+    int32_t id;
+    while (in >> id) ids.push_back(id);
+    return ids;
+}
+
+bool write_text(const std::string &path, const std::string &text) {
+    int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0) return false;
+    bool ok = write(fd, text.data(), text.size()) == (ssize_t)text.size();
+    return close(fd) == 0 && ok;
+}
+
+bool getattr(int32_t tid, qx_sched_attr *attr) {
+    memset(attr, 0, sizeof(*attr));
+    return syscall(SYS_sched_getattr, tid, attr, QX_SCHED_ATTR_SIZE, 0) == 0;
+}
+
+bool setattr(int32_t tid, const qx_sched_attr &attr) {
+    return syscall(SYS_sched_setattr, tid, &attr, 0) == 0;
+}
+
+// The kernel's nanoseconds for a record's microseconds, converted as admission converts them.
+uint64_t us_to_ns(int32_t us) {
+    return (uint64_t)(int64_t)(int32_t)((uint32_t)us * 1000u);
+}
+
+// Back to normal scheduling; a deadline thread steps through the minimal reservation first so
+// that its bandwidth is given back at once (see the library's removal).
+bool to_normal(int32_t tid) {
+    qx_sched_attr now;
+    if (!getattr(tid, &now)) return false;
+    if (now.sched_policy == kPolicyDeadline) {
+        qx_sched_attr minimal;
+        memset(&minimal, 0, sizeof(minimal));
+        minimal.size = QX_SCHED_ATTR_SIZE;
+        minimal.sched_policy = kPolicyDeadline;
+        minimal.sched_runtime = 1024;
+        minimal.sched_deadline = minimal.sched_period = 4000000000ull;
+        (void)setattr(tid, minimal);
+    }
+    qx_sched_attr normal;
+    memset(&normal, 0, sizeof(normal));
+    normal.size = QX_SCHED_ATTR_SIZE;
+    normal.sched_policy = kPolicyOther;
+    return setattr(tid, normal);
+}
+
+// What the kernel should show for an admitted thread of this domain.
+qx_sched_attr wanted_attr(const QX_REALTIME_DOMAIN_t *d, const QX_REALTIME_THREAD_t *t) {
+    qx_sched_attr a;
+    memset(&a, 0, sizeof(a));
+    a.size = QX_SCHED_ATTR_SIZE;
+    if (d->u32SchedType == RT_SCHED_TYPE_DEADLINE) {
+        a.sched_policy = kPolicyDeadline;
+        a.sched_flags = kFlagReclaim;
+        a.sched_runtime = us_to_ns(t->RuntimeUs);
+        a.sched_deadline = us_to_ns(t->DeadlineUs);
+        a.sched_period = us_to_ns(t->PeriodUs);
+    } else {
+        a.sched_policy = kPolicyRr;
+        a.sched_priority = (uint32_t)t->Priority;
+    }
+    return a;
+}
+
+bool kernel_matches(const QX_REALTIME_DOMAIN_t *d, const qx_sched_attr &now,
+                    const qx_sched_attr &want) {
+    if (now.sched_policy != want.sched_policy) return false;
+    if (d->u32SchedType == RT_SCHED_TYPE_DEADLINE)
+        return now.sched_runtime == want.sched_runtime &&
+               now.sched_deadline == want.sched_deadline && now.sched_period == want.sched_period;
+    return now.sched_priority == want.sched_priority;
+}
+
+// Thread slots in use, bounded by the segment as the library bounds them.
+std::vector<QX_REALTIME_THREAD_t *> slots_of(QX_REALTIME_DOMAIN_t *d) {
+    std::vector<QX_REALTIME_THREAD_t *> out;
+    int32_t start = d->s32ThreadStartOffset, num = d->s32ThreadNum;
+    if (num <= 0 || start < RT_DOMAIN_HEADER_SIZE || start > RT_SHM_SIZE || start % 4 != 0)
+        return out;
+    num = std::min(num, (RT_SHM_SIZE - start) / RT_THREAD_SIZE);
+    for (int32_t i = 0; i < num; i++)
+        out.push_back((QX_REALTIME_THREAD_t *)((char *)d + start + RT_THREAD_SIZE * i));
+    return out;
+}
+
+std::string field(const char *p, size_t n) {
+    return std::string(p, strnlen(p, n));
+}
+
+std::string cpuset_tasks(const std::string &name) {
+    return std::string(RT_CPUSET_ROOT) + name + "/tasks";
+}
+std::string cpuacct_tasks(const std::string &name) {
+    return std::string(RT_CPUACCT_ROOT) + name + "/tasks";
+}
+
+class Checker {
+public:
+    Checker(bool repair, std::vector<Finding> *out) : repair_(repair), out_(out) {}
+
+    void check_domain(const std::string &name);
+    void check_central();
+
+private:
+    void found(const std::string &where, const std::string &what, const std::string &action) {
+        out_->push_back(Finding{where, what, repair_ ? action : std::string()});
+    }
+    void check_record(const std::string &name, QX_REALTIME_DOMAIN_t *d);
+    void check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d);
+    void check_groups(const std::string &name, QX_REALTIME_DOMAIN_t *d);
+
+    bool repair_;
+    std::vector<Finding> *out_;
+};
+
+void Checker::check_central() {
+    std::string path = std::string(RT_SHM_PREFIX) + RT_CENTRAL_NAME;
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) return;
+    if (!S_ISREG(st.st_mode)) {
+        found(RT_CENTRAL_NAME, "the central segment is not a regular file",
+              "nothing (QX_REALTIME_Deinit, then QX_REALTIME_Init, make it anew)");
+        return;
+    }
+    if (st.st_size != RT_SHM_SIZE) {
+        std::string action;
+        if (repair_) {
+            action = truncate(path.c_str(), RT_SHM_SIZE) == 0
+                         ? "sized to 16384 bytes; call QX_REALTIME_Init to restore the settings"
+                         : str("could not size it: %s", strerror(errno));
+        }
+        found(RT_CENTRAL_NAME, str("the central segment is %lld bytes, not %d",
+                                   (long long)st.st_size, RT_SHM_SIZE),
+              action);
+    }
+    if ((st.st_mode & 0777) != 0666) {
+        std::string action;
+        if (repair_)
+            action = chmod(path.c_str(), 0666) == 0 ? "mode set to 0666"
+                                                    : str("chmod failed: %s", strerror(errno));
+        found(RT_CENTRAL_NAME, str("the central segment has mode %04o, not 0666", st.st_mode & 0777),
+              action);
+    }
+}
+
+void Checker::check_domain(const std::string &name) {
+    std::string path = std::string(RT_SHM_PREFIX) + name;
+    FlockGuard lock(name);
+    if (!lock.held()) {
+        found(name, "its lock file can't be opened and locked", "");
+        return;
+    }
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) return;  // deleted: the central list keeps its name
+    if (!S_ISREG(st.st_mode)) {
+        std::string action;
+        if (repair_)
+            action = unlink(path.c_str()) == 0 ? "removed; create the domain again"
+                                               : str("unlink failed: %s", strerror(errno));
+        found(name, "its segment is not a regular file", action);
+        return;
+    }
+    if (st.st_size != RT_SHM_SIZE) {
+        std::string action;
+        if (repair_)
+            action = unlink(path.c_str()) == 0 ? "removed; create the domain again"
+                                               : str("unlink failed: %s", strerror(errno));
+        found(name, str("its segment is %lld bytes, not %d", (long long)st.st_size, RT_SHM_SIZE),
+              action);
+        return;
+    }
+    if ((st.st_mode & 0777) != 0660) {
+        std::string action;
+        if (repair_)
+            action = chmod(path.c_str(), 0660) == 0 ? "mode set to 0660"
+                                                    : str("chmod failed: %s", strerror(errno));
+        found(name, str("its segment has mode %04o, not 0660", st.st_mode & 0777), action);
+    }
+    Fd fd(open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+    if (fd.get() < 0) {
+        found(name, str("its segment can't be opened: %s", strerror(errno)), "");
+        return;
+    }
+    Mapping map(fd.get());
+    if (map.get() == nullptr) {
+        found(name, str("its segment can't be mapped: %s", strerror(errno)), "");
+        return;
+    }
+    auto *d = (QX_REALTIME_DOMAIN_t *)map.get();
+    uint32_t mark;
+    memcpy(&mark, (char *)d + RT_DOMAIN_MARK_OFFSET, sizeof(mark));
+    if (mark == RT_DOMAIN_CREATING || d->szName[0] == '\0') {
+        std::string action;
+        if (repair_)
+            action = unlink(path.c_str()) == 0 ? "removed; create the domain again"
+                                               : str("unlink failed: %s", strerror(errno));
+        found(name, "half-created: its creator died before it was done", action);
+        return;
+    }
+    check_record(name, d);
+    check_threads(name, d);
+    check_groups(name, d);
+}
+
+void Checker::check_record(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
+    struct Expect {
+        const char *field;
+        char *dst;
+        size_t size;
+        std::string value;
+    } expected[] = {
+        {"szName", d->szName, RT_NAME_LEN, name},
+        {"pszCpusetPathRoot", d->pszCpusetPathRoot, RT_PATH_LEN, RT_CPUSET_ROOT + name},
+        {"pszCpusetPathTasks", d->pszCpusetPathTasks, RT_PATH_LEN, cpuset_tasks(name)},
+        {"pszCpuacctPathRoot", d->pszCpuacctPathRoot, RT_PATH_LEN, RT_CPUACCT_ROOT + name},
+        {"pszCpuacctPathTasks", d->pszCpuacctPathTasks, RT_PATH_LEN, cpuacct_tasks(name)},
+    };
+    for (Expect &e : expected) {
+        std::string now = field(e.dst, e.size);
+        if (now == e.value && strnlen(e.dst, e.size) < e.size) continue;
+        std::string action;
+        if (repair_) {
+            memset(e.dst, 0, e.size);
+            memcpy(e.dst, e.value.data(), std::min(e.value.size(), e.size - 1));
+            action = "set to \"" + e.value + "\"";
+        }
+        found(name, str("%s is \"%.100s\", not \"%s\"", e.field, now.c_str(), e.value.c_str()),
+              action);
+    }
+}
+
+void Checker::check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
+    int64_t sum = 0;
+    for (QX_REALTIME_THREAD_t *t : slots_of(d)) {
+        if (t->Alive == 0) continue;
+        bool gone = !process_alive(t->ProcessID) && t->ProcessID != 0;
+        if (gone || !thread_alive(t->Pid)) {
+            std::string action;
+            if (repair_) {
+                t->Alive = 0;
+                action = "record freed, its utilisation returned";
+            }
+            found(name,
+                  gone ? str("record of thread %d of process %d, which has died", t->Pid,
+                             t->ProcessID)
+                       : str("record of thread %d, which has ended", t->Pid),
+                  action);
+            if (repair_) continue;
+        }
+        sum += t->Util;
+        if (!thread_alive(t->Pid)) continue;
+        qx_sched_attr now;
+        qx_sched_attr want = wanted_attr(d, t);
+        bool in_group = false;
+        for (int32_t id : tasks_of(cpuacct_tasks(name))) in_group |= id == t->Pid;
+        if (getattr(t->Pid, &now) && kernel_matches(d, now, want) && in_group) continue;
+        std::string action;
+        if (repair_) {
+            // As admission orders it: the policy before the move into a narrower cpuset.
+            (void)write_text(std::string(RT_CPUSET_ROOT) + "tasks", str("%d", t->Pid));
+            if (!setattr(t->Pid, want)) {
+                action = str("could not apply the policy again: %s", strerror(errno));
+            } else {
+                if (d->s32UtilMax >= 1 && d->s32CpuNum != get_nprocs())
+                    (void)write_text(cpuset_tasks(name), str("%d", t->Pid));
+                (void)write_text(cpuacct_tasks(name), str("%d", t->Pid));
+                action = "policy and groups applied again";
+            }
+        }
+        found(name,
+              str("thread %d is recorded but the kernel differs (policy %u%s)", t->Pid,
+                  now.sched_policy, in_group ? "" : ", outside the domain's groups"),
+              action);
+    }
+    for (int32_t i = 0; i < std::min(d->processIDListNum, RT_PROCESS_ID_LIST_NUM); i++) {
+        int32_t pid = d->s32ProcessIDList[i];
+        if (pid == 0 || process_alive(pid)) continue;
+        std::string action;
+        if (repair_) {
+            // Its records go with it, as the library's reaping does.
+            for (QX_REALTIME_THREAD_t *t : slots_of(d))
+                if (t->Alive != 0 && t->ProcessID == pid) {
+                    t->Alive = 0;
+                    sum -= t->Util;
+                }
+            d->s32ProcessIDList[i] = 0;
+            action = "taken off the list";
+        }
+        found(name, str("process %d is listed but has died", pid), action);
+    }
+    if (sum != d->s32UtilCurrent) {
+        std::string action;
+        if (repair_) {
+            d->s32UtilCurrent = (int32_t)sum;
+            action = str("s32UtilCurrent set to %lld", (long long)sum);
+        }
+        found(name,
+              str("s32UtilCurrent is %d but the records add up to %lld", d->s32UtilCurrent,
+                  (long long)sum),
+              action);
+    }
+}
+
+void Checker::check_groups(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
+    std::set<int32_t> recorded;
+    for (QX_REALTIME_THREAD_t *t : slots_of(d))
+        if (t->Alive != 0) recorded.insert(t->Pid);
+    std::set<int32_t> strays;
+    for (const std::string &path : {cpuset_tasks(name), cpuacct_tasks(name)})
+        for (int32_t id : tasks_of(path))
+            if (recorded.count(id) == 0) strays.insert(id);
+    for (int32_t tid : strays) {
+        qx_sched_attr now;
+        bool rt = getattr(tid, &now) && now.sched_policy != kPolicyOther;
+        std::string action;
+        if (repair_) {
+            bool moved = write_text(std::string(RT_CPUSET_ROOT) + "tasks", str("%d", tid)) &
+                         write_text(std::string(RT_CPUACCT_ROOT) + "tasks", str("%d", tid));
+            bool normal = !rt || to_normal(tid);
+            action = str("%s%s", moved ? "moved to the root groups" : "could not be moved",
+                         rt ? (normal ? ", back to normal scheduling"
+                                      : ", could not be set to normal scheduling")
+                            : "");
+        }
+        found(name,
+              str("thread %d is in the domain's groups%s without a record", tid,
+                  rt ? " and real-time" : ""),
+              action);
+    }
+}
+
+// Names of the domains: those the central record lists and those with a segment file.
+std::vector<std::string> domain_names(const QX_REALTIME_CENTRAL_t *c) {
+    std::set<std::string> names;
+    int32_t num = std::max(0, std::min(c->s32DomainNum, RT_MAX_DOMAIN));
+    for (int32_t i = 0; i < num; i++) {
+        std::string n = field(c->szDomainNameList[i], RT_NAME_LEN);
+        if (!n.empty() && n.find('/') == std::string::npos && n != "." && n != "..")
+            names.insert(n);
+    }
+    const std::string dir = RT_SHM_PREFIX;
+    size_t slash = dir.rfind('/');
+    DIR *dp = opendir(dir.substr(0, slash).c_str());
+    if (dp != nullptr) {
+        std::string prefix = dir.substr(slash + 1);
+        while (dirent *e = readdir(dp)) {
+            std::string f = e->d_name;
+            if (f.compare(0, prefix.size(), prefix) == 0 && f.size() > prefix.size() &&
+                f != prefix + RT_CENTRAL_NAME)
+                names.insert(f.substr(prefix.size()));
+        }
+        closedir(dp);
+    }
+    return std::vector<std::string>(names.begin(), names.end());
+}
+
+}  // namespace
+
+std::vector<Finding> run(bool repair, std::string *error) {
+    std::vector<Finding> findings;
+    Checker checker(repair, &findings);
+    // The central lock is held for the whole walk: no domain is created or deleted meanwhile, so
+    // a half-created domain is one whose creator died. Each domain's lock is taken inside it, as
+    // the library's lookup takes both; no client waits for the central lock while it holds a
+    // domain's, so the order can't deadlock.
+    FlockGuard central(RT_CENTRAL_NAME);
+    if (!central.held()) {
+        *error = str("can't lock %s%s", RT_FLOCK_PREFIX, RT_CENTRAL_NAME);
+        return findings;
+    }
+    std::string path = std::string(RT_SHM_PREFIX) + RT_CENTRAL_NAME;
+    Fd fd(open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+    if (fd.get() < 0) {
+        *error = str("no central segment %s (is the framework initialised?)", path.c_str());
+        return findings;
+    }
+    checker.check_central();
+    struct stat st;
+    if (fstat(fd.get(), &st) != 0 || st.st_size < RT_SHM_SIZE) return findings;
+    Mapping map(fd.get());
+    if (map.get() == nullptr) {
+        *error = str("can't map %s: %s", path.c_str(), strerror(errno));
+        return findings;
+    }
+    for (const std::string &name : domain_names((const QX_REALTIME_CENTRAL_t *)map.get())) {
+        if (name.size() > RT_DOMAIN_NAME_MAX) continue;
+        checker.check_domain(name);
+    }
+    return findings;
+}
+
+}  // namespace rtcheck

@@ -1,0 +1,26 @@
+// Consistency check of the framework's shared state against the kernel (`rtctl check`): every
+// domain segment is walked under its lock file, each inconsistency is reported, and on request
+// repaired. It reads the records by their shared layout and asks the kernel directly; it does
+// not go through the library, so that it can look at what the library would refuse.
+#ifndef QXRT_RT_CHECK_H
+#define QXRT_RT_CHECK_H
+
+#include <string>
+#include <vector>
+
+namespace rtcheck {
+
+struct Finding {
+    std::string where;   // "Global" or the domain's name
+    std::string what;    // the inconsistency
+    std::string action;  // what the repair did ("" when not repaired)
+};
+
+// Walks the central segment and every domain segment; with repair, fixes what it finds. Returns
+// the findings, empty when everything is consistent. *error says why the walk could not be done
+// at all (no central segment, lock file unusable); the findings are then empty.
+std::vector<Finding> run(bool repair, std::string *error);
+
+}  // namespace rtcheck
+
+#endif
