@@ -365,8 +365,7 @@ uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
     RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
     uint32_t u32Ret;
     if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return u32Ret;
-    pthread_mutex_lock(&mutex);
-    flock(s32Central, LOCK_EX);
+    qx_central_hold stCentral(s32Central);
 
     // A domain whose segment exists is never initialised again, even when this process can't map
     // it (its table is full): that would wipe the records of a live domain. A damaged one is
@@ -376,8 +375,6 @@ uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
     int s32Found = QX_LOOKUP_FAILED;
     int bExists = qx_find_domain(pszDomainName, NULL, &s32Found) != NULL;
     if (s32Found == QX_LOOKUP_BROKEN) {
-        qx_flock_release(s32Central);
-        pthread_mutex_unlock(&mutex);
         return RT_ERR_FAILED;
     }
     if (RT_FORMAT_PATH(szShmPath, "%s%s", RT_SHM_PREFIX, pszDomainName) >= 0) {
@@ -394,8 +391,6 @@ uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
     if (bExists) {
         RT_LOGI("[RT_Impl][Info] [%s]: Domain [%s] is already created, skipped.\n", kName,
                 pszDomainName);
-        qx_flock_release(s32Central);
-        pthread_mutex_unlock(&mutex);
         return RT_SUCCESS;
     }
 
@@ -409,8 +404,6 @@ uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
             RT_LOGE("[RT_Impl][Err] Can't allocate for pstDomain, errno=%s.\n", RT_ERRNO_STR);
             u32Ret = RT_ERR_FAILED;
         }
-        qx_flock_release(s32Central);
-        pthread_mutex_unlock(&mutex);
         return u32Ret;
     }
 
@@ -460,13 +453,10 @@ uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
 
     if (u32Ret != RT_SUCCESS) {
         _QX_REALTIME_SharedMemoryFree(pszDomainName, &s32ShmFd, pvAddr);
-        qx_flock_release(s32Central);
-        pthread_mutex_unlock(&mutex);
         return u32Ret;
     }
     qx_set_creation_mark(pstDomain, 0);  // complete: from here on it is a domain
-    qx_flock_release(s32Central);
-    pthread_mutex_unlock(&mutex);
+    stCentral.release();
     RT_EXIT(kName, RT_SUCCESS);
     return RT_SUCCESS;
 }
@@ -480,8 +470,7 @@ uint32_t QX_REALTIME_GetAllDomainName(char *pNames, uint32_t u32BufSize) {
     RT_ENTER(kName);
     uint32_t u32Ret;
     if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return u32Ret;
-    pthread_mutex_lock(&mutex);
-    flock(s32Central, LOCK_EX);
+    qx_central_hold stCentral(s32Central);
 
     QX_REALTIME_CENTRAL_t *pstCentral = pstTop->pstCentral;
     RT_LOGI("[RT_Impl][Info] ==================================\n");
@@ -503,8 +492,7 @@ uint32_t QX_REALTIME_GetAllDomainName(char *pNames, uint32_t u32BufSize) {
             memcpy(pNames + u32Offset, pstCentral->szDomainNameList[i], RT_NAME_LEN);
         }
     }
-    qx_flock_release(s32Central);
-    pthread_mutex_unlock(&mutex);
+    stCentral.release();
     RT_EXIT(kName, u32Ret);
     return u32Ret;
 }
@@ -633,8 +621,7 @@ int32_t QX_REALTIME_DeleteDomain(const char *pszDomainName) {
     RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
     uint32_t u32Ret;
     if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return (int32_t)u32Ret;
-    pthread_mutex_lock(&mutex);
-    flock(s32Central, LOCK_EX);
+    qx_central_hold stCentral(s32Central);
     int s32Found = QX_LOOKUP_FAILED;
     QX_REALTIME_DOMAIN_t *pstDomain = qx_find_domain(pszDomainName, NULL, &s32Found);
     if (s32Found == QX_LOOKUP_UNFINISHED || s32Found == QX_LOOKUP_BROKEN) {
@@ -647,8 +634,6 @@ int32_t QX_REALTIME_DeleteDomain(const char *pszDomainName) {
             RT_LOGE("[RT_Impl][Err] [%s] unlink %s success\n", kName, szShmPath);
     } else if (pstDomain == NULL) {
         RT_LOGE("[RT_Impl][Err] [%s] pstDomain is NULL.\n", kName);
-        qx_flock_release(s32Central);
-        pthread_mutex_unlock(&mutex);
         return (int32_t)RT_ERR_NULL;
     }
 
@@ -682,8 +667,7 @@ int32_t QX_REALTIME_DeleteDomain(const char *pszDomainName) {
     } else {
         RT_LOGE("[RT_Impl][Err] [%s] unlink %s fails, errno=%s\n", kName, szPath, RT_ERRNO_STR);
     }
-    qx_flock_release(s32Central);
-    pthread_mutex_unlock(&mutex);
+    stCentral.release();
     RT_EXIT(kName, u32Ret);
     return (int32_t)u32Ret;
 }

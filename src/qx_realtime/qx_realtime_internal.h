@@ -9,6 +9,8 @@
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
+#include <pthread.h>
+#include <sys/file.h>
 
 #define JSMN_HEADER  // declarations only: the tokenizer is compiled once, in src/platform/jsmn.c
 #include <jsmn.h>
@@ -462,6 +464,37 @@ uint32_t _QX_REALTIME_GetTotalCpuStat(int32_t *ps32Time);
 
 #ifdef __cplusplus
 }
+
+// The central lock file held to the end of an operation (creation, deletion, enumeration, the
+// one-domain dump's lookup): taken under the process mutex on construction; release() (or the
+// end of the scope) unlocks and closes the lock file, then unlocks the mutex, in that order.
+// Operations whose exit message follows the release call release() before it.
+class qx_central_hold {
+public:
+    explicit qx_central_hold(int32_t s32Fd) : s32Fd_(s32Fd) {
+        pthread_mutex_lock(&mutex);
+        flock(s32Fd_, LOCK_EX);
+    }
+    ~qx_central_hold() { release(); }
+    qx_central_hold(const qx_central_hold &) = delete;
+    qx_central_hold &operator=(const qx_central_hold &) = delete;
+    // Unlocks and closes the lock file but keeps the mutex: the lookup-then-domain-lock order.
+    void release_file() {
+        if (s32Fd_ < 0) return;
+        qx_flock_release(s32Fd_);
+        s32Fd_ = -1;
+    }
+    void release() {
+        if (!bMutex_) return;
+        release_file();
+        pthread_mutex_unlock(&mutex);
+        bMutex_ = false;
+    }
+
+private:
+    int32_t s32Fd_;
+    bool bMutex_ = true;
+};
 #endif
 
 #endif
