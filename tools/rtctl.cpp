@@ -501,8 +501,10 @@ int run_usage(const char *name, const Args &a) {
     int status = -1;
     if (!a.svg.empty()) {
         std::string error;
-        std::string title = "CPU usage of " + domain + " against budget, one sample every " +
-                            std::to_string(interval) + " ms";
+        std::string title = (report.all ? std::string("CPU usage of every domain")
+                                        : "CPU usage of " + domain) +
+                            " against its budget, one sample every " + std::to_string(interval) +
+                            " ms";
         if (!rtctl::write_usage_svg(a.svg, report, interval, title, &error)) {
             fprintf(stderr, "rtctl: usage: cannot write %s: %s\n", a.svg.c_str(), error.c_str());
             status = 1;

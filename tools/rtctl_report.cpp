@@ -521,7 +521,7 @@ bool write_usage_svg(const std::string &path, const UsageReport &r, uint32_t int
     }
     // The vertical scale: percent of one core, rounded up to a multiple of 20 with some headroom.
     double ymax = std::max(20.0, std::ceil(top * 1.1 / 20.0) * 20.0);
-    const double W = 800, H = 420, left = 60, right = 190, upper = 40, lower = 50;
+    const double W = 820, H = 420, left = 60, right = 215, upper = 40, lower = 50;
     const double pw = W - left - right, ph = H - upper - lower;
     const size_t n = r.samples.size();
     auto X = [&](size_t i) { return left + (n <= 1 ? pw / 2 : pw * (double)i / (double)(n - 1)); };
