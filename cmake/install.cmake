@@ -23,7 +23,9 @@ install(TARGETS qxt_realtime_hal EXPORT qxt_realtime_hal_targets
 install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/include/qx_realtime.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(TARGETS rtctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(FILES ${QXRT_RTCTL_MAN} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 OPTIONAL)
+if(QXRT_RTCTL_MAN)
+  install(FILES ${QXRT_RTCTL_MAN} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+endif()
 
 install(EXPORT qxt_realtime_hal_targets NAMESPACE qxt_realtime_hal::
         FILE qxt_realtime_halTargets.cmake DESTINATION ${QXRT_CMAKE_DIR})

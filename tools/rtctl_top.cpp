@@ -1,6 +1,8 @@
 #include "rtctl_top.h"
 
+#ifdef QXRT_HAVE_CURSES
 #include <curses.h>
+#endif
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -190,11 +192,12 @@ struct Line {
     int kind = 0;  // 0 plain, 1 heading, 2 over budget
 };
 
-std::vector<Line> render(const Snapshot &s, const TopOptions &o, uint32_t refresh, int width) {
+std::vector<Line> render(const Snapshot &s, const TopOptions &o, uint32_t refresh, int width,
+                         bool interactive) {
     std::vector<Line> out;
     char buf[512];
     snprintf(buf, sizeof(buf), "rtctl top - libqxt_realtime_hal %s - every %.1f s - refresh %u%s",
-             QX_REALTIME_VERSION, o.interval_ms / 1000.0, refresh, isatty(1) ? " - q quits" : "");
+             QX_REALTIME_VERSION, o.interval_ms / 1000.0, refresh, interactive ? " - q quits" : "");
     out.push_back({buf, 1});
     if (s.has_total)
         snprintf(buf, sizeof(buf),
@@ -244,13 +247,14 @@ int run_plain(const TopOptions &o) {
     for (uint32_t refresh = 1; o.count == 0 || refresh <= o.count; refresh++) {
         Snapshot s = collect(o.interval_ms);
         rc = s.rc;
-        for (const Line &l : render(s, o, refresh, 100)) printf("%s\n", l.text.c_str());
+        for (const Line &l : render(s, o, refresh, 100, false)) printf("%s\n", l.text.c_str());
         printf("\n");
         fflush(stdout);
     }
     return (int)(rc & 0xFFu);
 }
 
+#ifdef QXRT_HAVE_CURSES
 int run_screen(const TopOptions &o) {
     std::mutex lock;
     Snapshot latest;
@@ -297,7 +301,7 @@ int run_screen(const TopOptions &o) {
                 mvprintw(0, 0, "rtctl top: sampling every %.1f s ... (q quits)",
                          o.interval_ms / 1000.0);
             } else {
-                std::vector<Line> lines = render(current, o, seq, COLS);
+                std::vector<Line> lines = render(current, o, seq, COLS, true);
                 for (size_t i = 0; i < lines.size() && (int)i < LINES; i++) {
                     int attr = lines[i].kind == 1 ? A_BOLD
                                : lines[i].kind == 2 ? (colors ? COLOR_PAIR(1) | A_BOLD : A_BOLD)
@@ -319,20 +323,21 @@ int run_screen(const TopOptions &o) {
     endwin();
     fflush(stdout);
     stop = true;
-    if (o.count != 0 && shown >= o.count) {
-        worker.join();
-        return 0;
-    }
-    // The worker may be inside a sampling sleep of the library; it holds no lock there and
-    // only reads, so the process ends without waiting for it.
+    if (o.count != 0 && shown >= o.count) worker.join();  // it has stopped producing
+    // Otherwise the worker may be inside a sampling sleep of the library; it holds no lock there
+    // and only reads, so the process ends without waiting for it. Ending here also spares the
+    // screen's memory, which ncurses keeps to the end, from the leak checker of sanitizer builds.
     _exit(0);
 }
+#endif
 
 }  // namespace
 
 int run_top(const TopOptions &options) {
-    if (!isatty(STDOUT_FILENO) || !isatty(STDIN_FILENO)) return run_plain(options);
-    return run_screen(options);
+#ifdef QXRT_HAVE_CURSES
+    if (isatty(STDOUT_FILENO) && isatty(STDIN_FILENO)) return run_screen(options);
+#endif
+    return run_plain(options);
 }
 
 }  // namespace rtctl
