@@ -460,3 +460,22 @@ TEST_F(RtctlLoaded, TopInATerminalShowsDomainsThreadsAndOverBudgetAndQuitsOnQ) {
     EXPECT_EQ(dead, "1 0\n") << "rtctl top did not end on q:\n" << after;
     EXPECT_FALSE(contains(after, "Domain_Audio")) << "the screen was not given back:\n" << after;
 }
+
+// ---- option parsing ----
+
+TEST_F(RtctlOps, NegativeNumbersAreValuesNotOptions) {
+    qxt::TestThread t;
+    ASSERT_EQ(rtctl({"add", "Domain_Audio", "Class_Render", std::to_string(t.tid())}).status, 0);
+    // A negative utilisation reaches the library, which refuses it; it is no unknown option "-5".
+    Result r = rtctl({"update", "Domain_Audio", std::to_string(t.tid()), "-5", "0", "0", "0"});
+    EXPECT_EQ(r.status, 8) << r.err;
+    EXPECT_FALSE(contains(r.err, "unknown option")) << r.err;
+    EXPECT_EQ(rtctl({"remove", "Domain_Audio", std::to_string(t.tid())}).status, 0);
+}
+
+TEST_F(RtctlOps, JsonTextIsEscaped) {
+    const std::string name = "Dom\"ain\\with\ttab";
+    Result r = rtctl({"--json", "budget", name, "1", "0", "0", "0"});
+    EXPECT_EQ(r.status, 10);
+    EXPECT_EQ(document(r)["domain"], name) << r.out;
+}
