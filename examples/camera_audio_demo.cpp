@@ -200,7 +200,7 @@ int run_client(const std::string &which, const std::string &state_dir) {
         int sig = 0;
         if (sigwait(&signals, &sig) != 0) continue;
         if (sig == SIGUSR1) {
-            const int64_t kLoadSeconds = 4;
+            const int64_t kLoadSeconds = 5;
             g_busy_until_ns = now_ns() + kLoadSeconds * 1000000000;
             printf("    [%s] mix thread busy for %d s\n", g_client, (int)kLoadSeconds);
             fflush(stdout);

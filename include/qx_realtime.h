@@ -8,6 +8,13 @@
 #ifndef QX_REALTIME_H
 #define QX_REALTIME_H
 
+/* Version of this library and header. The build, the pkg-config file, the CMake package and
+ * `rtctl --version` all take it from here. */
+#define QX_REALTIME_VERSION_MAJOR 1
+#define QX_REALTIME_VERSION_MINOR 0
+#define QX_REALTIME_VERSION_PATCH 0
+#define QX_REALTIME_VERSION "1.0.0"
+
 #include <stdint.h>
 #include <stdio.h>
 #include <pthread.h>

@@ -10,19 +10,28 @@
 // text plainly (without liblog's tag/time/pid decorations and without the "<ERR>func[line]: " or
 // "<INFO>" prefix of the Android form), so that a dump or a CPU-usage sample reads like output.
 #include <android/log.h>
+#include <ctype.h>
 #include <errno.h>
+#include <fcntl.h>
+#include <getopt.h>
 #include <limits.h>
+#include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "config_lint.h"
 #include "rt_check.h"
 #include "qx_realtime.h"
+#include "qx_realtime_internal.h"  // the central record's layout and the segment path
+#include "rtctl_report.h"
+#include "rtctl_top.h"
 
 namespace {
 
@@ -30,10 +39,12 @@ constexpr int kExitUsage = 2;
 
 // ---- log sink ----
 
-FILE *g_log_out = stderr;  // where the library's messages go for this invocation
-bool g_report = false;     // the messages are this command's report (dump, usage)
-bool g_log_muted = false;  // set around calls whose messages are not the operator's business
-bool g_line_open = false;  // the last message had no line end (a list printed piecewise)
+FILE *g_log_out = stderr;         // where the library's messages go for this invocation
+bool g_print = true;              // print them at all (not while a report is only captured)
+std::string *g_capture = nullptr;  // also keep them here (a report read back for --json, top)
+bool g_report = false;            // the messages are this command's report (dump, usage)
+bool g_log_muted = false;         // set around calls whose messages are not the operator's business
+bool g_line_open = false;         // the last message had no line end (a list printed piecewise)
 
 bool starts_with(const std::string &s, const char *prefix) {
     return s.compare(0, strlen(prefix), prefix) == 0;
@@ -59,9 +70,14 @@ std::string without_tag(const std::string &text) {
     return text;
 }
 
+void put(const std::string &text) {
+    if (g_capture != nullptr) g_capture->append(text);
+    if (g_print) fputs(text.c_str(), g_log_out);
+}
+
 void close_open_line() {
     if (g_line_open) {
-        fputc('\n', g_log_out);
+        put("\n");
         g_line_open = false;
     }
 }
@@ -83,23 +99,23 @@ void plain_logger(const struct __android_logger_data *, const char *message) {
         // default level drops, so any other complete message ends the open line first.
         std::string piece = without_tag(text);
         if (!line_end) {
-            fputs(piece.c_str(), g_log_out);
+            put(piece);
             return;
         }
         if (piece.find_first_not_of(' ') != std::string::npos &&
             piece.substr(piece.find_first_not_of(' ')) == "]") {
-            fprintf(g_log_out, "%s\n", piece.c_str());
+            put(piece + "\n");
             g_line_open = false;
             return;
         }
         close_open_line();
     }
-    fputs(text.c_str(), g_log_out);
+    put(text);
     if (line_end)
-        fputc('\n', g_log_out);
+        put("\n");
     else
         g_line_open = true;
-    fflush(g_log_out);
+    if (g_print) fflush(g_log_out);
 }
 
 // ---- results ----
@@ -128,39 +144,57 @@ int finish(const char *command, uint32_t code) {
 
 // ---- commands ----
 
+// Options a command accepts besides -v, --help and (where it has one) --json.
+enum : unsigned {
+    kOptOverrun = 1u << 0,   // --overrun
+    kOptCpus = 1u << 1,      // --cpus N
+    kOptSvg = 1u << 2,       // --svg FILE
+    kOptJson = 1u << 3,      // --json
+    kOptCount = 1u << 4,     // --count N
+    kOptInterval = 1u << 5,  // --interval MS
+    kOptRepair = 1u << 6,    // --repair
+};
+
 struct Args {
     std::vector<std::string> pos;  // positional arguments after the subcommand
-    bool overrun = false;          // --overrun
-    std::string cpus;              // lint --cpus N
-    bool repair = false;           // check --repair
+    bool overrun = false;
+    bool json = false;
+    std::string cpus, svg, count, interval;
+    bool verbose = false;
+    bool repair = false;
 };
 
 typedef int (*Handler)(const char *name, const Args &args);
 
+// One row per subcommand: adding a command is adding a row (and its handler).
 struct Command {
     const char *name;
-    const char *synopsis;  // arguments, as shown in the usage line
-    const char *help;      // what it does
+    const char *synopsis;  // arguments and options, as shown in the usage line
+    const char *help;      // what it does; the first line is the summary in `rtctl --help`
+    const char *json;      // the shape of the --json document (nullptr: no --json)
     int min_args;
     int max_args;
-    bool takes_overrun;
-    bool output_is_log;  // the library's messages are this command's output: print them on stdout
+    unsigned options;     // kOpt* bits
+    bool output_is_log;   // the library's messages are this command's output: print them on stdout
     Handler run;
 };
 
 const Command *find_command(const std::string &name);
 void print_usage(FILE *out);
 
+std::string usage_line(const Command &c) {
+    return std::string("usage: rtctl [-v] ") + c.name + (c.synopsis[0] ? " " : "") + c.synopsis;
+}
+
 void print_command_help(FILE *out, const Command &c) {
-    fprintf(out, "usage: rtctl [-v] %s%s%s\n\n%s\n", c.name, c.synopsis[0] ? " " : "", c.synopsis,
-            c.help);
+    fprintf(out, "%s\n\n%s\n", usage_line(c).c_str(), c.help);
+    if (c.json != nullptr) fprintf(out, "\n--json prints one JSON object:\n%s\n", c.json);
 }
 
 int usage_error(const Command *c, const std::string &message) {
     fprintf(stderr, "rtctl: %s\n", message.c_str());
     if (c != nullptr)
-        fprintf(stderr, "usage: rtctl [-v] %s%s%s\n(see rtctl %s --help)\n", c->name,
-                c->synopsis[0] ? " " : "", c->synopsis, c->name);
+        fprintf(stderr, "%s\n(see rtctl %s --help)\n", usage_line(*c).c_str(), c->name);
     else
         print_usage(stderr);
     return kExitUsage;
@@ -212,6 +246,82 @@ struct NumberParser {
 
 const Command *cmd_of(const char *name) { return find_command(name); }
 
+// ---- debug level of one invocation ----
+
+// QX_REALTIME_SetDebugLevel also stores the level in the shared settings when the framework is
+// enabled, where every process that attaches later reads it. `-v` is meant for one invocation,
+// so the stored value is read first (straight from the central segment, without a lock: a
+// diagnostic setting) and put back when the command is done.
+bool read_stored_level(int32_t *level) {
+    int fd = open(RT_SHM_PREFIX RT_CENTRAL_NAME, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return false;
+    ssize_t got = pread(fd, level, sizeof(*level), offsetof(QX_REALTIME_CENTRAL_t, s32DbgLevel));
+    close(fd);
+    return got == (ssize_t)sizeof(*level);
+}
+
+bool g_verbose = false;
+bool g_have_stored_level = false;
+int32_t g_stored_level = 0;
+
+// Raises this process's level to 64. The first call may attach to the central segment, and
+// attaching sets the level from the shared settings, so the level is set once more afterwards.
+// Its own messages (a missing central segment before `init`) are not what the operator asked
+// to see.
+void raise_debug_level() {
+    if (!g_verbose) return;
+    g_log_muted = true;
+    QX_REALTIME_SetDebugLevel(64);
+    QX_REALTIME_SetDebugLevel(64);
+    g_log_muted = false;
+}
+
+void restore_stored_level(const char *command) {
+    int32_t now = 0;
+    // debug-level stores its own level; init and create reread it from the configuration.
+    if (!g_have_stored_level || strcmp(command, "debug-level") == 0) return;
+    if (!read_stored_level(&now) || now != 64 || g_stored_level == 64) return;
+    g_log_muted = true;
+    QX_REALTIME_SetDebugLevel(g_stored_level);
+    g_log_muted = false;
+}
+
+// ---- JSON documents ----
+
+// Every --json document starts with the command and its result.
+void json_head(rtctl::Json &j, const char *command, uint32_t code) {
+    j.begin_object().key("command").value(command).key("result").value((int64_t)code)
+        .key("result_name").value(result_name(code));
+}
+
+void json_print(rtctl::Json &j) {
+    j.end_object();
+    printf("%s\n", j.str().c_str());
+}
+
+}  // namespace
+
+namespace rtctl {
+
+std::string capture_report(const std::function<uint32_t()> &call, uint32_t *rc) {
+    std::string text;
+    std::string *saved_capture = g_capture;
+    bool saved_print = g_print, saved_report = g_report;
+    g_capture = &text;
+    g_print = false;
+    g_report = true;
+    *rc = call();
+    close_open_line();
+    g_capture = saved_capture;
+    g_print = saved_print;
+    g_report = saved_report;
+    return text;
+}
+
+}  // namespace rtctl
+
+namespace {
+
 int run_init(const char *name, const Args &a) {
     NumberParser p(cmd_of(name));
     uint32_t mode = 0;
@@ -242,6 +352,7 @@ int run_create(const char *name, const Args &a) {
     if (!p.ok) return kExitUsage;
     uint32_t rc = QX_REALTIME_Init(mode);
     if (rc != RT_SUCCESS) return finish("create: init", rc);
+    raise_debug_level();  // Init set this process's level from the configuration
     return finish(name, QX_REALTIME_CreateDomain(a.pos[0].c_str()));
 }
 
@@ -249,17 +360,26 @@ int run_delete(const char *name, const Args &a) {
     return finish(name, (uint32_t)QX_REALTIME_DeleteDomain(a.pos[0].c_str()));
 }
 
-int run_list(const char *name, const Args &) {
+int run_list(const char *name, const Args &a) {
     // Room for every domain the central record can hold: 24 slots of 64 bytes.
-    static char names[64 * 24];
+    static char names[RT_NAME_LEN * RT_MAX_DOMAIN];
     memset(names, 0, sizeof(names));
     uint32_t rc = QX_REALTIME_GetAllDomainName(names, sizeof(names));
     close_open_line();
     // Names copied before a failure stay valid, so they are shown either way.
-    for (size_t slot = 0; slot < 24; slot++) {
-        const char *entry = names + 64 * slot;
-        size_t len = strnlen(entry, 64);
-        if (len > 0) printf("%.*s\n", (int)len, entry);
+    std::vector<std::string> found;
+    for (size_t slot = 0; slot < RT_MAX_DOMAIN; slot++) {
+        const char *entry = names + RT_NAME_LEN * slot;
+        size_t len = strnlen(entry, RT_NAME_LEN);
+        if (len > 0) found.push_back(std::string(entry, len));
+    }
+    if (a.json) {
+        rtctl::Json j;
+        json_head(j, name, rc);
+        j.key("domains").strings(found);
+        json_print(j);
+    } else {
+        for (const std::string &n : found) printf("%s\n", n.c_str());
     }
     return finish(name, rc);
 }
@@ -319,9 +439,20 @@ int run_budget(const char *name, const Args &a) {
     int32_t left = kUnset;
     uint32_t rc = QX_REALTIME_QueryBudget(a.pos[0].c_str(), &util, &left);
     close_open_line();
-    if (left != kUnset)
+    if (a.json) {
+        rtctl::Json j;
+        json_head(j, name, rc);
+        j.key("domain").value(a.pos[0]).key("demand").value((int64_t)util.s32Util).key("left");
+        if (left != kUnset)
+            j.value((int64_t)left);
+        else
+            j.null();
+        j.key("fits").value(rc == RT_SUCCESS && left != kUnset);
+        json_print(j);
+    } else if (left != kUnset) {
         printf("%s: utilisation left %d (demand %d)%s\n", a.pos[0].c_str(), left, util.s32Util,
                rc == RT_SUCCESS ? "" : rc == RT_ERR_OVER_BUDGET ? ", does not fit" : ", refused");
+    }
     return finish(name, rc);
 }
 
@@ -333,9 +464,23 @@ int run_dmips(const char *name, const Args &a) {
     uint32_t us = 0;
     uint32_t rc = QX_REALTIME_DmipsToUs(dmips, &us);
     close_open_line();
-    if (rc == RT_SUCCESS) printf("%u DMIPS = %u us of CPU time per second on one core\n", dmips, us);
+    if (a.json) {
+        rtctl::Json j;
+        json_head(j, name, rc);
+        j.key("dmips").value((int64_t)dmips).key("us_per_second");
+        if (rc == RT_SUCCESS)
+            j.value((int64_t)us);
+        else
+            j.null();
+        json_print(j);
+    } else if (rc == RT_SUCCESS) {
+        printf("%u DMIPS = %u us of CPU time per second on one core\n", dmips, us);
+    }
     return finish(name, rc);
 }
+
+// The library selects its all-domains mode by the first three characters of the name.
+bool names_all(const std::string &domain) { return domain.compare(0, 3, "All") == 0; }
 
 int run_usage(const char *name, const Args &a) {
     NumberParser p(cmd_of(name));
@@ -343,11 +488,69 @@ int run_usage(const char *name, const Args &a) {
     p.u32(a.pos[1], "INTERVAL_MS", &interval);
     p.u32(a.pos[2], "SAMPLES", &samples);
     if (!p.ok) return kExitUsage;
-    return finish(name, QX_REALTIME_GetDomainCpuUsage(a.pos[0].c_str(), interval, samples));
+    const std::string &domain = a.pos[0];
+    if (!a.json && a.svg.empty())
+        return finish(name, QX_REALTIME_GetDomainCpuUsage(domain.c_str(), interval, samples));
+
+    // The samples are read back from the report; without --json it is printed as it comes.
+    std::string text;
+    g_capture = &text;
+    g_print = !a.json;
+    uint32_t rc = QX_REALTIME_GetDomainCpuUsage(domain.c_str(), interval, samples);
+    close_open_line();
+    g_capture = nullptr;
+    g_print = true;
+    rtctl::UsageReport report = rtctl::parse_usage(text, domain, names_all(domain));
+    int status = -1;
+    if (!a.svg.empty()) {
+        std::string error;
+        std::string title = (report.all ? std::string("CPU usage of every domain")
+                                        : "CPU usage of " + domain) +
+                            " against its budget, one sample every " + std::to_string(interval) +
+                            " ms";
+        if (!rtctl::write_usage_svg(a.svg, report, interval, title, &error)) {
+            fprintf(stderr, "rtctl: usage: cannot write %s: %s\n", a.svg.c_str(), error.c_str());
+            status = 1;
+        }
+    }
+    if (a.json) {
+        rtctl::Json j;
+        json_head(j, name, rc);
+        j.key("domain").value(domain).key("all").value(report.all)
+            .key("interval_ms").value((int64_t)interval).key("sample_count").value((int64_t)samples);
+        rtctl::usage_to_json(j, report);
+        json_print(j);
+    }
+    int code = finish(name, rc);
+    return status >= 0 && code == 0 ? status : code;
 }
 
 int run_dump(const char *name, const Args &a) {
-    return finish(name, QX_REALTIME_DumpDomainInfo(a.pos[0].c_str()));
+    const std::string &domain = a.pos[0];
+    if (!a.json) return finish(name, QX_REALTIME_DumpDomainInfo(domain.c_str()));
+    uint32_t rc = 0;
+    std::string text =
+        rtctl::capture_report([&] { return QX_REALTIME_DumpDomainInfo(domain.c_str()); }, &rc);
+    rtctl::Json j;
+    json_head(j, name, rc);
+    j.key("domain").value(domain).key("all").value(names_all(domain));
+    if (names_all(domain))
+        rtctl::dump_all_to_json(j, rtctl::parse_dump_all(text));
+    else
+        rtctl::dump_to_json(j, rtctl::parse_dump(text));
+    json_print(j);
+    return finish(name, rc);
+}
+
+int run_top(const char *name, const Args &a) {
+    rtctl::TopOptions o;
+    NumberParser p(cmd_of(name));
+    if (!a.interval.empty()) p.u32(a.interval, "--interval", &o.interval_ms);
+    if (!a.count.empty()) p.u32(a.count, "--count", &o.count);
+    if (!p.ok) return kExitUsage;
+    if (o.interval_ms < 100 || o.interval_ms > 3600000)
+        return usage_error(cmd_of(name), "--interval: between 100 and 3600000 ms");
+    return rtctl::run_top(o);
 }
 
 int run_mem_enable(const char *name, const Args &) {
@@ -399,9 +602,34 @@ int run_lint(const char *, const Args &a) {
     return errors > 0 ? 1 : 0;
 }
 
-}  // namespace
+const char kJsonUsage[] =
+    "  {\"command\":\"usage\", \"result\":0, \"result_name\":\"RT_SUCCESS\", \"domain\":\"All\",\n"
+    "   \"all\":true, \"interval_ms\":500, \"sample_count\":6,\n"
+    "   \"settings\":[{\"name\":\"Domain_Audio\", \"util\":512, \"percent\":50.00}, ...],  (All only)\n"
+    "   \"total_util\":{\"value\":1536, \"percent\":150.00},                         (All only)\n"
+    "   \"util_budget\":{\"cap_per_core\":1024, \"budget_cpu_num\":2, \"reservation\":80,\n"
+    "                  \"value\":1638, \"percent\":159.96},                       (All only)\n"
+    "   \"samples\":[{\"domains\":[{\"name\":\"Domain_Audio\", \"usage_percent\":81.20,\n"
+    "                \"budget_percent\":50.00, \"over_budget\":true}, ...],\n"
+    "               \"rt_total_percent\":84.30}, ...],              (rt_total_percent: All only)\n"
+    "   \"messages\":[lines of the report that are not samples, e.g. errors]}\n"
+    "Percentages are percent of one core.";
 
-namespace {
+const char kJsonDump[] =
+    "  one domain: {\"command\":\"dump\", \"result\":0, \"result_name\":\"RT_SUCCESS\",\n"
+    "   \"domain\":\"Domain_Audio\", \"all\":false, \"found\":true, \"name\":\"Domain_Audio\",\n"
+    "   \"fields\":{\"s32UtilMax\":512, \"s32UtilCurrent\":300, \"pszCpuset\":\"1\", ...},\n"
+    "   \"process_ids\":[1234], \"classes\":[{\"index\":0, \"name\":\"Class_Render\",\n"
+    "   \"util_per_thread\":200, \"rt_priority\":90, \"dl_deadline_us\":0, \"dl_runtime_us\":0,\n"
+    "   \"dl_period_us\":0}, ...], \"threads\":[{\"slot\":0, \"class_index\":0, \"alive\":1,\n"
+    "   \"process_id\":1234, \"tid\":1240, \"util\":200, \"priority\":90, \"deadline_us\":0,\n"
+    "   \"runtime_us\":0, \"period_us\":0}, ...], \"messages\":[...]}\n"
+    "  All: {\"command\":\"dump\", ..., \"domain\":\"All\", \"all\":true,\n"
+    "   \"domains\":[{\"name\":\"Domain_Audio\", \"threads\":[{\"process_id\":1234,\n"
+    "   \"program\":\"audio_client\", \"tid\":1240, \"thread\":\"render\",\n"
+    "   \"class\":\"Class_Render\"}, ...]}, ...], \"messages\":[...]}\n"
+    "\"fields\" holds every record field the dump prints, numbers as numbers.";
+
 // Every inconsistency on its own line, with the repair's action under it; exit 0 only when there
 // was none (or, with --repair, when every one was repaired).
 int run_check(const char *, const Args &a) {
@@ -436,73 +664,90 @@ const Command kCommands[] = {
      "Creates the shared state and reads the system settings of the configuration.\n"
      "MODE 0 (default): /vendor/etc/realtime/rt-<vendor.kpo.realtime.cfg_name>.json;\n"
      "MODE 1: /vendor/etc/realtime/rt_verify_only.json.",
-     0, 1, false, false, run_init},
-    {"deinit", "", "Removes the shared state for every process (QX_REALTIME_Deinit).", 0, 0, false,
-     false, run_deinit},
+     nullptr, 0, 1, 0, false, run_init},
+    {"deinit", "", "Removes the shared state for every process (QX_REALTIME_Deinit).", nullptr, 0,
+     0, 0, false, run_deinit},
     {"debug-level", "LEVEL",
      "Sets this process's internal debug level (0, 16, 32, 48, 64, 80, 240, 241).\n"
      "It is also stored in the shared settings when the framework is enabled.",
-     1, 1, false, false, run_debug_level},
-    {"self-test", "", "Runs the library's self test (QX_REALTIME_SelfTest).", 0, 0, false, false,
-     run_self_test},
+     nullptr, 1, 1, 0, false, run_debug_level},
+    {"self-test", "", "Runs the library's self test (QX_REALTIME_SelfTest).", nullptr, 0, 0, 0,
+     false, run_self_test},
     {"create", "DOMAIN [MODE]",
      "Creates DOMAIN from the configuration file: segment, cgroups, budget check.\n"
      "The domain's keys are read from the file that QX_REALTIME_Init(MODE) chooses (default 0),\n"
      "so this process is initialised first, as a client is; that also rereads the system\n"
      "settings into the shared state.",
-     1, 2, false, false, run_create},
-    {"delete", "DOMAIN", "Removes DOMAIN's segment and lock file (QX_REALTIME_DeleteDomain).", 1, 1,
-     false, false, run_delete},
-    {"list", "", "Prints the names of the registered domains, one per line.", 0, 0, false, false,
-     run_list},
+     nullptr, 1, 2, 0, false, run_create},
+    {"delete", "DOMAIN", "Removes DOMAIN's segment and lock file (QX_REALTIME_DeleteDomain).",
+     nullptr, 1, 1, 0, false, run_delete},
+    {"list", "[--json]", "Prints the names of the registered domains, one per line.",
+     "  {\"command\":\"list\", \"result\":0, \"result_name\":\"RT_SUCCESS\",\n"
+     "   \"domains\":[\"Domain_Audio\", \"Domain_Camera\"]}",
+     0, 0, kOptJson, false, run_list},
     {"add", "DOMAIN CLASS TID [--overrun]",
      "Admits thread TID to CLASS of DOMAIN with the class's parameters and a budget check.\n"
      "--overrun asks a deadline domain for SCHED_FLAG_DL_OVERRUN: the kernel then sends the\n"
      "thread SIGXCPU whenever it overruns its runtime.",
-     3, 3, true, false, run_add},
+     nullptr, 3, 3, kOptOverrun, false, run_add},
     {"add-lite", "DOMAIN CLASS TID UTIL DEADLINE_US RUNTIME_US PERIOD_US [--overrun]",
-     "Admits thread TID with the given parameters and no checks (QX_REALTIME_AddThread_Lite).", 7,
-     7, true, false, run_add_lite},
+     "Admits thread TID with the given parameters and no checks (QX_REALTIME_AddThread_Lite).",
+     nullptr, 7, 7, kOptOverrun, false, run_add_lite},
     {"remove", "DOMAIN TID",
-     "Takes thread TID out of DOMAIN and restores its former scheduling and cgroups.", 2, 2, false,
-     false, run_remove},
+     "Takes thread TID out of DOMAIN and restores its former scheduling and cgroups.", nullptr, 2,
+     2, 0, false, run_remove},
     {"update", "DOMAIN TID UTIL DEADLINE_US RUNTIME_US PERIOD_US",
-     "Changes an admitted thread's utilisation (and deadline parameters in a deadline domain).", 6,
-     6, false, false, run_update},
-    {"budget", "DOMAIN UTIL DEADLINE_US RUNTIME_US PERIOD_US",
+     "Changes an admitted thread's utilisation (and deadline parameters in a deadline domain).",
+     nullptr, 6, 6, 0, false, run_update},
+    {"budget", "[--json] DOMAIN UTIL DEADLINE_US RUNTIME_US PERIOD_US",
      "Prints the utilisation DOMAIN has left and whether this demand would fit.\n"
      "In a deadline domain the demand is RUNTIME_US x Util-per-core / PERIOD_US.",
-     5, 5, false, false, run_budget},
-    {"dmips", "N", "Converts N DMIPS into microseconds of CPU time per second on one core.", 1, 1,
-     false, false, run_dmips},
-    {"usage", "DOMAIN|All INTERVAL_MS SAMPLES",
+     "  {\"command\":\"budget\", \"result\":9, \"result_name\":\"RT_ERR_OVER_BUDGET\",\n"
+     "   \"domain\":\"Domain_Audio\", \"demand\":513, \"left\":512, \"fits\":false}\n"
+     "\"left\" is null when the library gave no figure (unknown domain, framework disabled).",
+     5, 5, kOptJson, false, run_budget},
+    {"dmips", "[--json] N",
+     "Converts N DMIPS into microseconds of CPU time per second on one core.",
+     "  {\"command\":\"dmips\", \"result\":0, \"result_name\":\"RT_SUCCESS\", \"dmips\":512,\n"
+     "   \"us_per_second\":500000}            (us_per_second is null on failure)",
+     1, 1, kOptJson, false, run_dmips},
+    {"usage", "[--json] [--svg FILE] DOMAIN|All INTERVAL_MS SAMPLES",
      "Samples the CPU usage of DOMAIN (or of every domain) against its budget.\n"
-     "SAMPLES samples, one every INTERVAL_MS; samples above the budget are marked Overbudget.",
-     3, 3, false, true, run_usage},
-    {"dump", "DOMAIN|All",
+     "SAMPLES samples, one every INTERVAL_MS; samples above the budget are marked Overbudget.\n"
+     "--svg FILE also writes an SVG chart of each domain's usage over time, with its budget\n"
+     "as a dashed line and the samples above it in red.",
+     kJsonUsage, 3, 3, kOptJson | kOptSvg, true, run_usage},
+    {"dump", "[--json] DOMAIN|All",
      "Prints DOMAIN's records, classes, thread slots and cgroup task lists.\n"
      "With All: every live thread of every domain, with its program and class.",
-     1, 1, false, true, run_dump},
-    {"mem-enable", "", "QX_REALTIME_EnableMemoryHighPriority (reserved, does nothing).", 0, 0,
-     false, false, run_mem_enable},
-    {"mem-disable", "", "QX_REALTIME_DisableMemoryHighPriority (reserved, does nothing).", 0, 0,
-     false, false, run_mem_disable},
+     kJsonDump, 1, 1, kOptJson, true, run_dump},
+    {"top", "[--interval MS] [--count N]",
+     "Live view of every domain, refreshed every MS milliseconds (default 1000): policy, CPUs,\n"
+     "budget and booked utilisation (capacity units), measured CPU usage as a bar against the\n"
+     "budget (OVER when above it), and each admitted thread: tid, process, class and the policy\n"
+     "the kernel reports for it. q quits; --count N ends after N refreshes. When stdout is not a\n"
+     "terminal it prints one plain-text block per refresh instead.",
+     nullptr, 0, 0, kOptCount | kOptInterval, false, run_top},
+    {"mem-enable", "", "QX_REALTIME_EnableMemoryHighPriority (reserved, does nothing).", nullptr,
+     0, 0, 0, false, run_mem_enable},
+    {"mem-disable", "", "QX_REALTIME_DisableMemoryHighPriority (reserved, does nothing).",
+     nullptr, 0, 0, 0, false, run_mem_disable},
     {"mem-available", "[VALUE]",
-     "QX_REALTIME_GetAvailableHighPriorityResource with *ps32Avai = VALUE (default 0).", 0, 1,
-     false, false, run_mem_available},
+     "QX_REALTIME_GetAvailableHighPriorityResource with *ps32Avai = VALUE (default 0).", nullptr,
+     0, 1, 0, false, run_mem_available},
     {"check", "[--repair]",
      "Checks every domain against its records and the kernel, under their lock files:\n"
      "charges without a record, records of dead processes or threads, threads in a domain's\n"
      "groups without a record, records the kernel disagrees with, half-created or damaged\n"
      "domains, segment sizes and modes. Prints each; exits 0 only when there is none.\n"
      "--repair fixes each one and says what it did (exit 0 when all were repaired).",
-     0, 0, false, false, run_check},
+     nullptr, 0, 0, kOptRepair, false, run_check},
     {"lint", "[--cpus N] FILE",
      "Checks a configuration file without touching the shared state.\n"
      "Prints every problem as FILE:LINE: error|warning: message (fix: suggestion);\n"
      "exits 1 when there is an error, 0 otherwise (warnings alone included).\n"
      "CPU sets and BudgetCpuNum are checked against this machine's CPUs, or N with --cpus.",
-     1, 1, false, false, run_lint},
+     nullptr, 1, 1, kOptCpus, false, run_lint},
 };
 const size_t kCommandCount = sizeof(kCommands) / sizeof(kCommands[0]);
 
@@ -512,21 +757,46 @@ const Command *find_command(const std::string &name) {
     return nullptr;
 }
 
+const char kDescription[] =
+    "Operates the realtime framework shared by every process that loads\n"
+    "libqxt_realtime_hal. Each call prints the library's messages and exits with the\n"
+    "call's result code (0 = RT_SUCCESS); bad arguments exit with 2.";
+
+// Options common to every command: name, argument, explanation.
+const struct {
+    const char *name;
+    const char *help;
+} kGlobalOptions[] = {
+    {"-v, --verbose",
+     "debug level 64 for this invocation: info and debug messages\n"
+     "too. The level stored in the shared settings (read by every\n"
+     "process that attaches later) is put back afterwards, except\n"
+     "by debug-level, whose job it is to store one"},
+    {"--json", "one JSON document on stdout (list, budget, dmips, usage,\n"
+               "dump); rtctl COMMAND --help shows its shape"},
+    {"--version", "the version of rtctl and of the library it was built with"},
+    {"--man", "this help as a manual page (troff)"},
+    {"-h, --help", "this text; rtctl COMMAND --help explains one command"},
+};
+
+const char kResultCodes[] =
+    "0 RT_SUCCESS, 4 RT_ERR_FAILED, 8 RT_ERR_INVALID_PARAM,\n"
+    "9 RT_ERR_OVER_BUDGET, 10 RT_ERR_NULL, 11 RT_ERR_NOT_EXIST, 12 RT_ERR_SYSTEM,\n"
+    "14 RT_ERR_SCHED_SETATTR; 2 bad arguments; lint exits 1 when the file has an error.";
+
 void print_usage(FILE *out) {
     fprintf(out,
             "usage: rtctl [-v] COMMAND [ARGS...]\n"
-            "       rtctl --help | rtctl COMMAND --help\n"
-            "\n"
-            "Operates the realtime framework shared by every process that loads\n"
-            "libqxt_realtime_hal. Each call prints the library's messages and exits with the\n"
-            "call's result code (0 = RT_SUCCESS); bad arguments exit with 2.\n"
-            "\n"
-            "options:\n"
-            "  -v        debug level 64 for this invocation: info and debug messages too\n"
-            "            (QX_REALTIME_SetDebugLevel, which also stores it in the shared settings)\n"
-            "  --help    this text\n"
-            "\n"
-            "commands:\n");
+            "       rtctl --help | rtctl COMMAND --help | rtctl --version\n"
+            "\n%s\n\noptions:\n",
+            kDescription);
+    for (const auto &o : kGlobalOptions) {
+        std::string help = o.help;
+        for (size_t pos = help.find('\n'); pos != std::string::npos; pos = help.find('\n', pos + 1))
+            help.insert(pos + 1, 16, ' ');
+        fprintf(out, "  %-13s %s\n", o.name, help.c_str());
+    }
+    fprintf(out, "\ncommands:\n");
     for (size_t i = 0; i < kCommandCount; i++) {
         std::string line = kCommands[i].name;
         if (kCommands[i].synopsis[0] != '\0') line += std::string(" ") + kCommands[i].synopsis;
@@ -535,52 +805,137 @@ void print_usage(FILE *out) {
         int first_len = nl ? (int)(nl - help) : (int)strlen(help);
         fprintf(out, "  %s\n      %.*s\n", line.c_str(), first_len, help);
     }
-    fprintf(out,
-            "\nresult codes: 0 RT_SUCCESS, 4 RT_ERR_FAILED, 8 RT_ERR_INVALID_PARAM,\n"
-            "9 RT_ERR_OVER_BUDGET, 10 RT_ERR_NULL, 11 RT_ERR_NOT_EXIST, 12 RT_ERR_SYSTEM,\n"
-            "14 RT_ERR_SCHED_SETATTR; lint exits 1 when the file has an error.\n");
+    fprintf(out, "\nresult codes: %s\n", kResultCodes);
 }
 
-// Before the operation proper: raise this process's level to 64. The first call may attach to
-// the central segment, and attaching sets the level from the shared settings, so the level is
-// set once more afterwards. Its own messages (a missing central segment before `init`) are
-// not what the operator asked to see.
-void raise_debug_level() {
-    g_log_muted = true;
-    QX_REALTIME_SetDebugLevel(64);
-    QX_REALTIME_SetDebugLevel(64);
-    g_log_muted = false;
+// ---- manual page, from the same table as the help ----
+
+std::string roff(const std::string &text) {
+    std::string out;
+    bool line_start = true;
+    for (char c : text) {
+        if (line_start && (c == '.' || c == '\'')) out += "\\&";
+        if (c == '\\')
+            out += "\\e";
+        else if (c == '-')
+            out += "\\-";
+        else
+            out += c;
+        line_start = c == '\n';
+    }
+    return out;
 }
+
+// Help text keeps its line breaks in the manual (.nf), as it was written for 80 columns.
+void man_block(const std::string &text) { printf(".nf\n%s\n.fi\n", roff(text).c_str()); }
+
+void print_man() {
+    printf(".TH RTCTL 1 \"\" \"libqxt_realtime_hal %s\" \"User Commands\"\n", QX_REALTIME_VERSION);
+    printf(".SH NAME\nrtctl \\- operate the realtime framework of libqxt_realtime_hal\n");
+    printf(".SH SYNOPSIS\n.B rtctl\n[\\fB\\-v\\fR] \\fICOMMAND\\fR [\\fIARGS\\fR...]\n.br\n"
+           ".B rtctl\n\\fB\\-\\-help\\fR | \\fICOMMAND\\fR \\fB\\-\\-help\\fR | \\fB\\-\\-version\\fR\n");
+    printf(".SH DESCRIPTION\n");
+    man_block(kDescription);
+    printf(".PP\nEvery call is its own process working on the shared state, so a thread admitted\n"
+           "from one shell can be dumped from another.\n");
+    printf(".SH OPTIONS\n");
+    for (const auto &o : kGlobalOptions) {
+        printf(".TP\n.B %s\n", roff(o.name).c_str());
+        man_block(o.help);
+    }
+    printf(".SH COMMANDS\n");
+    for (size_t i = 0; i < kCommandCount; i++) {
+        const Command &c = kCommands[i];
+        printf(".TP\n\\fB%s\\fR %s\n", roff(c.name).c_str(), roff(c.synopsis).c_str());
+        man_block(c.help);
+        if (c.json != nullptr) {
+            printf(".IP\n\\fB\\-\\-json\\fR prints one JSON object:\n");
+            man_block(c.json);
+        }
+    }
+    printf(".SH EXIT STATUS\n");
+    man_block(kResultCodes);
+    printf(".SH FILES\n.TP\n/vendor/etc/realtime/rt\\-*.json\nthe configuration\n"
+           ".TP\n/dev/shm/realtime/, /data/vendor/realtime/\nshared segments and lock files\n"
+           ".TP\n/dev/cpuset/, /dev/cpuacct/\nthe domains' control groups (cgroup v1)\n");
+    printf(".SH EXAMPLES\n.nf\nrtctl init\nrtctl create Domain_Audio\n"
+           "rtctl add Domain_Audio Class_Render 4242\nrtctl top\n"
+           "rtctl usage All 500 20 \\-\\-svg usage.svg\nrtctl \\-\\-json dump Domain_Audio\n.fi\n");
+}
+
+// Arguments that look like negative numbers are values, not options: getopt would read "-5"
+// as the option 5. They are hidden from getopt behind this mark and restored afterwards.
+const char kNumberMark = '\x1f';
+
+bool is_negative_number(const char *arg) { return arg[0] == '-' && isdigit((unsigned char)arg[1]); }
 
 }  // namespace
 
 int main(int argc, char **argv) {
     __android_log_set_logger(plain_logger);
 
-    bool verbose = false;
-    const Command *cmd = nullptr;
-    bool want_help = false;
-    Args args;
+    enum { kJson = 256, kVersion, kMan, kOverrun, kCpus, kSvg, kCount, kInterval, kRepair };
+    static const struct option kLong[] = {
+        {"help", no_argument, nullptr, 'h'},       {"verbose", no_argument, nullptr, 'v'},
+        {"json", no_argument, nullptr, kJson},     {"version", no_argument, nullptr, kVersion},
+        {"man", no_argument, nullptr, kMan},       {"overrun", no_argument, nullptr, kOverrun},
+        {"cpus", required_argument, nullptr, kCpus}, {"svg", required_argument, nullptr, kSvg},
+        {"count", required_argument, nullptr, kCount},
+        {"interval", required_argument, nullptr, kInterval},
+        {"repair", no_argument, nullptr, kRepair}, {nullptr, 0, nullptr, 0}};
+
+    std::vector<std::string> marked;
+    marked.reserve((size_t)argc);
+    std::vector<char *> av(argv, argv + argc);
     for (int i = 1; i < argc; i++) {
-        std::string arg = argv[i];
-        if (arg == "-v" || arg == "--verbose") {
-            verbose = true;
-        } else if (arg == "-h" || arg == "--help") {
+        if (is_negative_number(argv[i])) {
+            marked.push_back(std::string(1, kNumberMark) + argv[i]);
+            av[(size_t)i] = &marked.back()[0];
+        }
+    }
+    av.push_back(nullptr);
+
+    Args args;
+    unsigned given = 0;  // kOpt* bits of the command options given
+    bool want_help = false, want_version = false, want_man = false;
+    opterr = 0;
+    int c;
+    while ((c = getopt_long(argc, av.data(), ":hv", kLong, nullptr)) != -1) {
+        switch (c) {
+        case 'h': want_help = true; break;
+        case 'v': args.verbose = true; break;
+        case kJson: args.json = true; given |= kOptJson; break;
+        case kVersion: want_version = true; break;
+        case kMan: want_man = true; break;
+        case kOverrun: args.overrun = true; given |= kOptOverrun; break;
+        case kCpus: args.cpus = optarg; given |= kOptCpus; break;
+        case kSvg: args.svg = optarg; given |= kOptSvg; break;
+        case kCount: args.count = optarg; given |= kOptCount; break;
+        case kInterval: args.interval = optarg; given |= kOptInterval; break;
+        case kRepair: args.repair = true; given |= kOptRepair; break;
+        case ':':
+            return usage_error(nullptr, std::string(av[(size_t)optind - 1]) + " needs a value");
+        default:
+            return usage_error(nullptr,
+                               "unknown option '" + std::string(av[(size_t)optind - 1]) + "'");
+        }
+    }
+    if (want_version) {
+        printf("rtctl (libqxt_realtime_hal) %s\n", QX_REALTIME_VERSION);
+        return 0;
+    }
+    if (want_man) {
+        print_man();
+        return 0;
+    }
+
+    const Command *cmd = nullptr;
+    for (int i = optind; i < argc; i++) {
+        std::string arg = av[(size_t)i];
+        if (!arg.empty() && arg[0] == kNumberMark) arg = arg.substr(1);
+        if (cmd == nullptr && arg == "help" && !want_help) {
             want_help = true;
-        } else if (cmd != nullptr && arg == "--overrun" && cmd->takes_overrun) {
-            args.overrun = true;
-        } else if (cmd != nullptr && strcmp(cmd->name, "check") == 0 && arg == "--repair") {
-            args.repair = true;
-        } else if (cmd != nullptr && strcmp(cmd->name, "lint") == 0 && arg == "--cpus") {
-            if (i + 1 >= argc) return usage_error(cmd, "--cpus needs a number");
-            args.cpus = argv[++i];
-        } else if (arg.size() > 1 && arg[0] == '-' && !(arg[1] >= '0' && arg[1] <= '9')) {
-            return usage_error(cmd, "unknown option '" + arg + "'");
         } else if (cmd == nullptr) {
-            if (arg == "help") {
-                want_help = true;
-                continue;
-            }
             cmd = find_command(arg);
             if (cmd == nullptr) return usage_error(nullptr, "unknown command '" + arg + "'");
         } else {
@@ -595,17 +950,31 @@ int main(int argc, char **argv) {
         return 0;
     }
     if (cmd == nullptr) return usage_error(nullptr, "no command given");
+    static const struct {
+        unsigned bit;
+        const char *name;
+    } kOptionNames[] = {{kOptOverrun, "--overrun"}, {kOptCpus, "--cpus"},   {kOptSvg, "--svg"},
+                        {kOptJson, "--json"},       {kOptCount, "--count"}, {kOptInterval, "--interval"},
+                        {kOptRepair, "--repair"}};
+    for (const auto &o : kOptionNames)
+        if ((given & o.bit) != 0 && (cmd->options & o.bit) == 0)
+            return usage_error(cmd, std::string(o.name) + " does not apply to " + cmd->name);
     if ((int)args.pos.size() < cmd->min_args)
         return usage_error(cmd, std::string(cmd->name) + ": missing argument");
     if ((int)args.pos.size() > cmd->max_args)
-        return usage_error(cmd, "too many arguments, from '" + args.pos[cmd->max_args] + "' on");
+        return usage_error(cmd, "too many arguments, from '" + args.pos[(size_t)cmd->max_args] + "' on");
 
     if (cmd->output_is_log) {
         g_log_out = stdout;
         g_report = true;
     }
-    if (verbose && strcmp(cmd->name, "lint") != 0) raise_debug_level();
+    g_verbose = args.verbose && strcmp(cmd->name, "lint") != 0;
+    if (g_verbose) {
+        g_have_stored_level = read_stored_level(&g_stored_level);
+        raise_debug_level();
+    }
     int status = cmd->run(cmd->name, args);
     close_open_line();
+    if (g_verbose) restore_stored_level(cmd->name);
     return status;
 }

@@ -16,7 +16,7 @@ namespace {
 const char *const kAllCommands[] = {
     "init",   "deinit",  "debug-level", "self-test",  "create",      "delete",        "list",
     "add",    "add-lite", "remove",     "update",     "budget",      "dmips",         "usage",
-    "dump",   "mem-enable", "mem-disable", "mem-available", "check", "lint"};
+    "dump",   "mem-enable", "mem-disable", "mem-available", "check", "top", "lint"};
 
 bool contains(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
