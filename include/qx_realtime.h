@@ -2,8 +2,10 @@
  * libqxt_realtime_hal: real-time scheduling of client threads inside named CPU domains.
  *
  * Every function returns one of the RT_* result codes below. All bookkeeping is shared between
- * processes; call QX_REALTIME_Init() once in the first process (any later process attaches on its
- * first call). This header compiles as C and as C++.
+ * processes. QX_REALTIME_Init() creates it in the first process; any other process attaches on
+ * its first call for thread, budget and monitoring operations. A process that creates domains
+ * calls QX_REALTIME_Init() itself first: creation reads the configuration file that Init chooses
+ * in that process (without it, RT_ERR_INVALID_PARAM). This header compiles as C and as C++.
  */
 #ifndef QX_REALTIME_H
 #define QX_REALTIME_H
