@@ -360,6 +360,7 @@ void Checker::check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
             std::string action;
             if (repair_) {
                 t->Alive = 0;
+                d->s32UtilCurrent = (int32_t)((uint32_t)d->s32UtilCurrent - (uint32_t)t->Util);
                 action = "record freed, its utilisation returned";
             }
             found(name,
@@ -404,6 +405,7 @@ void Checker::check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
                 if (t->Alive != 0 && t->ProcessID == pid) {
                     t->Alive = 0;
                     sum -= t->Util;
+                    d->s32UtilCurrent = (int32_t)((uint32_t)d->s32UtilCurrent - (uint32_t)t->Util);
                 }
             d->s32ProcessIDList[i] = 0;
             action = "taken off the list";
@@ -411,15 +413,14 @@ void Checker::check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
         found(name, str("process %d is listed but has died", pid), action);
     }
     if (sum != d->s32UtilCurrent) {
+        std::string what = str("s32UtilCurrent is %d but the records add up to %lld",
+                               d->s32UtilCurrent, (long long)sum);
         std::string action;
         if (repair_) {
             d->s32UtilCurrent = (int32_t)sum;
             action = str("s32UtilCurrent set to %lld", (long long)sum);
         }
-        found(name,
-              str("s32UtilCurrent is %d but the records add up to %lld", d->s32UtilCurrent,
-                  (long long)sum),
-              action);
+        found(name, what, action);
     }
 }
 
