@@ -592,6 +592,88 @@ static uint32_t qx_admit_in_kernel(const char *pszOp, QX_REALTIME_DOMAIN_t *pstD
     return RT_SUCCESS;
 }
 
+// Admission's work under the domain lock (steps from the reaping on); the summary message and
+// the release are the caller's.
+static uint32_t qx_admit_locked(const char *pszOp, QX_REALTIME_DOMAIN_t *pstDomain,
+                                const char *pszClassName, const QX_REALTIME_UTIL_t *pstLiteUtil,
+                                int32_t s32Tid, uint8_t bDlOverrun) {
+    uint8_t au8Saved[QX_SCHED_ATTR_SIZE];
+    memset(au8Saved, 0, sizeof(au8Saved));
+    uint32_t u32Ret = RT_SUCCESS;
+    _QX_REALTIME_CheckProcessAlive(pstDomain);
+    QX_REALTIME_CLASS_t *pstClass = qx_find_class(pstDomain, pszClassName);
+    if (pstClass == NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] Class:[%s] does not exist.\n", pszOp, pszClassName);
+        return RT_ERR_NOT_EXIST;
+    }
+    if (_QX_GetThreadByPid(pstDomain, pstClass, s32Tid, NULL) == RT_SUCCESS) {
+        // A repeated admission is harmless and keeps the thread's first class.
+        RT_LOGE("[RT_Impl][Err] [%s] Pid [%d] already exists.\n", pszOp, s32Tid);
+        RT_LOGD("[RT_Impl][DBG] [%s] for [%d] successfully.\n", pszOp, s32Tid);
+        return RT_SUCCESS;
+    }
+    if (pstLiteUtil == NULL) {
+        // The class record's own field: in a deadline domain it takes the converted value.
+        u32Ret = _QX_REALTIME_CheckOverUtil(pstDomain, pstClass->s32DlRuntimeUs,
+                                            pstClass->s32DlDeadlineUs,
+                                            pstClass->s32DlPeriodUs, &pstClass->s32Util, 0);
+        if (u32Ret != RT_SUCCESS) return u32Ret;
+    }
+    struct qx_sched_attr stSaved;
+    memset(&stSaved, 0, sizeof(stSaved));
+    if (qx_sched_getattr(s32Tid, &stSaved, QX_SCHED_ATTR_SIZE, 0) == 0)
+        memcpy(au8Saved, &stSaved, QX_SCHED_ATTR_SIZE);
+
+    QX_REALTIME_UTIL_t stUtil;
+    if (pstLiteUtil == NULL) {
+        stUtil.s32Util = pstClass->s32Util;
+        stUtil.DlDeadlineUs = pstClass->s32DlDeadlineUs;
+        stUtil.DlRuntimeUs = pstClass->s32DlRuntimeUs;
+        stUtil.DlPeriodUs = pstClass->s32DlPeriodUs;
+    } else {
+        stUtil = *pstLiteUtil;
+    }
+
+    // Book first: the thread's process (the caller's own when it can't be told), its place
+    // in the process-ID list, the record and the charge.
+    qx_owner_t stOwner;
+    stOwner.s32ProcessID = getpid();
+    qx_probe_owner(s32Tid, &stOwner);
+    int bOwnerKnown = stOwner.s32What == QX_OWNER_FOUND || stOwner.s32What == QX_OWNER_NO_PGID;
+    qx_booking_t stBooking;
+    int bListFull = !qx_book(pstDomain, pstClass, &stUtil, s32Tid, stOwner.s32ProcessID,
+                             bOwnerKnown, au8Saved, &stBooking);
+
+    u32Ret = qx_admit_in_kernel(pszOp, pstDomain, pstClass, &stUtil, s32Tid, bDlOverrun != 0,
+                                &stSaved);
+    if (u32Ret != RT_SUCCESS) {
+        qx_unbook(pstDomain, &stBooking);
+        return u32Ret;
+    }
+
+    // Report the booking where the steps stand.
+    RT_LOGI("[RT_Impl][Info] s32UtilCurrent in Domain[%s] is [%d] after add pid=[%d].\n",
+            qx_name_of(pstDomain->szName).sz, pstDomain->s32UtilCurrent, s32Tid);
+    int bOwnerFailed = qx_report_owner(s32Tid, &stOwner) != RT_SUCCESS;
+    if (bListFull) qx_report_list_full(pstDomain);
+    if (bOwnerFailed || bListFull) {
+        RT_LOGE("[RT_Impl][Err] [%s] getProcessID for tid [%d] failed.\n", pszOp, s32Tid);
+        u32Ret = RT_ERR_NOT_EXIST;  // the admission goes on
+    }
+    if (stBooking.pstThread == NULL) {
+        // Says why, as the store does when it finds no room.
+        (void)_QX_AddThreadDataAtHead(pstDomain, pstClass, &stUtil, s32Tid,
+                                      stOwner.s32ProcessID, au8Saved);
+        RT_LOGE("[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = [%s] failed.\n",
+                pszOp, s32Tid, pszClassName);
+        u32Ret = RT_ERR_NOT_EXIST;
+    }
+    if (bDlOverrun != 0 && pstDomain->u32SchedType == RT_SCHED_TYPE_DEADLINE)
+        qx_warn_overrun_signal(pszOp, stOwner.s32ProcessID, s32Tid);
+    if (u32Ret == RT_SUCCESS) RT_LOGD("[RT_Impl][DBG] [%s] for [%d] successfully.\n", pszOp, s32Tid);
+    return u32Ret;
+}
+
 // Admission, shared by QX_REALTIME_AddThread (pstUtil NULL: the class's parameters, checked
 // against the budget) and QX_REALTIME_AddThread_Lite (the caller's, unchecked).
 //
@@ -603,8 +685,6 @@ static uint32_t qx_admit_in_kernel(const char *pszOp, QX_REALTIME_DOMAIN_t *pstD
 static uint32_t qx_add_thread(const char *pszOp, const char *pszDomainName,
                               const char *pszClassName, const QX_REALTIME_UTIL_t *pstLiteUtil,
                               int32_t s32Tid, uint8_t bDlOverrun) {
-    uint8_t au8Saved[QX_SCHED_ATTR_SIZE];
-    memset(au8Saved, 0, sizeof(au8Saved));
     QX_REALTIME_DOMAIN_t *pstDomain = NULL;
     int32_t s32DomainFd = -1;
     uint32_t u32Ret;
@@ -618,81 +698,7 @@ static uint32_t qx_add_thread(const char *pszOp, const char *pszDomainName,
     }
     if (s32Outcome != QX_DOMAIN_LOCKED) return u32Ret;
 
-    _QX_REALTIME_CheckProcessAlive(pstDomain);
-    do {
-        QX_REALTIME_CLASS_t *pstClass = qx_find_class(pstDomain, pszClassName);
-        if (pstClass == NULL) {
-            RT_LOGE("[RT_Impl][Err] [%s] Class:[%s] does not exist.\n", pszOp, pszClassName);
-            u32Ret = RT_ERR_NOT_EXIST;
-            break;
-        }
-        if (_QX_GetThreadByPid(pstDomain, pstClass, s32Tid, NULL) == RT_SUCCESS) {
-            // A repeated admission is harmless and keeps the thread's first class.
-            RT_LOGE("[RT_Impl][Err] [%s] Pid [%d] already exists.\n", pszOp, s32Tid);
-            RT_LOGD("[RT_Impl][DBG] [%s] for [%d] successfully.\n", pszOp, s32Tid);
-            u32Ret = RT_SUCCESS;
-            break;
-        }
-        if (pstLiteUtil == NULL) {
-            // The class record's own field: in a deadline domain it takes the converted value.
-            u32Ret = _QX_REALTIME_CheckOverUtil(pstDomain, pstClass->s32DlRuntimeUs,
-                                                pstClass->s32DlDeadlineUs,
-                                                pstClass->s32DlPeriodUs, &pstClass->s32Util, 0);
-            if (u32Ret != RT_SUCCESS) break;
-        }
-        struct qx_sched_attr stSaved;
-        memset(&stSaved, 0, sizeof(stSaved));
-        if (qx_sched_getattr(s32Tid, &stSaved, QX_SCHED_ATTR_SIZE, 0) == 0)
-            memcpy(au8Saved, &stSaved, QX_SCHED_ATTR_SIZE);
-
-        QX_REALTIME_UTIL_t stUtil;
-        if (pstLiteUtil == NULL) {
-            stUtil.s32Util = pstClass->s32Util;
-            stUtil.DlDeadlineUs = pstClass->s32DlDeadlineUs;
-            stUtil.DlRuntimeUs = pstClass->s32DlRuntimeUs;
-            stUtil.DlPeriodUs = pstClass->s32DlPeriodUs;
-        } else {
-            stUtil = *pstLiteUtil;
-        }
-
-        // Book first: the thread's process (the caller's own when it can't be told), its place
-        // in the process-ID list, the record and the charge.
-        qx_owner_t stOwner;
-        stOwner.s32ProcessID = getpid();
-        qx_probe_owner(s32Tid, &stOwner);
-        int bOwnerKnown = stOwner.s32What == QX_OWNER_FOUND || stOwner.s32What == QX_OWNER_NO_PGID;
-        qx_booking_t stBooking;
-        int bListFull = !qx_book(pstDomain, pstClass, &stUtil, s32Tid, stOwner.s32ProcessID,
-                                 bOwnerKnown, au8Saved, &stBooking);
-
-        u32Ret = qx_admit_in_kernel(pszOp, pstDomain, pstClass, &stUtil, s32Tid, bDlOverrun != 0,
-                                    &stSaved);
-        if (u32Ret != RT_SUCCESS) {
-            qx_unbook(pstDomain, &stBooking);
-            break;
-        }
-
-        // Report the booking where the steps stand.
-        RT_LOGI("[RT_Impl][Info] s32UtilCurrent in Domain[%s] is [%d] after add pid=[%d].\n",
-                qx_name_of(pstDomain->szName).sz, pstDomain->s32UtilCurrent, s32Tid);
-        int bOwnerFailed = qx_report_owner(s32Tid, &stOwner) != RT_SUCCESS;
-        if (bListFull) qx_report_list_full(pstDomain);
-        if (bOwnerFailed || bListFull) {
-            RT_LOGE("[RT_Impl][Err] [%s] getProcessID for tid [%d] failed.\n", pszOp, s32Tid);
-            u32Ret = RT_ERR_NOT_EXIST;  // the admission goes on
-        }
-        if (stBooking.pstThread == NULL) {
-            // Says why, as the store does when it finds no room.
-            (void)_QX_AddThreadDataAtHead(pstDomain, pstClass, &stUtil, s32Tid,
-                                          stOwner.s32ProcessID, au8Saved);
-            RT_LOGE("[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = [%s] failed.\n",
-                    pszOp, s32Tid, pszClassName);
-            u32Ret = RT_ERR_NOT_EXIST;
-        }
-        if (bDlOverrun != 0 && pstDomain->u32SchedType == RT_SCHED_TYPE_DEADLINE)
-            qx_warn_overrun_signal(pszOp, stOwner.s32ProcessID, s32Tid);
-        if (u32Ret == RT_SUCCESS) RT_LOGD("[RT_Impl][DBG] [%s] for [%d] successfully.\n", pszOp, s32Tid);
-    } while (0);
+    u32Ret = qx_admit_locked(pszOp, pstDomain, pszClassName, pstLiteUtil, s32Tid, bDlOverrun);
 
     if (u32Ret != RT_SUCCESS) {
         if (pstLiteUtil == NULL)
@@ -755,6 +761,48 @@ static int qx_restore_attr(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid
     return qx_sched_setattr(s32Tid, &stAttr, 0);
 }
 
+// RemoveThread's work under the domain lock.
+static uint32_t qx_remove_locked(const char *kName, const char *pszDomainName,
+                                 QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid) {
+    qx_name_t stDomain = qx_name_of(pstDomain->szName);
+    QX_REALTIME_THREAD_t *pstThread = qx_find_thread(pstDomain, s32Tid);
+    if (pstThread == NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s]: Thread [%d] doesn't exist in [%s].\n", kName, s32Tid,
+                pszDomainName);
+        return RT_ERR_NOT_EXIST;
+    }
+    RT_LOGD("[RT_Impl][DBG] [%s]: pid=[%d] exists in [%s].\n", kName, s32Tid, pszDomainName);
+    const char *pszMoveTo = NULL;
+    if (pstDomain->s32CpuNum != get_nprocs() &&
+        _QX_WriteS32ToPath(s32Tid, RT_CPUSET_ROOT_TASKS) != RT_SUCCESS)
+        pszMoveTo = RT_CPUSET_ROOT_TASKS;
+    if (pszMoveTo == NULL && _QX_WriteS32ToPath(s32Tid, RT_CPUACCT_ROOT_TASKS) != RT_SUCCESS)
+        pszMoveTo = RT_CPUACCT_ROOT_TASKS;
+    if (pszMoveTo != NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] Move pid=[%d] to %s failed.\n", kName, s32Tid, pszMoveTo);
+        return RT_ERR_SYSTEM;
+    }
+    if (qx_restore_attr(pstDomain, s32Tid, pstThread) == -1) {
+        RT_LOGE("[RT_Impl][Err] _QX_REALTMIE_SchedSetAttr fails to restore setting, errno=%s\n",
+                RT_ERRNO_STR);
+        return RT_ERR_SCHED_SETATTR;
+    }
+    // The release and the freed record go together, before the message: a caller killed while it
+    // writes the message leaves no charge without a record.
+    pstDomain->s32UtilCurrent = qx_wrap_sub(pstDomain->s32UtilCurrent, pstThread->Util);
+    uint32_t u32Deleted = _QX_ThreadDataDelete(pstThread);
+    RT_LOGI("[RT_Impl][Info] s32UtilCurrent in Domain(%s) is %d.\n", stDomain.sz,
+            pstDomain->s32UtilCurrent);
+    if (u32Deleted != RT_SUCCESS) {
+        QX_REALTIME_CLASS_t *pstClass = qx_domain_class(pstDomain, pstThread->ClassIdx);
+        RT_LOGE("[RT_Impl][Err] Remove Thread of pid=[%d] from Class=%s failed.\n", s32Tid,
+                qx_name_of(pstClass != NULL ? pstClass->szClassName : "").sz);
+        return RT_ERR_NOT_EXIST;
+    }
+    RT_LOGD("[RT_Impl][DBG] [%s] for pid=[%d] successfully.\n", kName, s32Tid);
+    return RT_SUCCESS;
+}
+
 uint32_t QX_REALTIME_RemoveThread(const char *pszDomainName, int32_t s32Tid) {
     static const char kName[] = "QX_REALTIME_RemoveThread";
     QX_REALTIME_DOMAIN_t *pstDomain = NULL;
@@ -769,54 +817,68 @@ uint32_t QX_REALTIME_RemoveThread(const char *pszDomainName, int32_t s32Tid) {
     if (s32Outcome == QX_DOMAIN_MISSING)
         RT_LOGE("[RT_Impl][Err] [%s] pstDomain [%s] is NULL.\n", pszDomainName, kName);
     if (s32Outcome != QX_DOMAIN_LOCKED) return u32Ret;
-
-    qx_name_t stDomain = qx_name_of(pstDomain->szName);
-    do {
-        QX_REALTIME_THREAD_t *pstThread = qx_find_thread(pstDomain, s32Tid);
-        if (pstThread == NULL) {
-            RT_LOGE("[RT_Impl][Err] [%s]: Thread [%d] doesn't exist in [%s].\n", kName, s32Tid,
-                    pszDomainName);
-            u32Ret = RT_ERR_NOT_EXIST;
-            break;
-        }
-        RT_LOGD("[RT_Impl][DBG] [%s]: pid=[%d] exists in [%s].\n", kName, s32Tid, pszDomainName);
-        const char *pszMoveTo = NULL;
-        if (pstDomain->s32CpuNum != get_nprocs() &&
-            _QX_WriteS32ToPath(s32Tid, RT_CPUSET_ROOT_TASKS) != RT_SUCCESS)
-            pszMoveTo = RT_CPUSET_ROOT_TASKS;
-        if (pszMoveTo == NULL && _QX_WriteS32ToPath(s32Tid, RT_CPUACCT_ROOT_TASKS) != RT_SUCCESS)
-            pszMoveTo = RT_CPUACCT_ROOT_TASKS;
-        if (pszMoveTo != NULL) {
-            RT_LOGE("[RT_Impl][Err] [%s] Move pid=[%d] to %s failed.\n", kName, s32Tid, pszMoveTo);
-            u32Ret = RT_ERR_SYSTEM;
-            break;
-        }
-        if (qx_restore_attr(pstDomain, s32Tid, pstThread) == -1) {
-            RT_LOGE("[RT_Impl][Err] _QX_REALTMIE_SchedSetAttr fails to restore setting, errno=%s\n",
-                    RT_ERRNO_STR);
-            u32Ret = RT_ERR_SCHED_SETATTR;
-            break;
-        }
-        // The release and the freed record go together, before the message: a caller killed
-        // while it writes the message leaves no charge without a record.
-        pstDomain->s32UtilCurrent = qx_wrap_sub(pstDomain->s32UtilCurrent, pstThread->Util);
-        uint32_t u32Deleted = _QX_ThreadDataDelete(pstThread);
-        RT_LOGI("[RT_Impl][Info] s32UtilCurrent in Domain(%s) is %d.\n", stDomain.sz,
-                pstDomain->s32UtilCurrent);
-        if (u32Deleted != RT_SUCCESS) {
-            QX_REALTIME_CLASS_t *pstClass = qx_domain_class(pstDomain, pstThread->ClassIdx);
-            RT_LOGE("[RT_Impl][Err] Remove Thread of pid=[%d] from Class=%s failed.\n", s32Tid,
-                    qx_name_of(pstClass != NULL ? pstClass->szClassName : "").sz);
-            u32Ret = RT_ERR_NOT_EXIST;
-            break;
-        }
-        RT_LOGD("[RT_Impl][DBG] [%s] for pid=[%d] successfully.\n", kName, s32Tid);
-        u32Ret = RT_SUCCESS;
-    } while (0);
-
+    u32Ret = qx_remove_locked(kName, pszDomainName, pstDomain, s32Tid);
     qx_domain_unlock(s32DomainFd);
     RT_EXIT(kName, u32Ret);
     return u32Ret;
+}
+
+// A deadline thread's new parameters, applied in the root cpuset (deliberate, as at admission)
+// and the thread moved back into the domain's.
+static uint32_t qx_update_deadline(const char *kName, QX_REALTIME_DOMAIN_t *pstDomain,
+                                   const QX_REALTIME_THREAD_t *pstThread,
+                                   const QX_REALTIME_UTIL_t *pstUtil, int32_t s32Tid) {
+    struct qx_sched_attr stNow;
+    memset(&stNow, 0, sizeof(stNow));
+    uint8_t bOverrun = 0;
+    if (qx_sched_getattr(s32Tid, &stNow, QX_SCHED_ATTR_SIZE, 0) != 0)
+        RT_LOGE("[RT_Impl][Err] _QX_REALTMIE_SchedGetAttr fails, s32Pid=[%d]\n", s32Tid);
+    else
+        bOverrun = (stNow.sched_flags & RT_SCHED_FLAG_DL_OVERRUN) != 0;
+    if (_QX_WriteS32ToPath(s32Tid, RT_CPUSET_ROOT_TASKS) != RT_SUCCESS) {
+        RT_LOGE("[RT_Impl][Err] [%s] Move pid=[%d] to %s failed.\n", kName, s32Tid,
+                RT_CPUSET_ROOT_TASKS);
+        return RT_ERR_SYSTEM;
+    }
+    uint32_t u32Ret = _QX_REALTIME_SetSchedAttr(
+        pstDomain, qx_domain_class(pstDomain, pstThread->ClassIdx), pstUtil, s32Tid, bOverrun);
+    if (u32Ret != RT_SUCCESS) return u32Ret;
+    if (_QX_WriteS32ToPath(s32Tid, pstDomain->pszCpusetPathTasks) != RT_SUCCESS) {
+        RT_LOGE("[RT_Impl][Err] [%s] Move pid = [%d] to [%s] failed.\n", kName, s32Tid,
+                pstDomain->pszCpusetPathTasks);
+        return RT_ERR_SYSTEM;
+    }
+    return RT_SUCCESS;
+}
+
+// UpdateThreadUtil's work under the domain lock.
+static uint32_t qx_update_locked(const char *kName, QX_REALTIME_DOMAIN_t *pstDomain,
+                                 QX_REALTIME_UTIL_t *pstUtil, int32_t s32Tid) {
+    QX_REALTIME_THREAD_t *pstThread = qx_find_thread(pstDomain, s32Tid);
+    if (pstThread == NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s]: Thread of pid=[%d] does not exist in RT.\n", kName, s32Tid);
+        return RT_ERR_NOT_EXIST;
+    }
+    RT_LOGD("[RT_Impl][DBG] [%s]: pid=[%d] exists in RT.\n", kName, s32Tid);
+    uint32_t u32Ret = _QX_REALTIME_CheckOverUtil(pstDomain, pstUtil->DlRuntimeUs,
+                                                 pstUtil->DlDeadlineUs, pstUtil->DlPeriodUs,
+                                                 &pstUtil->s32Util, pstThread->Util);
+    if (u32Ret != RT_SUCCESS) return u32Ret;
+    if (pstDomain->u32SchedType == RT_SCHED_TYPE_DEADLINE) {
+        u32Ret = qx_update_deadline(kName, pstDomain, pstThread, pstUtil, s32Tid);
+        if (u32Ret != RT_SUCCESS) return u32Ret;
+    }
+    // The charge and the record change together, before the message (see the removal).
+    pstDomain->s32UtilCurrent = qx_wrap_add(
+        qx_wrap_sub(pstDomain->s32UtilCurrent, pstThread->Util), pstUtil->s32Util);
+    pstThread->Util = pstUtil->s32Util;
+    pstThread->DeadlineUs = pstUtil->DlDeadlineUs;
+    pstThread->RuntimeUs = pstUtil->DlRuntimeUs;
+    pstThread->PeriodUs = pstUtil->DlPeriodUs;
+    RT_LOGI("[RT_Impl][Info] s32UtilCurrent in Domain[%s] is [%d] after add pid=[%d].\n",
+            qx_name_of(pstDomain->szName).sz, pstDomain->s32UtilCurrent, s32Tid);
+    RT_LOGD("[RT_Impl][DBG] [%s] for [%d] successfully.\n", kName, s32Tid);
+    return RT_SUCCESS;
 }
 
 uint32_t QX_REALTIME_UpdateThreadUtil(const char *pszDomainName, QX_REALTIME_UTIL_t *pstUtil,
@@ -836,59 +898,7 @@ uint32_t QX_REALTIME_UpdateThreadUtil(const char *pszDomainName, QX_REALTIME_UTI
     int s32Outcome = qx_domain_lock(kName, pszDomainName, &pstDomain, &s32DomainFd, &u32Ret);
     if (s32Outcome == QX_DOMAIN_MISSING) RT_LOGE("[RT_Impl][Err] [%s] pstDomain is NULL.\n", kName);
     if (s32Outcome != QX_DOMAIN_LOCKED) return u32Ret;
-
-    do {
-        QX_REALTIME_THREAD_t *pstThread = qx_find_thread(pstDomain, s32Tid);
-        if (pstThread == NULL) {
-            RT_LOGE("[RT_Impl][Err] [%s]: Thread of pid=[%d] does not exist in RT.\n", kName,
-                    s32Tid);
-            u32Ret = RT_ERR_NOT_EXIST;
-            break;
-        }
-        RT_LOGD("[RT_Impl][DBG] [%s]: pid=[%d] exists in RT.\n", kName, s32Tid);
-        u32Ret = _QX_REALTIME_CheckOverUtil(pstDomain, pstUtil->DlRuntimeUs, pstUtil->DlDeadlineUs,
-                                            pstUtil->DlPeriodUs, &pstUtil->s32Util,
-                                            pstThread->Util);
-        if (u32Ret != RT_SUCCESS) break;
-
-        if (pstDomain->u32SchedType == RT_SCHED_TYPE_DEADLINE) {
-            struct qx_sched_attr stNow;
-            memset(&stNow, 0, sizeof(stNow));
-            uint8_t bOverrun = 0;
-            if (qx_sched_getattr(s32Tid, &stNow, QX_SCHED_ATTR_SIZE, 0) != 0)
-                RT_LOGE("[RT_Impl][Err] _QX_REALTMIE_SchedGetAttr fails, s32Pid=[%d]\n", s32Tid);
-            else
-                bOverrun = (stNow.sched_flags & RT_SCHED_FLAG_DL_OVERRUN) != 0;
-            // New parameters are applied in the root cpuset: deliberate, as at admission.
-            if (_QX_WriteS32ToPath(s32Tid, RT_CPUSET_ROOT_TASKS) != RT_SUCCESS) {
-                RT_LOGE("[RT_Impl][Err] [%s] Move pid=[%d] to %s failed.\n", kName, s32Tid,
-                        RT_CPUSET_ROOT_TASKS);
-                u32Ret = RT_ERR_SYSTEM;
-                break;
-            }
-            u32Ret = _QX_REALTIME_SetSchedAttr(pstDomain,
-                                               qx_domain_class(pstDomain, pstThread->ClassIdx),
-                                               pstUtil, s32Tid, bOverrun);
-            if (u32Ret != RT_SUCCESS) break;
-            if (_QX_WriteS32ToPath(s32Tid, pstDomain->pszCpusetPathTasks) != RT_SUCCESS) {
-                RT_LOGE("[RT_Impl][Err] [%s] Move pid = [%d] to [%s] failed.\n", kName, s32Tid,
-                        pstDomain->pszCpusetPathTasks);
-                u32Ret = RT_ERR_SYSTEM;
-                break;
-            }
-        }
-        // The charge and the record change together, before the message (see the removal).
-        pstDomain->s32UtilCurrent = qx_wrap_add(
-            qx_wrap_sub(pstDomain->s32UtilCurrent, pstThread->Util), pstUtil->s32Util);
-        pstThread->Util = pstUtil->s32Util;
-        pstThread->DeadlineUs = pstUtil->DlDeadlineUs;
-        pstThread->RuntimeUs = pstUtil->DlRuntimeUs;
-        pstThread->PeriodUs = pstUtil->DlPeriodUs;
-        RT_LOGI("[RT_Impl][Info] s32UtilCurrent in Domain[%s] is [%d] after add pid=[%d].\n",
-                qx_name_of(pstDomain->szName).sz, pstDomain->s32UtilCurrent, s32Tid);
-        RT_LOGD("[RT_Impl][DBG] [%s] for [%d] successfully.\n", kName, s32Tid);
-    } while (0);
-
+    u32Ret = qx_update_locked(kName, pstDomain, pstUtil, s32Tid);
     qx_domain_unlock(s32DomainFd);
     RT_EXIT(kName, u32Ret);
     return u32Ret;

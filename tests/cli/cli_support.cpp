@@ -1,5 +1,7 @@
 #include "cli_support.h"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -46,6 +48,15 @@ Result rtctl(const std::vector<std::string> &args) {
 
 void install_shipped_config() {
     qxt::install_config("0", qxt::read_file(std::string(QXRT_SOURCE_DIR) + "/config/rt-0.json"));
+}
+
+void start_shipped_domains() {
+    install_shipped_config();
+    ASSERT_EQ(rtctl({"init"}).status, 0);
+    Result audio = rtctl({"create", "Domain_Audio"});
+    ASSERT_EQ(audio.status, 0) << audio.err;
+    Result camera = rtctl({"create", "Domain_Camera"});
+    ASSERT_EQ(camera.status, 0) << camera.err;
 }
 
 }  // namespace qxt_cli

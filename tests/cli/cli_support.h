@@ -19,6 +19,10 @@ Result rtctl(const std::vector<std::string> &args);
 // The shipped configuration installed as /vendor/etc/realtime/rt-0.json.
 void install_shipped_config();
 
+// The shipped configuration installed, the framework initialised and both of its domains created,
+// each by its own rtctl process. Fails the calling test (fatally) when a step fails.
+void start_shipped_domains();
+
 }  // namespace qxt_cli
 
 #endif

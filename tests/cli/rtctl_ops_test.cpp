@@ -87,10 +87,7 @@ protected:
     void SetUp() override {
         QXT_REQUIRE_SANDBOX();
         if (get_nprocs() < 2) GTEST_SKIP() << "the shipped configuration needs 2 CPUs";
-        qxt_cli::install_shipped_config();
-        ASSERT_EQ(rtctl({"init"}).status, 0);
-        ASSERT_EQ(rtctl({"create", "Domain_Audio"}).status, 0);
-        ASSERT_EQ(rtctl({"create", "Domain_Camera"}).status, 0);
+        qxt_cli::start_shipped_domains();
     }
 };
 

@@ -34,12 +34,7 @@ protected:
     void SetUp() override {
         QXT_REQUIRE_SANDBOX();
         if (get_nprocs() < 2) GTEST_SKIP() << "the shipped configuration needs 2 CPUs";
-        qxt_cli::install_shipped_config();
-        ASSERT_EQ(rtctl({"init"}).status, 0);
-        Result audio = rtctl({"create", "Domain_Audio"});
-        ASSERT_EQ(audio.status, 0) << audio.err;
-        Result camera = rtctl({"create", "Domain_Camera"});
-        ASSERT_EQ(camera.status, 0) << camera.err;
+        qxt_cli::start_shipped_domains();
     }
 };
 
