@@ -86,6 +86,83 @@ static int qx_check_segment(const char *pszOp, const char *pszName,
 
 // ---- lookup ----
 
+// Opens and maps the segment of a domain this process has not mapped yet, and enters a sound one
+// in the table. 0: the lookup ends with NULL (*ps32Status says why; nothing stays open). 1: the
+// lookup goes on to the lock file with *ppvAddr (NULL after a failed mapping, whose descriptor
+// stays open) and *ps32ShmFd.
+static int qx_map_domain(const char *kName, const char *pszDomainName, void **ppvAddr,
+                         int32_t *ps32ShmFd, QX_REALTIME_DOMAIN_MAP_t **ppstEntry,
+                         int *ps32Status) {
+    char szPath[RT_PATH_LEN];
+    if (RT_FORMAT_PATH(szPath, "%s%s", RT_SHM_PREFIX, pszDomainName) < 0) return 0;
+    int32_t s32ShmFd = open(szPath, O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+    // No such domain (or a symlink, which is never followed): the caller reports it.
+    *ps32Status = QX_LOOKUP_MISSING;
+    if (s32ShmFd < 0) return 0;
+    struct stat st;
+    if (fstat(s32ShmFd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        // Not a segment (a FIFO, a device): it fails as its ftruncate would.
+        errno = EINVAL;
+        RT_LOGE("[RT_Impl][Err] [%s] ftruncate fails, errno=%s\n", kName, RT_ERRNO_STR);
+        close(s32ShmFd);
+        return 0;
+    }
+    // Sizing makes a short file whole again with zeros where its end was: a segment that is
+    // shorter than it should be is not sized and used but refused. An empty one is what a
+    // creator killed before it sized the segment leaves: unfinished.
+    if (st.st_size < RT_SHM_SIZE) {
+        close(s32ShmFd);
+        if (st.st_size == 0) {
+            *ps32Status = QX_LOOKUP_UNFINISHED;
+            return 0;
+        }
+        RT_LOGE("[RT_Impl][Err] [%s] %s is %lld bytes, not %d: refused.\n", kName, szPath,
+                (long long)st.st_size, RT_SHM_SIZE);
+        *ps32Status = QX_LOOKUP_BROKEN;
+        return 0;
+    }
+    *ps32Status = QX_LOOKUP_FAILED;
+    if (ftruncate(s32ShmFd, RT_SHM_SIZE) != 0) {
+        RT_LOGE("[RT_Impl][Err] [%s] ftruncate fails, errno=%s\n", kName, RT_ERRNO_STR);
+        close(s32ShmFd);
+        return 0;
+    }
+    if (pstTop->u32DomainMapNum >= RT_MAX_DOMAIN_MAP) {
+        // The table has room for 8 mappings; a further domain is refused, never written
+        // past the table.
+        RT_LOGE("[RT_Impl][Err] [%s] Can't map domain [%s]: this process maps at most %d "
+                "domains.\n",
+                kName, pszDomainName, RT_MAX_DOMAIN_MAP);
+        close(s32ShmFd);
+        return 0;
+    }
+    *ppvAddr = mmap(NULL, RT_SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, s32ShmFd, 0);
+    if (*ppvAddr == MAP_FAILED) {
+        RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] mmap fails\n", kName, getpid(),
+                qx_gettid());
+        *ppvAddr = NULL;
+    } else {
+        // Only a finished, sound domain enters the table.
+        *ps32Status = qx_check_segment(kName, pszDomainName, (QX_REALTIME_DOMAIN_t *)*ppvAddr,
+                                       s32ShmFd);
+        if (*ps32Status != QX_LOOKUP_FOUND) {
+            munmap(*ppvAddr, RT_SHM_SIZE);
+            close(s32ShmFd);
+            return 0;
+        }
+        QX_REALTIME_DOMAIN_MAP_t *pstEntry = &pstTop->astDomainMap[pstTop->u32DomainMapNum];
+        *ppstEntry = pstEntry;
+        pstEntry->pvDomainAddr = *ppvAddr;
+        qx_copy_name(pstEntry->szDomainName, pszDomainName);
+        pstEntry->s32ShmFd = s32ShmFd;
+        pstTop->u32DomainMapNum += 1;
+        RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] shm exists. mmap=%p, s32ShmFd=%d\n",
+                kName, getpid(), qx_gettid(), *ppvAddr, s32ShmFd);
+    }
+    *ps32ShmFd = s32ShmFd;
+    return 1;
+}
+
 QX_REALTIME_DOMAIN_t *qx_find_domain(const char *pszDomainName, int32_t *pFlockFd,
                                      int *ps32Status) {
     static const char kName[] = "_QX_REALTIME_GetDomainFromName";
@@ -126,73 +203,9 @@ QX_REALTIME_DOMAIN_t *qx_find_domain(const char *pszDomainName, int32_t *pFlockF
         }
     }
 
-    if (pvAddr == NULL) {
-        char szPath[RT_PATH_LEN];
-        if (RT_FORMAT_PATH(szPath, "%s%s", RT_SHM_PREFIX, pszDomainName) < 0) return NULL;
-        s32ShmFd = open(szPath, O_RDWR | O_CLOEXEC | O_NOFOLLOW);
-        // No such domain (or a symlink, which is never followed): the caller reports it.
-        *ps32Status = QX_LOOKUP_MISSING;
-        if (s32ShmFd < 0) return NULL;
-        struct stat st;
-        if (fstat(s32ShmFd, &st) != 0 || !S_ISREG(st.st_mode)) {
-            // Not a segment (a FIFO, a device): it fails as its ftruncate would.
-            errno = EINVAL;
-            RT_LOGE("[RT_Impl][Err] [%s] ftruncate fails, errno=%s\n", kName, RT_ERRNO_STR);
-            close(s32ShmFd);
-            return NULL;
-        }
-        // Sizing makes a short file whole again with zeros where its end was: a segment that is
-        // shorter than it should be is not sized and used but refused. An empty one is what a
-        // creator killed before it sized the segment leaves: unfinished.
-        if (st.st_size < RT_SHM_SIZE) {
-            close(s32ShmFd);
-            if (st.st_size == 0) {
-                *ps32Status = QX_LOOKUP_UNFINISHED;
-                return NULL;
-            }
-            RT_LOGE("[RT_Impl][Err] [%s] %s is %lld bytes, not %d: refused.\n", kName, szPath,
-                    (long long)st.st_size, RT_SHM_SIZE);
-            *ps32Status = QX_LOOKUP_BROKEN;
-            return NULL;
-        }
-        *ps32Status = QX_LOOKUP_FAILED;
-        if (ftruncate(s32ShmFd, RT_SHM_SIZE) != 0) {
-            RT_LOGE("[RT_Impl][Err] [%s] ftruncate fails, errno=%s\n", kName, RT_ERRNO_STR);
-            close(s32ShmFd);
-            return NULL;
-        }
-        if (pstTop->u32DomainMapNum >= RT_MAX_DOMAIN_MAP) {
-            // The table has room for 8 mappings; a further domain is refused, never written
-            // past the table.
-            RT_LOGE("[RT_Impl][Err] [%s] Can't map domain [%s]: this process maps at most %d "
-                    "domains.\n",
-                    kName, pszDomainName, RT_MAX_DOMAIN_MAP);
-            close(s32ShmFd);
-            return NULL;
-        }
-        pvAddr = mmap(NULL, RT_SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, s32ShmFd, 0);
-        if (pvAddr == MAP_FAILED) {
-            RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] mmap fails\n", kName, getpid(),
-                    qx_gettid());
-            pvAddr = NULL;
-        } else {
-            // Only a finished, sound domain enters the table.
-            *ps32Status = qx_check_segment(kName, pszDomainName, (QX_REALTIME_DOMAIN_t *)pvAddr,
-                                           s32ShmFd);
-            if (*ps32Status != QX_LOOKUP_FOUND) {
-                munmap(pvAddr, RT_SHM_SIZE);
-                close(s32ShmFd);
-                return NULL;
-            }
-            pstEntry = &pstTop->astDomainMap[pstTop->u32DomainMapNum];
-            pstEntry->pvDomainAddr = pvAddr;
-            qx_copy_name(pstEntry->szDomainName, pszDomainName);
-            pstEntry->s32ShmFd = s32ShmFd;
-            pstTop->u32DomainMapNum += 1;
-            RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] shm exists. mmap=%p, s32ShmFd=%d\n",
-                    kName, getpid(), qx_gettid(), pvAddr, s32ShmFd);
-        }
-    }
+    if (pvAddr == NULL &&
+        !qx_map_domain(kName, pszDomainName, &pvAddr, &s32ShmFd, &pstEntry, ps32Status))
+        return NULL;
 
     if (_QX_REALTIME_GetFlock(pszDomainName, pFlockFd) != RT_SUCCESS) {
         RT_LOGE("[RT_Impl][Err] %s (%d), can't get %s flock\n", kName, __LINE__, pszDomainName);
