@@ -369,6 +369,29 @@ static uint32_t qx_create_domain_impl(QX_REALTIME_DOMAIN_t *pstDomain) {
     return RT_SUCCESS;
 }
 
+// Whether a creation makes the domain. A domain whose segment exists is never initialised
+// again, even when this process can't map it (its table is full): that would wipe the records of
+// a live domain. A damaged one is refused; one whose creator died half-way is removed and made
+// anew (creations hold the central lock, so under it an unfinished domain is one nobody will
+// finish).
+enum { QX_CREATE_NEW = 0, QX_CREATE_EXISTS, QX_CREATE_REFUSED };
+static int qx_creation_wanted(const char *kName, const char *pszDomainName) {
+    int s32Found = QX_LOOKUP_FAILED;
+    if (qx_find_domain(pszDomainName, NULL, &s32Found) != NULL) return QX_CREATE_EXISTS;
+    if (s32Found == QX_LOOKUP_BROKEN) return QX_CREATE_REFUSED;
+    char szShmPath[RT_PATH_LEN];
+    if (RT_FORMAT_PATH(szShmPath, "%s%s", RT_SHM_PREFIX, pszDomainName) < 0) return QX_CREATE_NEW;
+    if (s32Found == QX_LOOKUP_UNFINISHED) {
+        RT_LOGE("[RT_Impl][Err] [%s]: Domain [%s] was left half-created by a process that died: "
+                "created again.\n",
+                kName, pszDomainName);
+        unlink(szShmPath);
+        return QX_CREATE_NEW;
+    }
+    struct stat st;
+    return lstat(szShmPath, &st) == 0 && S_ISREG(st.st_mode) ? QX_CREATE_EXISTS : QX_CREATE_NEW;
+}
+
 uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
     static const char kName[] = "QX_REALTIME_CreateDomain";
     int32_t s32Central = -1;
@@ -380,31 +403,15 @@ uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
     if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return u32Ret;
     qx_central_hold stCentral(s32Central);
 
-    // A domain whose segment exists is never initialised again, even when this process can't map
-    // it (its table is full): that would wipe the records of a live domain. A damaged one is
-    // refused; one whose creator died half-way is removed and created anew (creations hold the
-    // central lock, so under it an unfinished domain is one nobody will finish).
-    char szShmPath[RT_PATH_LEN];
-    int s32Found = QX_LOOKUP_FAILED;
-    int bExists = qx_find_domain(pszDomainName, NULL, &s32Found) != NULL;
-    if (s32Found == QX_LOOKUP_BROKEN) {
+    switch (qx_creation_wanted(kName, pszDomainName)) {
+    case QX_CREATE_REFUSED:
         return RT_ERR_FAILED;
-    }
-    if (RT_FORMAT_PATH(szShmPath, "%s%s", RT_SHM_PREFIX, pszDomainName) >= 0) {
-        struct stat st;
-        if (s32Found == QX_LOOKUP_UNFINISHED) {
-            RT_LOGE("[RT_Impl][Err] [%s]: Domain [%s] was left half-created by a process that "
-                    "died: created again.\n",
-                    kName, pszDomainName);
-            unlink(szShmPath);
-        } else if (!bExists) {
-            bExists = lstat(szShmPath, &st) == 0 && S_ISREG(st.st_mode);
-        }
-    }
-    if (bExists) {
+    case QX_CREATE_EXISTS:
         RT_LOGI("[RT_Impl][Info] [%s]: Domain [%s] is already created, skipped.\n", kName,
                 pszDomainName);
         return RT_SUCCESS;
+    default:
+        break;
     }
 
     int32_t s32ShmFd = -1;
