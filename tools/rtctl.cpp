@@ -632,32 +632,60 @@ const char kJsonDump[] =
 
 // Every inconsistency on its own line, with the repair's action under it; exit 0 only when there
 // was none (or, with --repair, when every one was repaired).
-int run_check(const char *, const Args &a) {
+int run_check(const char *name, const Args &a) {
     std::string error;
     std::vector<rtcheck::Finding> findings = rtcheck::run(a.repair, &error);
+    size_t repaired = 0;
+    for (const rtcheck::Finding &f : findings)
+        if (!f.action.empty() && f.action.find("fail") == std::string::npos &&
+            f.action.compare(0, 5, "could") != 0)
+            repaired++;
+    int status = !error.empty() ? 1 : findings.empty() ? 0 : a.repair && repaired == findings.size() ? 0 : 1;
+    if (a.json) {
+        rtctl::Json j;
+        j.begin_object().key("command").value(name).key("status").value((int64_t)status);
+        j.key("repair").value(a.repair).key("consistent").value(error.empty() && findings.empty());
+        j.key("error");
+        if (error.empty())
+            j.null();
+        else
+            j.value(error);
+        j.key("findings").begin_array();
+        for (const rtcheck::Finding &f : findings) {
+            j.begin_object().key("where").value(f.where).key("what").value(f.what).key("action");
+            if (f.action.empty())
+                j.null();
+            else
+                j.value(f.action);
+            j.end_object();
+        }
+        j.end_array();
+        json_print(j);
+        return status;
+    }
     if (!error.empty()) {
         fprintf(stderr, "rtctl check: %s\n", error.c_str());
-        return 1;
+        return status;
     }
-    size_t repaired = 0;
     for (const rtcheck::Finding &f : findings) {
         printf("%s: %s\n", f.where.c_str(), f.what.c_str());
-        if (f.action.empty()) continue;
-        printf("    repaired: %s\n", f.action.c_str());
-        if (f.action.find("fail") == std::string::npos && f.action.compare(0, 5, "could") != 0)
-            repaired++;
+        if (!f.action.empty()) printf("    repaired: %s\n", f.action.c_str());
     }
-    if (findings.empty()) {
+    if (findings.empty())
         printf("consistent\n");
-        return 0;
-    }
-    if (a.repair) {
+    else if (a.repair)
         printf("%zu inconsistencies, %zu repaired\n", findings.size(), repaired);
-        return repaired == findings.size() ? 0 : 1;
-    }
-    printf("%zu inconsistencies (rtctl check --repair repairs them)\n", findings.size());
-    return 1;
+    else
+        printf("%zu inconsistencies (rtctl check --repair repairs them)\n", findings.size());
+    return status;
 }
+
+const char kJsonCheck[] =
+    "  {\"command\":\"check\", \"status\":1, \"repair\":false, \"consistent\":false,\n"
+    "   \"error\":null, \"findings\":[{\"where\":\"Domain_Audio\",\n"
+    "   \"what\":\"process 1234 is listed but has died\", \"action\":null}, ...]}\n"
+    "\"status\" is the exit status; \"action\" is what --repair did (null without it);\n"
+    "\"error\" says why the walk could not be done (no central segment, ...).";
 
 const Command kCommands[] = {
     {"init", "[MODE]",
@@ -735,13 +763,13 @@ const Command kCommands[] = {
     {"mem-available", "[VALUE]",
      "QX_REALTIME_GetAvailableHighPriorityResource with *ps32Avai = VALUE (default 0).", nullptr,
      0, 1, 0, false, run_mem_available},
-    {"check", "[--repair]",
+    {"check", "[--json] [--repair]",
      "Checks every domain against its records and the kernel, under their lock files:\n"
      "charges without a record, records of dead processes or threads, threads in a domain's\n"
      "groups without a record, records the kernel disagrees with, half-created or damaged\n"
      "domains, segment sizes and modes. Prints each; exits 0 only when there is none.\n"
      "--repair fixes each one and says what it did (exit 0 when all were repaired).",
-     nullptr, 0, 0, kOptRepair, false, run_check},
+     kJsonCheck, 0, 0, kOptRepair | kOptJson, false, run_check},
     {"lint", "[--cpus N] FILE",
      "Checks a configuration file without touching the shared state.\n"
      "Prints every problem as FILE:LINE: error|warning: message (fix: suggestion);\n"

@@ -165,3 +165,21 @@ TEST_F(RtctlCheck, SegmentCutShortIsRemoved) {
     expect_found_and_repaired({"Domain_Camera: its segment is 4096 bytes, not 16384\n"},
                               {"removed; create the domain again"});
 }
+
+// --json: one document with every finding and what the repair did.
+TEST_F(RtctlCheck, JsonListsTheFindingsAndTheRepairs) {
+    audio_->s32UtilCurrent += 7;
+    Result found = rtctl({"check", "--json"});
+    EXPECT_EQ(found.status, 1);
+    EXPECT_EQ(found.out,
+              "{\"command\":\"check\",\"status\":1,\"repair\":false,\"consistent\":false,"
+              "\"error\":null,\"findings\":[{\"where\":\"Domain_Audio\",\"what\":\"s32UtilCurrent "
+              "is 7 but the records add up to 0\",\"action\":null}]}\n");
+    Result fixed = rtctl({"check", "--json", "--repair"});
+    EXPECT_EQ(fixed.status, 0);
+    EXPECT_TRUE(contains(fixed.out, "\"repair\":true")) << fixed.out;
+    EXPECT_TRUE(contains(fixed.out, "\"action\":\"s32UtilCurrent set to 0\"")) << fixed.out;
+    Result clean = rtctl({"check", "--json"});
+    EXPECT_EQ(clean.status, 0);
+    EXPECT_TRUE(contains(clean.out, "\"consistent\":true,\"error\":null,\"findings\":[]")) << clean.out;
+}
