@@ -107,12 +107,10 @@ void _QX_REALTIME_ParseCpuSelection(const char *pszCpuSelection, int32_t *ps32Cp
         return;
     }
     char szBuf[64];
-    int32_t as32Cpus[8];
     int32_t s32Num = 0;
     uint32_t u32Mask = 0;
     RT_SNPRINTF(szBuf, "%s", pszCpuSelection);
     szBuf[sizeof(szBuf) - 1] = '\0';
-    for (int i = 0; i < 8; i++) as32Cpus[i] = -1;
 
     char *pszSave = NULL;
     char *pszFirst = strtok_r(szBuf, "-", &pszSave);
@@ -137,12 +135,10 @@ void _QX_REALTIME_ParseCpuSelection(const char *pszCpuSelection, int32_t *ps32Cp
         for (char *pszPiece = strtok_r(szBuf, ",", &pszSave); pszPiece != NULL;
              pszPiece = strtok_r(NULL, ",", &pszSave)) {
             int32_t n = atoi(pszPiece);
-            if (s32Num < 8) as32Cpus[s32Num] = n;  // more than 8 CPUs count but are not kept
             if (s32Num < INT32_MAX) s32Num++;
             if (n >= 0 && n <= 31) u32Mask |= 1u << n;
         }
     }
-    (void)as32Cpus;
     *ps32CpuNum = s32Num;
     *pu32CpuMask = u32Mask;
     RT_LOGD("[RT_Impl][DBG] %s parsed to %d cpus, Mask=0x%x\n", pszCpuSelection, s32Num, u32Mask);

@@ -10,7 +10,6 @@
 
 #include "qx_realtime_internal.h"
 
-#define RT_SCHED_NORMAL 0u
 #define RT_SCHED_RR 2u
 #define RT_SCHED_DEADLINE 6u
 #define RT_SCHED_FLAG_RECLAIM 0x02ull
