@@ -4,6 +4,7 @@
 #include <stdlib.h>
 
 #include "qx_realtime_internal.h"
+#include "../platform/jsmn_linear.h"
 
 #define RT_TOK_COUNT_INIT 160
 #define RT_READ_LINE 128
@@ -522,7 +523,7 @@ uint32_t _QX_REALTIME_JsonParser(const char *pszJsonPath, QX_REALTIME_DOMAIN_t *
         return RT_ERR_SYSTEM;
     }
     size_t uJsonLen = strlen(pszJson);
-    int s32Tokens = jsmn_parse(&stParser, pszJson, uJsonLen, pstToks, u32TokCount);
+    int s32Tokens = qx_jsmn_parse(&stParser, pszJson, uJsonLen, pstToks, u32TokCount);
     while (s32Tokens == JSMN_ERROR_NOMEM) {
         jsmntok_t *pstGrown = NULL;
         if (u32TokCount <= UINT_MAX / 2 / sizeof(jsmntok_t))
@@ -540,7 +541,7 @@ uint32_t _QX_REALTIME_JsonParser(const char *pszJsonPath, QX_REALTIME_DOMAIN_t *
         pstToks = pstGrown;
         u32TokCount *= 2;
         // The same parser state: jsmn resumes where it stopped.
-        s32Tokens = jsmn_parse(&stParser, pszJson, uJsonLen, pstToks, u32TokCount);
+        s32Tokens = qx_jsmn_parse(&stParser, pszJson, uJsonLen, pstToks, u32TokCount);
     }
 
     uint64_t u64Status = 0;
