@@ -88,6 +88,51 @@ bool in_sandbox(std::string *why) {
     return false;
 }
 
+std::string emulator() {
+    const char *emu = getenv("QXRT_EMULATOR");
+    return emu != nullptr ? emu : "";
+}
+
+std::vector<std::string> target_command(const std::string &binary) {
+    std::vector<std::string> words;
+    std::istringstream in(emulator());
+    std::string word;
+    while (in >> word) words.push_back(word);
+    words.push_back(binary);
+    return words;
+}
+
+std::string target_shell_command(const std::string &binary) {
+    std::string line;
+    for (const std::string &word : target_command(binary)) {
+        std::string quoted = "'";
+        for (char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        line += (line.empty() ? "" : " ") + quoted + "'";
+    }
+    return line;
+}
+
+std::string quoted_output(const std::string &output) {
+    static const std::string marker = "[  SKIPPED ]";
+    std::string out = output;
+    for (size_t at = out.find(marker); at != std::string::npos; at = out.find(marker, at))
+        out.replace(at, marker.size(), "[ (skipped) ]");
+    return out;
+}
+
+bool range_mapped(const void *addr, size_t len) {
+    uintptr_t begin = (uintptr_t)addr, end = begin + len;
+    std::istringstream maps(read_file("/proc/self/maps"));
+    std::string line;
+    // The lines are sorted by address: walk them while they cover [begin, end) without a gap.
+    while (begin < end && std::getline(maps, line)) {
+        unsigned long long lo = 0, hi = 0;
+        if (sscanf(line.c_str(), "%llx-%llx", &lo, &hi) != 2) continue;
+        if (lo <= begin && begin < hi) begin = (uintptr_t)hi;
+    }
+    return begin >= end;
+}
+
 std::string format(const char *fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
