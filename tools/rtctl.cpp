@@ -9,7 +9,6 @@
 // The library reports through the Android log. A log sink installed here prints each message's
 // text plainly (without liblog's tag/time/pid decorations and without the "<ERR>func[line]: " or
 // "<INFO>" prefix of the Android form), so that a dump or a CPU-usage sample reads like output.
-#include <android/log.h>
 #include <errno.h>
 #include <limits.h>
 #include <stdint.h>
@@ -20,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "../src/platform/log_sink.h"
 #include "config_lint.h"
 #include "qx_realtime.h"
 
@@ -65,7 +65,7 @@ void close_open_line() {
     }
 }
 
-void plain_logger(const struct __android_logger_data *, const char *message) {
+void plain_logger(int, const char *, const char *message) {
     if (g_log_muted) return;
     std::string text = file_form(message);
     // A dump or a usage sample is printed at error level only so that it shows at the default
@@ -517,7 +517,7 @@ void raise_debug_level() {
 }  // namespace
 
 int main(int argc, char **argv) {
-    __android_log_set_logger(plain_logger);
+    qx_log_sink::set(plain_logger);
 
     bool verbose = false;
     const Command *cmd = nullptr;

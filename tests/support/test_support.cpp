@@ -1,6 +1,6 @@
 #include "test_support.h"
 
-#include <android/log.h>
+#include "log_sink.h"
 #include <fcntl.h>
 #include <signal.h>
 #include <stdarg.h>
@@ -20,10 +20,10 @@ std::mutex g_log_mutex;
 std::vector<LogLine> g_log_lines;
 bool g_capturing = false;
 
-void capture_logger(const struct __android_logger_data *data, const char *message) {
+void capture_logger(int priority, const char *tag, const char *message) {
     std::lock_guard<std::mutex> lock(g_log_mutex);
     if (!g_capturing) return;
-    g_log_lines.push_back(LogLine{data->priority, data->tag ? data->tag : "", message});
+    g_log_lines.push_back(LogLine{priority, tag ? tag : "", message});
 }
 }  // namespace
 
@@ -41,13 +41,13 @@ LogCapture::LogCapture() {
     std::lock_guard<std::mutex> lock(g_log_mutex);
     g_log_lines.clear();
     g_capturing = true;
-    __android_log_set_logger(capture_logger);
+    qx_log_sink::set(capture_logger);
 }
 
 LogCapture::~LogCapture() {
     std::lock_guard<std::mutex> lock(g_log_mutex);
     g_capturing = false;
-    __android_log_set_logger(__android_log_stderr_logger);
+    qx_log_sink::restore_default();
 }
 
 std::vector<LogLine> LogCapture::lines() const {
