@@ -14,7 +14,6 @@
 // QX_REALTIME_AddThread for each thread, naming only the domain and the class: the scheduling
 // parameters come from the configuration. The client then writes its thread ids to
 // STATE_DIR/<client>.threads and STATE_DIR/<client>.ready, and waits for SIGTERM.
-#include <android/log.h>
 #include <errno.h>
 #include <pthread.h>
 #include <signal.h>
@@ -33,6 +32,7 @@
 #include <string>
 #include <thread>
 
+#include "../src/platform/log_sink.h"
 #include "qx_realtime.h"
 
 namespace {
@@ -41,7 +41,7 @@ namespace {
 
 const char *g_client = "demo";
 
-void client_logger(const struct __android_logger_data *, const char *message) {
+void client_logger(int, const char *, const char *message) {
     std::string text = message ? message : "";
     if (text.compare(0, 6, "<INFO>") == 0) {
         text = text.substr(6);
@@ -154,7 +154,7 @@ bool admit(const char *domain, const char *klass, Stage &stage) {
 
 int run_client(const std::string &which, const std::string &state_dir) {
     g_client = which == "camera" ? "camera" : "audio";
-    __android_log_set_logger(client_logger);
+    qx_log_sink::set(client_logger);
 
     // The threads inherit this mask; only the main thread takes the signals, with sigwait.
     sigset_t signals;

@@ -3,13 +3,13 @@
 // it (start-up line scan, whole-file reader, parser for every domain the text names, CPU-list
 // reader). The top object and its central record are plain heap records of their exact size,
 // so any write past them is an ASan finding; the shared segments are not involved.
-#include <android/log.h>
 #include <fcntl.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
+#include "../src/platform/log_sink.h"
 #include "config_input.h"
 
 namespace {
@@ -17,7 +17,7 @@ namespace {
 char s_szPath[64];
 QX_REALTIME_DOMAIN_t *s_pstDomain;
 
-void discard_log(const struct __android_logger_data *, const char *) {}
+void discard_log(int, const char *, const char *) {}
 
 void remove_input_file() {
     unlink(s_szPath);
@@ -59,7 +59,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     // it), so that the message paths are fuzzed as well, at some cost in speed.
     const char *pszLog = getenv("QXRT_FUZZ_LOG");
     if (pszLog != NULL && strcmp(pszLog, "1") == 0) {
-        __android_log_set_logger(discard_log);
+        qx_log_sink::set(discard_log);
         _u32DbgLevel = RT_DBG_LEVEL_INFO;
     } else {
         _u32DbgLevel = 0;

@@ -288,10 +288,6 @@ Key key_of(const std::string &name) {
     return it == table.end() ? kUnknown : it->second;
 }
 
-const char *const kKeyNames[] = {"Util",          "Reservation",  "Enabled",     "DbgLevel",
-                                 "BudgetCpuNum",  "Cpuset",       "RT_Priority", "DL_DeadlineUs",
-                                 "DL_RuntimeUs",  "DL_PeriodUs",  "_description"};
-
 bool is_system_key(Key k) {
     return k == kUtil || k == kReservation || k == kEnabled || k == kDbgLevel || k == kBudgetCpuNum;
 }

@@ -26,6 +26,7 @@
 #include <string>
 #include <vector>
 
+#include "../src/platform/log_sink.h"
 #include "config_lint.h"
 #include "rt_check.h"
 #include "qx_realtime.h"
@@ -82,7 +83,7 @@ void close_open_line() {
     }
 }
 
-void plain_logger(const struct __android_logger_data *, const char *message) {
+void plain_logger(int, const char *, const char *message) {
     if (g_log_muted) return;
     std::string text = file_form(message);
     // A dump or a usage sample is printed at error level only so that it shows at the default
@@ -900,7 +901,7 @@ bool is_negative_number(const char *arg) { return arg[0] == '-' && isdigit((unsi
 }  // namespace
 
 int main(int argc, char **argv) {
-    __android_log_set_logger(plain_logger);
+    qx_log_sink::set(plain_logger);
 
     enum { kJson = 256, kVersion, kMan, kOverrun, kCpus, kSvg, kCount, kInterval, kRepair };
     static const struct option kLong[] = {

@@ -9,6 +9,9 @@
 #include <string.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#ifndef __ANDROID__
+#include <sys/sysinfo.h>
+#endif
 
 #ifdef __ANDROID__
 #include <cutils/properties.h>
@@ -72,6 +75,39 @@ int qx_property_get(const char *key, char *value, const char *default_value) {
 }
 
 #endif
+
+int qx_cpu_count(void) {
+#ifdef __ANDROID__
+    return (int)sysconf(_SC_NPROCESSORS_ONLN);
+#else
+    // glibc's get_nprocs reads /sys/devices/system/cpu/online directly, without sysconf's extra
+    // work: it is called on every admission.
+    return get_nprocs();
+#endif
+}
+
+// strerror_r is the GNU variant (returns the text) in glibc and in bionic with _GNU_SOURCE, the
+// POSIX one (returns a status, text in buf) otherwise: overloads take whichever it is (the other
+// one is unused).
+[[maybe_unused]] static const char *strerror_result(const char *text, char *) {
+    return text;
+}
+[[maybe_unused]] static const char *strerror_result(int status, char *buf) {
+    return status == 0 ? buf : "Unknown error";
+}
+
+const char *qx_strerror(int err, char *buf, size_t size) {
+    return strerror_result(strerror_r(err, buf, size), buf);
+}
+
+// The fortified formatter of both C libraries (glibc and bionic export it under this name, with
+// these arguments); flag 1 asks for the checks of _FORTIFY_SOURCE=2.
+extern "C" int __vsnprintf_chk(char *s, size_t maxlen, int flag, size_t slen, const char *format,
+                               va_list ap);
+
+int qx_vsnprintf_checked(char *dst, size_t maxlen, size_t objsize, const char *fmt, va_list ap) {
+    return __vsnprintf_chk(dst, maxlen, 1, objsize, fmt, ap);
+}
 
 int qx_sched_setattr(int32_t tid, const struct qx_sched_attr *attr, unsigned int flags) {
     return (int)syscall(SYS_sched_setattr, tid, attr, flags);

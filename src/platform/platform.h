@@ -3,6 +3,7 @@
 #ifndef QXRT_PLATFORM_H
 #define QXRT_PLATFORM_H
 
+#include <stdarg.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -36,12 +37,33 @@ struct qx_sched_attr {
 // Where the host's property store keeps one file per property (name = property, content = value).
 #define QX_HOST_PROPERTY_DIR "/dev/qxrt_properties"
 
+// The fixed places the library works in on a device, the same on every build (tests and the demo
+// run in tools/rt_sandbox, which mounts private copies at exactly these paths). Every path of the
+// library is built from these.
+#define QX_SHM_DIR "/dev/shm/realtime/"         // segments (tmpfs)
+#define QX_DATA_DIR "/data/vendor/realtime/"    // lock files, per-process log files
+#define QX_CONFIG_DIR "/vendor/etc/realtime/"   // configuration files (read only)
+#define QX_CPUSET_MOUNT "/dev/cpuset/"          // cgroup v1 cpuset hierarchy
+#define QX_CPUACCT_MOUNT "/dev/cpuacct/"        // cgroup v1 cpuacct hierarchy
+
 // Writes one already formatted line to the Android log with tag "<QXT>".
 void qx_platform_log(int prio, const char *text);
 
 // Reads a system property into value (QX_PROPERTY_VALUE_MAX bytes); the default when unset or
 // empty. Returns the length of what was stored, as libcutils' property_get does.
 int qx_property_get(const char *key, char *value, const char *default_value);
+
+// Number of CPUs online now.
+int qx_cpu_count(void);
+
+// Text for the error number err: a pointer into buf (size bytes) or to a static string, never
+// NULL, whichever strerror_r variant the C library offers.
+const char *qx_strerror(int err, char *buf, size_t size);
+
+// vsnprintf that aborts instead of writing past objsize bytes of dst (the C library's fortified
+// formatter); returns what vsnprintf returns.
+int qx_vsnprintf_checked(char *dst, size_t maxlen, size_t objsize, const char *fmt, va_list ap)
+    __attribute__((format(printf, 4, 0)));
 
 // Raw system calls with the numbers of the target ABI; -1 and errno on failure.
 int qx_sched_setattr(int32_t tid, const struct qx_sched_attr *attr, unsigned int flags);

@@ -341,7 +341,7 @@ static uint32_t qx_create_domain_impl(QX_REALTIME_DOMAIN_t *pstDomain) {
         return RT_ERR_FAILED;
     }
 
-    if (pstDomain->s32CpuNum == 0 || pstDomain->s32CpuNum > get_nprocs()) {
+    if (pstDomain->s32CpuNum == 0 || pstDomain->s32CpuNum > qx_cpu_count()) {
         RT_LOGE("[RT_Impl][Err] [%s] Domain [%s] Cpuset = [%s] CpuMask = [0x%x], CpuNum = [%d]\n",
                 kImpl, pszName, pstDomain->pszCpuset, pstDomain->u32CpuMask, pstDomain->s32CpuNum);
         return RT_ERR_FAILED;

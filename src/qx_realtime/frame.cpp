@@ -22,8 +22,8 @@ const char *pstJsonPath = NULL;
 // ---- diagnostics ----
 
 const char *qx_errno_text(void) {
-    // GNU strerror_r: the returned pointer is what is printed (it may be a static string).
-    return strerror_r(errno, strerrBuf, sizeof(strerrBuf));
+    // The returned pointer is what is printed (it may be a static string, not strerrBuf).
+    return qx_strerror(errno, strerrBuf, sizeof(strerrBuf));
 }
 
 uint32_t qx_dbg_level_from_config(int32_t s32DbgLevel) {

@@ -103,7 +103,7 @@ static uint32_t qx_sample_one_domain(const char *pszOp, const char *pszDomainNam
         RT_LOGE("[RT_Impl][Err] [%s] pstDomain is NULL.\n", pszOp);
         return RT_ERR_NULL;
     }
-    int s32Procs = get_nprocs();
+    int s32Procs = qx_cpu_count();
     int32_t s32Cap = pstTop->s32CapPerCore;
     int32_t s32G0 = 0, s32T0 = 0;
     if (_QX_REALTIME_GetGroupCpuStat(pstDomain, &s32G0) != RT_SUCCESS ||
@@ -118,10 +118,10 @@ static uint32_t qx_sample_one_domain(const char *pszOp, const char *pszDomainNam
         int32_t s32G1 = s32G0, s32T1 = s32T0;
         _QX_REALTIME_GetGroupCpuStat(pstDomain, &s32G1);
         _QX_REALTIME_GetTotalCpuStat(&s32T1);
-        uint32_t u32Busy = (uint32_t)get_nprocs() * ((uint32_t)s32G1 - (uint32_t)s32G0) * 100u;
+        uint32_t u32Busy = (uint32_t)qx_cpu_count() * ((uint32_t)s32G1 - (uint32_t)s32G0) * 100u;
         float fUsage = (float)u32Busy / qx_total_delta(s32T1, s32T0);
         int32_t s32Units =
-            (int32_t)((uint32_t)pstDomain->s32UtilMax * (uint32_t)get_nprocs() * 100u);
+            (int32_t)((uint32_t)pstDomain->s32UtilMax * (uint32_t)qx_cpu_count() * 100u);
         float fBudget = qx_budget_percent((float)s32Units, fDivisor);
         RT_LOGE("[RT_Impl][Err] %5.2f %% (budget %5.2f%%) %s\n", (double)fUsage, (double)fBudget,
                 fUsage > fBudget ? "Overbudget" : "");
@@ -139,7 +139,7 @@ static uint32_t qx_sample_all_domains(uint32_t u32IntervalMs, uint32_t u32Sample
     memset(afBudget, 0, sizeof(afBudget));
     QX_REALTIME_CENTRAL_t *pstCentral = pstTop->pstCentral;
     int32_t s32Cap = pstCentral->s32CapPerCore;
-    float fDivisor = (float)((uint32_t)get_nprocs() * (uint32_t)s32Cap);
+    float fDivisor = (float)((uint32_t)qx_cpu_count() * (uint32_t)s32Cap);
     int32_t s32T0 = 0;
     if (_QX_REALTIME_GetTotalCpuStat(&s32T0) != RT_SUCCESS) return RT_SUCCESS;
     qx_warn_zero_capability(kAll, s32Cap);
@@ -152,7 +152,7 @@ static uint32_t qx_sample_all_domains(uint32_t u32IntervalMs, uint32_t u32Sample
         afBudget[i] =
             qx_budget_percent((float)(int32_t)((uint32_t)s32Setting * 100u), fDivisor);
         RT_LOGE("[RT_Impl][Err] [%-30s] Util Setting:%6d (%5.2f%%)\n", stName.sz, s32Setting,
-                (double)(afBudget[i] * (float)get_nprocs()));
+                (double)(afBudget[i] * (float)qx_cpu_count()));
         QX_REALTIME_DOMAIN_t *pstDomain = qx_sampler_lookup(stName.sz);
         if (pstDomain == NULL) {
             RT_LOGE("[RT_Impl][Err] [%s] pstDomain is NULL.\n", kAll);
@@ -163,12 +163,12 @@ static uint32_t qx_sample_all_domains(uint32_t u32IntervalMs, uint32_t u32Sample
     }
     int32_t s32Total = pstCentral->s32UtilTotal;
     RT_LOGE("[RT_Impl][Err] Current total Util = %d (%5.2f%%)\n", s32Total,
-            (double)qx_budget_percent((float)get_nprocs() * (float)s32Total * 100.0f, fDivisor));
+            (double)qx_budget_percent((float)qx_cpu_count() * (float)s32Total * 100.0f, fDivisor));
     uint32_t u32Budget = (uint32_t)s32Cap * (uint32_t)pstCentral->s32BudgetCpuNum *
                          (uint32_t)pstCentral->s32UtilReservation / 100u;
     RT_LOGE("[RT_Impl][Err] Util Budget = %d * %d * %d / 100 = %d (%5.2f%%)\n", s32Cap,
             pstCentral->s32BudgetCpuNum, pstCentral->s32UtilReservation, (int)u32Budget,
-            (double)qx_budget_percent((float)get_nprocs() * (float)u32Budget * 100.0f, fDivisor));
+            (double)qx_budget_percent((float)qx_cpu_count() * (float)u32Budget * 100.0f, fDivisor));
     RT_LOGE("[RT_Impl][Err] ============================================================\n");
     if (u32SampleNum == 0) return RT_SUCCESS;
 
@@ -191,14 +191,14 @@ static uint32_t qx_sample_all_domains(uint32_t u32IntervalMs, uint32_t u32Sample
             float fUsage = (float)(((uint32_t)s32G - (uint32_t)as32Prev[i]) * 100u) / fDelta;
             as32Prev[i] = s32G;
             s32Sum1 = qx_wrap_add(s32Sum1, s32G);
-            float fProcs = (float)get_nprocs();
+            float fProcs = (float)qx_cpu_count();
             RT_LOGE("[RT_Impl][Err] [%-30s] %5.2f %% (budget %5.2f%%) %s\n", stName.sz,
                     (double)(fUsage * fProcs), (double)(afBudget[i] * fProcs),
                     fUsage > afBudget[i] ? "Overbudget" : "");
         }
         float fAll = (float)(((uint32_t)s32Sum1 - (uint32_t)s32Sum0) * 100u) / fDelta;
         RT_LOGE("[RT_Impl][Err] CPU usage of RT tasks in Realtime Framework: %5.2f%%\n",
-                (double)(fAll * (float)get_nprocs()));
+                (double)(fAll * (float)qx_cpu_count()));
         s32Sum0 = s32Sum1;
         RT_LOGE("[RT_Impl][Err] \n");
     }

@@ -40,18 +40,18 @@ extern "C" {
 #define RT_SCHED_TYPE_DEADLINE 2u
 #define RT_SCHED_TYPE_BOTH 3u
 
-#define RT_SHM_PREFIX "/dev/shm/realtime/rt_"
-#define RT_FLOCK_PREFIX "/data/vendor/realtime/flock_rt_"
-#define RT_LOG_FILE_PREFIX "/data/vendor/realtime/rtlog_"
-#define RT_JSON_PREFIX "/vendor/etc/realtime/rt-"
-#define RT_JSON_VERIFY_ONLY "/vendor/etc/realtime/rt_verify_only.json"
+#define RT_SHM_PREFIX QX_SHM_DIR "rt_"
+#define RT_FLOCK_PREFIX QX_DATA_DIR "flock_rt_"
+#define RT_LOG_FILE_PREFIX QX_DATA_DIR "rtlog_"
+#define RT_JSON_PREFIX QX_CONFIG_DIR "rt-"
+#define RT_JSON_VERIFY_ONLY QX_CONFIG_DIR "rt_verify_only.json"
 #define RT_CENTRAL_NAME "Global"
 #define RT_PROP_CFG_NAME "vendor.kpo.realtime.cfg_name"
 #define RT_PROP_OVERWRITE_CPUSET "vendor.kpo.realtime.debug.overwrite_cpuset"
-#define RT_CPUSET_ROOT "/dev/cpuset/"
-#define RT_CPUACCT_ROOT "/dev/cpuacct/"
-#define RT_CPUSET_ROOT_TASKS "/dev/cpuset/tasks"
-#define RT_CPUACCT_ROOT_TASKS "/dev/cpuacct/tasks"
+#define RT_CPUSET_ROOT QX_CPUSET_MOUNT
+#define RT_CPUACCT_ROOT QX_CPUACCT_MOUNT
+#define RT_CPUSET_ROOT_TASKS QX_CPUSET_MOUNT "tasks"
+#define RT_CPUACCT_ROOT_TASKS QX_CPUACCT_MOUNT "tasks"
 
 // ---------------------------------------------------------------------------------------------
 // Shared records (the same layout in 32-bit and 64-bit processes)

@@ -10,13 +10,10 @@
 
 #include "qx_realtime_internal.h"
 
-extern "C" int __vsnprintf_chk(char *s, size_t maxlen, int flag, size_t slen, const char *format,
-                               va_list ap);
-
 int qx_snprintf(char *dst, size_t maxlen, size_t objsize, const char *fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    int n = __vsnprintf_chk(dst, maxlen, 1, objsize, fmt, ap);
+    int n = qx_vsnprintf_checked(dst, maxlen, objsize, fmt, ap);
     va_end(ap);
     return n;
 }
@@ -24,7 +21,7 @@ int qx_snprintf(char *dst, size_t maxlen, size_t objsize, const char *fmt, ...) 
 int qx_format_path(char *dst, size_t dst_size, const char *fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    int n = __vsnprintf_chk(dst, dst_size, 1, dst_size, fmt, ap);
+    int n = qx_vsnprintf_checked(dst, dst_size, dst_size, fmt, ap);
     va_end(ap);
     if (n >= 0 && (size_t)n >= dst_size) {
         errno = ENAMETOOLONG;

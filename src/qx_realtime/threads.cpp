@@ -576,7 +576,7 @@ static uint32_t qx_admit_in_kernel(const char *pszOp, QX_REALTIME_DOMAIN_t *pstD
     const char *pszMoveTo = NULL;
     if (pstDomain->s32UtilMax >= 1) {
         _QX_REALTIME_Overwrite_Cpuset(pstDomain);
-        if (pstDomain->s32CpuNum != get_nprocs() &&
+        if (pstDomain->s32CpuNum != qx_cpu_count() &&
             _QX_WriteS32ToPath(s32Tid, pstDomain->pszCpusetPathTasks) != RT_SUCCESS)
             pszMoveTo = pstDomain->pszCpusetPathTasks;
     }
@@ -772,7 +772,7 @@ static uint32_t qx_remove_locked(const char *kName, const char *pszDomainName,
     }
     RT_LOGD("[RT_Impl][DBG] [%s]: pid=[%d] exists in [%s].\n", kName, s32Tid, pszDomainName);
     const char *pszMoveTo = NULL;
-    if (pstDomain->s32CpuNum != get_nprocs() &&
+    if (pstDomain->s32CpuNum != qx_cpu_count() &&
         _QX_WriteS32ToPath(s32Tid, RT_CPUSET_ROOT_TASKS) != RT_SUCCESS)
         pszMoveTo = RT_CPUSET_ROOT_TASKS;
     if (pszMoveTo == NULL && _QX_WriteS32ToPath(s32Tid, RT_CPUACCT_ROOT_TASKS) != RT_SUCCESS)

@@ -28,11 +28,12 @@ Result rtctl(const std::vector<std::string> &args) {
     if (pid == 0) {
         dup2(out_fd, 1);
         dup2(err_fd, 2);
+        std::vector<std::string> words = qxt::target_command(QXRT_RTCTL);
+        words.insert(words.end(), args.begin(), args.end());
         std::vector<char *> argv;
-        argv.push_back(const_cast<char *>(QXRT_RTCTL));
-        for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+        for (std::string &w : words) argv.push_back(const_cast<char *>(w.c_str()));
         argv.push_back(nullptr);
-        execv(QXRT_RTCTL, argv.data());
+        execvp(argv[0], argv.data());
         _exit(127);
     }
     close(out_fd);

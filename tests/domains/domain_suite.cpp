@@ -113,9 +113,7 @@ int open_fd_count() {
 }
 
 bool is_mapped(const void *addr) {
-    long page = sysconf(_SC_PAGESIZE);
-    void *start = (void *)((uintptr_t)addr & ~(uintptr_t)(page - 1));
-    return msync(start, (size_t)page, MS_ASYNC) == 0 || errno != ENOMEM;
+    return qxt::range_mapped(addr, 1);
 }
 
 std::string errno_text(int err) {

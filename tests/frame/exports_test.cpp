@@ -20,7 +20,7 @@ struct Symbol {
 // The defined dynamic symbols of the built library, read with nm.
 std::map<std::string, Symbol> exported_symbols(std::string *error) {
     std::map<std::string, Symbol> out;
-    std::string command = std::string("nm -D --defined-only -S ") + QXRT_SHARED_LIB + " 2>&1";
+    std::string command = std::string(QXRT_NM) + " -D --defined-only -S " + QXRT_SHARED_LIB + " 2>&1";
     FILE *pipe = popen(command.c_str(), "r");
     if (pipe == nullptr) {
         *error = "cannot run nm";

@@ -1,7 +1,7 @@
 // The call frame of the lifecycle operations: what is held while the entry and exit messages are
 // written. A logger of our own looks at the process mutex and the "Global" lock file at the very
 // moment each message arrives.
-#include <android/log.h>
+#include "log_sink.h"
 
 #include <vector>
 
@@ -18,16 +18,16 @@ struct Seen {
 };
 std::vector<Seen> g_seen;
 
-void observing_logger(const struct __android_logger_data *, const char *message) {
+void observing_logger(int, const char *, const char *message) {
     g_seen.push_back(Seen{message, lifecycle::process_mutex_is_free(), lifecycle::central_lock_is_free()});
 }
 
 // Runs fn with the observing logger and returns what it saw for the messages containing text.
 std::vector<Seen> observe(const std::function<void()> &fn, const std::string &text) {
     g_seen.clear();
-    __android_log_set_logger(observing_logger);
+    qx_log_sink::set(observing_logger);
     fn();
-    __android_log_set_logger(__android_log_stderr_logger);
+    qx_log_sink::restore_default();
     std::vector<Seen> out;
     for (const Seen &s : g_seen)
         if (s.message.find(text) != std::string::npos) out.push_back(s);

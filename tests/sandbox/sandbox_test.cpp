@@ -159,20 +159,33 @@ TEST(Sandbox, NestedRunRemovesItsCgroupsAndLeavesNoDevCpusetOnHost) {
 
 TEST(Sandbox, TestsNeedingItSkipWithOneClearReasonOutsideIt) {
     // This test binary run again with the sandbox's variables removed.
+    // Its output holds gtest's skip marker, so failure messages print it through quoted_output:
+    // ctest would count this test as skipped, not failed, if the marker showed.
     std::string filter = " --gtest_filter=Sandbox.LibraryDirectoriesExistOnPrivateTmpfs";
-    Outcome plain = run_shell("env -u QXRT_SANDBOX -u QXRT_SANDBOX_UNAVAILABLE " + self_exe() + filter);
-    EXPECT_EQ(0, plain.status) << plain.output;
+    std::string self = qxt::target_shell_command(self_exe());
+    Outcome plain = run_shell("env -u QXRT_SANDBOX -u QXRT_SANDBOX_UNAVAILABLE " + self + filter);
+    EXPECT_EQ(0, plain.status) << qxt::quoted_output(plain.output);
     EXPECT_NE(std::string::npos, plain.output.find("[  SKIPPED ] Sandbox.LibraryDirectoriesExistOnPrivateTmpfs"))
-        << plain.output;
+        << qxt::quoted_output(plain.output);
     EXPECT_NE(std::string::npos,
               plain.output.find("needs the test sandbox (tools/rt_sandbox): not started inside it"))
-        << plain.output;
+        << qxt::quoted_output(plain.output);
 
     Outcome why = run_shell("env -u QXRT_SANDBOX QXRT_SANDBOX_UNAVAILABLE='the sandbox needs root' " +
-                            self_exe() + filter);
-    EXPECT_EQ(0, why.status) << why.output;
+                            self + filter);
+    EXPECT_EQ(0, why.status) << qxt::quoted_output(why.output);
     EXPECT_NE(std::string::npos, why.output.find("needs the test sandbox (tools/rt_sandbox): the sandbox needs root"))
-        << why.output;
+        << qxt::quoted_output(why.output);
+}
+
+TEST(Sandbox, FailureMessagesNeverShowTheSkipMarker) {
+    // ctest reads a failing test that prints "[  SKIPPED ]" as skipped: the quoting of another
+    // run's output must leave no such marker, and keep the rest of the text.
+    std::string output = "[ RUN      ] A.B\n[  SKIPPED ] A.B (0 ms)\n[  SKIPPED ] 1 test\n";
+    std::string quoted = qxt::quoted_output(output);
+    EXPECT_EQ(std::string::npos, quoted.find("[  SKIPPED ]"));
+    EXPECT_NE(std::string::npos, quoted.find("A.B (0 ms)"));
+    EXPECT_NE(std::string::npos, quoted.find("[ RUN      ] A.B"));
 }
 
 TEST(Sandbox, InSandboxReportsWhyNot) {
@@ -186,4 +199,20 @@ TEST(Sandbox, InSandboxReportsWhyNot) {
     EXPECT_EQ("needs the test sandbox (tools/rt_sandbox): mount or cgroup namespaces are not available", why);
     setenv("QXRT_SANDBOX", "qxrt_sbx_1_2", 1);
     EXPECT_TRUE(qxt::in_sandbox(&why));
+}
+
+TEST(Sandbox, EmulatorOptionStartsTheCommandThroughItAndHandsItOn) {
+    QXT_REQUIRE_SANDBOX();
+    // Any command line serves as an "emulator" here: env with an extra variable shows that the
+    // command was started through it.
+    Outcome through = run_shell(sandbox_tool() +
+                                " --emulator 'env QXRT_THROUGH=yes' sh -c 'echo \"$QXRT_EMULATOR|$QXRT_THROUGH\"'");
+    EXPECT_EQ(0, through.status) << through.output;
+    EXPECT_NE(std::string::npos, through.output.find("env QXRT_THROUGH=yes|yes")) << through.output;
+
+    // A nested run without the option runs its command directly, whatever this run was given.
+    Outcome plain = run_shell("QXRT_EMULATOR=false " + sandbox_tool() +
+                              " sh -c 'echo \"[${QXRT_EMULATOR-unset}]\"'");
+    EXPECT_EQ(0, plain.status) << plain.output;
+    EXPECT_NE(std::string::npos, plain.output.find("[unset]")) << plain.output;
 }

@@ -42,7 +42,7 @@ inline int open_fd_count() {
 
 // Whether [addr, addr + RT_SHM_SIZE) is still mapped in this process.
 inline bool is_mapped(void *addr) {
-    return msync(addr, RT_SHM_SIZE, MS_ASYNC) == 0;
+    return qxt::range_mapped(addr, RT_SHM_SIZE);
 }
 
 inline bool all_zero(const void *addr, size_t size) {

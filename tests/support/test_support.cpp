@@ -1,6 +1,6 @@
 #include "test_support.h"
 
-#include <android/log.h>
+#include "log_sink.h"
 #include <fcntl.h>
 #include <signal.h>
 #include <stdarg.h>
@@ -16,14 +16,20 @@
 namespace qxt {
 
 namespace {
+// A deadline thread admitted with overrun notification gets SIGXCPU whenever it overruns its
+// runtime; a test thread that mostly sleeps does so only on a slow machine (an emulator, a loaded
+// CI host), and the default action would end the whole test binary. The tests check the flags
+// the library sets, not the kernel's signal, so test processes ignore it.
+[[maybe_unused]] const bool g_sigxcpu_ignored = [] { return signal(SIGXCPU, SIG_IGN) != SIG_ERR; }();
+
 std::mutex g_log_mutex;
 std::vector<LogLine> g_log_lines;
 bool g_capturing = false;
 
-void capture_logger(const struct __android_logger_data *data, const char *message) {
+void capture_logger(int priority, const char *tag, const char *message) {
     std::lock_guard<std::mutex> lock(g_log_mutex);
     if (!g_capturing) return;
-    g_log_lines.push_back(LogLine{data->priority, data->tag ? data->tag : "", message});
+    g_log_lines.push_back(LogLine{priority, tag ? tag : "", message});
 }
 }  // namespace
 
@@ -46,7 +52,7 @@ LogCapture::LogCapture() {
         g_log_lines.clear();
         g_capturing = true;
     }
-    __android_log_set_logger(capture_logger);
+    qx_log_sink::set(capture_logger);
 }
 
 LogCapture::~LogCapture() {
@@ -54,7 +60,7 @@ LogCapture::~LogCapture() {
         std::lock_guard<std::mutex> lock(g_log_mutex);
         g_capturing = false;
     }
-    __android_log_set_logger(__android_log_stderr_logger);
+    qx_log_sink::restore_default();
 }
 
 std::vector<LogLine> LogCapture::lines() const {
@@ -93,6 +99,51 @@ bool in_sandbox(std::string *why) {
     *why = std::string("needs the test sandbox (tools/rt_sandbox): ") +
            (reason ? reason : "not started inside it");
     return false;
+}
+
+std::string emulator() {
+    const char *emu = getenv("QXRT_EMULATOR");
+    return emu != nullptr ? emu : "";
+}
+
+std::vector<std::string> target_command(const std::string &binary) {
+    std::vector<std::string> words;
+    std::istringstream in(emulator());
+    std::string word;
+    while (in >> word) words.push_back(word);
+    words.push_back(binary);
+    return words;
+}
+
+std::string target_shell_command(const std::string &binary) {
+    std::string line;
+    for (const std::string &word : target_command(binary)) {
+        std::string quoted = "'";
+        for (char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        line += (line.empty() ? "" : " ") + quoted + "'";
+    }
+    return line;
+}
+
+std::string quoted_output(const std::string &output) {
+    static const std::string marker = "[  SKIPPED ]";
+    std::string out = output;
+    for (size_t at = out.find(marker); at != std::string::npos; at = out.find(marker, at))
+        out.replace(at, marker.size(), "[ (skipped) ]");
+    return out;
+}
+
+bool range_mapped(const void *addr, size_t len) {
+    uintptr_t begin = (uintptr_t)addr, end = begin + len;
+    std::istringstream maps(read_file("/proc/self/maps"));
+    std::string line;
+    // The lines are sorted by address: walk them while they cover [begin, end) without a gap.
+    while (begin < end && std::getline(maps, line)) {
+        unsigned long long lo = 0, hi = 0;
+        if (sscanf(line.c_str(), "%llx-%llx", &lo, &hi) != 2) continue;
+        if (lo <= begin && begin < hi) begin = (uintptr_t)hi;
+    }
+    return begin >= end;
 }
 
 std::string format(const char *fmt, ...) {

@@ -53,6 +53,32 @@ bool in_sandbox(std::string *why);
         if (!qxt::in_sandbox(&qxt_why)) GTEST_SKIP() << qxt_why;           \
     } while (0)
 
+// The emulator that target binaries run under (qemu-user for a cross build, as the sandbox's
+// --emulator hands it on), or "" when they run natively.
+std::string emulator();
+// The command line that starts a target binary from a test: the binary itself, or the emulator
+// followed by it.
+std::vector<std::string> target_command(const std::string &binary);
+// target_command as one shell command line (words quoted for sh).
+std::string target_shell_command(const std::string &binary);
+
+// Skips the current test only when it runs under an emulator, because of a fault of the emulator
+// itself (not of the library); the reason names the emulator.
+#define QXT_SKIP_UNDER_EMULATOR(reason)                                                      \
+    do {                                                                                     \
+        if (!qxt::emulator().empty())                                                        \
+            GTEST_SKIP() << "emulator fault, not tested under " << qxt::emulator() << ": "   \
+                         << reason;                                                          \
+    } while (0)
+
+// Output of another gtest run made safe to print in a failure message: ctest counts a failing
+// test whose output shows gtest's skip marker as skipped, so the marker is defused.
+std::string quoted_output(const std::string &output);
+
+// Whether every byte of [addr, addr + len) is mapped in this process, from /proc/self/maps (which
+// an emulator answers for the emulated process, unlike probing with msync).
+bool range_mapped(const void *addr, size_t len);
+
 // printf into a std::string.
 std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 

@@ -229,6 +229,10 @@ TEST(ThreadRemoval, RemovingFromDomainSpanningEveryCpuLeavesCpusetAndResetsCpuac
 
 TEST(ThreadRemoval, ReapingDeadClientWithThreeThreadsFreesAllThreeAndLowersChargeBySum) {
     QXT_REQUIRE_SANDBOX();
+    // The client is forked while this process runs the survivor thread, and then starts threads
+    // of its own: qemu-user 7.2 aborts there (an assertion in its CPU loop), whatever the library.
+    QXT_SKIP_UNDER_EMULATOR("qemu-user 7.2 aborts when the forked child of a multi-threaded "
+                            "process creates threads");
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread survivor;
