@@ -437,8 +437,10 @@ void Checker::check_groups(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
         bool rt = getattr(tid, &now) && now.sched_policy != kPolicyOther;
         std::string action;
         if (repair_) {
-            bool moved = write_text(std::string(RT_CPUSET_ROOT) + "tasks", str("%d", tid)) &
-                         write_text(std::string(RT_CPUACCT_ROOT) + "tasks", str("%d", tid));
+            // Both moves are tried, whatever the first one gives.
+            bool moved_cpuset = write_text(std::string(RT_CPUSET_ROOT) + "tasks", str("%d", tid));
+            bool moved_cpuacct = write_text(std::string(RT_CPUACCT_ROOT) + "tasks", str("%d", tid));
+            bool moved = moved_cpuset && moved_cpuacct;
             bool normal = !rt || to_normal(tid);
             action = str("%s%s", moved ? "moved to the root groups" : "could not be moved",
                          rt ? (normal ? ", back to normal scheduling"
