@@ -362,6 +362,7 @@ void run_fields(const char *what, const std::string &path, const std::vector<Fie
 class HardeningCorruptedFiles : public ::testing::Test {
 protected:
     void SetUp() override {
+        HARD_SKIP_UNDER_TSAN();
         std::string why;
         if (qxt::in_sandbox(&why)) {
             ASSERT_EQ("", private_tmp());

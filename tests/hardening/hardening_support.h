@@ -33,6 +33,27 @@ constexpr bool kSanitized = false;
 constexpr bool kSanitized = false;
 #endif
 
+// ThreadSanitizer builds: the memory-safety suites (corrupted files, hostile arguments) fork the
+// instrumented image hundreds of times, which there takes longer than a case may run; they run
+// in the plain and the ASan/UBSan builds, and ThreadSanitizer is for races.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kThreadSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+constexpr bool kThreadSanitized = true;
+#else
+constexpr bool kThreadSanitized = false;
+#endif
+#else
+constexpr bool kThreadSanitized = false;
+#endif
+#define HARD_SKIP_UNDER_TSAN()                                                                 \
+    do {                                                                                       \
+        if (hard::kThreadSanitized)                                                            \
+            GTEST_SKIP() << "memory-safety suite, run in the plain and ASan/UBSan builds: "    \
+                            "under ThreadSanitizer its hundreds of forks outlast the case";    \
+    } while (0)
+
 // Domains of the suite's configuration. Rr and Dl exist after reset(); New and NewDl are in the
 // configuration but left for the creation cases.
 extern const char kRr[];     // round-robin, CPU 0, Class_R (Util 100, priority 10)

@@ -167,6 +167,7 @@ void run_name_cases(bool with_state) {
 // dropped on the way out, so that the deadline tests running beside these are not starved.
 class HardeningHostileArgs : public ::testing::Test {
 protected:
+    void SetUp() override { HARD_SKIP_UNDER_TSAN(); }
     void TearDown() override { rebuild_sched_domains(); }
 };
 
