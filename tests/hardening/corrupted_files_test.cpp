@@ -632,7 +632,8 @@ TEST_F(HardeningCorruptedFiles, RandomBytesOverWholeSegments) {
     QXT_REQUIRE_SANDBOX();
     install(2);
     double t0 = now_s();
-    int runs = kSanitized ? 60 : 300;
+    // Fewer in sanitizer builds and under an emulator, where every run is many times slower.
+    int runs = kSanitized || !qxt::emulator().empty() ? 60 : 300;
     if (const char *env = getenv("QXRT_HARDENING_RANDOM_RUNS")) runs = atoi(env);
     int cases = 0, crashes = 0;
     Scratch scratch("/tmp/hard_scratch");

@@ -430,19 +430,36 @@ std::string syscall_name(long nr) {
 #ifdef SYS_lseek
     QXT_SYSCALL(lseek)
 #endif
+#ifdef SYS_mmap2
+    QXT_SYSCALL(mmap2)
+#endif
+#ifdef SYS_fstatat64
+    QXT_SYSCALL(fstatat64)
+#endif
+#ifdef SYS_fstat64
+    QXT_SYSCALL(fstat64)
+#endif
+#ifdef SYS_ftruncate64
+    QXT_SYSCALL(ftruncate64)
+#endif
+
     QXT_SYSCALL(openat)
     QXT_SYSCALL(close)
     QXT_SYSCALL(read)
     QXT_SYSCALL(write)
     QXT_SYSCALL(flock)
+#ifdef SYS_mmap
     QXT_SYSCALL(mmap)
+#endif
     QXT_SYSCALL(munmap)
     QXT_SYSCALL(ftruncate)
     QXT_SYSCALL(unlinkat)
     QXT_SYSCALL(mkdirat)
     QXT_SYSCALL(fchmodat)
     QXT_SYSCALL(faccessat)
+#ifdef SYS_newfstatat
     QXT_SYSCALL(newfstatat)
+#endif
     QXT_SYSCALL(sched_setattr)
     QXT_SYSCALL(sched_getattr)
     QXT_SYSCALL(getpgid)
