@@ -394,13 +394,7 @@ std::vector<std::string> library_files() {
 }
 
 void rebuild_sched_domains() {
-    std::string dir = qxt::format("/dev/cpuset/hard_rebuild_%d", (int)getpid());
-    if (mkdir(dir.c_str(), 0755) != 0) return;
-    std::string cpus = qxt::file_exists("/dev/cpuset/cpus") ? "cpus" : "cpuset.cpus";
-    std::string mems = qxt::file_exists("/dev/cpuset/mems") ? "mems" : "cpuset.mems";
-    qxt::write_file(dir + "/" + mems, qxt::read_file("/dev/cpuset/" + mems));
-    qxt::write_file(dir + "/" + cpus, qxt::read_file("/dev/cpuset/" + cpus));
-    rmdir(dir.c_str());
+    qxt::rebuild_sched_domains();
 }
 
 std::string syscall_name(long nr) {

@@ -325,4 +325,14 @@ QX_REALTIME_CENTRAL_t *map_central_file() {
     return (QX_REALTIME_CENTRAL_t *)map_file(RT_SHM_PREFIX "Global");
 }
 
+void rebuild_sched_domains() {
+    std::string dir = format("/dev/cpuset/qxrt_rebuild_%d", (int)getpid());
+    if (mkdir(dir.c_str(), 0755) != 0) return;
+    std::string cpus_file = file_exists("/dev/cpuset/cpus") ? "cpus" : "cpuset.cpus";
+    std::string mems_file = file_exists("/dev/cpuset/mems") ? "mems" : "cpuset.mems";
+    write_file(dir + "/" + mems_file, read_file("/dev/cpuset/" + mems_file));
+    write_file(dir + "/" + cpus_file, read_file("/dev/cpuset/" + cpus_file));
+    rmdir(dir.c_str());
+}
+
 }  // namespace qxt

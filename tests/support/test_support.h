@@ -135,6 +135,10 @@ std::string cgroup_of(pid_t tid, const std::string &controller);
 // Whether id is listed in a cgroup tasks file.
 bool tasks_file_lists(const std::string &path, pid_t id);
 
+// Rebuilds the kernel's sched domains (a child cpuset with cpus set, created and removed): drops
+// deadline bandwidth that no task holds any more.
+void rebuild_sched_domains();
+
 // Mapped view of a domain segment file, for checking records (never for kernel effects).
 QX_REALTIME_DOMAIN_t *map_domain_file(const std::string &domain);
 QX_REALTIME_CENTRAL_t *map_central_file();

@@ -140,16 +140,6 @@ pid_t vanished_tid() {
     return pid;
 }
 
-void rebuild_sched_domains() {
-    std::string dir = qxt::format("/dev/cpuset/qxrt_rebuild_%d", (int)getpid());
-    if (mkdir(dir.c_str(), 0755) != 0) return;
-    std::string cpus_file = qxt::file_exists("/dev/cpuset/cpus") ? "cpus" : "cpuset.cpus";
-    std::string mems_file = qxt::file_exists("/dev/cpuset/mems") ? "mems" : "cpuset.mems";
-    qxt::write_file(dir + "/" + mems_file, qxt::read_file("/dev/cpuset/" + mems_file));
-    qxt::write_file(dir + "/" + cpus_file, qxt::read_file("/dev/cpuset/" + cpus_file));
-    rmdir(dir.c_str());
-}
-
 std::string errno_text(int err) {
     return strerror(err);
 }

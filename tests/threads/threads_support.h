@@ -1,5 +1,5 @@
 // Helpers of the thread suite: configurations with RR and deadline domains, a started library,
-// views of the domain segment for bookkeeping checks, and a sched-domain rebuild.
+// views of the domain segment for bookkeeping checks (the sched-domain rebuild is in the shared test support).
 #ifndef QXRT_THREADS_SUPPORT_H
 #define QXRT_THREADS_SUPPORT_H
 
@@ -69,9 +69,6 @@ int error_count(const qxt::LogCapture &log);
 // A thread id that no thread has: a child process that has already been reaped.
 pid_t vanished_tid();
 
-// Rebuilds the kernel's sched domains (a child cpuset with cpus set, created and removed): drops
-// deadline bandwidth that no task holds any more.
-void rebuild_sched_domains();
 
 // The text of an errno value as the library prints it.
 std::string errno_text(int err);
