@@ -155,8 +155,8 @@ bool to_normal(int32_t tid) {
         memset(&minimal, 0, sizeof(minimal));
         minimal.size = QX_SCHED_ATTR_SIZE;
         minimal.sched_policy = kPolicyDeadline;
-        minimal.sched_runtime = 1024;
-        minimal.sched_deadline = minimal.sched_period = 4000000000ull;
+        minimal.sched_runtime = QX_DL_MINIMAL_RUNTIME_NS;
+        minimal.sched_deadline = minimal.sched_period = QX_DL_MINIMAL_PERIOD_NS;
         (void)setattr(tid, minimal);
     }
     qx_sched_attr normal;

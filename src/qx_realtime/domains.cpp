@@ -99,10 +99,9 @@ static int qx_map_domain(const char *kName, const char *pszDomainName, void **pp
     // No such domain (or a symlink, which is never followed): the caller reports it.
     *ps32Status = QX_LOOKUP_MISSING;
     if (s32ShmFd < 0) return 0;
-    struct stat st;
-    if (fstat(s32ShmFd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    long long s64Size = qx_regular_size(s32ShmFd);
+    if (s64Size < 0) {
         // Not a segment (a FIFO, a device): it fails as its ftruncate would.
-        errno = EINVAL;
         RT_LOGE("[RT_Impl][Err] [%s] ftruncate fails, errno=%s\n", kName, RT_ERRNO_STR);
         close(s32ShmFd);
         return 0;
@@ -110,14 +109,14 @@ static int qx_map_domain(const char *kName, const char *pszDomainName, void **pp
     // Sizing makes a short file whole again with zeros where its end was: a segment that is
     // shorter than it should be is not sized and used but refused. An empty one is what a
     // creator killed before it sized the segment leaves: unfinished.
-    if (st.st_size < RT_SHM_SIZE) {
+    if (s64Size < RT_SHM_SIZE) {
         close(s32ShmFd);
-        if (st.st_size == 0) {
+        if (s64Size == 0) {
             *ps32Status = QX_LOOKUP_UNFINISHED;
             return 0;
         }
         RT_LOGE("[RT_Impl][Err] [%s] %s is %lld bytes, not %d: refused.\n", kName, szPath,
-                (long long)st.st_size, RT_SHM_SIZE);
+                s64Size, RT_SHM_SIZE);
         *ps32Status = QX_LOOKUP_BROKEN;
         return 0;
     }

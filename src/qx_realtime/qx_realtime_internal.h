@@ -335,6 +335,9 @@ uint32_t _QX_REALTIME_GetCentralAndTop(int32_t *ps32FlockFd);
 enum { QX_FRAME_GO = 0, QX_FRAME_FAILED, QX_FRAME_DISABLED };
 int qx_frame_open(const char *pszOp, int32_t *ps32Central, uint32_t *pu32Ret);
 
+// The size of the regular file behind a descriptor; -1 when it is not a regular file (errno
+// EINVAL) or can't be asked.
+long long qx_regular_size(int32_t s32Fd);
 // Whether the file behind a segment descriptor is shorter than a segment (its size in
 // *ps64Size): such a mapping must not be touched. A descriptor of -1 can't tell and says no.
 int qx_fd_is_short(int32_t s32Fd, long long *ps64Size);
@@ -400,6 +403,12 @@ int qx_domain_name_ok(const char *pszName);
             return RT_ERR_INVALID_PARAM;                                                        \
         }                                                                                       \
     } while (0)
+
+// The smallest deadline reservation the kernel accepts: 1024 ns every 4 s. Its bandwidth rounds
+// to zero in the kernel's fixed-point accounting; a sleeping deadline thread is stepped through it
+// before it leaves SCHED_DEADLINE, so that its bandwidth is given back at once.
+#define QX_DL_MINIMAL_RUNTIME_NS 1024ull
+#define QX_DL_MINIMAL_PERIOD_NS 4000000000ull
 
 // The creation mark: the last word of a domain segment holds RT_DOMAIN_CREATING from the moment
 // the segment is made until its creation is complete, so that a creation cut short by the death

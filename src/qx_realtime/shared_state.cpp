@@ -30,22 +30,24 @@ int qx_format_path(char *dst, size_t dst_size, const char *fmt, ...) {
     return n;
 }
 
-int qx_fd_is_short(int32_t s32Fd, long long *ps64Size) {
+long long qx_regular_size(int32_t s32Fd) {
     struct stat st;
-    if (s32Fd < 0) return 0;  // no descriptor to ask: nothing can be told
-    if (fstat(s32Fd, &st) != 0) return 0;
-    *ps64Size = (long long)st.st_size;
-    return st.st_size < RT_SHM_SIZE;
+    if (s32Fd < 0 || fstat(s32Fd, &st) != 0) return -1;
+    if (S_ISREG(st.st_mode)) return (long long)st.st_size;
+    errno = EINVAL;  // what ftruncate says of anything but a regular file
+    return -1;
+}
+
+int qx_fd_is_short(int32_t s32Fd, long long *ps64Size) {
+    *ps64Size = qx_regular_size(s32Fd);
+    // No descriptor (or one that can't be asked) tells nothing.
+    return *ps64Size >= 0 && *ps64Size < RT_SHM_SIZE;
 }
 
 // Only a regular file is sized and mapped: a FIFO, a device or a directory planted under a
 // segment's name fails here as its ftruncate would.
 static int qx_sizeable(int fd) {
-    struct stat st;
-    if (fstat(fd, &st) != 0) return 0;
-    if (S_ISREG(st.st_mode)) return 1;
-    errno = EINVAL;
-    return 0;
+    return qx_regular_size(fd) >= 0;
 }
 
 void qx_flock_release(int32_t s32Fd) {

@@ -433,11 +433,6 @@ void QX_REALTIME_RemoveKilledThread(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32
 
 // ---- leaving SCHED_DEADLINE ----
 
-// The smallest reservation the kernel accepts: 1024 ns every 4 s. Its bandwidth rounds to zero in
-// the kernel's fixed-point accounting, so nothing stays booked for it.
-#define QX_DL_MINIMAL_RUNTIME_NS 1024ull
-#define QX_DL_MINIMAL_PERIOD_NS 4000000000ull
-
 // A SCHED_DEADLINE thread that is asleep when it is switched straight to another policy keeps
 // its bandwidth booked in the kernel's admission control long after (40 s and more measured),
 // and a handful of such switches leaves the machine unable to admit any deadline thread (EBUSY).
