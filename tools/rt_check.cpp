@@ -259,7 +259,7 @@ void Checker::check_central() {
         std::string action;
         if (repair_)
             action = chmod(path.c_str(), 0666) == 0 ? "mode set to 0666"
-                                                    : str("chmod failed: %s", strerror(errno));
+                                                    : str("could not chmod: %s", strerror(errno));
         found(RT_CENTRAL_NAME, str("the central segment has mode %04o, not 0666", st.st_mode & 0777),
               action);
     }
@@ -278,7 +278,7 @@ void Checker::check_domain(const std::string &name) {
         std::string action;
         if (repair_)
             action = unlink(path.c_str()) == 0 ? "removed; create the domain again"
-                                               : str("unlink failed: %s", strerror(errno));
+                                               : str("could not unlink: %s", strerror(errno));
         found(name, "its segment is not a regular file", action);
         return;
     }
@@ -286,7 +286,7 @@ void Checker::check_domain(const std::string &name) {
         std::string action;
         if (repair_)
             action = unlink(path.c_str()) == 0 ? "removed; create the domain again"
-                                               : str("unlink failed: %s", strerror(errno));
+                                               : str("could not unlink: %s", strerror(errno));
         found(name, str("its segment is %lld bytes, not %d", (long long)st.st_size, RT_SHM_SIZE),
               action);
         return;
@@ -295,7 +295,7 @@ void Checker::check_domain(const std::string &name) {
         std::string action;
         if (repair_)
             action = chmod(path.c_str(), 0660) == 0 ? "mode set to 0660"
-                                                    : str("chmod failed: %s", strerror(errno));
+                                                    : str("could not chmod: %s", strerror(errno));
         found(name, str("its segment has mode %04o, not 0660", st.st_mode & 0777), action);
     }
     Fd fd(open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
@@ -315,7 +315,7 @@ void Checker::check_domain(const std::string &name) {
         std::string action;
         if (repair_)
             action = unlink(path.c_str()) == 0 ? "removed; create the domain again"
-                                               : str("unlink failed: %s", strerror(errno));
+                                               : str("could not unlink: %s", strerror(errno));
         found(name, "half-created: its creator died before it was done", action);
         return;
     }
@@ -442,10 +442,13 @@ void Checker::check_groups(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
             bool moved_cpuacct = write_text(std::string(RT_CPUACCT_ROOT) + "tasks", str("%d", tid));
             bool moved = moved_cpuset && moved_cpuacct;
             bool normal = !rt || to_normal(tid);
-            action = str("%s%s", moved ? "moved to the root groups" : "could not be moved",
-                         rt ? (normal ? ", back to normal scheduling"
-                                      : ", could not be set to normal scheduling")
-                            : "");
+            if (moved && normal)
+                action = rt ? "moved to the root groups, back to normal scheduling"
+                            : "moved to the root groups";
+            else
+                action = str("could not %s%s", moved ? "" : "move it to the root groups",
+                             normal ? "" : (moved ? "set it to normal scheduling"
+                                                  : " nor set it to normal scheduling"));
         }
         found(name,
               str("thread %d is in the domain's groups%s without a record", tid,

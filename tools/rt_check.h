@@ -13,7 +13,9 @@ namespace rtcheck {
 struct Finding {
     std::string where;   // "Global" or the domain's name
     std::string what;    // the inconsistency
-    std::string action;  // what the repair did ("" when not repaired)
+    std::string action;  // what the repair did or why it could not ("" when not asked to)
+    // Whether the repair was asked for and done: every action that failed begins "could not".
+    bool repaired() const { return !action.empty() && action.compare(0, 9, "could not") != 0; }
 };
 
 // Walks the central segment and every domain segment; with repair, fixes what it finds. Returns

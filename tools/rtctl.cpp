@@ -637,10 +637,7 @@ int run_check(const char *name, const Args &a) {
     std::string error;
     std::vector<rtcheck::Finding> findings = rtcheck::run(a.repair, &error);
     size_t repaired = 0;
-    for (const rtcheck::Finding &f : findings)
-        if (!f.action.empty() && f.action.find("fail") == std::string::npos &&
-            f.action.compare(0, 5, "could") != 0)
-            repaired++;
+    for (const rtcheck::Finding &f : findings) repaired += f.repaired() ? 1 : 0;
     int status = !error.empty() ? 1 : findings.empty() ? 0 : a.repair && repaired == findings.size() ? 0 : 1;
     if (a.json) {
         rtctl::Json j;
