@@ -240,8 +240,13 @@ void Checker::check_central() {
     struct stat st;
     if (lstat(path.c_str(), &st) != 0) return;
     if (!S_ISREG(st.st_mode)) {
-        found(RT_CENTRAL_NAME, "the central segment is not a regular file",
-              "nothing (QX_REALTIME_Deinit, then QX_REALTIME_Init, make it anew)");
+        // It holds no settings and no process can have it mapped: removed, Init makes it anew.
+        std::string action;
+        if (repair_)
+            action = unlink(path.c_str()) == 0
+                         ? "removed; call QX_REALTIME_Init (rtctl init) to make it anew"
+                         : str("could not unlink: %s", strerror(errno));
+        found(RT_CENTRAL_NAME, "the central segment is not a regular file", action);
         return;
     }
     if (st.st_size != RT_SHM_SIZE) {

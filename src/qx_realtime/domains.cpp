@@ -1,5 +1,5 @@
 // Domains: lookup with the per-process mapping table, creation, enumeration, deletion, the budget
-// query and the DMIPS conversion.
+// check (shared with admission), the budget query and the DMIPS conversion.
 #include <fcntl.h>
 #include <pthread.h>
 #include <stdlib.h>
@@ -10,25 +10,7 @@
 
 #include "qx_realtime_internal.h"
 
-int qx_cpuset_file_path(char *dst, size_t dst_size, const char *pszDir, const char *pszName) {
-    if (qx_format_path(dst, dst_size, "%s/%s", pszDir, pszName) < 0) return -1;
-    if (access(dst, F_OK) == 0) return 0;
-    char szPrefixed[RT_PATH_LEN];
-    if (RT_FORMAT_PATH(szPrefixed, "%s/cpuset.%s", pszDir, pszName) >= 0 &&
-        access(szPrefixed, F_OK) == 0)
-        return qx_format_path(dst, dst_size, "%s", szPrefixed) < 0 ? -1 : 0;
-    return 0;
-}
-
 // ---- names and the trust placed in a segment ----
-
-int qx_domain_name_ok(const char *pszName) {
-    if (pszName == NULL) return 0;
-    size_t uLen = strnlen(pszName, RT_NAME_LEN);
-    if (uLen == 0 || uLen > RT_DOMAIN_NAME_MAX) return 0;
-    if (strchr(pszName, '/') != NULL) return 0;
-    return strcmp(pszName, ".") != 0 && strcmp(pszName, "..") != 0;
-}
 
 // Whether a path field of a record reads exactly pszBase + pszName + pszTail.
 static int qx_field_is(const char *pszField, const char *pszBase, const char *pszName,
@@ -95,22 +77,21 @@ static int qx_map_domain(const char *kName, const char *pszDomainName, void **pp
                          int *ps32Status) {
     char szPath[RT_PATH_LEN];
     if (RT_FORMAT_PATH(szPath, "%s%s", RT_SHM_PREFIX, pszDomainName) < 0) return 0;
-    int32_t s32ShmFd = open(szPath, O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+    qx_fd stShm(open(szPath, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
     // No such domain (or a symlink, which is never followed): the caller reports it.
     *ps32Status = QX_LOOKUP_MISSING;
-    if (s32ShmFd < 0) return 0;
-    long long s64Size = qx_regular_size(s32ShmFd);
+    if (!stShm.ok()) return 0;
+    long long s64Size = qx_regular_size(stShm.get());
     if (s64Size < 0) {
         // Not a segment (a FIFO, a device): it fails as its ftruncate would.
         RT_LOGE("[RT_Impl][Err] [%s] ftruncate fails, errno=%s\n", kName, RT_ERRNO_STR);
-        close(s32ShmFd);
         return 0;
     }
     // Sizing makes a short file whole again with zeros where its end was: a segment that is
     // shorter than it should be is not sized and used but refused. An empty one is what a
     // creator killed before it sized the segment leaves: unfinished.
     if (s64Size < RT_SHM_SIZE) {
-        close(s32ShmFd);
+        stShm.reset();
         if (s64Size == 0) {
             *ps32Status = QX_LOOKUP_UNFINISHED;
             return 0;
@@ -121,9 +102,8 @@ static int qx_map_domain(const char *kName, const char *pszDomainName, void **pp
         return 0;
     }
     *ps32Status = QX_LOOKUP_FAILED;
-    if (ftruncate(s32ShmFd, RT_SHM_SIZE) != 0) {
+    if (ftruncate(stShm.get(), RT_SHM_SIZE) != 0) {
         RT_LOGE("[RT_Impl][Err] [%s] ftruncate fails, errno=%s\n", kName, RT_ERRNO_STR);
-        close(s32ShmFd);
         return 0;
     }
     if (pstTop->u32DomainMapNum >= RT_MAX_DOMAIN_MAP) {
@@ -132,33 +112,31 @@ static int qx_map_domain(const char *kName, const char *pszDomainName, void **pp
         RT_LOGE("[RT_Impl][Err] [%s] Can't map domain [%s]: this process maps at most %d "
                 "domains.\n",
                 kName, pszDomainName, RT_MAX_DOMAIN_MAP);
-        close(s32ShmFd);
         return 0;
     }
-    *ppvAddr = mmap(NULL, RT_SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, s32ShmFd, 0);
-    if (*ppvAddr == MAP_FAILED) {
+    qx_mapping stMap;
+    *ppvAddr = NULL;
+    if (!stMap.map(stShm.get())) {
         RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] mmap fails\n", kName, getpid(),
                 qx_gettid());
-        *ppvAddr = NULL;
-    } else {
-        // Only a finished, sound domain enters the table.
-        *ps32Status = qx_check_segment(kName, pszDomainName, (QX_REALTIME_DOMAIN_t *)*ppvAddr,
-                                       s32ShmFd);
-        if (*ps32Status != QX_LOOKUP_FOUND) {
-            munmap(*ppvAddr, RT_SHM_SIZE);
-            close(s32ShmFd);
-            return 0;
-        }
-        QX_REALTIME_DOMAIN_MAP_t *pstEntry = &pstTop->astDomainMap[pstTop->u32DomainMapNum];
-        *ppstEntry = pstEntry;
-        pstEntry->pvDomainAddr = *ppvAddr;
-        qx_copy_name(pstEntry->szDomainName, pszDomainName);
-        pstEntry->s32ShmFd = s32ShmFd;
-        pstTop->u32DomainMapNum += 1;
-        RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] shm exists. mmap=%p, s32ShmFd=%d\n",
-                kName, getpid(), qx_gettid(), *ppvAddr, s32ShmFd);
+        // The lookup goes on to the lock file; the descriptor stays open.
+        *ps32ShmFd = stShm.release();
+        return 1;
     }
-    *ps32ShmFd = s32ShmFd;
+    // Only a finished, sound domain enters the table.
+    *ps32Status = qx_check_segment(kName, pszDomainName, (QX_REALTIME_DOMAIN_t *)stMap.get(),
+                                   stShm.get());
+    if (*ps32Status != QX_LOOKUP_FOUND) return 0;
+    QX_REALTIME_DOMAIN_MAP_t *pstEntry = &pstTop->astDomainMap[pstTop->u32DomainMapNum];
+    *ppstEntry = pstEntry;
+    *ppvAddr = stMap.release();
+    pstEntry->pvDomainAddr = *ppvAddr;
+    qx_copy_name(pstEntry->szDomainName, pszDomainName);
+    pstEntry->s32ShmFd = stShm.release();
+    pstTop->u32DomainMapNum += 1;
+    RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] shm exists. mmap=%p, s32ShmFd=%d\n", kName,
+            getpid(), qx_gettid(), *ppvAddr, pstEntry->s32ShmFd);
+    *ps32ShmFd = pstEntry->s32ShmFd;
     return 1;
 }
 
@@ -230,30 +208,25 @@ QX_REALTIME_DOMAIN_t *_QX_REALTIME_GetDomainFromName(const char *pszDomainName,
     return pstDomain;
 }
 
-int qx_domain_lock(const char *pszOp, const char *pszDomainName, QX_REALTIME_DOMAIN_t **ppstDomain,
-                   int32_t *ps32DomainFd, uint32_t *pu32Ret) {
+int qx_domain_hold::take(const char *pszOp, const char *pszDomainName, uint32_t *pu32Ret) {
     int32_t s32Central = -1;
     int s32Frame = qx_frame_open(pszOp, &s32Central, pu32Ret);
     if (s32Frame == QX_FRAME_FAILED) return QX_DOMAIN_NO_CENTRAL;
     if (s32Frame == QX_FRAME_DISABLED) return QX_DOMAIN_DISABLED;
-    pthread_mutex_lock(&mutex);
-    flock(s32Central, LOCK_EX);
-    *ps32DomainFd = -1;
-    *ppstDomain = _QX_REALTIME_GetDomainFromName(pszDomainName, ps32DomainFd);
-    qx_flock_release(s32Central);
-    if (*ppstDomain == NULL) {
-        pthread_mutex_unlock(&mutex);
+    stMutex_.lock();
+    qx_lock_file stCentral;
+    *stCentral.slot() = s32Central;
+    stCentral.lock();
+    pstDomain_ = _QX_REALTIME_GetDomainFromName(pszDomainName, stFile_.slot());
+    stCentral.release();
+    if (pstDomain_ == NULL) {
+        release();
         *pu32Ret = RT_ERR_NULL;
         return QX_DOMAIN_MISSING;
     }
-    flock(*ps32DomainFd, LOCK_EX);
+    stFile_.lock();
     *pu32Ret = RT_SUCCESS;
     return QX_DOMAIN_LOCKED;
-}
-
-void qx_domain_unlock(int32_t s32DomainFd) {
-    qx_flock_release(s32DomainFd);
-    pthread_mutex_unlock(&mutex);
 }
 
 // ---- creation ----
@@ -391,6 +364,45 @@ static int qx_creation_wanted(const char *kName, const char *pszDomainName) {
     return lstat(szShmPath, &st) == 0 && S_ISREG(st.st_mode) ? QX_CREATE_EXISTS : QX_CREATE_NEW;
 }
 
+// A new segment's header: marked as being created, empty, named, records starting after it.
+static void qx_start_domain_record(QX_REALTIME_DOMAIN_t *pstDomain, const char *pszDomainName) {
+    qx_set_creation_mark(pstDomain, RT_DOMAIN_CREATING);
+    pstDomain->s32NextOffset = 0;
+    pstDomain->s32ClassStartOffset = 0;
+    pstDomain->s32ClassNum = 0;
+    pstDomain->s32ThreadStartOffset = 0;
+    pstDomain->s32ThreadNum = 0;
+    pstDomain->u32SchedType = 0;
+    qx_copy_name(pstDomain->szName, pszDomainName);
+    pstDomain->s32NextOffset = RT_DOMAIN_HEADER_SIZE;
+    pstDomain->s32ClassStartOffset = RT_DOMAIN_HEADER_SIZE;
+}
+
+// Enters a created domain in this process's mapping table. Write, count, then test: the order of
+// the table's bookkeeping is kept as designed.
+static uint32_t qx_enter_created_domain(const char *pszDomainName, int32_t s32ShmFd,
+                                        void *pvAddr) {
+    uint32_t u32Index = pstTop->u32DomainMapNum;
+    QX_REALTIME_DOMAIN_MAP_t *pstEntry = NULL;
+    if (u32Index < RT_MAX_DOMAIN_MAP) {
+        pstEntry = &pstTop->astDomainMap[u32Index];
+        qx_copy_name(pstEntry->szDomainName, pszDomainName);
+        pstEntry->s32ShmFd = s32ShmFd;
+        pstEntry->pvDomainAddr = pvAddr;
+        pstTop->u32DomainMapNum = u32Index + 1;
+    }
+    if (u32Index + 1 < RT_MAX_DOMAIN_MAP) return RT_SUCCESS;
+    RT_LOGE_AS("QX_REALTIME_CreateDomain", "[RT_Impl][Err] Domain number (%d) in the process shouldn't more than %d\n",
+            (int)(u32Index + 1), RT_MAX_DOMAIN_MAP);
+    // The entry stays, but without its address: no later lookup may hand out a mapping that the
+    // creation's undo releases.
+    if (pstEntry != NULL) {
+        pstEntry->pvDomainAddr = NULL;
+        pstEntry->s32ShmFd = -1;
+    }
+    return RT_ERR_FAILED;
+}
+
 uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
     static const char kName[] = "QX_REALTIME_CreateDomain";
     int32_t s32Central = -1;
@@ -427,17 +439,7 @@ uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
     }
 
     QX_REALTIME_DOMAIN_t *pstDomain = (QX_REALTIME_DOMAIN_t *)pvAddr;
-    qx_set_creation_mark(pstDomain, RT_DOMAIN_CREATING);
-    pstDomain->s32NextOffset = 0;
-    pstDomain->s32ClassStartOffset = 0;
-    pstDomain->s32ClassNum = 0;
-    pstDomain->s32ThreadStartOffset = 0;
-    pstDomain->s32ThreadNum = 0;
-    pstDomain->u32SchedType = 0;
-    qx_copy_name(pstDomain->szName, pszDomainName);
-    pstDomain->s32NextOffset = RT_DOMAIN_HEADER_SIZE;
-    pstDomain->s32ClassStartOffset = RT_DOMAIN_HEADER_SIZE;
-
+    qx_start_domain_record(pstDomain, pszDomainName);
     u32Ret = _QX_REALTIME_JsonParser(pstJsonPath, pstDomain);
     if (u32Ret != RT_SUCCESS) {
         RT_LOGE("[RT_Impl][Err] Failed to parse Json at [%s].\n",
@@ -445,30 +447,7 @@ uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
     } else {
         u32Ret = qx_create_domain_impl(pstDomain);
     }
-
-    if (u32Ret == RT_SUCCESS) {
-        // Write, count, then test: the order of the table's bookkeeping is kept as designed.
-        uint32_t u32Index = pstTop->u32DomainMapNum;
-        QX_REALTIME_DOMAIN_MAP_t *pstEntry = NULL;
-        if (u32Index < RT_MAX_DOMAIN_MAP) {
-            pstEntry = &pstTop->astDomainMap[u32Index];
-            qx_copy_name(pstEntry->szDomainName, pszDomainName);
-            pstEntry->s32ShmFd = s32ShmFd;
-            pstEntry->pvDomainAddr = pvAddr;
-            pstTop->u32DomainMapNum = u32Index + 1;
-        }
-        if (u32Index + 1 >= RT_MAX_DOMAIN_MAP) {
-            RT_LOGE("[RT_Impl][Err] Domain number (%d) in the process shouldn't more than %d\n",
-                    (int)(u32Index + 1), RT_MAX_DOMAIN_MAP);
-            // The entry stays, but without its address: no later lookup may hand out a
-            // mapping that the undo below releases.
-            if (pstEntry != NULL) {
-                pstEntry->pvDomainAddr = NULL;
-                pstEntry->s32ShmFd = -1;
-            }
-            u32Ret = RT_ERR_FAILED;
-        }
-    }
+    if (u32Ret == RT_SUCCESS) u32Ret = qx_enter_created_domain(pszDomainName, s32ShmFd, pvAddr);
 
     if (u32Ret != RT_SUCCESS) {
         _QX_REALTIME_SharedMemoryFree(pszDomainName, &s32ShmFd, pvAddr);
@@ -691,7 +670,49 @@ int32_t QX_REALTIME_DeleteDomain(const char *pszDomainName) {
     return (int32_t)u32Ret;
 }
 
-// ---- budget query and DMIPS conversion ----
+// ---- the budget check, the budget query and the DMIPS conversion ----
+
+// Whether a utilisation (RR) or a reservation (deadline, converted to a utilisation in
+// *ps32Util) fits the domain's budget in place of s32OrigUtil.
+uint32_t _QX_REALTIME_CheckOverUtil(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32RuntimeUs,
+                                    int32_t s32DeadlineUs, int32_t s32PeriodUs, int32_t *ps32Util,
+                                    int32_t s32OrigUtil) {
+    if (pstDomain == NULL || ps32Util == NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", __func__);
+        return RT_ERR_INVALID_PARAM;
+    }
+    if (pstDomain->u32SchedType == RT_SCHED_TYPE_RR) {
+        if (*ps32Util < 0) {
+            RT_LOGE("[RT_Impl][Err] [%s] Invalid parameter %d: (should) s32Util >= 0.\n", __func__,
+                    *ps32Util);
+            return RT_ERR_INVALID_PARAM;
+        }
+    } else if (pstDomain->u32SchedType == RT_SCHED_TYPE_DEADLINE) {
+        if (!(s32DeadlineUs >= s32RuntimeUs && s32PeriodUs >= s32DeadlineUs)) {
+            RT_LOGE("[RT_Impl][Err] [%s] Invalid Deadline parameter: (should) DlPeriodUs=%d >= "
+                    "DlDeadlineUs=%d >= DlRuntimeUs=%d.\n",
+                    __func__, s32PeriodUs, s32DeadlineUs, s32RuntimeUs);
+            return RT_ERR_INVALID_PARAM;
+        }
+        int32_t s32Cap = pstTop->s32CapPerCore;
+        *ps32Util = s32PeriodUs == 0
+                        ? 0
+                        : (int32_t)(((uint32_t)s32RuntimeUs * (uint32_t)s32Cap) /
+                                    (uint32_t)s32PeriodUs);
+        RT_LOGI("[RT_Impl][Info] Get converted Util=[%d] from DlRuntimeUs=[%d], DlPeriodUs=[%d], "
+                "s32CapPerCore=[%d].\n",
+                *ps32Util, s32RuntimeUs, s32PeriodUs, s32Cap);
+    }
+    int64_t s64After = (int64_t)pstDomain->s32UtilCurrent - s32OrigUtil + *ps32Util;
+    if (pstDomain->s32UtilMax >= 1 && s64After > pstDomain->s32UtilMax) {
+        RT_LOGE("[RT_Impl][Err] [%s] Domain[%s] over s32Util: new Util is %d, original Util is "
+                "%d,domain current total Util is %d, max. domain Util is %d\n",
+                __func__, qx_name_of(pstDomain->szName).sz, *ps32Util, s32OrigUtil,
+                pstDomain->s32UtilCurrent, pstDomain->s32UtilMax);
+        return RT_ERR_OVER_BUDGET;
+    }
+    return RT_SUCCESS;
+}
 
 uint32_t QX_REALTIME_QueryBudget(const char *pszDomainName, QX_REALTIME_UTIL_t *pstUtil,
                                  int32_t *ps32UtilLeft) {
@@ -707,12 +728,12 @@ uint32_t QX_REALTIME_QueryBudget(const char *pszDomainName, QX_REALTIME_UTIL_t *
         return RT_ERR_NULL;
     }
     RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
-    QX_REALTIME_DOMAIN_t *pstDomain = NULL;
-    int32_t s32DomainFd = -1;
+    qx_domain_hold stHold;
     uint32_t u32Ret;
-    int s32Outcome = qx_domain_lock(kName, pszDomainName, &pstDomain, &s32DomainFd, &u32Ret);
+    int s32Outcome = stHold.take(kName, pszDomainName, &u32Ret);
     if (s32Outcome == QX_DOMAIN_MISSING) RT_LOGE("[RT_Impl][Err] [%s] pstDomain is NULL.\n", kName);
     if (s32Outcome != QX_DOMAIN_LOCKED) return u32Ret;
+    QX_REALTIME_DOMAIN_t *pstDomain = stHold.domain();
 
     u32Ret = _QX_REALTIME_CheckOverUtil(pstDomain, pstUtil->DlRuntimeUs, pstUtil->DlDeadlineUs,
                                         pstUtil->DlPeriodUs, &pstUtil->s32Util, 0);
@@ -721,7 +742,7 @@ uint32_t QX_REALTIME_QueryBudget(const char *pszDomainName, QX_REALTIME_UTIL_t *
         RT_LOGD("[RT_Impl][DBG] [%s] successfully.\n", kName);
     else
         RT_LOGD("[RT_Impl][DBG] [%s] fails.\n", kName);
-    qx_domain_unlock(s32DomainFd);
+    stHold.release();
     RT_EXIT(kName, u32Ret);
     return u32Ret;
 }
@@ -733,13 +754,12 @@ uint32_t QX_REALTIME_DmipsToUs(uint32_t u32Dmips, uint32_t *u32MiscroSec) {
         RT_LOGE("[RT_Impl][Err] [%s] u32MiscroSec is NULL.\n", kName);
         return RT_ERR_NULL;
     }
-    pthread_mutex_lock(&mutex);
-    if (_QX_REALTIME_GetCentralAndTop(&s32Central) != RT_SUCCESS) {
-        pthread_mutex_unlock(&mutex);
-        return RT_ERR_NULL;  // whatever the code was: unlike the budget query, kept
+    {
+        qx_mutex_hold stHold;
+        if (_QX_REALTIME_GetCentralAndTop(&s32Central) != RT_SUCCESS)
+            return RT_ERR_NULL;  // whatever the code was: unlike the budget query, kept
+        qx_fd stCentral(s32Central);  // only the attach was wanted: closed before the unlock
     }
-    close(s32Central);
-    pthread_mutex_unlock(&mutex);
     if (!qx_enabled()) return RT_SUCCESS;
 
     int32_t s32Cap = pstTop->s32CapPerCore;

@@ -75,10 +75,8 @@ static void qx_sleep_interval(const char *pszOp, uint32_t u32IntervalMs) {
 
 // The domain lookup of the sampler, under `mutex` for this process's mapping table.
 static QX_REALTIME_DOMAIN_t *qx_sampler_lookup(const char *pszDomainName) {
-    pthread_mutex_lock(&mutex);
-    QX_REALTIME_DOMAIN_t *pstDomain = _QX_REALTIME_GetDomainFromName(pszDomainName, NULL);
-    pthread_mutex_unlock(&mutex);
-    return pstDomain;
+    qx_mutex_hold stHold;
+    return _QX_REALTIME_GetDomainFromName(pszDomainName, NULL);
 }
 
 // A budget in percent of one core. With a per-core capability of 0 no budget can be expressed:
@@ -323,18 +321,22 @@ uint32_t QX_REALTIME_DumpDomainInfo(const char *pszDomainName) {
         return RT_SUCCESS;
     }
 
-    pthread_mutex_lock(&mutex);
-    flock(s32Central, LOCK_EX);
-    int32_t s32DomainFd = -1;
-    QX_REALTIME_DOMAIN_t *pstDomain = _QX_REALTIME_GetDomainFromName(pszDomainName, &s32DomainFd);
+    // The domain hold's order, with the refusal logged while the central lock is still held.
+    qx_mutex_hold stMutex;
+    qx_lock_file stCentral;
+    *stCentral.slot() = s32Central;
+    stCentral.lock();
+    qx_lock_file stDomainFile;
+    QX_REALTIME_DOMAIN_t *pstDomain = _QX_REALTIME_GetDomainFromName(pszDomainName,
+                                                                     stDomainFile.slot());
     if (pstDomain == NULL) {
         RT_LOGE("[RT_Impl][Err] [%s] pstDomain is NULL for [%s].\n", kName, pszDomainName);
-        qx_flock_release(s32Central);
-        pthread_mutex_unlock(&mutex);
+        stCentral.release();
+        stMutex.unlock();
         return RT_ERR_NULL;
     }
-    qx_flock_release(s32Central);
-    flock(s32DomainFd, LOCK_EX);
+    stCentral.release();
+    stDomainFile.lock();
 
     uint32_t u32MapNum = pstTop->u32DomainMapNum;
     if (u32MapNum > RT_MAX_DOMAIN_MAP) u32MapNum = RT_MAX_DOMAIN_MAP;
@@ -349,7 +351,8 @@ uint32_t QX_REALTIME_DumpDomainInfo(const char *pszDomainName) {
     qx_dump_kernel_view(kName, pstDomain);
     RT_LOGE("[RT_Impl][Err] =========================\n");
 
-    qx_domain_unlock(s32DomainFd);
+    stDomainFile.release();
+    stMutex.unlock();
     RT_EXIT(kName, RT_SUCCESS);
     return RT_SUCCESS;
 }

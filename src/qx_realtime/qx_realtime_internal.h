@@ -11,6 +11,7 @@
 #include <unistd.h>
 #include <pthread.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 
 #define JSMN_HEADER  // declarations only: the tokenizer is compiled once, in src/platform/jsmn.c
 #include <jsmn.h>
@@ -231,10 +232,13 @@ void qx_log_emit(int kind, const char *func, int line, const char *fmt, ...)
 
 // The level is tested before any argument is evaluated: a suppressed message formats nothing and
 // makes no system call.
-#define RT_LOGE(...)                                                            \
+#define RT_LOGE(...) RT_LOGE_AS(__func__, __VA_ARGS__)
+// An error whose Android form names another function than the one it is written in: a part of an
+// operation split into a function of its own reports in the operation's name.
+#define RT_LOGE_AS(func, ...)                                                   \
     do {                                                                        \
         if (qx_log_wanted(RT_DBG_LEVEL_ERR))                                    \
-            qx_log_emit(QX_MSG_ERR, __func__, __LINE__, __VA_ARGS__);           \
+            qx_log_emit(QX_MSG_ERR, func, __LINE__, __VA_ARGS__);               \
     } while (0)
 #define RT_LOGI(...)                                                            \
     do {                                                                        \
@@ -344,8 +348,6 @@ int qx_fd_is_short(int32_t s32Fd, long long *ps64Size);
 // Whether this process's central mapping is whole; if not, says so in an error message.
 int qx_central_intact(const char *pszOp);
 
-// Releases a lock file taken with LOCK_EX and closes it.
-void qx_flock_release(int32_t s32Fd);
 
 // Record access with bounds checks against the segment: NULL when the record would not lie
 // wholly inside the 16384 bytes (a corrupted or hostile segment never makes us read past it).
@@ -419,14 +421,8 @@ int qx_domain_name_ok(const char *pszName);
 #define RT_DOMAIN_CREATING 0x51585243u
 void qx_set_creation_mark(QX_REALTIME_DOMAIN_t *pstDomain, uint32_t u32Mark);
 
-// The calling order of the operations that work on one domain under its lock: mutex, central
-// lock around the lookup only, then the domain lock. QX_DOMAIN_LOCKED leaves the domain lock and
-// mutex held (release with qx_domain_unlock); every other outcome has released everything and
-// set *pu32Ret to the operation's result; QX_DOMAIN_MISSING leaves the message to the caller.
+// The outcomes of taking one domain for an operation (qx_domain_hold::take).
 enum { QX_DOMAIN_LOCKED = 0, QX_DOMAIN_NO_CENTRAL, QX_DOMAIN_DISABLED, QX_DOMAIN_MISSING };
-int qx_domain_lock(const char *pszOp, const char *pszDomainName, QX_REALTIME_DOMAIN_t **ppstDomain,
-                   int32_t *ps32DomainFd, uint32_t *pu32Ret);
-void qx_domain_unlock(int32_t s32DomainFd);
 
 // a - b and a + b on 32-bit words, wrapping as the shared counters always have.
 static inline int32_t qx_wrap_sub(int32_t a, int32_t b) {
@@ -474,35 +470,167 @@ uint32_t _QX_REALTIME_GetTotalCpuStat(int32_t *ps32Time);
 #ifdef __cplusplus
 }
 
+// ---- ownership of descriptors, lock files, mappings and the process mutex ----
+// Each releases what it owns at the end of its scope; an operation whose messages or further
+// steps must follow a release calls it early, by name. The order of releases is part of the
+// library's behaviour (lock file before mutex, lookup before domain lock), so it is written here
+// once and the operations only choose where a scope ends.
+
+// The process mutex: taken on construction (or later with lock()), given back by unlock() or at
+// the end of the scope.
+class qx_mutex_hold {
+public:
+    explicit qx_mutex_hold(bool bTakeNow = true) {
+        if (bTakeNow) lock();
+    }
+    ~qx_mutex_hold() { unlock(); }
+    qx_mutex_hold(const qx_mutex_hold &) = delete;
+    qx_mutex_hold &operator=(const qx_mutex_hold &) = delete;
+    void lock() {
+        if (bHeld_) return;
+        pthread_mutex_lock(&mutex);
+        bHeld_ = true;
+    }
+    void unlock() {
+        if (!bHeld_) return;
+        pthread_mutex_unlock(&mutex);
+        bHeld_ = false;
+    }
+
+private:
+    bool bHeld_ = false;
+};
+
+// A descriptor closed at the end of the scope unless handed on with release().
+class qx_fd {
+public:
+    explicit qx_fd(int32_t s32Fd = -1) : s32Fd_(s32Fd) {}
+    ~qx_fd() { reset(); }
+    qx_fd(const qx_fd &) = delete;
+    qx_fd &operator=(const qx_fd &) = delete;
+    int32_t get() const { return s32Fd_; }
+    bool ok() const { return s32Fd_ >= 0; }
+    // The caller owns the descriptor from here on.
+    int32_t release() {
+        int32_t s32Fd = s32Fd_;
+        s32Fd_ = -1;
+        return s32Fd;
+    }
+    void reset(int32_t s32Fd = -1) {
+        if (s32Fd_ >= 0) close(s32Fd_);
+        s32Fd_ = s32Fd;
+    }
+
+private:
+    int32_t s32Fd_;
+};
+
+// A lock file's descriptor: lock() takes the exclusive flock; release() (or the end of the scope)
+// unlocks a taken lock and closes the file. A file never locked is only closed.
+class qx_lock_file {
+public:
+    qx_lock_file() = default;
+    ~qx_lock_file() { release(); }
+    qx_lock_file(const qx_lock_file &) = delete;
+    qx_lock_file &operator=(const qx_lock_file &) = delete;
+    // Where the lock-file opener stores the descriptor.
+    int32_t *slot() { return &s32Fd_; }
+    int32_t get() const { return s32Fd_; }
+    void lock() {
+        flock(s32Fd_, LOCK_EX);
+        bLocked_ = true;
+    }
+    void release() {
+        if (s32Fd_ < 0) return;
+        if (bLocked_) flock(s32Fd_, LOCK_UN);
+        close(s32Fd_);
+        s32Fd_ = -1;
+        bLocked_ = false;
+    }
+
+private:
+    int32_t s32Fd_ = -1;
+    bool bLocked_ = false;
+};
+
+// A shared mapping of one segment, unmapped at the end of the scope unless handed on.
+class qx_mapping {
+public:
+    qx_mapping() = default;
+    ~qx_mapping() { reset(); }
+    qx_mapping(const qx_mapping &) = delete;
+    qx_mapping &operator=(const qx_mapping &) = delete;
+    // Maps a whole segment of s32Fd; false (nothing mapped) when mmap fails.
+    bool map(int32_t s32Fd) {
+        reset();
+        void *pvAddr = mmap(NULL, RT_SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, s32Fd, 0);
+        if (pvAddr == MAP_FAILED) return false;
+        pvAddr_ = pvAddr;
+        return true;
+    }
+    void *get() const { return pvAddr_; }
+    void *release() {
+        void *pvAddr = pvAddr_;
+        pvAddr_ = NULL;
+        return pvAddr;
+    }
+    void reset() {
+        if (pvAddr_ != NULL) munmap(pvAddr_, RT_SHM_SIZE);
+        pvAddr_ = NULL;
+    }
+
+private:
+    void *pvAddr_ = NULL;
+};
+
 // The central lock file held to the end of an operation (creation, deletion, enumeration, the
 // one-domain dump's lookup): taken under the process mutex on construction; release() (or the
 // end of the scope) unlocks and closes the lock file, then unlocks the mutex, in that order.
 // Operations whose exit message follows the release call release() before it.
 class qx_central_hold {
 public:
-    explicit qx_central_hold(int32_t s32Fd) : s32Fd_(s32Fd) {
-        pthread_mutex_lock(&mutex);
-        flock(s32Fd_, LOCK_EX);
+    explicit qx_central_hold(int32_t s32Fd) {
+        *stFile_.slot() = s32Fd;
+        stFile_.lock();
     }
     ~qx_central_hold() { release(); }
     qx_central_hold(const qx_central_hold &) = delete;
     qx_central_hold &operator=(const qx_central_hold &) = delete;
     // Unlocks and closes the lock file but keeps the mutex: the lookup-then-domain-lock order.
-    void release_file() {
-        if (s32Fd_ < 0) return;
-        qx_flock_release(s32Fd_);
-        s32Fd_ = -1;
-    }
+    void release_file() { stFile_.release(); }
     void release() {
-        if (!bMutex_) return;
         release_file();
-        pthread_mutex_unlock(&mutex);
-        bMutex_ = false;
+        stMutex_.unlock();
     }
 
 private:
-    int32_t s32Fd_;
-    bool bMutex_ = true;
+    qx_mutex_hold stMutex_;  // declared first: taken before, given back after the lock file
+    qx_lock_file stFile_;
+};
+
+// One domain held for an operation, in the calling order of every operation that works on one
+// domain: the process mutex, the central lock around the lookup only, then the domain's lock
+// file. take() answers QX_DOMAIN_LOCKED with the domain lock and the mutex held (given back by
+// release() or at the end of the scope, lock file first); any other outcome has given back the
+// locks and set *pu32Ret to the operation's result; QX_DOMAIN_MISSING leaves the message to the
+// caller.
+class qx_domain_hold {
+public:
+    qx_domain_hold() : stMutex_(false) {}
+    ~qx_domain_hold() { release(); }
+    qx_domain_hold(const qx_domain_hold &) = delete;
+    qx_domain_hold &operator=(const qx_domain_hold &) = delete;
+    int take(const char *pszOp, const char *pszDomainName, uint32_t *pu32Ret);
+    QX_REALTIME_DOMAIN_t *domain() const { return pstDomain_; }
+    void release() {
+        stFile_.release();
+        stMutex_.unlock();
+    }
+
+private:
+    qx_mutex_hold stMutex_;
+    qx_lock_file stFile_;
+    QX_REALTIME_DOMAIN_t *pstDomain_ = NULL;
 };
 #endif
 

@@ -1,4 +1,4 @@
-// Cross-process shared state: the bounded formatter, lock files, the 16384-byte segments, the
+// Cross-process shared state: the process-wide state, the bounded formatter, domain names, lock files, the 16384-byte segments, the
 // attach path to the central segment, and bounds-checked access to records inside a segment.
 #include <fcntl.h>
 #include <pthread.h>
@@ -9,6 +9,13 @@
 #include <sys/stat.h>
 
 #include "qx_realtime_internal.h"
+
+// ---- process-wide state ----
+
+pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+char u8JsonPath[RT_JSON_PATH_LEN];
+QX_REALTIME_TOP_t *pstTop = NULL;
+const char *pstJsonPath = NULL;
 
 int qx_snprintf(char *dst, size_t maxlen, size_t objsize, const char *fmt, ...) {
     va_list ap;
@@ -48,11 +55,6 @@ int qx_fd_is_short(int32_t s32Fd, long long *ps64Size) {
 // segment's name fails here as its ftruncate would.
 static int qx_sizeable(int fd) {
     return qx_regular_size(fd) >= 0;
-}
-
-void qx_flock_release(int32_t s32Fd) {
-    flock(s32Fd, LOCK_UN);
-    close(s32Fd);
 }
 
 uint32_t _QX_REALTIME_GetFlock(const char *pszName, int32_t *ps32Fd) {
@@ -135,20 +137,23 @@ uint32_t _QX_REALTIME_SharedMemoryAlloc(const char *pszName, int32_t *ps32ShmFd,
         }
     }
 
-    if (!qx_sizeable(fd) || ftruncate(fd, RT_SHM_SIZE) != 0) {
+    // A failure from here closes the descriptor (the caller gets -1) and removes the file.
+    qx_fd stShm(fd);
+    qx_mapping stMap;
+    bool bSized = qx_sizeable(fd) && ftruncate(fd, RT_SHM_SIZE) == 0;
+    if (!bSized)
         RT_LOGE("[RT_Impl][Err] [%s] ftruncate fails, errno=%s\n", __func__, RT_ERRNO_STR);
-        close(fd);
-        qx_unlink_segment(__func__, szPath);
-        return RT_ERR_FAILED;
-    }
-    void *pvAddr = mmap(NULL, RT_SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (pvAddr == MAP_FAILED) {
+    else if (!stMap.map(fd))
         RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] mmap fails\n", __func__, getpid(),
                 qx_gettid());
-        close(fd);
+    if (stMap.get() == NULL) {
+        stShm.reset();
+        *ps32ShmFd = -1;
         qx_unlink_segment(__func__, szPath);
         return RT_ERR_FAILED;
     }
+    stShm.release();
+    void *pvAddr = stMap.release();
     *ppvAddr = pvAddr;
     RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] mmap=%p, new_create=%d\n", __func__, getpid(),
             qx_gettid(), pvAddr, bNewCreate);
@@ -179,34 +184,33 @@ void _QX_REALTIME_SharedMemoryFree(const char *pszName, int32_t *ps32ShmFd, void
 uint32_t _QX_REALTIME_GetCentralShm(void) {
     char szPath[RT_PATH_LEN];
     if (RT_FORMAT_PATH(szPath, "%s%s", RT_SHM_PREFIX, RT_CENTRAL_NAME) < 0) return RT_ERR_SYSTEM;
-    int fd = open(szPath, O_RDWR | O_NOFOLLOW);
-    if (fd < 0) {
+    qx_fd stShm(open(szPath, O_RDWR | O_NOFOLLOW));
+    if (!stShm.ok()) {
         RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] shm_open (%s) return %d, errno=%s\n",
-                __func__, getpid(), qx_gettid(), szPath, fd, RT_ERRNO_STR);
+                __func__, getpid(), qx_gettid(), szPath, stShm.get(), RT_ERRNO_STR);
         RT_LOGE("[RT_Impl][Err] Did you forget to invoke QX_REALTIME_Init()?\n");
         return RT_ERR_NULL;
     }
     // A top object left by an earlier failed attach is reused rather than leaked.
     if (pstTop == NULL) {
         pstTop = (QX_REALTIME_TOP_t *)calloc(1, sizeof(QX_REALTIME_TOP_t));
-        if (pstTop == NULL) {
-            close(fd);
-            return RT_ERR_NULL;
-        }
+        if (pstTop == NULL) return RT_ERR_NULL;
         pstTop->s32ShmFd = -1;
     }
-    if (!qx_sizeable(fd) || ftruncate(fd, RT_SHM_SIZE) != 0) {
-        close(fd);
+    if (!qx_sizeable(stShm.get()) || ftruncate(stShm.get(), RT_SHM_SIZE) != 0) {
+        stShm.reset();
         RT_LOGE("[RT_Impl][Err] [%s] ftruncate fails, errno=%s\n", __func__, RT_ERRNO_STR);
         return RT_ERR_NULL;
     }
-    void *pvAddr = mmap(NULL, RT_SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (pvAddr == MAP_FAILED) {
-        close(fd);
+    qx_mapping stMap;
+    if (!stMap.map(stShm.get())) {
+        stShm.reset();
         RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] mmap fails\n", __func__, getpid(),
                 qx_gettid());
         return RT_ERR_NULL;
     }
+    void *pvAddr = stMap.release();
+    int32_t fd = stShm.release();
     QX_REALTIME_CENTRAL_t *pstCentral = (QX_REALTIME_CENTRAL_t *)pvAddr;
     pstTop->s32ShmFd = fd;
     pstTop->pstCentral = pstCentral;
@@ -231,7 +235,10 @@ uint32_t _QX_REALTIME_GetCentralAndTop(int32_t *ps32FlockFd) {
         if (_QX_REALTIME_GetCentralShm() != RT_SUCCESS) {
             RT_LOGE("[RT_Impl][Err] %s (%d), can't get central shared memory\n", __func__,
                     __LINE__);
-            if (ps32FlockFd != NULL) close(*ps32FlockFd);
+            if (ps32FlockFd != NULL) {
+                close(*ps32FlockFd);
+                *ps32FlockFd = -1;
+            }
             return RT_ERR_NULL;
         }
     }
@@ -247,28 +254,38 @@ int qx_central_intact(const char *pszOp) {
 }
 
 int qx_frame_open(const char *pszOp, int32_t *ps32Central, uint32_t *pu32Ret) {
+    qx_fd stCentral;
     *ps32Central = -1;
-    pthread_mutex_lock(&mutex);
-    *pu32Ret = _QX_REALTIME_GetCentralAndTop(ps32Central);
-    // A central segment cut short by another process would end this one with SIGBUS at its
-    // first access: refuse to touch it instead.
-    if (*pu32Ret == RT_SUCCESS && !qx_central_intact(pszOp)) {
-        close(*ps32Central);
-        *ps32Central = -1;
-        *pu32Ret = RT_ERR_NULL;
+    {
+        qx_mutex_hold stHold;
+        int32_t s32Fd = -1;
+        *pu32Ret = _QX_REALTIME_GetCentralAndTop(&s32Fd);
+        stCentral.reset(s32Fd);
+        // A central segment cut short by another process would end this one with SIGBUS at its
+        // first access: refuse to touch it instead.
+        if (*pu32Ret == RT_SUCCESS && !qx_central_intact(pszOp)) {
+            stCentral.reset();
+            *pu32Ret = RT_ERR_NULL;
+        }
+        if (*pu32Ret != RT_SUCCESS) {
+            RT_EXIT(pszOp, *pu32Ret);
+            return QX_FRAME_FAILED;
+        }
     }
-    if (*pu32Ret != RT_SUCCESS) {
-        RT_EXIT(pszOp, *pu32Ret);
-        pthread_mutex_unlock(&mutex);
-        return QX_FRAME_FAILED;
-    }
-    pthread_mutex_unlock(&mutex);
-    if (!qx_enabled()) {
-        close(*ps32Central);
-        *ps32Central = -1;
-        return QX_FRAME_DISABLED;
-    }
+    if (!qx_enabled()) return QX_FRAME_DISABLED;
+    *ps32Central = stCentral.release();
     return QX_FRAME_GO;
+}
+
+// ---- names ----
+
+// Whether a domain name stays inside the segment directory and fits the record's name field.
+int qx_domain_name_ok(const char *pszName) {
+    if (pszName == NULL) return 0;
+    size_t uLen = strnlen(pszName, RT_NAME_LEN);
+    if (uLen == 0 || uLen > RT_DOMAIN_NAME_MAX) return 0;
+    if (strchr(pszName, '/') != NULL) return 0;
+    return strcmp(pszName, ".") != 0 && strcmp(pszName, "..") != 0;
 }
 
 // ---- records inside a segment ----

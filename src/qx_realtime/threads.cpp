@@ -1,4 +1,4 @@
-// Threads: scheduling attributes and cgroup files, admission, removal, utilisation update, the
+// Threads: scheduling attributes, admission, removal, utilisation update, the
 // reaping of dead clients, and the reserved memory high-priority calls.
 #include <dirent.h>
 #include <fcntl.h>
@@ -74,96 +74,7 @@ uint32_t _QX_REALTIME_SetSchedAttr(QX_REALTIME_DOMAIN_t *pstDomain, QX_REALTIME_
     return RT_SUCCESS;
 }
 
-uint32_t _QX_WriteStrToPath(const char *pszValue, const char *pszPath) {
-    if (pszValue == NULL || pszPath == NULL) {
-        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", __func__);
-        return RT_ERR_SYSTEM;
-    }
-    FILE *pFile = fopen(pszPath, "w");
-    if (pFile == NULL) {
-        RT_LOGE("[RT_Impl][Err] [%s] Can't open %s, errno=%s\n", __func__, pszPath, RT_ERRNO_STR);
-        return RT_ERR_SYSTEM;
-    }
-    fwrite(pszValue, 1, strlen(pszValue), pFile);
-    // A cgroup refuses a write (dead thread, unusable CPU list) only when the buffer is flushed.
-    if (fclose(pFile) != 0) {
-        RT_LOGE("[RT_Impl][Err] [%s] Can't close %s, errno=%s.\n", __func__, pszPath, RT_ERRNO_STR);
-        return RT_ERR_SYSTEM;
-    }
-    return RT_SUCCESS;
-}
-
-uint32_t _QX_WriteS32ToPath(int32_t s32Value, const char *pszPath) {
-    char szBuf[64];
-    memset(szBuf, 0, sizeof(szBuf));
-    if (RT_SNPRINTF(szBuf, "%d", s32Value) < 0) {
-        RT_LOGE("[RT_Impl][Err] [%s] snprintf failed, errno=%s.\n", __func__, RT_ERRNO_STR);
-        return RT_ERR_INVALID_PARAM;
-    }
-    return _QX_WriteStrToPath(szBuf, pszPath) != RT_SUCCESS ? RT_ERR_SYSTEM : RT_SUCCESS;
-}
-
-void _QX_REALTIME_Overwrite_Cpuset(QX_REALTIME_DOMAIN_t *pstDomain) {
-    char szValue[QX_PROPERTY_VALUE_MAX];
-    char szPath[RT_PATH_LEN];
-    if (pstDomain == NULL) return;
-    memset(szValue, 0, sizeof(szValue));
-    qx_property_get(RT_PROP_OVERWRITE_CPUSET, szValue, "0");
-    if (szValue[0] == '0') return;
-
-    char szRoot[RT_PATH_LEN];
-    memcpy(szRoot, pstDomain->pszCpusetPathRoot, RT_PATH_LEN);
-    szRoot[RT_PATH_LEN - 1] = '\0';
-    if (qx_cpuset_file_path(szPath, sizeof(szPath), szRoot, "cpus") < 0) return;
-    // The shared record changes for every process: at most 15 characters are kept.
-    RT_SNPRINTF(pstDomain->pszCpuset, "%.*s", RT_CPUSET_LEN - 1, szValue);
-    if (_QX_WriteStrToPath(pstDomain->pszCpuset, szPath) == RT_SUCCESS)
-        RT_LOGI("[RT_Impl][Info] %s is reset to %s.\n", szPath, pstDomain->pszCpuset);
-    _QX_REALTIME_ParseCpuSelection(pstDomain->pszCpuset, &pstDomain->s32CpuNum,
-                                   &pstDomain->u32CpuMask);
-}
-
-// ---- the budget check and thread records ----
-
-uint32_t _QX_REALTIME_CheckOverUtil(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32RuntimeUs,
-                                    int32_t s32DeadlineUs, int32_t s32PeriodUs, int32_t *ps32Util,
-                                    int32_t s32OrigUtil) {
-    if (pstDomain == NULL || ps32Util == NULL) {
-        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", __func__);
-        return RT_ERR_INVALID_PARAM;
-    }
-    if (pstDomain->u32SchedType == RT_SCHED_TYPE_RR) {
-        if (*ps32Util < 0) {
-            RT_LOGE("[RT_Impl][Err] [%s] Invalid parameter %d: (should) s32Util >= 0.\n", __func__,
-                    *ps32Util);
-            return RT_ERR_INVALID_PARAM;
-        }
-    } else if (pstDomain->u32SchedType == RT_SCHED_TYPE_DEADLINE) {
-        if (!(s32DeadlineUs >= s32RuntimeUs && s32PeriodUs >= s32DeadlineUs)) {
-            RT_LOGE("[RT_Impl][Err] [%s] Invalid Deadline parameter: (should) DlPeriodUs=%d >= "
-                    "DlDeadlineUs=%d >= DlRuntimeUs=%d.\n",
-                    __func__, s32PeriodUs, s32DeadlineUs, s32RuntimeUs);
-            return RT_ERR_INVALID_PARAM;
-        }
-        int32_t s32Cap = pstTop->s32CapPerCore;
-        *ps32Util = s32PeriodUs == 0
-                        ? 0
-                        : (int32_t)(((uint32_t)s32RuntimeUs * (uint32_t)s32Cap) /
-                                    (uint32_t)s32PeriodUs);
-        RT_LOGI("[RT_Impl][Info] Get converted Util=[%d] from DlRuntimeUs=[%d], DlPeriodUs=[%d], "
-                "s32CapPerCore=[%d].\n",
-                *ps32Util, s32RuntimeUs, s32PeriodUs, s32Cap);
-    }
-    int64_t s64After = (int64_t)pstDomain->s32UtilCurrent - s32OrigUtil + *ps32Util;
-    if (pstDomain->s32UtilMax >= 1 && s64After > pstDomain->s32UtilMax) {
-        RT_LOGE("[RT_Impl][Err] [%s] Domain[%s] over s32Util: new Util is %d, original Util is "
-                "%d,domain current total Util is %d, max. domain Util is %d\n",
-                __func__, qx_name_of(pstDomain->szName).sz, *ps32Util, s32OrigUtil,
-                pstDomain->s32UtilCurrent, pstDomain->s32UtilMax);
-        return RT_ERR_OVER_BUDGET;
-    }
-    return RT_SUCCESS;
-}
+// ---- thread records ----
 
 // The first in-use slot of the thread; NULL when it is not recorded.
 static QX_REALTIME_THREAD_t *qx_find_thread(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid) {
@@ -679,11 +590,10 @@ static uint32_t qx_admit_locked(const char *pszOp, QX_REALTIME_DOMAIN_t *pstDoma
 static uint32_t qx_add_thread(const char *pszOp, const char *pszDomainName,
                               const char *pszClassName, const QX_REALTIME_UTIL_t *pstLiteUtil,
                               int32_t s32Tid, uint8_t bDlOverrun) {
-    QX_REALTIME_DOMAIN_t *pstDomain = NULL;
-    int32_t s32DomainFd = -1;
+    qx_domain_hold stHold;
     uint32_t u32Ret;
 
-    int s32Outcome = qx_domain_lock(pszOp, pszDomainName, &pstDomain, &s32DomainFd, &u32Ret);
+    int s32Outcome = stHold.take(pszOp, pszDomainName, &u32Ret);
     if (s32Outcome == QX_DOMAIN_MISSING) {
         if (pstLiteUtil == NULL)
             RT_LOGE("[RT_Impl][Err] [%s] pstDomain:[%s] is NULL.\n", pszOp, pszDomainName);
@@ -692,7 +602,7 @@ static uint32_t qx_add_thread(const char *pszOp, const char *pszDomainName,
     }
     if (s32Outcome != QX_DOMAIN_LOCKED) return u32Ret;
 
-    u32Ret = qx_admit_locked(pszOp, pstDomain, pszClassName, pstLiteUtil, s32Tid, bDlOverrun);
+    u32Ret = qx_admit_locked(pszOp, stHold.domain(), pszClassName, pstLiteUtil, s32Tid, bDlOverrun);
 
     if (u32Ret != RT_SUCCESS) {
         if (pstLiteUtil == NULL)
@@ -702,7 +612,7 @@ static uint32_t qx_add_thread(const char *pszOp, const char *pszDomainName,
             RT_LOGE("[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = [%s] failed.\n", pszOp,
                     s32Tid, pszClassName);
     }
-    qx_domain_unlock(s32DomainFd);
+    stHold.release();
     RT_EXIT(pszOp, u32Ret);
     return u32Ret;
 }
@@ -799,20 +709,19 @@ static uint32_t qx_remove_locked(const char *kName, const char *pszDomainName,
 
 uint32_t QX_REALTIME_RemoveThread(const char *pszDomainName, int32_t s32Tid) {
     static const char kName[] = "QX_REALTIME_RemoveThread";
-    QX_REALTIME_DOMAIN_t *pstDomain = NULL;
-    int32_t s32DomainFd = -1;
+    qx_domain_hold stHold;
     uint32_t u32Ret;
 
     RT_ENTER_ARGPID(kName, s32Tid);
     RT_REQUIRE_ARG(kName, pszDomainName);
     RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
-    int s32Outcome = qx_domain_lock(kName, pszDomainName, &pstDomain, &s32DomainFd, &u32Ret);
+    int s32Outcome = stHold.take(kName, pszDomainName, &u32Ret);
     // The arguments are in the reverse order of the other messages: kept.
     if (s32Outcome == QX_DOMAIN_MISSING)
         RT_LOGE("[RT_Impl][Err] [%s] pstDomain [%s] is NULL.\n", pszDomainName, kName);
     if (s32Outcome != QX_DOMAIN_LOCKED) return u32Ret;
-    u32Ret = qx_remove_locked(kName, pszDomainName, pstDomain, s32Tid);
-    qx_domain_unlock(s32DomainFd);
+    u32Ret = qx_remove_locked(kName, pszDomainName, stHold.domain(), s32Tid);
+    stHold.release();
     RT_EXIT(kName, u32Ret);
     return u32Ret;
 }
@@ -878,8 +787,7 @@ static uint32_t qx_update_locked(const char *kName, QX_REALTIME_DOMAIN_t *pstDom
 uint32_t QX_REALTIME_UpdateThreadUtil(const char *pszDomainName, QX_REALTIME_UTIL_t *pstUtil,
                                       int32_t s32Tid) {
     static const char kName[] = "QX_REALTIME_UpdateThreadUtil";
-    QX_REALTIME_DOMAIN_t *pstDomain = NULL;
-    int32_t s32DomainFd = -1;
+    qx_domain_hold stHold;
     uint32_t u32Ret;
 
     RT_ENTER(kName);
@@ -889,11 +797,11 @@ uint32_t QX_REALTIME_UpdateThreadUtil(const char *pszDomainName, QX_REALTIME_UTI
     }
     RT_REQUIRE_ARG(kName, pszDomainName);
     RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
-    int s32Outcome = qx_domain_lock(kName, pszDomainName, &pstDomain, &s32DomainFd, &u32Ret);
+    int s32Outcome = stHold.take(kName, pszDomainName, &u32Ret);
     if (s32Outcome == QX_DOMAIN_MISSING) RT_LOGE("[RT_Impl][Err] [%s] pstDomain is NULL.\n", kName);
     if (s32Outcome != QX_DOMAIN_LOCKED) return u32Ret;
-    u32Ret = qx_update_locked(kName, pstDomain, pstUtil, s32Tid);
-    qx_domain_unlock(s32DomainFd);
+    u32Ret = qx_update_locked(kName, stHold.domain(), pstUtil, s32Tid);
+    stHold.release();
     RT_EXIT(kName, u32Ret);
     return u32Ret;
 }

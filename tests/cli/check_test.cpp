@@ -183,3 +183,37 @@ TEST_F(RtctlCheck, JsonListsTheFindingsAndTheRepairs) {
     EXPECT_EQ(clean.status, 0);
     EXPECT_TRUE(contains(clean.out, "\"consistent\":true,\"error\":null,\"findings\":[]")) << clean.out;
 }
+
+// A repair that can't be done says "could not" and the check ends with status 1: a planted
+// directory in place of a domain's segment can't be unlinked.
+TEST_F(RtctlCheck, RepairThatFailsEndsWithStatusOne) {
+    ASSERT_EQ(unlink("/dev/shm/realtime/rt_Domain_Camera"), 0);
+    ASSERT_EQ(mkdir("/dev/shm/realtime/rt_Domain_Camera", 0700), 0);
+    Result fixed = rtctl({"check", "--repair"});
+    EXPECT_EQ(fixed.status, 1) << fixed.out << fixed.err;
+    EXPECT_TRUE(contains(fixed.out, "Domain_Camera: its segment is not a regular file\n")) << fixed.out;
+    EXPECT_TRUE(contains(fixed.out, "could not unlink: Is a directory")) << fixed.out;
+    Result json = rtctl({"check", "--repair", "--json"});
+    EXPECT_EQ(json.status, 1) << json.out;
+    EXPECT_TRUE(contains(json.out, "\"status\":1,\"repair\":true,\"consistent\":false")) << json.out;
+    ASSERT_EQ(rmdir("/dev/shm/realtime/rt_Domain_Camera"), 0);
+}
+
+// A FIFO planted as the central segment holds nothing: the repair removes it, and Init makes the
+// central segment anew.
+TEST_F(RtctlCheck, CentralSegmentThatIsNoRegularFileIsRemoved) {
+    ASSERT_EQ(unlink("/dev/shm/realtime/rt_Global"), 0);
+    ASSERT_EQ(mkfifo("/dev/shm/realtime/rt_Global", 0666), 0);
+    Result found = rtctl({"check"});
+    EXPECT_EQ(found.status, 1) << found.out << found.err;
+    EXPECT_TRUE(contains(found.out, "Global: the central segment is not a regular file\n")) << found.out;
+    Result fixed = rtctl({"check", "--repair"});
+    EXPECT_EQ(fixed.status, 0) << fixed.out << fixed.err;
+    EXPECT_TRUE(contains(fixed.out, "    repaired: removed; call QX_REALTIME_Init (rtctl init) to make it anew"))
+        << fixed.out;
+    struct stat st;
+    EXPECT_EQ(lstat("/dev/shm/realtime/rt_Global", &st), -1);
+    EXPECT_EQ(rtctl({"init"}).status, 0);
+    Result after = rtctl({"check"});
+    EXPECT_EQ(after.status, 0) << after.out << after.err;
+}
