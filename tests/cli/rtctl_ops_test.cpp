@@ -20,8 +20,8 @@
 #include "test_support.h"
 
 using nlohmann::json;
-using qxt_cli::Result;
-using qxt_cli::rtctl;
+using qxt::Result;
+using qxt::rtctl;
 
 namespace {
 
@@ -89,21 +89,23 @@ std::string own_comm() {
     return comm;
 }
 
-class RtctlOps : public ::testing::Test {
+class RtctlOps : public qxt::SandboxTest {
 protected:
     void SetUp() override {
-        QXT_REQUIRE_SANDBOX();
+        SandboxTest::SetUp();
+        if (IsSkipped()) return;
         if (get_nprocs() < 2) GTEST_SKIP() << "the shipped configuration needs 2 CPUs";
-        qxt_cli::start_shipped_domains();
+        qxt::start_shipped_domains();
     }
 };
 
 // As RtctlOps, with Domain_Audio's budget cut to 100 units (9.77 % of one core): the loaded
 // thread of these tests is then clearly over it, even when parallel tests load CPU 1 too.
-class RtctlLoaded : public ::testing::Test {
+class RtctlLoaded : public qxt::SandboxTest {
 protected:
     void SetUp() override {
-        QXT_REQUIRE_SANDBOX();
+        SandboxTest::SetUp();
+        if (IsSkipped()) return;
         if (get_nprocs() < 2) GTEST_SKIP() << "the shipped configuration needs 2 CPUs";
         std::string config = qxt::read_file(std::string(QXRT_SOURCE_DIR) + "/config/rt-0.json");
         size_t pos = config.find("\"Util\": 512,");

@@ -3,9 +3,9 @@
 #include <sys/file.h>
 #include <unistd.h>
 
-#include "domain_suite.h"
+#include "domains_support.h"
 
-using namespace qxt_domains;
+using namespace qxt;
 
 namespace {
 
@@ -13,7 +13,7 @@ class QueryBudgetTest : public DomainTest {
 protected:
     // A domain of 100 units with one thread of 60 admitted: 40 left.
     void domain_with_60_of_100_used() {
-        init_with(config_of({rr_domain("Domain_Q", 100, "0-1", 60, 10)}));
+        init_with(config_of({rr_domain("Domain_Q", 100, "0-1", {{"Class_Rr", 60, 10}})}));
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_Q")) << log.dump();
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_Q", "Class_Rr", thread.tid(), 0))
             << log.dump();

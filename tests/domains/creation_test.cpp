@@ -7,9 +7,9 @@
 
 #include <algorithm>
 
-#include "domain_suite.h"
+#include "domains_support.h"
 
-using namespace qxt_domains;
+using namespace qxt;
 
 namespace {
 
@@ -189,7 +189,7 @@ TEST_F(CreateDomainTest, DisabledFrameworkCreatesNothing) {
 // 1024 x 4 x 80 / 100 = 3276 units for all domains together.
 std::string budget_config() {
     return qxt::config_with(1, 1024, 4, 80, 4,
-                            join({rr_domain("Domain_Big", 1276, "0"),
+                            join_domains({rr_domain("Domain_Big", 1276, "0"),
                                   rr_domain("Domain_Bigger", 2000, "0"),
                                   rr_domain("Domain_One", 1, "0"),
                                   rr_domain("Domain_Other", 1, "0")}));
@@ -245,7 +245,7 @@ TEST_F(CreateDomainTest, RefusedDomainKeepsItsUnitsSoEveryLaterCreationIsRefused
 TEST_F(CreateDomainTest, RefusalStandsWhenItsMessagesAreNotPrinted) {
     // DbgLevel 0: not even errors reach the log.
     qxt::install_config("domains", qxt::config_with(1, 1024, 0, 80, 4,
-                                                     join({rr_domain("Domain_Big", 3276, "0"),
+                                                     join_domains({rr_domain("Domain_Big", 3276, "0"),
                                                            rr_domain("Domain_One", 1, "0")})));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     ASSERT_EQ(0u, _u32DbgLevel);

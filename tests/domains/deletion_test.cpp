@@ -4,9 +4,9 @@
 #include <sys/stat.h>
 #include <sys/sysinfo.h>
 
-#include "domain_suite.h"
+#include "domains_support.h"
 
-using namespace qxt_domains;
+using namespace qxt;
 
 namespace {
 
@@ -15,7 +15,7 @@ const char kFlockPath[] = "/data/vendor/realtime/flock_rt_Domain_A";
 class DeleteDomainTest : public DomainTest {
 protected:
     void create_a() {
-        init_with(config_of({rr_domain("Domain_A", 100, std::to_string(get_nprocs() - 1), 10, 20),
+        init_with(config_of({rr_domain("Domain_A", 100, std::to_string(get_nprocs() - 1), {{"Class_Rr", 10, 20}}),
                              rr_domain("Domain_B", 100, "0"), rr_domain("Domain_C", 100, "0")}));
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_A")) << log.dump();
     }

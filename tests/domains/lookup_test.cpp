@@ -4,9 +4,9 @@
 #include <sys/file.h>
 #include <sys/syscall.h>
 
-#include "domain_suite.h"
+#include "domains_support.h"
 
-using namespace qxt_domains;
+using namespace qxt;
 
 namespace {
 
@@ -235,8 +235,8 @@ protected:
     void SetUp() override {
         LookupTest::SetUp();
         if (IsSkipped()) return;
-        init_with(config_of({rr_domain("Domain_A", 100, "0-1", 10, 10, "Class_Listed"),
-                             rr_domain("Domain_B", 100, "0-1", 10, 10, "Class_Other")}));
+        init_with(config_of({rr_domain("Domain_A", 100, "0-1", {{"Class_Listed", 10, 10}}),
+                             rr_domain("Domain_B", 100, "0-1", {{"Class_Other", 10, 10}})}));
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_A"));
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_B"));
     }

@@ -7,9 +7,9 @@
 
 #include <thread>
 
-#include "domain_suite.h"
+#include "domains_support.h"
 
-using namespace qxt_domains;
+using namespace qxt;
 
 namespace {
 
@@ -210,7 +210,7 @@ protected:
     void create_domain() {
         all_cpus = qxt::format("0-%d", get_nprocs() - 1);
         if (get_nprocs() == 1) all_cpus = "0";
-        init_with(config_of({rr_domain("Domain_A", 100, all_cpus, 10, 10)}));
+        init_with(config_of({rr_domain("Domain_A", 100, all_cpus, {{"Class_Rr", 10, 10}})}));
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_A")) << log.dump();
         domain = _QX_REALTIME_GetDomainFromName("Domain_A", nullptr);
         ASSERT_NE(nullptr, domain);

@@ -11,7 +11,7 @@
 
 #include "hardening_support.h"
 
-using namespace hard;
+using namespace qxt;
 
 namespace {
 
@@ -165,26 +165,26 @@ void run_name_cases(bool with_state) {
 
 // Deadline bandwidth is one pool for the whole machine: whatever a failing case left booked is
 // dropped on the way out, so that the deadline tests running beside these are not starved.
-class HardeningHostileArgs : public ::testing::Test {
+class HardeningHostileArgs : public qxt::SandboxTest {
 protected:
-    void SetUp() override { HARD_SKIP_UNDER_TSAN(); }
+    void SetUp() override {
+        QXT_SKIP_UNDER_TSAN();
+        SandboxTest::SetUp();
+    }
     void TearDown() override { rebuild_sched_domains(); }
 };
 
 }  // namespace
 
 TEST_F(HardeningHostileArgs, DomainNamesOnEveryNameTakingOperation) {
-    QXT_REQUIRE_SANDBOX();
     run_name_cases(true);
 }
 
 TEST_F(HardeningHostileArgs, InvalidDomainNamesAreRefusedBeforeAnyFileEvenWithoutInit) {
-    QXT_REQUIRE_SANDBOX();
     run_name_cases(false);
 }
 
 TEST_F(HardeningHostileArgs, ClassNamesAndPointerArguments) {
-    QXT_REQUIRE_SANDBOX();
     install(2);
     ASSERT_EQ("", reset({kRr, kDl}));
     double t0 = now_s();
@@ -313,7 +313,6 @@ TEST_F(HardeningHostileArgs, ClassNamesAndPointerArguments) {
 
 // Negative, INT_MIN, dead and foreign thread ids on every thread operation.
 TEST_F(HardeningHostileArgs, ThreadIds) {
-    QXT_REQUIRE_SANDBOX();
     install(2);
     double t0 = now_s();
     int cases = 0, crashes = 0;
@@ -383,7 +382,6 @@ TEST_F(HardeningHostileArgs, ThreadIds) {
 // Thread id 0 means the calling thread and is used as given: this only shows that the calls end
 // with a code, in a child that is thrown away afterwards.
 TEST_F(HardeningHostileArgs, ThreadIdZeroIsTheCallerAndEndsWithACode) {
-    QXT_REQUIRE_SANDBOX();
     install(2);
     ASSERT_EQ("", reset({kRr, kDl}));
     for (const char *domain : {kRr, kDl}) {
@@ -408,7 +406,6 @@ TEST_F(HardeningHostileArgs, ThreadIdZeroIsTheCallerAndEndsWithACode) {
 // Every combination of INT_MIN, -1, 0 and INT_MAX in the four words of the utilisation record,
 // through the budget query, the unchecked admission and the update, in both domains.
 TEST_F(HardeningHostileArgs, ExtremeUtilisationRecords) {
-    QXT_REQUIRE_SANDBOX();
     install(0);
     ASSERT_EQ("", reset({kRr, kDl}));
     double t0 = now_s();

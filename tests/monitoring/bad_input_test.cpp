@@ -13,7 +13,6 @@
 #include "monitoring_support.h"
 
 using namespace qxt;
-using namespace qxt_mon;
 
 namespace {
 
@@ -21,12 +20,10 @@ const char kMeter[] = "Domain_Meter";
 const char kStat[] = "/dev/cpuacct/Domain_Meter/cpuacct.stat";
 
 std::string meter_domain() {
-    return rr_domain(kMeter, 512, "0", "Class_Meter", 100, 1);
+    return rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}});
 }
 
-class MonitoringBadInput : public ::testing::Test {
-protected:
-    void SetUp() override { QXT_REQUIRE_SANDBOX(); }
+class MonitoringBadInput : public qxt::SandboxTest {
 };
 
 TEST_F(MonitoringBadInput, NullNameIsRefusedByBothCalls) {

@@ -9,17 +9,17 @@
 #include "monitoring_support.h"
 
 using namespace qxt;
-using namespace qxt_mon;
 
 namespace {
 
 const char kMeter[] = "Domain_Meter";
 const char kSpare[] = "Domain_Spare";
 
-class CpuUsageCounters : public ::testing::Test {
+class CpuUsageCounters : public qxt::SandboxTest {
 protected:
     void SetUp() override {
-        QXT_REQUIRE_SANDBOX();
+        SandboxTest::SetUp();
+        if (IsSkipped()) return;
         procs_ = get_nprocs();
     }
 
@@ -95,12 +95,12 @@ std::vector<std::string> two_domain_header() {
 }
 
 std::string two_domains() {
-    return rr_domain(kMeter, 512, "0", "Class_Meter", 100, 1) + ",\n" +
-           rr_domain(kSpare, 256, "0", "Class_Spare", 100, 1);
+    return rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}) + ",\n" +
+           rr_domain(kSpare, 256, "0", {{"Class_Spare", 100, 1}});
 }
 
 TEST_F(CpuUsageCounters, OneDomainWithZeroSamplesTakesTheFirstReadingsAndPrintsNothing) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", "Class_Meter", 100, 1), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     ASSERT_NO_FATAL_FAILURE(feed_total({1000}));
     ASSERT_NO_FATAL_FAILURE(feed_group(kMeter, {100}));
     LogCapture log;
@@ -134,7 +134,7 @@ TEST_F(CpuUsageCounters, NameThatMerelyBeginsWithAllSamplesEveryDomain) {
 }
 
 TEST_F(CpuUsageCounters, OneDomainTotalCounterStandingStillDividesByOne) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", "Class_Meter", 100, 1), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     ASSERT_NO_FATAL_FAILURE(feed_total({5000, 5000}));
     ASSERT_NO_FATAL_FAILURE(feed_group(kMeter, {100, 103}));
     LogCapture log;
@@ -145,7 +145,7 @@ TEST_F(CpuUsageCounters, OneDomainTotalCounterStandingStillDividesByOne) {
 }
 
 TEST_F(CpuUsageCounters, AllDomainsTotalCounterStandingStillDividesByOne) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", "Class_Meter", 100, 1), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     ASSERT_NO_FATAL_FAILURE(feed_total({5000, 5000}));
     ASSERT_NO_FATAL_FAILURE(feed_group(kMeter, {100, 103}));
     LogCapture log;
@@ -159,7 +159,7 @@ TEST_F(CpuUsageCounters, AllDomainsTotalCounterStandingStillDividesByOne) {
 
 TEST_F(CpuUsageCounters, OneDomainExactlyAtBudgetIsNotOverbudgetAndAboveIs) {
     // Budget 256 of 1024 per core: 25.00 percent of one core.
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 256, "0", "Class_Meter", 100, 1), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 256, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     ASSERT_NO_FATAL_FAILURE(feed_total({1000, 1000 + 100 * procs_, 1000 + 200 * procs_}));
     ASSERT_NO_FATAL_FAILURE(feed_group(kMeter, {100, 125, 151}));
     LogCapture log;
@@ -170,7 +170,7 @@ TEST_F(CpuUsageCounters, OneDomainExactlyAtBudgetIsNotOverbudgetAndAboveIs) {
 }
 
 TEST_F(CpuUsageCounters, AllDomainsExactlyAtBudgetIsNotOverbudgetAndAboveIs) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 256, "0", "Class_Meter", 100, 1), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 256, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     ASSERT_NO_FATAL_FAILURE(feed_total({1000, 1000 + 100 * procs_, 1000 + 200 * procs_}));
     ASSERT_NO_FATAL_FAILURE(feed_group(kMeter, {100, 125, 151}));
     LogCapture log;
@@ -182,7 +182,7 @@ TEST_F(CpuUsageCounters, AllDomainsExactlyAtBudgetIsNotOverbudgetAndAboveIs) {
 }
 
 TEST_F(CpuUsageCounters, ZeroUtilMaxShowsZeroBudgetAndAnyUsageIsOverbudget) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 0, "0", "Class_Meter", 100, 1), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 0, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     ASSERT_NO_FATAL_FAILURE(feed_total({1000, 1000 + 100 * procs_, 1000 + 200 * procs_}));
     ASSERT_NO_FATAL_FAILURE(feed_group(kMeter, {100, 101, 101}));
     LogCapture log;
@@ -193,7 +193,7 @@ TEST_F(CpuUsageCounters, ZeroUtilMaxShowsZeroBudgetAndAnyUsageIsOverbudget) {
 }
 
 TEST_F(CpuUsageCounters, ZeroUtilMaxInAllDomainsModeShowsZeroSettingAndAnyUsageIsOverbudget) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 0, "0", "Class_Meter", 100, 1), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 0, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     ASSERT_NO_FATAL_FAILURE(feed_total({1000, 1000 + 100 * procs_}));
     ASSERT_NO_FATAL_FAILURE(feed_group(kMeter, {100, 101}));
     LogCapture log;
@@ -205,7 +205,7 @@ TEST_F(CpuUsageCounters, ZeroUtilMaxInAllDomainsModeShowsZeroSettingAndAnyUsageI
 }
 
 TEST_F(CpuUsageCounters, OneDomainPrintsOneLinePerSampleFromConsecutiveReadings) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", "Class_Meter", 100, 1), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     // Elapsed totals 100N, 200N, 50N; group deltas 50, 20, 50.
     ASSERT_NO_FATAL_FAILURE(feed_total(
         {1000, 1000 + 100 * procs_, 1000 + 300 * procs_, 1000 + 350 * procs_}));
@@ -221,7 +221,7 @@ TEST_F(CpuUsageCounters, OneDomainPrintsOneLinePerSampleFromConsecutiveReadings)
 }
 
 TEST_F(CpuUsageCounters, UnparsableGroupReadingDuringSamplingKeepsThePreviousValue) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", "Class_Meter", 100, 1), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     ASSERT_NO_FATAL_FAILURE(feed_total({1000, 1000 + 100 * procs_, 1000 + 200 * procs_}));
     ASSERT_NO_FATAL_FAILURE(
         feed_group_texts(kMeter, {cpuacct_stat_text(100), "garbage\n", cpuacct_stat_text(110)}));
@@ -233,7 +233,7 @@ TEST_F(CpuUsageCounters, UnparsableGroupReadingDuringSamplingKeepsThePreviousVal
 }
 
 TEST_F(CpuUsageCounters, UnparsableTotalReadingDuringSamplingKeepsThePreviousValue) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", "Class_Meter", 100, 1), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     ASSERT_NO_FATAL_FAILURE(feed_total_texts({proc_stat_text(1000), "cpu 1 2\n"}));
     ASSERT_NO_FATAL_FAILURE(feed_group(kMeter, {100, 101}));
     LogCapture log;
@@ -264,7 +264,7 @@ TEST_F(CpuUsageCounters, AllDomainsGroupReadingFailureDuringSamplingEndsTheCallW
 // ---- per-core capability of 0 ----
 
 TEST_F(CpuUsageCounters, ZeroCapabilityOneDomainShowsZeroBudgetsAndWarnsOncePerCall) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 0, "0", "Class_Meter", 0, 1), {kMeter}, 0));
+    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 0, "0", {{"Class_Meter", 0, 1}}), {kMeter}, 0));
     ASSERT_NO_FATAL_FAILURE(feed_total({1000, 1000 + 100 * procs_, 1000 + 200 * procs_}));
     ASSERT_NO_FATAL_FAILURE(feed_group(kMeter, {100, 105, 105}));
     LogCapture log;
@@ -278,14 +278,14 @@ TEST_F(CpuUsageCounters, ZeroCapabilityOneDomainShowsZeroBudgetsAndWarnsOncePerC
 }
 
 TEST_F(CpuUsageCounters, ZeroCapabilityOneDomainWithZeroSamplesDoesNotWarn) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 0, "0", "Class_Meter", 0, 1), {kMeter}, 0));
+    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 0, "0", {{"Class_Meter", 0, 1}}), {kMeter}, 0));
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kMeter, 1, 0), RT_SUCCESS);
     EXPECT_TRUE(log.lines().empty()) << log.dump();
 }
 
 TEST_F(CpuUsageCounters, ZeroCapabilityAllDomainsWarnsAtTheStartAndShowsZeroPercentages) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 0, "0", "Class_Meter", 0, 1), {kMeter}, 0));
+    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 0, "0", {{"Class_Meter", 0, 1}}), {kMeter}, 0));
     ASSERT_NO_FATAL_FAILURE(feed_total({1000, 1000 + 100 * procs_}));
     ASSERT_NO_FATAL_FAILURE(feed_group(kMeter, {100, 102}));
     LogCapture log;
@@ -304,7 +304,7 @@ TEST_F(CpuUsageCounters, ZeroCapabilityAllDomainsWarnsAtTheStartAndShowsZeroPerc
 }
 
 TEST_F(CpuUsageCounters, ZeroCapabilityAllDomainsWithZeroSamplesStillWarnsOnce) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 0, "0", "Class_Meter", 0, 1), {kMeter}, 0));
+    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 0, "0", {{"Class_Meter", 0, 1}}), {kMeter}, 0));
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage("All", 1, 0), RT_SUCCESS);
     EXPECT_EQ(log.count(QX_LOG_PRIO_ERROR,
@@ -318,7 +318,7 @@ TEST_F(CpuUsageCounters, ZeroCapabilityAllDomainsWithZeroSamplesStillWarnsOnce) 
 // ---- the counter readers ----
 
 TEST_F(CpuUsageCounters, GroupCounterIsTheSumOfUserAndSystemTime) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", "Class_Meter", 100, 1), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     write_file("/dev/shm/qxt_group_file", "user 40\nsystem 2\n");
     ASSERT_NO_FATAL_FAILURE(set_cpuacct_stat_path(kMeter, "/dev/shm/qxt_group_file"));
     QX_REALTIME_DOMAIN_t *rec = map_domain_file(kMeter);
@@ -329,7 +329,7 @@ TEST_F(CpuUsageCounters, GroupCounterIsTheSumOfUserAndSystemTime) {
 }
 
 TEST_F(CpuUsageCounters, GroupCounterUnparsableLeavesTheOutputAlone) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", "Class_Meter", 100, 1), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     write_file("/dev/shm/qxt_group_file", "user 40\n");
     ASSERT_NO_FATAL_FAILURE(set_cpuacct_stat_path(kMeter, "/dev/shm/qxt_group_file"));
     QX_REALTIME_DOMAIN_t *rec = map_domain_file(kMeter);
@@ -342,7 +342,7 @@ TEST_F(CpuUsageCounters, GroupCounterUnparsableLeavesTheOutputAlone) {
 }
 
 TEST_F(CpuUsageCounters, GroupCounterUnreadableWritesZeroAndSaysSo) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", "Class_Meter", 100, 1), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     ASSERT_NO_FATAL_FAILURE(set_cpuacct_stat_path(kMeter, "/dev/shm/qxt_no_such_file"));
     QX_REALTIME_DOMAIN_t *rec = map_domain_file(kMeter);
     ASSERT_NE(rec, nullptr);
@@ -356,7 +356,7 @@ TEST_F(CpuUsageCounters, GroupCounterUnreadableWritesZeroAndSaysSo) {
 }
 
 TEST_F(CpuUsageCounters, TotalCounterIsTheSumOfTheFirstSevenFields) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", "Class_Meter", 100, 1), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     write_file("/dev/shm/qxt_stat_file", "cpu  1 2 3 4 5 6 7 1000 1000 1000\ncpu0 9 9 9 9 9 9 9\n");
     std::string why;
     ASSERT_TRUE(bind_over("/dev/shm/qxt_stat_file", "/proc/stat", &why)) << why;
@@ -366,7 +366,7 @@ TEST_F(CpuUsageCounters, TotalCounterIsTheSumOfTheFirstSevenFields) {
 }
 
 TEST_F(CpuUsageCounters, TotalCounterUnparsableLeavesTheOutputAlone) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", "Class_Meter", 100, 1), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     write_file("/dev/shm/qxt_stat_file", "cpu  1 2 3 4 5 6\n");
     std::string why;
     ASSERT_TRUE(bind_over("/dev/shm/qxt_stat_file", "/proc/stat", &why)) << why;

@@ -8,7 +8,6 @@
 #include "monitoring_support.h"
 
 using namespace qxt;
-using namespace qxt_mon;
 
 namespace {
 
@@ -25,14 +24,14 @@ std::string all_cpus() {
 // A deadline domain whose class reserves 9 ms of every 10 ms: one thread of it keeps a core about
 // 90 % busy, and the kernel keeps it from taking more.
 std::string spin_domain() {
-    return dl_domain(kSpin, 1000, all_cpus(), "Class_Spin", 9000, 10000, 10000);
+    return dl_domain(kSpin, 1000, all_cpus(), {{"Class_Spin", 9000, 10000, 10000}});
 }
 // A round-robin domain of 200 units (19.53 % of one core) at the lowest RT priority.
 std::string hog_domain() {
-    return rr_domain(kHog, 200, all_cpus(), "Class_Hog", 100, 1);
+    return rr_domain(kHog, 200, all_cpus(), {{"Class_Hog", 100, 1}});
 }
 std::string idle_domain() {
-    return rr_domain(kIdle, 200, "0", "Class_Idle", 100, 1);
+    return rr_domain(kIdle, 200, "0", {{"Class_Idle", 100, 1}});
 }
 
 // Admission for the length of a test: removed again (scheduling and cgroups restored) at the end.
@@ -54,10 +53,11 @@ private:
     uint32_t result_;
 };
 
-class CpuUsageKernel : public ::testing::Test {
+class CpuUsageKernel : public qxt::SandboxTest {
 protected:
     void SetUp() override {
-        QXT_REQUIRE_SANDBOX();
+        SandboxTest::SetUp();
+        if (IsSkipped()) return;
         if (get_nprocs() < 2) GTEST_SKIP() << "needs 2 CPUs: a busy thread must leave one free";
     }
 };

@@ -9,7 +9,6 @@
 #include "monitoring_support.h"
 
 using namespace qxt;
-using namespace qxt_mon;
 
 namespace {
 
@@ -67,7 +66,7 @@ std::string meter_domain() {
 }
 
 std::string spare_domain() {
-    return rr_domain(kSpare, 256, "0", "Class_Spare", 100, 1);
+    return rr_domain(kSpare, 256, "0", {{"Class_Spare", 100, 1}});
 }
 
 // Admissions of this process's threads that are undone at the end of the test.
@@ -105,9 +104,7 @@ bool wait_for_comm(pid_t pid, const std::string &comm) {
     return false;
 }
 
-class Dump : public ::testing::Test {
-protected:
-    void SetUp() override { QXT_REQUIRE_SANDBOX(); }
+class Dump : public qxt::SandboxTest {
 };
 
 // The ten lines and the blank of one thread slot.
@@ -276,7 +273,7 @@ TEST_F(Dump, ThreeThreadSlotsWithOneFreePrintThreeBlocksTheFreeOneNotAlive) {
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_SUCCESS);
     std::vector<std::string> threads = between(log, kThreadsStart, kThreadsEnd);
-    ASSERT_EQ(threads.size(), 33u) << join(threads);
+    ASSERT_EQ(threads.size(), 33u) << join_lines(threads);
     int pid = getpid();
     Lines expected = thread_block(0, 0, 1, pid, t0.tid(), 100, 1);
     Lines freed = thread_block(1, 1, 0, pid, t1.tid(), 50, 2);

@@ -5,11 +5,11 @@
 
 #include <regex>
 
-#include "shared_state_helpers.h"
+#include "shared_state_support.h"
 
 using qxt::LogCapture;
-using shared_state::err_head;
-using shared_state::info_head;
+using qxt::err_head;
+using qxt::info_head;
 
 namespace {
 
@@ -44,31 +44,30 @@ int count_matching(const LogCapture &log, int priority, const std::string &patte
 
 // ---- lock files ----
 
-TEST(GetFlock, NullDescriptorPointerSucceedsAndOpensNothing) {
-    QXT_REQUIRE_SANDBOX();
+using GetFlock = qxt::SandboxTest;
+
+TEST_F(GetFlock, NullDescriptorPointerSucceedsAndOpensNothing) {
     _u32DbgLevel = 64;
     LogCapture log;
-    int fds = shared_state::open_fd_count();
+    int fds = qxt::open_fd_count();
     EXPECT_EQ(RT_SUCCESS, _QX_REALTIME_GetFlock("Global", nullptr));
     EXPECT_FALSE(qxt::file_exists(kLockGlobal));
-    EXPECT_EQ(fds, shared_state::open_fd_count());
+    EXPECT_EQ(fds, qxt::open_fd_count());
     EXPECT_TRUE(log.lines().empty()) << log.dump();
 }
 
-TEST(GetFlock, NullDescriptorPointerStillFailsOnNameThatDoesNotFit) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(GetFlock, NullDescriptorPointerStillFailsOnNameThatDoesNotFit) {
     // The path is formatted before the pointer is looked at.
     EXPECT_EQ(RT_ERR_SYSTEM, _QX_REALTIME_GetFlock(std::string(97, 'n').c_str(), nullptr));
 }
 
-TEST(GetFlock, CreatesLockFileMode0666WhateverTheUmask) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(GetFlock, CreatesLockFileMode0666WhateverTheUmask) {
     umask(077);
     _u32DbgLevel = 64;
     LogCapture log;
     int32_t fd = -1;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetFlock("Global", &fd));
-    ASSERT_TRUE(shared_state::fd_is_open(fd));
+    ASSERT_TRUE(qxt::fd_is_open(fd));
     EXPECT_EQ(0666u, qxt::file_mode(kLockGlobal));
     EXPECT_TRUE(log.has_info(info_head("_QX_REALTIME_GetFlock") +
                              qxt::format("flock open (%s) return %d, newly created\n", kLockGlobal, fd)))
@@ -81,15 +80,14 @@ TEST(GetFlock, CreatesLockFileMode0666WhateverTheUmask) {
     close(fd);
 }
 
-TEST(GetFlock, OpensExistingLockFileWithoutCloseOnExec) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(GetFlock, OpensExistingLockFileWithoutCloseOnExec) {
     qxt::write_file(kLockGlobal, "");
     chmod(kLockGlobal, 0600);
     _u32DbgLevel = 64;
     LogCapture log;
     int32_t fd = -1;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetFlock("Global", &fd));
-    ASSERT_TRUE(shared_state::fd_is_open(fd));
+    ASSERT_TRUE(qxt::fd_is_open(fd));
     EXPECT_TRUE(log.has_info(info_head("_QX_REALTIME_GetFlock") +
                              qxt::format("flock open (%s) return %d, open existed.\n", kLockGlobal, fd)))
         << log.dump();
@@ -98,8 +96,7 @@ TEST(GetFlock, OpensExistingLockFileWithoutCloseOnExec) {
     close(fd);
 }
 
-TEST(GetFlock, NameThatDoesNotFitPathReturnsSystemError) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(GetFlock, NameThatDoesNotFitPathReturnsSystemError) {
     // "/data/vendor/realtime/flock_rt_" is 31 bytes: 96 more fill the 128-byte buffer exactly.
     int32_t fd = -1;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetFlock(std::string(96, 'n').c_str(), &fd));
@@ -115,8 +112,7 @@ TEST(GetFlock, NameThatDoesNotFitPathReturnsSystemError) {
     EXPECT_TRUE(log.lines().empty()) << log.dump();
 }
 
-TEST(GetFlock, MissingDirectoryReturnsSystemError) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(GetFlock, MissingDirectoryReturnsSystemError) {
     ASSERT_EQ(0, rmdir("/data/vendor/realtime"));
     LogCapture log;
     int32_t fd = 0;
@@ -131,17 +127,18 @@ TEST(GetFlock, MissingDirectoryReturnsSystemError) {
 
 // ---- segments ----
 
-TEST(SharedMemoryAlloc, NewSegmentIsAllZerosAndSized) {
-    QXT_REQUIRE_SANDBOX();
+using SharedMemoryAlloc = qxt::SandboxTest;
+
+TEST_F(SharedMemoryAlloc, NewSegmentIsAllZerosAndSized) {
     _u32DbgLevel = 64;
     LogCapture log;
     int32_t fd = -1;
     void *addr = nullptr;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Domain_New", &fd, &addr));
     ASSERT_NE(nullptr, addr);
-    EXPECT_TRUE(shared_state::fd_is_open(fd));
-    EXPECT_EQ(RT_SHM_SIZE, shared_state::file_size("/dev/shm/realtime/rt_Domain_New"));
-    EXPECT_TRUE(shared_state::all_zero(addr, RT_SHM_SIZE));
+    EXPECT_TRUE(qxt::fd_is_open(fd));
+    EXPECT_EQ(RT_SHM_SIZE, qxt::file_size("/dev/shm/realtime/rt_Domain_New"));
+    EXPECT_TRUE(qxt::all_zero(addr, RT_SHM_SIZE));
     QX_REALTIME_DOMAIN_t *domain = (QX_REALTIME_DOMAIN_t *)addr;
     EXPECT_EQ(0, domain->s32ClassNum);
     EXPECT_EQ(0, domain->s32ThreadNum);
@@ -154,19 +151,17 @@ TEST(SharedMemoryAlloc, NewSegmentIsAllZerosAndSized) {
     EXPECT_TRUE(log.has_info(head + qxt::format("mmap=%p, new_create=1\n", addr))) << log.dump();
 }
 
-TEST(SharedMemoryAlloc, NewCentralSegmentHasNoDomainsAndIsNotEnabled) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(SharedMemoryAlloc, NewCentralSegmentHasNoDomainsAndIsNotEnabled) {
     int32_t fd = -1;
     void *addr = nullptr;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Global", &fd, &addr));
     QX_REALTIME_CENTRAL_t *central = (QX_REALTIME_CENTRAL_t *)addr;
     EXPECT_EQ(0, central->s32DomainNum);
     EXPECT_EQ(0, central->u8Enabled);
-    EXPECT_TRUE(shared_state::all_zero(addr, RT_SHM_SIZE));
+    EXPECT_TRUE(qxt::all_zero(addr, RT_SHM_SIZE));
 }
 
-TEST(SharedMemoryAlloc, SegmentModesAreFixedWhateverTheUmask) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(SharedMemoryAlloc, SegmentModesAreFixedWhateverTheUmask) {
     umask(077);
     int32_t fd = -1;
     void *addr = nullptr;
@@ -179,8 +174,7 @@ TEST(SharedMemoryAlloc, SegmentModesAreFixedWhateverTheUmask) {
     EXPECT_EQ(0660u, qxt::file_mode("/dev/shm/realtime/rt_Global2"));
 }
 
-TEST(SharedMemoryAlloc, ExistingSegmentOfWrongSizeIsSizedTo16384AndKeepsItsContents) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(SharedMemoryAlloc, ExistingSegmentOfWrongSizeIsSizedTo16384AndKeepsItsContents) {
     for (size_t size : {size_t(100), size_t(40000)}) {
         std::string path = "/dev/shm/realtime/rt_Domain_Size";
         std::string pattern(size, '\0');
@@ -191,10 +185,10 @@ TEST(SharedMemoryAlloc, ExistingSegmentOfWrongSizeIsSizedTo16384AndKeepsItsConte
         int32_t fd = -1;
         void *addr = nullptr;
         ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Domain_Size", &fd, &addr)) << size;
-        EXPECT_EQ(RT_SHM_SIZE, shared_state::file_size(path)) << size;
+        EXPECT_EQ(RT_SHM_SIZE, qxt::file_size(path)) << size;
         size_t kept = std::min(size, size_t(RT_SHM_SIZE));
         EXPECT_EQ(0, memcmp(addr, pattern.data(), kept)) << size;
-        EXPECT_TRUE(shared_state::all_zero((char *)addr + kept, RT_SHM_SIZE - kept)) << size;
+        EXPECT_TRUE(qxt::all_zero((char *)addr + kept, RT_SHM_SIZE - kept)) << size;
         std::string head = info_head("_QX_REALTIME_SharedMemoryAlloc");
         EXPECT_TRUE(log.has_info(head + qxt::format("open %s an existed shared memory=%d\n", path.c_str(), fd)))
             << log.dump();
@@ -205,8 +199,7 @@ TEST(SharedMemoryAlloc, ExistingSegmentOfWrongSizeIsSizedTo16384AndKeepsItsConte
     }
 }
 
-TEST(SharedMemoryAlloc, NameThatDoesNotFitPathReturnsSystemError) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(SharedMemoryAlloc, NameThatDoesNotFitPathReturnsSystemError) {
     // "/dev/shm/realtime/rt_" is 21 bytes: 106 more fill the 128-byte buffer exactly.
     int32_t fd = -1;
     void *addr = nullptr;
@@ -221,8 +214,7 @@ TEST(SharedMemoryAlloc, NameThatDoesNotFitPathReturnsSystemError) {
     EXPECT_TRUE(log.lines().empty()) << log.dump();
 }
 
-TEST(SharedMemoryAlloc, MissingDirectoryReturnsFailed) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(SharedMemoryAlloc, MissingDirectoryReturnsFailed) {
     ASSERT_EQ(0, rmdir("/dev/shm/realtime"));
     LogCapture log;
     int32_t fd = 0;
@@ -236,8 +228,7 @@ TEST(SharedMemoryAlloc, MissingDirectoryReturnsFailed) {
     EXPECT_FALSE(qxt::file_exists("/dev/shm/realtime"));
 }
 
-TEST(SharedMemoryAlloc, ExistingPathThatCannotBeOpenedReturnsFailed) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(SharedMemoryAlloc, ExistingPathThatCannotBeOpenedReturnsFailed) {
     ASSERT_EQ(0, mkdir("/dev/shm/realtime/rt_Domain_Dir", 0755));
     LogCapture log;
     int32_t fd = 0;
@@ -251,8 +242,9 @@ TEST(SharedMemoryAlloc, ExistingPathThatCannotBeOpenedReturnsFailed) {
 
 // ---- removal ----
 
-TEST(SharedMemoryFree, RemovesSegmentClosesDescriptorAndUnmaps) {
-    QXT_REQUIRE_SANDBOX();
+using SharedMemoryFree = qxt::SandboxTest;
+
+TEST_F(SharedMemoryFree, RemovesSegmentClosesDescriptorAndUnmaps) {
     int32_t fd = -1;
     void *addr = nullptr;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Domain_Free", &fd, &addr));
@@ -261,14 +253,13 @@ TEST(SharedMemoryFree, RemovesSegmentClosesDescriptorAndUnmaps) {
     LogCapture log;
     _QX_REALTIME_SharedMemoryFree("Domain_Free", &fd, addr);
     EXPECT_FALSE(qxt::file_exists("/dev/shm/realtime/rt_Domain_Free"));
-    EXPECT_FALSE(shared_state::fd_is_open(held));
-    EXPECT_FALSE(shared_state::is_mapped(addr));
+    EXPECT_FALSE(qxt::fd_is_open(held));
+    EXPECT_FALSE(qxt::segment_mapped(addr));
     EXPECT_TRUE(log.has_info("[RT_Impl][Info] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Domain_Free success\n"))
         << log.dump();
 }
 
-TEST(SharedMemoryFree, SegmentAlreadyRemovedLogsHasBeenUnlinkedAndKeepsMapping) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(SharedMemoryFree, SegmentAlreadyRemovedLogsHasBeenUnlinkedAndKeepsMapping) {
     int32_t fd = -1;
     void *addr = nullptr;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Domain_Gone", &fd, &addr));
@@ -283,13 +274,12 @@ TEST(SharedMemoryFree, SegmentAlreadyRemovedLogsHasBeenUnlinkedAndKeepsMapping) 
                              "has been unlinked, errno=No such file or directory\n"))
         << log.dump();
     EXPECT_EQ(QX_LOG_PRIO_INFO, log.lines().at(0).priority);
-    EXPECT_FALSE(shared_state::fd_is_open(held));
-    ASSERT_TRUE(shared_state::is_mapped(addr));
+    EXPECT_FALSE(qxt::fd_is_open(held));
+    ASSERT_TRUE(qxt::segment_mapped(addr));
     EXPECT_EQ(321, ((QX_REALTIME_DOMAIN_t *)addr)->s32UtilMax);
 }
 
-TEST(SharedMemoryFree, UnlinkFailureIsAnErrorAndKeepsMapping) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(SharedMemoryFree, UnlinkFailureIsAnErrorAndKeepsMapping) {
     int32_t fd = -1;
     void *addr = nullptr;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Domain_Stuck", &fd, &addr));
@@ -301,27 +291,27 @@ TEST(SharedMemoryFree, UnlinkFailureIsAnErrorAndKeepsMapping) {
     EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Domain_Stuck "
                               "fails, errno=Is a directory\n"))
         << log.dump();
-    EXPECT_TRUE(shared_state::is_mapped(addr));
+    EXPECT_TRUE(qxt::segment_mapped(addr));
 }
 
-TEST(SharedMemoryFree, NameThatDoesNotFitClosesDescriptorOnly) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(SharedMemoryFree, NameThatDoesNotFitClosesDescriptorOnly) {
     int32_t fd = -1;
     void *addr = nullptr;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Domain_Kept", &fd, &addr));
     int32_t held = fd;
     LogCapture log;
     _QX_REALTIME_SharedMemoryFree(std::string(107, 'n').c_str(), &fd, addr);
-    EXPECT_FALSE(shared_state::fd_is_open(held));
-    EXPECT_TRUE(shared_state::is_mapped(addr));
+    EXPECT_FALSE(qxt::fd_is_open(held));
+    EXPECT_TRUE(qxt::segment_mapped(addr));
     EXPECT_TRUE(qxt::file_exists("/dev/shm/realtime/rt_Domain_Kept"));
     EXPECT_TRUE(log.lines().empty()) << log.dump();
 }
 
 // ---- attaching to the central segment ----
 
-TEST(GetCentralShm, WithoutCentralSegmentReturnsNullWithHint) {
-    QXT_REQUIRE_SANDBOX();
+using GetCentralShm = qxt::SandboxTest;
+
+TEST_F(GetCentralShm, WithoutCentralSegmentReturnsNullWithHint) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_NULL, _QX_REALTIME_GetCentralShm());
     std::vector<qxt::LogLine> lines = log.lines();
@@ -335,14 +325,13 @@ TEST(GetCentralShm, WithoutCentralSegmentReturnsNullWithHint) {
     EXPECT_EQ(nullptr, pstTop);
 }
 
-TEST(GetCentralShm, AttachCopiesSettingsButNotBudgetCpuNum) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(GetCentralShm, AttachCopiesSettingsButNotBudgetCpuNum) {
     write_central_file(1024, 80, 4, 1, 2);
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetCentralShm());
     ASSERT_NE(nullptr, pstTop);
     ASSERT_NE(nullptr, pstTop->pstCentral);
-    EXPECT_TRUE(shared_state::fd_is_open(pstTop->s32ShmFd));
+    EXPECT_TRUE(qxt::fd_is_open(pstTop->s32ShmFd));
     EXPECT_EQ(1024, pstTop->s32CapPerCore);
     EXPECT_EQ(80, pstTop->s32UtilReservation);
     EXPECT_EQ(4, pstTop->s32DbgLevel);
@@ -357,8 +346,7 @@ TEST(GetCentralShm, AttachCopiesSettingsButNotBudgetCpuNum) {
         << log.dump();
 }
 
-TEST(GetCentralShm, AttachBelowDbgLevel4WritesNothing) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(GetCentralShm, AttachBelowDbgLevel4WritesNothing) {
     write_central_file(1024, 80, 3, 1, 2);
     _u32DbgLevel = 64;  // the attach sets the level before it would write
     LogCapture log;
@@ -367,21 +355,21 @@ TEST(GetCentralShm, AttachBelowDbgLevel4WritesNothing) {
     EXPECT_TRUE(log.lines().empty()) << log.dump();
 }
 
-TEST(GetCentralShm, AttachSizesShortCentralFileTo16384) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(GetCentralShm, AttachSizesShortCentralFileTo16384) {
     write_central_file(512, 0, 2, 1, 2, 64);
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetCentralShm());
-    EXPECT_EQ(RT_SHM_SIZE, shared_state::file_size(kShmGlobal));
+    EXPECT_EQ(RT_SHM_SIZE, qxt::file_size(kShmGlobal));
     EXPECT_EQ(512, pstTop->s32CapPerCore);
-    EXPECT_TRUE(shared_state::all_zero((char *)pstTop->pstCentral + 64, RT_SHM_SIZE - 64));
+    EXPECT_TRUE(qxt::all_zero((char *)pstTop->pstCentral + 64, RT_SHM_SIZE - 64));
 }
 
-TEST(GetCentralAndTop, WithoutCentralSegmentReturnsNullAndClosesLockFile) {
-    QXT_REQUIRE_SANDBOX();
+using GetCentralAndTop = qxt::SandboxTest;
+
+TEST_F(GetCentralAndTop, WithoutCentralSegmentReturnsNullAndClosesLockFile) {
     LogCapture log;
     int32_t fd = -1;
     EXPECT_EQ(RT_ERR_NULL, _QX_REALTIME_GetCentralAndTop(&fd));
-    EXPECT_FALSE(shared_state::fd_is_open(fd));
+    EXPECT_FALSE(qxt::fd_is_open(fd));
     EXPECT_TRUE(log.has_error(kForgot)) << log.dump();
     EXPECT_EQ(1, count_matching(log, QX_LOG_PRIO_ERROR,
                                 "\\[RT_Impl\\]\\[Err\\] _QX_REALTIME_GetCentralAndTop \\([0-9]+\\), "
@@ -390,8 +378,7 @@ TEST(GetCentralAndTop, WithoutCentralSegmentReturnsNullAndClosesLockFile) {
     EXPECT_EQ(nullptr, pstTop);
 }
 
-TEST(GetCentralAndTop, LockFileFailureReturnsFailed) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(GetCentralAndTop, LockFileFailureReturnsFailed) {
     write_central_file(1024, 80, 2, 1, 2);
     ASSERT_EQ(0, mkdir(kLockGlobal, 0755));
     LogCapture log;
@@ -407,12 +394,11 @@ TEST(GetCentralAndTop, LockFileFailureReturnsFailed) {
     EXPECT_EQ(nullptr, pstTop);
 }
 
-TEST(GetCentralAndTop, AttachesOnceAndLeavesLockFileOpenButUnlocked) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(GetCentralAndTop, AttachesOnceAndLeavesLockFileOpenButUnlocked) {
     write_central_file(1024, 80, 4, 1, 2);
     int32_t fd = -1;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetCentralAndTop(&fd));
-    ASSERT_TRUE(shared_state::fd_is_open(fd));
+    ASSERT_TRUE(qxt::fd_is_open(fd));
     ASSERT_NE(nullptr, pstTop);
     QX_REALTIME_CENTRAL_t *central = pstTop->pstCentral;
     int other = open(kLockGlobal, O_RDWR);

@@ -1,7 +1,9 @@
 #include "test_support.h"
 
 #include "log_sink.h"
+#include <dirent.h>
 #include <fcntl.h>
+#include <string.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <sys/mman.h>
@@ -197,6 +199,66 @@ void set_property(const std::string &name, const std::string &value) {
 
 void clear_property(const std::string &name) {
     unlink((std::string(QX_HOST_PROPERTY_DIR) + "/" + name).c_str());
+}
+
+void SandboxTest::SetUp() {
+    QXT_REQUIRE_SANDBOX();
+}
+
+std::string rr_domain(const std::string &name, int util, const std::string &cpuset,
+                      const std::vector<RrClass> &classes) {
+    std::string text = format("    \"%s\": {\n        \"Util\": %d,\n        \"Cpuset\": \"%s\"",
+                              name.c_str(), util, cpuset.c_str());
+    for (const RrClass &c : classes)
+        text += format(",\n        \"%s\": {\n            \"Util\": %d,\n"
+                       "            \"RT_Priority\": %d\n        }",
+                       c.name.c_str(), c.util, c.priority);
+    return text + "\n    }";
+}
+
+std::string dl_domain(const std::string &name, int util, const std::string &cpuset,
+                      const std::vector<DlClass> &classes) {
+    std::string text = format("    \"%s\": {\n        \"Util\": %d,\n        \"Cpuset\": \"%s\"",
+                              name.c_str(), util, cpuset.c_str());
+    for (const DlClass &c : classes)
+        text += format(",\n        \"%s\": {\n            \"DL_RuntimeUs\": %d,\n"
+                       "            \"DL_DeadlineUs\": %d,\n            \"DL_PeriodUs\": %d\n"
+                       "        }",
+                       c.name.c_str(), c.runtime_us, c.deadline_us, c.period_us);
+    return text + "\n    }";
+}
+
+std::string join_domains(const std::vector<std::string> &domains) {
+    std::string out;
+    for (const std::string &d : domains) out += (out.empty() ? "" : ",\n") + d;
+    return out;
+}
+
+std::string tid_text() {
+    return std::to_string(qx_gettid());
+}
+
+std::string errno_text(int err) {
+    char buf[128];
+    return strerror_r(err, buf, sizeof(buf));
+}
+
+pid_t dead_pid() {
+    pid_t pid = fork();
+    if (pid == 0) _exit(0);
+    int status;
+    waitpid(pid, &status, 0);
+    return pid;
+}
+
+int open_fd_count() {
+    int n = 0;
+    DIR *dir = opendir("/proc/self/fd");
+    if (dir == nullptr) return -1;
+    while (struct dirent *entry = readdir(dir))
+        if (entry->d_name[0] != '.') n++;
+    closedir(dir);
+    return n - 1;  // the directory's own descriptor
 }
 
 std::string config_with(int enabled, int util, int dbg_level, int reservation, int budget_cpus,

@@ -53,6 +53,14 @@ bool in_sandbox(std::string *why);
         if (!qxt::in_sandbox(&qxt_why)) GTEST_SKIP() << qxt_why;           \
     } while (0)
 
+// The base of every test that needs the sandbox: SetUp skips the test, with the reason, when it
+// is missing. A fixture that derives from it calls SandboxTest::SetUp() first and returns when
+// IsSkipped().
+class SandboxTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+};
+
 // The emulator that target binaries run under (qemu-user for a cross build, as the sandbox's
 // --emulator hands it on), or "" when they run natively.
 std::string emulator();
@@ -100,6 +108,28 @@ void clear_property(const std::string &name);
 std::string config_with(int enabled, int util, int dbg_level, int reservation, int budget_cpus,
                         const std::string &domains);
 
+// The classes of a configured domain: a round-robin class (per-thread Util and priority) and a
+// deadline class (runtime, deadline and period in microseconds).
+struct RrClass {
+    std::string name;
+    int util;
+    int priority;
+};
+struct DlClass {
+    std::string name;
+    int runtime_us;
+    int deadline_us;
+    int period_us;
+};
+// One domain object of a configuration (no surrounding braces): the domain's own keys, then its
+// classes, in order.
+std::string rr_domain(const std::string &name, int util, const std::string &cpuset,
+                      const std::vector<RrClass> &classes = {{"Class_Rr", 10, 50}});
+std::string dl_domain(const std::string &name, int util, const std::string &cpuset,
+                      const std::vector<DlClass> &classes = {{"Class_Dl", 1000, 10000, 100000}});
+// Domain objects joined into the member list that config_with expects.
+std::string join_domains(const std::vector<std::string> &domains);
+
 // A real thread of this process that sleeps (or spins when busy) until stopped.
 class TestThread {
 public:
@@ -113,6 +143,15 @@ private:
     std::atomic<pid_t> tid_{0};
     std::thread thread_;
 };
+
+// This thread's id as the library prints it.
+std::string tid_text();
+// The library's own text of an errno value, as its messages print it.
+std::string errno_text(int err);
+// A process (and thread) id that no longer exists: a child that has exited and been reaped.
+pid_t dead_pid();
+// Number of open descriptors of this process (the one that reads them not counted).
+int open_fd_count();
 
 // Runs fn in a forked child and returns its exit status (or 128 + signal).
 int run_in_child(const std::function<int()> &fn);

@@ -8,7 +8,6 @@
 #include "threads_support.h"
 
 using namespace qxt;
-using namespace qxt_threads;
 
 namespace {
 
@@ -56,8 +55,9 @@ void expect_untouched(pid_t tid) {
 
 }  // namespace
 
-TEST(ThreadAdmission, RrAdmissionAppliesClassPriorityAndMovesThreadIntoDomainGroups) {
-    QXT_REQUIRE_SANDBOX();
+using ThreadAdmission = qxt::SandboxTest;
+
+TEST_F(ThreadAdmission, RrAdmissionAppliesClassPriorityAndMovesThreadIntoDomainGroups) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -96,8 +96,7 @@ TEST(ThreadAdmission, RrAdmissionAppliesClassPriorityAndMovesThreadIntoDomainGro
     EXPECT_EQ(getpid(), d->s32ProcessIDList[0]);
 }
 
-TEST(ThreadAdmission, DeadlineDomainChargesRuntimeTimesCapacityOverPeriod) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadAdmission, DeadlineDomainChargesRuntimeTimesCapacityOverPeriod) {
     start({dl()}, {kDl});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -129,8 +128,7 @@ TEST(ThreadAdmission, DeadlineDomainChargesRuntimeTimesCapacityOverPeriod) {
     EXPECT_EQ(10000, rec->PeriodUs);
 }
 
-TEST(ThreadAdmission, DeadlineAdmissionWithOverrunNotificationSetsFlags0x06) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadAdmission, DeadlineAdmissionWithOverrunNotificationSetsFlags0x06) {
     start({dl()}, {kDl});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -142,8 +140,7 @@ TEST(ThreadAdmission, DeadlineAdmissionWithOverrunNotificationSetsFlags0x06) {
     EXPECT_EQ("/Domain_Dl", cgroup_of(t.tid(), "cpuset"));
 }
 
-TEST(ThreadAdmission, DeadlineShorterThanRuntimeIsRefusedAsInvalid) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadAdmission, DeadlineShorterThanRuntimeIsRefusedAsInvalid) {
     start({dl()}, {kDl});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -162,8 +159,7 @@ TEST(ThreadAdmission, DeadlineShorterThanRuntimeIsRefusedAsInvalid) {
     EXPECT_EQ(0, live_slot_count(d));
 }
 
-TEST(ThreadAdmission, PeriodShorterThanDeadlineIsRefusedAsInvalid) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadAdmission, PeriodShorterThanDeadlineIsRefusedAsInvalid) {
     start({dl()}, {kDl});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -177,8 +173,7 @@ TEST(ThreadAdmission, PeriodShorterThanDeadlineIsRefusedAsInvalid) {
     EXPECT_EQ(0, map_domain_file(kDl)->s32UtilCurrent);
 }
 
-TEST(ThreadAdmission, RepeatedAdmissionInAnyClassSucceedsAndChangesNothing) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadAdmission, RepeatedAdmissionInAnyClassSucceedsAndChangesNothing) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -200,8 +195,7 @@ TEST(ThreadAdmission, RepeatedAdmissionInAnyClassSucceedsAndChangesNothing) {
     EXPECT_EQ("/Domain_Rr", cgroup_of(t.tid(), "cpuset"));
 }
 
-TEST(ThreadAdmission, RrClassWithNegativeUtilIsRefusedAsInvalid) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadAdmission, RrClassWithNegativeUtilIsRefusedAsInvalid) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -217,8 +211,7 @@ TEST(ThreadAdmission, RrClassWithNegativeUtilIsRefusedAsInvalid) {
     EXPECT_EQ(0, live_slot_count(d));
 }
 
-TEST(ThreadAdmission, RrClassWithZeroUtilIsAdmittedAndChargesNothing) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadAdmission, RrClassWithZeroUtilIsAdmittedAndChargesNothing) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -234,8 +227,7 @@ TEST(ThreadAdmission, RrClassWithZeroUtilIsAdmittedAndChargesNothing) {
     EXPECT_EQ(0, live_slot(d, t.tid())->Util);
 }
 
-TEST(ThreadAdmission, BudgetAdmitsUpToItsMaxExactlyAndRefusesOneUnitMore) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadAdmission, BudgetAdmitsUpToItsMaxExactlyAndRefusesOneUnitMore) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread t800, t201, t200;
@@ -260,8 +252,7 @@ TEST(ThreadAdmission, BudgetAdmitsUpToItsMaxExactlyAndRefusesOneUnitMore) {
     EXPECT_EQ("/Domain_Rr", cgroup_of(t200.tid(), "cpuset"));
 }
 
-TEST(ThreadAdmission, DomainWithoutBudgetAdmitsAnyAmountAndLeavesCpusetAlone) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadAdmission, DomainWithoutBudgetAdmitsAnyAmountAndLeavesCpusetAlone) {
     start({rr_domain("Domain_Free", 0, "1", {{"Class_Huge", 5000, 10}})}, {"Domain_Free"});
     if (HasFatalFailure()) return;
     TestThread t1, t2;
@@ -280,8 +271,7 @@ TEST(ThreadAdmission, DomainWithoutBudgetAdmitsAnyAmountAndLeavesCpusetAlone) {
     }
 }
 
-TEST(ThreadAdmission, LiteAdmissionLeavesDeadlineOrderToTheKernel) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadAdmission, LiteAdmissionLeavesDeadlineOrderToTheKernel) {
     start({dl()}, {kDl});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -304,8 +294,7 @@ TEST(ThreadAdmission, LiteAdmissionLeavesDeadlineOrderToTheKernel) {
     EXPECT_EQ(0, map_domain_file(kDl)->s32UtilCurrent);
 }
 
-TEST(ThreadAdmission, LiteAdmissionAppliesAndChargesCallerParametersUnchecked) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadAdmission, LiteAdmissionAppliesAndChargesCallerParametersUnchecked) {
     start({dl()}, {kDl});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -329,8 +318,7 @@ TEST(ThreadAdmission, LiteAdmissionAppliesAndChargesCallerParametersUnchecked) {
     EXPECT_EQ(5000, live_slot(d, t.tid())->Util);
 }
 
-TEST(ThreadAdmission, FullSegmentStoresNoRecordEvenWhenAFreedSlotExists) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadAdmission, FullSegmentStoresNoRecordEvenWhenAFreedSlotExists) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread t1, t2;
@@ -361,8 +349,7 @@ TEST(ThreadAdmission, FullSegmentStoresNoRecordEvenWhenAFreedSlotExists) {
     EXPECT_EQ(200, d->s32UtilCurrent);
 }
 
-TEST(ThreadAdmission, SegmentOneByteShortOfARecordRefusesIt) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadAdmission, SegmentOneByteShortOfARecordRefusesIt) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -377,8 +364,7 @@ TEST(ThreadAdmission, SegmentOneByteShortOfARecordRefusesIt) {
     EXPECT_EQ(16289, d->s32NextOffset);
 }
 
-TEST(ThreadAdmission, SegmentWithRoomForExactlyOneRecordAppendsIt) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadAdmission, SegmentWithRoomForExactlyOneRecordAppendsIt) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread t1, t2;
@@ -393,8 +379,7 @@ TEST(ThreadAdmission, SegmentWithRoomForExactlyOneRecordAppendsIt) {
     EXPECT_EQ(1, live_slot(d, t2.tid())->ThreadIdx);
 }
 
-TEST(ThreadAdmission, FullProcessIdListFailsTheLookupButStoresTheRecord) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadAdmission, FullProcessIdListFailsTheLookupButStoresTheRecord) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     // Another live process fills every slot, so this process finds no room in the list.
@@ -426,8 +411,7 @@ TEST(ThreadAdmission, FullProcessIdListFailsTheLookupButStoresTheRecord) {
     kill_and_reap(other);
 }
 
-TEST(ThreadAdmission, ThreadOfDeadClientIsReapedBeforeTheBudgetCheck) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadAdmission, ThreadOfDeadClientIsReapedBeforeTheBudgetCheck) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     int fds[2];

@@ -9,7 +9,6 @@
 #include "threads_support.h"
 
 using namespace qxt;
-using namespace qxt_threads;
 
 namespace {
 
@@ -40,8 +39,9 @@ std::string arg_is_null(const char *op) {
 
 }  // namespace
 
-TEST(ThreadBadInput, NullDomainOrClassNameIsInvalidParam) {
-    QXT_REQUIRE_SANDBOX();
+using ThreadBadInput = qxt::SandboxTest;
+
+TEST_F(ThreadBadInput, NullDomainOrClassNameIsInvalidParam) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -63,8 +63,7 @@ TEST(ThreadBadInput, NullDomainOrClassNameIsInvalidParam) {
     EXPECT_EQ("/", cgroup_of(t.tid(), "cpuset"));
 }
 
-TEST(ThreadBadInput, NullUtilisationRecordIsNullBeforeAnyLock) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadBadInput, NullUtilisationRecordIsNullBeforeAnyLock) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -81,8 +80,7 @@ TEST(ThreadBadInput, NullUtilisationRecordIsNullBeforeAnyLock) {
     EXPECT_EQ(before, segment_bytes(kRr));
 }
 
-TEST(ThreadBadInput, UnknownDomainIsNullWithEachOperationsOwnMessage) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadBadInput, UnknownDomainIsNullWithEachOperationsOwnMessage) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -105,8 +103,7 @@ TEST(ThreadBadInput, UnknownDomainIsNullWithEachOperationsOwnMessage) {
     EXPECT_EQ("/", cgroup_of(t.tid(), "cpuacct"));
 }
 
-TEST(ThreadBadInput, UnknownClassIsNotExistAndNamedInTheSummary) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadBadInput, UnknownClassIsNotExistAndNamedInTheSummary) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -128,11 +125,10 @@ TEST(ThreadBadInput, UnknownClassIsNotExistAndNamedInTheSummary) {
     EXPECT_EQ((uint32_t)SCHED_OTHER, sched_of(t.tid()).policy);
 }
 
-TEST(ThreadBadInput, ThreadIdWithoutThreadIsRefusedByTheKernel) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadBadInput, ThreadIdWithoutThreadIsRefusedByTheKernel) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
-    pid_t gone = vanished_tid();
+    pid_t gone = dead_pid();
     LogCapture log;
     EXPECT_EQ(RT_ERR_SCHED_SETATTR, QX_REALTIME_AddThread(kRr, "Class_A", gone, 0));
     EXPECT_TRUE(log.has_error(format(
@@ -153,8 +149,7 @@ TEST(ThreadBadInput, ThreadIdWithoutThreadIsRefusedByTheKernel) {
         << log.dump();
 }
 
-TEST(ThreadBadInput, NegativeThreadIdIsRefusedByTheKernelAndTracedWithoutArgPid) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadBadInput, NegativeThreadIdIsRefusedByTheKernelAndTracedWithoutArgPid) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     LogCapture log;
@@ -180,8 +175,7 @@ TEST(ThreadBadInput, NegativeThreadIdIsRefusedByTheKernelAndTracedWithoutArgPid)
 
 // A thread id of 0 is passed on as it is: the kernel then acts on the calling thread, and /proc
 // has no process 0 to read the thread group from.
-TEST(ThreadBadInput, ZeroThreadIdActsOnTheCallingThread) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadBadInput, ZeroThreadIdActsOnTheCallingThread) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     LogCapture log;
@@ -222,8 +216,7 @@ TEST(ThreadBadInput, ZeroThreadIdActsOnTheCallingThread) {
     EXPECT_EQ(getpid(), slot(d, 0)->ProcessID);
 }
 
-TEST(ThreadBadInput, RtPriorityZeroOrHundredIsInvalidParamWithoutSystemCall) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadBadInput, RtPriorityZeroOrHundredIsInvalidParamWithoutSystemCall) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -248,8 +241,7 @@ TEST(ThreadBadInput, RtPriorityZeroOrHundredIsInvalidParamWithoutSystemCall) {
     EXPECT_EQ(0, live_slot_count(d));
 }
 
-TEST(ThreadBadInput, RtPriorityOneAndNinetyNineAreAccepted) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadBadInput, RtPriorityOneAndNinetyNineAreAccepted) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread t1, t99;

@@ -9,7 +9,6 @@
 #include "threads_support.h"
 
 using namespace qxt;
-using namespace qxt_threads;
 
 namespace {
 
@@ -35,8 +34,9 @@ std::string comm_of(pid_t pid) {
 
 // The kernel refuses the policy: the segment is as it was before the call, byte for byte, though
 // a record was written and a charge made for the time of the call.
-TEST(AdmissionBooking, RefusalByTheKernelLeavesTheSegmentAsItWas) {
-    QXT_REQUIRE_SANDBOX();
+using AdmissionBooking = qxt::SandboxTest;
+
+TEST_F(AdmissionBooking, RefusalByTheKernelLeavesTheSegmentAsItWas) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     // A freed slot (not blank) is the one a new record would take.
@@ -44,7 +44,7 @@ TEST(AdmissionBooking, RefusalByTheKernelLeavesTheSegmentAsItWas) {
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", first.tid(), 0));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kRr, first.tid()));
     std::vector<uint8_t> before = segment_bytes(kRr);
-    pid_t gone = vanished_tid();
+    pid_t gone = dead_pid();
     EXPECT_EQ(RT_ERR_SCHED_SETATTR, QX_REALTIME_AddThread(kRr, "Class_A", gone, 0));
     EXPECT_TRUE(before == segment_bytes(kRr)) << "the refused admission left a change";
     // And past the last slot: the counts go back too.
@@ -56,8 +56,7 @@ TEST(AdmissionBooking, RefusalByTheKernelLeavesTheSegmentAsItWas) {
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kRr, keep.tid()));
 }
 
-TEST(AdmissionBooking, RefusedMoveKeepsThePolicyButNoBooking) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(AdmissionBooking, RefusedMoveKeepsThePolicyButNoBooking) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
@@ -77,8 +76,7 @@ TEST(AdmissionBooking, RefusedMoveKeepsThePolicyButNoBooking) {
     write_file(cpus, "1");
 }
 
-TEST(AdmissionBooking, OverrunSignallingWarnsWhenTheSignalWouldKillTheProcess) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(AdmissionBooking, OverrunSignallingWarnsWhenTheSignalWouldKillTheProcess) {
     QXT_SKIP_UNDER_EMULATOR("qemu-user catches every signal for the process it emulates, so the "
                             "kernel shows SIGXCPU caught whatever the emulated process asked");
     start({dl()}, {kDl});

@@ -10,7 +10,6 @@
 #include "threads_support.h"
 
 using namespace qxt;
-using namespace qxt_threads;
 
 namespace {
 
@@ -26,8 +25,9 @@ struct StartLine {
 
 }  // namespace
 
-TEST(ThreadCrossProcess, RacingClientsNeverChargeMoreThanTheBudget) {
-    QXT_REQUIRE_SANDBOX();
+using ThreadCrossProcess = qxt::SandboxTest;
+
+TEST_F(ThreadCrossProcess, RacingClientsNeverChargeMoreThanTheBudget) {
     start({rr_domain(kRace, 1000, "1", {{"Class_R", kShare, 10}})}, {kRace});
     if (HasFatalFailure()) return;
     auto *line = (StartLine *)mmap(nullptr, sizeof(StartLine), PROT_READ | PROT_WRITE,
@@ -96,8 +96,7 @@ TEST(ThreadCrossProcess, RacingClientsNeverChargeMoreThanTheBudget) {
     munmap(line, sizeof(StartLine));
 }
 
-TEST(ThreadCrossProcess, AdmissionAfterAllClientsDiedReturnsTheWholeBudget) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadCrossProcess, AdmissionAfterAllClientsDiedReturnsTheWholeBudget) {
     start({rr_domain(kRace, 1000, "1", {{"Class_R", kShare, 10}})}, {kRace});
     if (HasFatalFailure()) return;
     std::vector<pid_t> clients;

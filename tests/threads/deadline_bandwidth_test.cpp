@@ -8,7 +8,6 @@
 #include "threads_support.h"
 
 using namespace qxt;
-using namespace qxt_threads;
 
 namespace {
 
@@ -28,8 +27,9 @@ struct DropLeakedBandwidth {
 
 }  // namespace
 
-TEST(DeadlineBandwidth, RemovingSleepingDeadlineThreadGivesItsBandwidthBackAtOnce) {
-    QXT_REQUIRE_SANDBOX();
+using DeadlineBandwidth = qxt::SandboxTest;
+
+TEST_F(DeadlineBandwidth, RemovingSleepingDeadlineThreadGivesItsBandwidthBackAtOnce) {
     start({bw_domain()}, {kBw});
     if (HasFatalFailure()) return;
     rebuild_sched_domains();  // start from a kernel that holds no stray reservation
@@ -74,8 +74,7 @@ TEST(DeadlineBandwidth, RemovingSleepingDeadlineThreadGivesItsBandwidthBackAtOnc
     EXPECT_EQ(200, map_domain_file(kBw)->s32UtilCurrent);
 }
 
-TEST(DeadlineBandwidth, AdmittingSleepingDeadlineThreadIntoRoundRobinDomainGivesItsBandwidthBack) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(DeadlineBandwidth, AdmittingSleepingDeadlineThreadIntoRoundRobinDomainGivesItsBandwidthBack) {
     const char kRr[] = "Domain_BwRr";
     start({bw_domain(), rr_domain(kRr, 0, "0", {{"Class_Plain", 0, 20}})}, {kBw, kRr});
     if (HasFatalFailure()) return;
@@ -112,8 +111,7 @@ TEST(DeadlineBandwidth, AdmittingSleepingDeadlineThreadIntoRoundRobinDomainGives
     ASSERT_TRUE(set_other_nice(t.tid(), 0));
 }
 
-TEST(DeadlineBandwidth, RefusedRoundRobinAdmissionLeavesDeadlineThreadWithItsReservation) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(DeadlineBandwidth, RefusedRoundRobinAdmissionLeavesDeadlineThreadWithItsReservation) {
     const char kRr[] = "Domain_BwRr";
     // RT_Priority 0 is refused before any system call changes the policy.
     start({rr_domain(kRr, 0, "0", {{"Class_Bad", 0, 0}})}, {kRr});

@@ -5,7 +5,6 @@
 #include "threads_support.h"
 
 using namespace qxt;
-using namespace qxt_threads;
 
 namespace {
 
@@ -22,8 +21,9 @@ std::string exited(const char *op) {
 
 }  // namespace
 
-TEST(MemoryHighPriority, QueryLogsNotReadyWithCallersValueAndLeavesItInPlace) {
-    QXT_REQUIRE_SANDBOX();
+using MemoryHighPriority = qxt::SandboxTest;
+
+TEST_F(MemoryHighPriority, QueryLogsNotReadyWithCallersValueAndLeavesItInPlace) {
     start({rr_domain("Domain_Rr", 500, "1", {{"Class_A", 100, 10}})}, {"Domain_Rr"});
     if (HasFatalFailure()) return;
     int32_t avail = 42;
@@ -41,8 +41,7 @@ TEST(MemoryHighPriority, QueryLogsNotReadyWithCallersValueAndLeavesItInPlace) {
         << log.dump();
 }
 
-TEST(MemoryHighPriority, EnableAndDisableInAnyOrderSucceedAndChangeNoSharedField) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(MemoryHighPriority, EnableAndDisableInAnyOrderSucceedAndChangeNoSharedField) {
     start({rr_domain("Domain_Rr", 500, "1", {{"Class_A", 100, 10}})}, {"Domain_Rr"});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -78,8 +77,7 @@ TEST(MemoryHighPriority, EnableAndDisableInAnyOrderSucceedAndChangeNoSharedField
     EXPECT_EQ("/Domain_Rr", cgroup_of(t.tid(), "cpuset"));
 }
 
-TEST(MemoryHighPriority, CallsAnswerSuccessEvenBeforeAnyInit) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(MemoryHighPriority, CallsAnswerSuccessEvenBeforeAnyInit) {
     LogCapture log;
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_EnableMemoryHighPriority());
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_DisableMemoryHighPriority());
@@ -96,8 +94,7 @@ TEST(MemoryHighPriority, CallsAnswerSuccessEvenBeforeAnyInit) {
 
 // The query reads the caller's value for its report; a NULL pointer is refused rather than
 // dereferenced.
-TEST(MemoryHighPriority, QueryWithNullPointerIsRefusedWithoutCrash) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(MemoryHighPriority, QueryWithNullPointerIsRefusedWithoutCrash) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_GetAvailableHighPriorityResource(nullptr));
     EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] Arg is "

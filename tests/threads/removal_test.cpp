@@ -7,7 +7,6 @@
 #include "threads_support.h"
 
 using namespace qxt;
-using namespace qxt_threads;
 
 namespace {
 
@@ -50,8 +49,9 @@ void expect_root_groups(pid_t tid) {
 
 }  // namespace
 
-TEST(ThreadRemoval, RemovingRrThreadRestoresFormerNiceValueAndReturnsCharge) {
-    QXT_REQUIRE_SANDBOX();
+using ThreadRemoval = qxt::SandboxTest;
+
+TEST_F(ThreadRemoval, RemovingRrThreadRestoresFormerNiceValueAndReturnsCharge) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -86,8 +86,7 @@ TEST(ThreadRemoval, RemovingRrThreadRestoresFormerNiceValueAndReturnsCharge) {
     EXPECT_EQ(getpid(), d->s32ProcessIDList[0]);
 }
 
-TEST(ThreadRemoval, RemovingRrThreadRestoresItsFormerRrPriority) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadRemoval, RemovingRrThreadRestoresItsFormerRrPriority) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -105,8 +104,7 @@ TEST(ThreadRemoval, RemovingRrThreadRestoresItsFormerRrPriority) {
     EXPECT_EQ(0, map_domain_file(kRr)->s32UtilCurrent);
 }
 
-TEST(ThreadRemoval, RemovingDeadlineThreadRestoresFormerNiceValueAndReturnsCharge) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadRemoval, RemovingDeadlineThreadRestoresFormerNiceValueAndReturnsCharge) {
     start({dl()}, {kDl});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -127,8 +125,7 @@ TEST(ThreadRemoval, RemovingDeadlineThreadRestoresFormerNiceValueAndReturnsCharg
     EXPECT_EQ(0, map_domain_file(kDl)->s32UtilCurrent);
 }
 
-TEST(ThreadRemoval, RemovingDeadlineThreadRestoresAFormerDeadlineReservation) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadRemoval, RemovingDeadlineThreadRestoresAFormerDeadlineReservation) {
     start({dl()}, {kDl});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -148,8 +145,7 @@ TEST(ThreadRemoval, RemovingDeadlineThreadRestoresAFormerDeadlineReservation) {
     expect_root_groups(t.tid());
 }
 
-TEST(ThreadRemoval, RemovingNeverAdmittedThreadIsNotExistAndChangesNothing) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadRemoval, RemovingNeverAdmittedThreadIsNotExistAndChangesNothing) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread admitted, stranger;
@@ -169,8 +165,7 @@ TEST(ThreadRemoval, RemovingNeverAdmittedThreadIsNotExistAndChangesNothing) {
     EXPECT_EQ("/Domain_Rr", cgroup_of(admitted.tid(), "cpuset"));
 }
 
-TEST(ThreadRemoval, RemovingTwiceReportsNotExistTheSecondTime) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadRemoval, RemovingTwiceReportsNotExistTheSecondTime) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -185,8 +180,7 @@ TEST(ThreadRemoval, RemovingTwiceReportsNotExistTheSecondTime) {
     EXPECT_EQ(0, map_domain_file(kRr)->s32UtilCurrent);
 }
 
-TEST(ThreadRemoval, RemovedSlotIsReusedByTheNextAdmission) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadRemoval, RemovedSlotIsReusedByTheNextAdmission) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread t1, t2;
@@ -200,8 +194,7 @@ TEST(ThreadRemoval, RemovedSlotIsReusedByTheNextAdmission) {
     EXPECT_EQ(100, d->s32UtilCurrent);
 }
 
-TEST(ThreadRemoval, RemovingFromDomainSpanningEveryCpuLeavesCpusetAndResetsCpuacct) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadRemoval, RemovingFromDomainSpanningEveryCpuLeavesCpusetAndResetsCpuacct) {
     start({rr_domain("Domain_All", 500, "0-1", {{"Class_A", 100, 10}})}, {"Domain_All"});
     if (HasFatalFailure()) return;
     // A cpuset of the client's own: a removal that wrote the root cpuset would take the thread
@@ -227,8 +220,7 @@ TEST(ThreadRemoval, RemovingFromDomainSpanningEveryCpuLeavesCpusetAndResetsCpuac
     EXPECT_EQ(0, map_domain_file("Domain_All")->s32UtilCurrent);
 }
 
-TEST(ThreadRemoval, ReapingDeadClientWithThreeThreadsFreesAllThreeAndLowersChargeBySum) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadRemoval, ReapingDeadClientWithThreeThreadsFreesAllThreeAndLowersChargeBySum) {
     // The client is forked while this process runs the survivor thread, and then starts threads
     // of its own: qemu-user 7.2 aborts there (an assertion in its CPU loop), whatever the library.
     QXT_SKIP_UNDER_EMULATOR("qemu-user 7.2 aborts when the forked child of a multi-threaded "

@@ -6,7 +6,6 @@
 #include "threads_support.h"
 
 using namespace qxt;
-using namespace qxt_threads;
 
 namespace {
 
@@ -29,8 +28,9 @@ std::string updated_info(const char *domain, int current, pid_t tid) {
 
 }  // namespace
 
-TEST(ThreadUpdate, UpdatePushingDomainOverBudgetIsRefusedAndChangesNothing) {
-    QXT_REQUIRE_SANDBOX();
+using ThreadUpdate = qxt::SandboxTest;
+
+TEST_F(ThreadUpdate, UpdatePushingDomainOverBudgetIsRefusedAndChangesNothing) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread t1, t2;
@@ -54,8 +54,7 @@ TEST(ThreadUpdate, UpdatePushingDomainOverBudgetIsRefusedAndChangesNothing) {
     EXPECT_EQ("/Domain_Rr", cgroup_of(t1.tid(), "cpuset"));
 }
 
-TEST(ThreadUpdate, LoweringShareIsAlwaysWithinBudgetAndInRrDomainTouchesOnlyBookkeeping) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadUpdate, LoweringShareIsAlwaysWithinBudgetAndInRrDomainTouchesOnlyBookkeeping) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread t1, t2;
@@ -85,8 +84,7 @@ TEST(ThreadUpdate, LoweringShareIsAlwaysWithinBudgetAndInRrDomainTouchesOnlyBook
     EXPECT_EQ("/Domain_Rr", cgroup_of(t1.tid(), "cpuset"));
 }
 
-TEST(ThreadUpdate, NegativeShareInRrDomainIsRefusedAsInvalid) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadUpdate, NegativeShareInRrDomainIsRefusedAsInvalid) {
     start({rr()}, {kRr});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -101,8 +99,7 @@ TEST(ThreadUpdate, NegativeShareInRrDomainIsRefusedAsInvalid) {
     EXPECT_EQ(before, segment_bytes(kRr));
 }
 
-TEST(ThreadUpdate, DeadlineUpdateAppliesNewReservationAndKeepsOverrunFlag) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadUpdate, DeadlineUpdateAppliesNewReservationAndKeepsOverrunFlag) {
     start({dl()}, {kDl});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -138,8 +135,7 @@ TEST(ThreadUpdate, DeadlineUpdateAppliesNewReservationAndKeepsOverrunFlag) {
     EXPECT_EQ((uint32_t)SCHED_OTHER, saved_policy(rec));
 }
 
-TEST(ThreadUpdate, DeadlineUpdateWithoutOverrunKeepsFlags0x02) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadUpdate, DeadlineUpdateWithoutOverrunKeepsFlags0x02) {
     start({dl()}, {kDl});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -155,8 +151,7 @@ TEST(ThreadUpdate, DeadlineUpdateWithoutOverrunKeepsFlags0x02) {
     EXPECT_EQ(200, map_domain_file(kDl)->s32UtilCurrent);
 }
 
-TEST(ThreadUpdate, DeadlineUpdateOutOfOrderIsRefusedAndKernelKeepsOldReservation) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadUpdate, DeadlineUpdateOutOfOrderIsRefusedAndKernelKeepsOldReservation) {
     start({dl()}, {kDl});
     if (HasFatalFailure()) return;
     TestThread t;
@@ -176,8 +171,7 @@ TEST(ThreadUpdate, DeadlineUpdateOutOfOrderIsRefusedAndKernelKeepsOldReservation
     EXPECT_EQ("/Domain_Dl", cgroup_of(t.tid(), "cpuset"));
 }
 
-TEST(ThreadUpdate, DeadlineUpdateOverBudgetIsRefusedAndExactlyAtBudgetIsApplied) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadUpdate, DeadlineUpdateOverBudgetIsRefusedAndExactlyAtBudgetIsApplied) {
     // A small budget keeps the reservations small: other deadline users share the machine.
     start({dl_domain("Domain_Small", 300, "1", {{"Class_Tenth", 1000, 10000, 10000}})},
           {"Domain_Small"});

@@ -11,7 +11,7 @@
 
 #include "test_support.h"
 
-namespace qxt_mon {
+namespace qxt {
 
 // Hands one text to each reader of a counter file, in order: the reader that opens `target` gets
 // the next text and then end of file. Every text travels through a pipe of its own: when a reader
@@ -74,12 +74,6 @@ bool bind_over(const std::string &source, const std::string &target, std::string
 // Points a domain's cpuacct statistics path at another file (in the shared record).
 void set_cpuacct_stat_path(const std::string &domain, const std::string &path);
 
-// Configuration snippets (JSON object members, without the surrounding braces).
-std::string rr_domain(const std::string &name, int util, const std::string &cpuset,
-                      const std::string &cls, int class_util, int prio);
-std::string dl_domain(const std::string &name, int util, const std::string &cpuset,
-                      const std::string &cls, int runtime_us, int deadline_us, int period_us);
-
 // Writes the configuration (Enabled, CapPerCore cap, Reservation 80, BudgetCpuNum 2) and inits.
 // Returns the result of QX_REALTIME_Init.
 uint32_t start_framework(const std::string &domains, int cap = 1024, int enabled = 1,
@@ -89,7 +83,7 @@ uint32_t start_framework(const std::string &domains, int cap = 1024, int enabled
 std::vector<std::string> forms(const qxt::LogCapture &log, bool drop_debug = true);
 // Only the error-level lines.
 std::vector<std::string> error_forms(const qxt::LogCapture &log);
-std::string join(const std::vector<std::string> &lines);
+std::string join_lines(const std::vector<std::string> &lines);
 
 // One sample of the one-domain mode: "[RT_Impl][Err] %5.2f %% (budget %5.2f%%) %s\n".
 struct Sample {
@@ -136,6 +130,6 @@ private:
     std::string why_;
 };
 
-}  // namespace qxt_mon
+}  // namespace qxt
 
 #endif

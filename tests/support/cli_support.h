@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace qxt_cli {
+namespace qxt {
 
 struct Result {
     int status;  // exit status, or 128 + signal
@@ -23,6 +23,6 @@ void install_shipped_config();
 // each by its own rtctl process. Fails the calling test (fatally) when a step fails.
 void start_shipped_domains();
 
-}  // namespace qxt_cli
+}  // namespace qxt
 
 #endif

@@ -17,7 +17,7 @@
 
 #include "test_support.h"
 
-namespace hard {
+namespace qxt {
 
 // Sanitizer builds fork a large process image, many times more slowly: the long loops of the
 // corrupted-file suite run a share of their cases there, so that every case stays in its time.
@@ -47,9 +47,9 @@ constexpr bool kThreadSanitized = false;
 #else
 constexpr bool kThreadSanitized = false;
 #endif
-#define HARD_SKIP_UNDER_TSAN()                                                                 \
+#define QXT_SKIP_UNDER_TSAN()                                                                 \
     do {                                                                                       \
-        if (hard::kThreadSanitized)                                                            \
+        if (qxt::kThreadSanitized)                                                            \
             GTEST_SKIP() << "memory-safety suite, run in the plain and ASan/UBSan builds: "    \
                             "under ThreadSanitizer its hundreds of forks outlast the case";    \
     } while (0)
@@ -145,7 +145,6 @@ std::vector<std::string> list_dir(const std::string &dir);
 std::vector<std::string> library_files();
 
 // Rebuilds the kernel's sched domains: drops deadline bandwidth that no task holds any more.
-void rebuild_sched_domains();
 
 // A short text for a syscall number (its name for the usual ones).
 std::string syscall_name(long nr);
@@ -153,6 +152,6 @@ std::string syscall_name(long nr);
 // Monotonic seconds.
 double now_s();
 
-}  // namespace hard
+}  // namespace qxt
 
 #endif

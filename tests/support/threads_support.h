@@ -12,29 +12,12 @@
 
 #include "test_support.h"
 
-namespace qxt_threads {
+namespace qxt {
 
 // Capacity units of one busy core in every configuration of this suite; the budget of all
 // domains is 2 CPUs x 1000 x 100 % = 2000.
 constexpr int kCapPerCore = 1000;
 
-struct RrClass {
-    std::string name;
-    int util;
-    int priority;
-};
-struct DlClass {
-    std::string name;
-    int runtime_us;
-    int deadline_us;
-    int period_us;
-};
-
-// One domain object of a configuration (no surrounding braces).
-std::string rr_domain(const std::string &name, int util, const std::string &cpuset,
-                      const std::vector<RrClass> &classes);
-std::string dl_domain(const std::string &name, int util, const std::string &cpuset,
-                      const std::vector<DlClass> &classes);
 
 // Installs a configuration with the given domain objects (joined by commas), initialises the
 // library at debug level 64 (so info and debug messages reach the log) and creates the domains.
@@ -66,13 +49,8 @@ bool set_deadline(pid_t tid, uint64_t runtime_ns, uint64_t deadline_ns, uint64_t
 // Number of captured lines at the error priority.
 int error_count(const qxt::LogCapture &log);
 
-// A thread id that no thread has: a child process that has already been reaped.
-pid_t vanished_tid();
 
 
-// The text of an errno value as the library prints it.
-std::string errno_text(int err);
-
-}  // namespace qxt_threads
+}  // namespace qxt
 
 #endif

@@ -18,7 +18,7 @@
 #include <algorithm>
 #include <atomic>
 
-namespace hard {
+namespace qxt {
 
 const char kRr[] = "Domain_HardRr";
 const char kDl[] = "Domain_HardDl";
@@ -393,9 +393,6 @@ std::vector<std::string> library_files() {
     return out;
 }
 
-void rebuild_sched_domains() {
-    qxt::rebuild_sched_domains();
-}
 
 std::string syscall_name(long nr) {
 #define QXT_SYSCALL(name) \
@@ -479,4 +476,4 @@ double now_s() {
     return (double)ts.tv_sec + (double)ts.tv_nsec / 1e9;
 }
 
-}  // namespace hard
+}  // namespace qxt

@@ -10,35 +10,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace qxt_threads {
-
-std::string rr_domain(const std::string &name, int util, const std::string &cpuset,
-                      const std::vector<RrClass> &classes) {
-    std::string text = qxt::format("    \"%s\": {\n        \"Util\": %d,\n        \"Cpuset\": \"%s\"",
-                                   name.c_str(), util, cpuset.c_str());
-    for (const RrClass &c : classes)
-        text += qxt::format(",\n        \"%s\": {\n            \"Util\": %d,\n"
-                            "            \"RT_Priority\": %d\n        }",
-                            c.name.c_str(), c.util, c.priority);
-    return text + "\n    }";
-}
-
-std::string dl_domain(const std::string &name, int util, const std::string &cpuset,
-                      const std::vector<DlClass> &classes) {
-    std::string text = qxt::format("    \"%s\": {\n        \"Util\": %d,\n        \"Cpuset\": \"%s\"",
-                                   name.c_str(), util, cpuset.c_str());
-    for (const DlClass &c : classes)
-        text += qxt::format(",\n        \"%s\": {\n            \"DL_RuntimeUs\": %d,\n"
-                            "            \"DL_DeadlineUs\": %d,\n            \"DL_PeriodUs\": %d\n"
-                            "        }",
-                            c.name.c_str(), c.runtime_us, c.deadline_us, c.period_us);
-    return text + "\n    }";
-}
+namespace qxt {
 
 void start(const std::vector<std::string> &domain_objects,
            std::initializer_list<const char *> create) {
-    std::string domains;
-    for (const std::string &d : domain_objects) domains += (domains.empty() ? "" : ",\n") + d;
+    std::string domains = qxt::join_domains(domain_objects);
     // DbgLevel 4: errors, info and debug messages all reach the log.
     qxt::install_config("threads", qxt::config_with(1, kCapPerCore, 4, 100, 2, domains));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
@@ -132,16 +108,6 @@ int error_count(const qxt::LogCapture &log) {
     return n;
 }
 
-pid_t vanished_tid() {
-    pid_t pid = fork();
-    if (pid == 0) _exit(0);
-    int status;
-    waitpid(pid, &status, 0);
-    return pid;
-}
 
-std::string errno_text(int err) {
-    return strerror(err);
-}
 
-}  // namespace qxt_threads
+}  // namespace qxt

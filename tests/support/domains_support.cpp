@@ -1,4 +1,4 @@
-#include "domain_suite.h"
+#include "domains_support.h"
 
 #include <dirent.h>
 #include <errno.h>
@@ -9,47 +9,8 @@
 
 #include <algorithm>
 
-namespace qxt_domains {
+namespace qxt {
 
-std::string rr_domain(const std::string &name, int util, const std::string &cpuset,
-                      int class_util, int priority, const std::string &class_name) {
-    return qxt::format(
-        "    \"%s\": {\n"
-        "        \"Util\": %d,\n"
-        "        \"Cpuset\": \"%s\",\n"
-        "        \"%s\": {\n"
-        "            \"Util\": %d,\n"
-        "            \"RT_Priority\": %d\n"
-        "        }\n"
-        "    }",
-        name.c_str(), util, cpuset.c_str(), class_name.c_str(), class_util, priority);
-}
-
-std::string dl_domain(const std::string &name, int util, const std::string &cpuset,
-                      int runtime_us, int deadline_us, int period_us,
-                      const std::string &class_name) {
-    return qxt::format(
-        "    \"%s\": {\n"
-        "        \"Util\": %d,\n"
-        "        \"Cpuset\": \"%s\",\n"
-        "        \"%s\": {\n"
-        "            \"DL_RuntimeUs\": %d,\n"
-        "            \"DL_DeadlineUs\": %d,\n"
-        "            \"DL_PeriodUs\": %d\n"
-        "        }\n"
-        "    }",
-        name.c_str(), util, cpuset.c_str(), class_name.c_str(), runtime_us, deadline_us,
-        period_us);
-}
-
-std::string join(const std::vector<std::string> &domains) {
-    std::string out;
-    for (size_t i = 0; i < domains.size(); i++) {
-        if (i != 0) out += ",\n";
-        out += domains[i];
-    }
-    return out;
-}
 
 std::string numbered_name(int i) {
     return qxt::format("Domain_%d", i);
@@ -62,7 +23,7 @@ std::vector<std::string> numbered_domains(int first, int last, int util) {
 }
 
 std::string config_of(const std::vector<std::string> &domains) {
-    return qxt::config_with(1, 1024, 4, 80, 2, join(domains));
+    return qxt::config_with(1, 1024, 4, 80, 2, qxt::join_domains(domains));
 }
 
 int run_in_fresh_process(const std::function<int()> &fn) {
@@ -70,10 +31,6 @@ int run_in_fresh_process(const std::function<int()> &fn) {
         pstTop = nullptr;  // the inherited mappings stay, unused, like any other memory
         return fn();
     });
-}
-
-void DomainTest::SetUp() {
-    QXT_REQUIRE_SANDBOX();
 }
 
 void DomainTest::init_with(const std::string &json) {
@@ -94,32 +51,11 @@ std::string first_line(const std::string &path) {
     return end == std::string::npos ? text : text.substr(0, end);
 }
 
-pid_t dead_pid() {
-    pid_t pid = fork();
-    if (pid == 0) _exit(0);
-    int status;
-    waitpid(pid, &status, 0);
-    return pid;
-}
-
-int open_fd_count() {
-    int n = 0;
-    DIR *dir = opendir("/proc/self/fd");
-    if (dir == nullptr) return -1;
-    while (struct dirent *entry = readdir(dir))
-        if (entry->d_name[0] != '.') n++;
-    closedir(dir);
-    return n - 1;  // the directory's own descriptor
-}
 
 bool is_mapped(const void *addr) {
     return qxt::range_mapped(addr, 1);
 }
 
-std::string errno_text(int err) {
-    char buf[128];
-    return strerror_r(err, buf, sizeof(buf));
-}
 
 bool segment_exists(const std::string &domain) {
     return qxt::file_exists(RT_SHM_PREFIX + domain);
@@ -147,4 +83,4 @@ std::vector<std::string> mapped_names() {
     return out;
 }
 
-}  // namespace qxt_domains
+}  // namespace qxt

@@ -12,11 +12,8 @@
 
 #include "test_support.h"
 
-namespace lifecycle {
+namespace qxt {
 
-inline std::string tid_text() {
-    return std::to_string(qx_gettid());
-}
 
 // A system scope with the given values and no domains.
 inline std::string system_config(int enabled, int util, int dbg_level) {
@@ -52,6 +49,6 @@ inline std::string own_log_file() {
     return std::string(RT_LOG_FILE_PREFIX) + std::to_string((int32_t)(intptr_t)pstTop);
 }
 
-}  // namespace lifecycle
+}  // namespace qxt
 
 #endif
