@@ -20,12 +20,9 @@ bool contains(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
 }
 
-class RtctlCheck : public qxt::SandboxTest {
+class RtctlCheck : public qxt::ShippedConfigTest {
 protected:
-    void SetUp() override {
-        SandboxTest::SetUp();
-        if (IsSkipped()) return;
-        if (get_nprocs() < 2) GTEST_SKIP() << "the shipped configuration needs 2 CPUs";
+    void SetUpInSandbox() override {
         qxt::install_shipped_config();
         ASSERT_EQ(QX_REALTIME_Init(0), RT_SUCCESS);
         ASSERT_EQ(QX_REALTIME_CreateDomain("Domain_Audio"), RT_SUCCESS);

@@ -29,7 +29,7 @@ TEST_F(QueryBudgetTest, DemandThatFitsSucceedsAndGetsTheBudgetLeft) {
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_QueryBudget("Domain_Q", &util, &left)) << log.dump();
     EXPECT_EQ(40, left);
     EXPECT_EQ(40, util.s32Util);
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_QueryBudget] successfully.\n")) << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_QueryBudget] successfully.\n");
     EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_QueryBudget] exit, OK.\n"));
     // Nothing was charged.
     EXPECT_EQ(60, qxt::map_domain_file("Domain_Q")->s32UtilCurrent);
@@ -41,11 +41,10 @@ TEST_F(QueryBudgetTest, DemandAboveTheBudgetLeftIsRefusedAndStillGetsIt) {
     int32_t left = -1;
     EXPECT_EQ(RT_ERR_OVER_BUDGET, QX_REALTIME_QueryBudget("Domain_Q", &util, &left));
     EXPECT_EQ(40, left);
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Domain[Domain_Q] over "
-                              "s32Util: new Util is 41, original Util is 0,domain current total "
-                              "Util is 60, max. domain Util is 100\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_QueryBudget] fails.\n")) << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Domain[Domain_Q] over "
+                          "s32Util: new Util is 41, original Util is 0,domain current total "
+                          "Util is 60, max. domain Util is 100\n");
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_QueryBudget] fails.\n");
     EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_QueryBudget] exit, err=9.\n"));
 }
 
@@ -81,10 +80,9 @@ TEST_F(QueryBudgetTest, BadDeadlineParametersAreRefusedAndTheBudgetLeftIsWritten
     int32_t left = -1;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_QueryBudget("Domain_Dl", &util, &left));
     EXPECT_EQ(512, left);
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
-                              "parameter: (should) DlPeriodUs=4000 >= DlDeadlineUs=500 >= "
-                              "DlRuntimeUs=1000.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
+                          "parameter: (should) DlPeriodUs=4000 >= DlDeadlineUs=500 >= "
+                          "DlRuntimeUs=1000.\n");
 }
 
 TEST_F(QueryBudgetTest, DomainWithoutBudgetAdmitsAnyDemandAndReportsZeroLeft) {
@@ -109,8 +107,7 @@ TEST_F(QueryBudgetTest, NullUtilisationRecordIsRefused) {
     init_with(config_of({rr_domain("Domain_Q", 100, "0-1")}));
     int32_t left = -7;
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_QueryBudget("Domain_Q", nullptr, &left));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_QueryBudget] pstUtil is NULL.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_QueryBudget] pstUtil is NULL.\n");
     EXPECT_EQ(-7, left);
 }
 
@@ -119,8 +116,7 @@ TEST_F(QueryBudgetTest, NullOutputIsRefused) {
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_Q"));
     QX_REALTIME_UTIL_t util = {1, 0, 0, 0};
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_QueryBudget("Domain_Q", &util, nullptr));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_QueryBudget] ps32UtilLeft is NULL.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_QueryBudget] ps32UtilLeft is NULL.\n");
     EXPECT_FALSE(qxt::file_exists("/data/vendor/realtime/flock_rt_Domain_Q"));
 }
 
@@ -129,8 +125,7 @@ TEST_F(QueryBudgetTest, UnknownDomainIsReportedAndTheOutputLeft) {
     QX_REALTIME_UTIL_t util = {1, 0, 0, 0};
     int32_t left = -7;
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_QueryBudget("Domain_Q", &util, &left));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_QueryBudget] pstDomain is NULL.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_QueryBudget] pstDomain is NULL.\n");
     EXPECT_EQ(-7, left);
 }
 
@@ -145,7 +140,7 @@ TEST_F(QueryBudgetTest, UnreachableCentralDataGivesTheQueryTheCodeAndTheConversi
     QX_REALTIME_UTIL_t util = {1, 0, 0, 0};
     int32_t left = -7;
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_QueryBudget("Domain_Q", &util, &left));
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_QueryBudget] exit, err=4.\n")) << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_QueryBudget] exit, err=4.\n");
     EXPECT_EQ(-7, left);
     uint32_t us = 7;
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_DmipsToUs(10, &us));
@@ -169,9 +164,8 @@ TEST_F(DmipsTest, HalfTheCapabilityIsHalfASecondPerSecond) {
     with_capability(1000);
     EXPECT_EQ(500000u, convert(500));
     EXPECT_EQ(RT_SUCCESS, last_ret);
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [QX_REALTIME_DmipsToUs] dmips=500 us=500000, "
-                             "SystemCapability=1000\n"))
-        << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][Info] [QX_REALTIME_DmipsToUs] dmips=500 us=500000, "
+                         "SystemCapability=1000\n");
 }
 
 TEST_F(DmipsTest, RemainderIsDropped) {
@@ -205,25 +199,22 @@ TEST_F(DmipsTest, DemandAboveTheCapabilityIsRefusedWithZero) {
     with_capability(1000);
     EXPECT_EQ(0u, convert(1001));
     EXPECT_EQ(RT_ERR_INVALID_PARAM, last_ret);
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_DmipsToUs] u32Dmips (1001) should be "
-                              "less than systemCapability (1000)\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_DmipsToUs] u32Dmips (1001) should be "
+                          "less than systemCapability (1000)\n");
 }
 
 TEST_F(DmipsTest, ZeroCapabilityIsRefusedWithZero) {
     with_capability(0);
     EXPECT_EQ(0u, convert(1));
     EXPECT_EQ(RT_ERR_INVALID_PARAM, last_ret);
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_DmipsToUs] SystemCpapbility should not "
-                              "be 0\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_DmipsToUs] SystemCpapbility should not "
+                          "be 0\n");
 }
 
 TEST_F(DmipsTest, NullOutputIsRefused) {
     with_capability(1000);
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_DmipsToUs(1, nullptr));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_DmipsToUs] u32MiscroSec is NULL.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_DmipsToUs] u32MiscroSec is NULL.\n");
 }
 
 TEST_F(DmipsTest, DisabledFrameworkLeavesTheOutput) {

@@ -63,29 +63,29 @@ TEST_F(Deinit, RemovesCentralSegmentAndLockFile) {
     EXPECT_EQ(nullptr, pstTop);
     EXPECT_FALSE(qxt::file_exists(central_path()));
     EXPECT_FALSE(qxt::file_exists(qxt::central_lock_path()));
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Global success\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [QX_REALTIME_Deinit] unlink /data/vendor/realtime/flock_rt_Global success\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_Deinit] exit, OK.\n")) << log.dump();
+    QXT_EXPECT_INFO(log,
+        "[RT_Impl][Info] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Global success\n");
+    QXT_EXPECT_INFO(log,
+        "[RT_Impl][Info] [QX_REALTIME_Deinit] unlink /data/vendor/realtime/flock_rt_Global success\n");
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_Deinit] exit, OK.\n");
     EXPECT_TRUE(qxt::process_mutex_is_free());
 
     // This process now has no top object and no central segment to attach to.
     log.clear();
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_Deinit());
-    EXPECT_TRUE(log.has_error(kForgot)) << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_Deinit] exit, err=10.\n")) << log.dump();
+    QXT_EXPECT_ERROR(log, kForgot);
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_Deinit] exit, err=10.\n");
 }
 
 TEST_F(Deinit, WithoutCentralSegmentReturnsNull) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_Deinit());
-    EXPECT_TRUE(log.has_error(qxt::format(
+    QXT_EXPECT_ERROR(log,
+        qxt::format(
         "[RT_Impl][Err] [_QX_REALTIME_GetCentralShm][PID=%d][TID=%s] shm_open "
         "(/dev/shm/realtime/rt_Global) return -1, errno=No such file or directory\n",
-        getpid(), tid_text().c_str())))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(kForgot)) << log.dump();
+        getpid(), tid_text().c_str()));
+    QXT_EXPECT_ERROR(log, kForgot);
     EXPECT_EQ(1, log.count_containing("_QX_REALTIME_GetCentralAndTop (")) << log.dump();
     EXPECT_EQ(1, log.count_containing("), can't get central shared memory\n")) << log.dump();
     EXPECT_TRUE(qxt::process_mutex_is_free());
@@ -141,7 +141,7 @@ TEST_F(Deinit, OtherProcessKeepsOldMappingWhileFreshAttachGetsNull) {
     EXPECT_EQ(0, fresh);
     LogCapture log;
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_SetDebugLevel(32));
-    EXPECT_TRUE(log.has_error(kForgot)) << log.dump();
+    QXT_EXPECT_ERROR(log, kForgot);
 }
 
 using SetDebugLevel = qxt::SandboxTest;
@@ -150,7 +150,7 @@ TEST_F(SetDebugLevel, WithoutCentralSegmentReturnsNullButLevelIsSet) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_SetDebugLevel(64));
     EXPECT_EQ(64u, _u32DbgLevel);
-    EXPECT_TRUE(log.has_error(kForgot)) << log.dump();
+    QXT_EXPECT_ERROR(log, kForgot);
     EXPECT_TRUE(qxt::process_mutex_is_free());
 }
 
@@ -178,8 +178,8 @@ TEST_F(SetDebugLevel, WhenEnabledStoresLevelInCentralRecordThatAttachersMapAgain
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_SetDebugLevel(64));
     EXPECT_EQ(64u, _u32DbgLevel);
     EXPECT_EQ(64, central->s32DbgLevel);
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [QX_REALTIME_SetDebugLevel] set DbgLvl = 64 in central data\n"))
-        << log.dump();
+    QXT_EXPECT_INFO(log,
+        "[RT_Impl][Info] [QX_REALTIME_SetDebugLevel] set DbgLvl = 64 in central data\n");
     // 64 is outside 0..7 for an attaching process: it means 32 there.
     EXPECT_EQ(32u, level_of_fresh_attacher());
 

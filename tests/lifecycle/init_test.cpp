@@ -21,8 +21,8 @@ TEST_F(Init, Mode0WithoutPropertyReadsRt0Json) {
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     EXPECT_STREQ("/vendor/etc/realtime/rt-0.json", u8JsonPath);
     EXPECT_EQ((const char *)u8JsonPath, pstJsonPath);
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [QX_REALTIME_Init] JsonPath is /vendor/etc/realtime/rt-0.json\n"))
-        << log.dump();
+    QXT_EXPECT_INFO(log,
+        "[RT_Impl][Info] [QX_REALTIME_Init] JsonPath is /vendor/etc/realtime/rt-0.json\n");
     EXPECT_EQ(777, pstTop->s32CapPerCore);
     QX_REALTIME_CENTRAL_t *central = qxt::map_central_file();
     ASSERT_NE(nullptr, central);
@@ -113,11 +113,10 @@ TEST_F(Init, ConfigurationNameTooLongForPathFailsWithoutMessage) {
 TEST_F(Init, MissingConfigurationReturnsInvalidParam) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_Init(0));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_GetCapability] Can't open "
-                              "/vendor/etc/realtime/rt-0.json, errno=No such file or directory\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_Init] _QX_REALTIME_GetCapability() return 12\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_GetCapability] Can't open "
+                          "/vendor/etc/realtime/rt-0.json, errno=No such file or directory\n");
+    QXT_EXPECT_ERROR(log,
+        "[RT_Impl][Err] [QX_REALTIME_Init] _QX_REALTIME_GetCapability() return 12\n");
     // The central segment was set up before the scan and stays; no setting reached it.
     ASSERT_NE(nullptr, pstTop);
     QX_REALTIME_CENTRAL_t *central = qxt::map_central_file();
@@ -160,8 +159,8 @@ TEST_F(Init, CopiesSettingsIntoCentralRecord) {
     EXPECT_EQ(3, central->s32BudgetCpuNum);
     EXPECT_EQ(700, central->s32UtilTotal);
     EXPECT_EQ(80u, _u32DbgLevel);
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [_QX_REALTIME_GetCapability] CapPerCore = 2048, Enable=1, DbgLevel=5\n"))
-        << log.dump();
+    QXT_EXPECT_INFO(log,
+        "[RT_Impl][Info] [_QX_REALTIME_GetCapability] CapPerCore = 2048, Enable=1, DbgLevel=5\n");
 }
 
 TEST_F(Init, SettingsScanTakesLastValueBeforeAllKeysAreSeen) {
@@ -194,7 +193,7 @@ TEST_F(Init, SecondInitRereadsSettingsAndReusesTopObjectAndMapping) {
     EXPECT_EQ(4, central->s32DbgLevel);
     // No segment was created or opened again.
     EXPECT_EQ(0, log.count_containing("_QX_REALTIME_SharedMemoryAlloc")) << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_Init] exit, OK.\n")) << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_Init] exit, OK.\n");
 }
 
 TEST_F(Init, DbgLevel9SetsLevel32) {
@@ -239,12 +238,12 @@ TEST_F(Init, LockFileFailureReturnsFailedWhileExitTraceSaysErr12) {
     _u32DbgLevel = 64;
     LogCapture log;
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(0));
-    EXPECT_TRUE(log.has_error(qxt::format(
+    QXT_EXPECT_ERROR(log,
+        qxt::format(
         "[RT_Impl][Err] [_QX_REALTIME_GetFlock][PID=%d][TID=%s] flock open "
         "(/data/vendor/realtime/flock_rt_Global) return -1, errno=Is a directory\n",
-        getpid(), tid_text().c_str())))
-        << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_Init] exit, err=12.\n")) << log.dump();
+        getpid(), tid_text().c_str()));
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_Init] exit, err=12.\n");
     EXPECT_EQ(0, log.count_containing("exit, err=4.")) << log.dump();
     EXPECT_EQ(nullptr, pstTop);
     EXPECT_FALSE(qxt::file_exists(central_path()));
@@ -256,11 +255,11 @@ TEST_F(Init, MissingLockDirectoryReturnsFailed) {
     ASSERT_EQ(0, rmdir("/data/vendor/realtime"));
     LogCapture log;
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(0));
-    EXPECT_TRUE(log.has_error(qxt::format(
+    QXT_EXPECT_ERROR(log,
+        qxt::format(
         "[RT_Impl][Err] [_QX_REALTIME_GetFlock][PID=%d][TID=%s] flock open "
         "(/data/vendor/realtime/flock_rt_Global) return -1, errno=No such file or directory\n",
-        getpid(), tid_text().c_str())))
-        << log.dump();
+        getpid(), tid_text().c_str()));
     // The library never creates its directories.
     EXPECT_FALSE(qxt::file_exists("/data/vendor/realtime"));
 }
@@ -270,13 +269,12 @@ TEST_F(Init, CentralSegmentThatCannotBeOpenedFailsAndRetrySucceeds) {
     ASSERT_EQ(0, mkdir(central_path(), 0755));
     LogCapture log;
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(0));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_Init] shared memory initialization fails\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(qxt::format(
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_Init] shared memory initialization fails\n");
+    QXT_EXPECT_ERROR(log,
+        qxt::format(
         "[RT_Impl][Err] [_QX_REALTIME_SharedMemoryAlloc][PID=%d][TID=%s] shm_open "
         "(/dev/shm/realtime/rt_Global) return -1, errno=Is a directory\n",
-        getpid(), tid_text().c_str())))
-        << log.dump();
+        getpid(), tid_text().c_str()));
     // The top object stays allocated; a later Init maps the segment into it.
     ASSERT_NE(nullptr, pstTop);
     QX_REALTIME_TOP_t *top = pstTop;

@@ -17,11 +17,7 @@ const char kSpare[] = "Domain_Spare";
 
 class CpuUsageCounters : public qxt::SandboxTest {
 protected:
-    void SetUp() override {
-        SandboxTest::SetUp();
-        if (IsSkipped()) return;
-        procs_ = get_nprocs();
-    }
+    void SetUpInSandbox() override { procs_ = get_nprocs(); }
 
     // Starts the framework with the given domains and creates them all.
     void create(const std::string &config_domains, const std::vector<std::string> &names,
@@ -350,9 +346,8 @@ TEST_F(CpuUsageCounters, GroupCounterUnreadableWritesZeroAndSaysSo) {
     LogCapture log;
     EXPECT_EQ(_QX_REALTIME_GetGroupCpuStat(rec, &time), RT_ERR_SYSTEM);
     EXPECT_EQ(time, 0);
-    EXPECT_TRUE(log.has_error(
-        "[RT_Impl][Err] Read /dev/shm/qxt_no_such_file failed in _QX_REALTIME_GetGroupCpuStat.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log,
+        "[RT_Impl][Err] Read /dev/shm/qxt_no_such_file failed in _QX_REALTIME_GetGroupCpuStat.\n");
 }
 
 TEST_F(CpuUsageCounters, TotalCounterIsTheSumOfTheFirstSevenFields) {
@@ -385,8 +380,7 @@ TEST_F(CpuUsageCounters, TotalCounterUnreadableWritesOneAndSaysSo) {
     EXPECT_EQ(_QX_REALTIME_GetTotalCpuStat(&time), RT_ERR_SYSTEM);
     EXPECT_EQ(umount("/proc"), 0) << strerror(errno);  // the rest of the process needs /proc
     EXPECT_EQ(time, 1);
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] Read /proc/stat failed in _QX_REALTIME_GetTotalCpuStat.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] Read /proc/stat failed in _QX_REALTIME_GetTotalCpuStat.\n");
 }
 
 }  // namespace

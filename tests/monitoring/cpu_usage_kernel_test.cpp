@@ -55,11 +55,7 @@ private:
 
 class CpuUsageKernel : public qxt::SandboxTest {
 protected:
-    void SetUp() override {
-        SandboxTest::SetUp();
-        if (IsSkipped()) return;
-        if (get_nprocs() < 2) GTEST_SKIP() << "needs 2 CPUs: a busy thread must leave one free";
-    }
+    CpuUsageKernel() : SandboxTest(2, "needs 2 CPUs: a busy thread must leave one free") {}
 };
 
 // The measured figures go into the test report (--gtest_output=xml), for the record.
@@ -104,7 +100,7 @@ TEST_F(CpuUsageKernel, ThreadsUsingMoreThanTheirBudgetAreMarkedOverbudget) {
     ASSERT_EQ(QX_REALTIME_CreateDomain(kHog), RT_SUCCESS);
     BusyCpuTurn turn;
     ASSERT_TRUE(turn.held()) << turn.why();
-    DutyThread hog(4, 4);  // about half a core, far above 19.53 %
+    TestThread hog(4, 4);  // about half a core, far above 19.53 %
     Admission admitted(kHog, "Class_Hog", hog.tid());
     ASSERT_EQ(admitted.result(), RT_SUCCESS);
     ASSERT_EQ(sched_of(hog.tid()).policy, kSchedRr);

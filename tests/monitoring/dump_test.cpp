@@ -209,12 +209,12 @@ TEST_F(Dump, AdmittedThreadAppearsInTheKernelsCpusetAndCpuacctTaskLists) {
     QX_REALTIME_SetDebugLevel(64);
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_SUCCESS);
-    EXPECT_TRUE(log.has_info(format(
-        "[RT_Impl][Info] Info from [/dev/cpuset/Domain_Meter/tasks]:\n%d\n\n", sleeper.tid())))
-        << log.dump();
-    EXPECT_TRUE(log.has_info(format(
-        "[RT_Impl][Info] Info from [/dev/cpuacct/Domain_Meter/tasks]:\n%d\n\n", sleeper.tid())))
-        << log.dump();
+    QXT_EXPECT_INFO(log,
+        format(
+        "[RT_Impl][Info] Info from [/dev/cpuset/Domain_Meter/tasks]:\n%d\n\n", sleeper.tid()));
+    QXT_EXPECT_INFO(log,
+        format(
+        "[RT_Impl][Info] Info from [/dev/cpuacct/Domain_Meter/tasks]:\n%d\n\n", sleeper.tid()));
 }
 
 TEST_F(Dump, DefaultLevelShowsTheDumpButNeitherTheListClosureNorTheKernelLists) {
@@ -310,12 +310,10 @@ TEST_F(Dump, UnreadableTaskFilesAreReportedAndTheDumpStillClosesAndSucceeds) {
 
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_SUCCESS);
-    EXPECT_TRUE(log.has_error(
-        "[RT_Impl][Err] Read /dev/cpuset/Domain_Meter/tasks failed in QX_REALTIME_DumpDomainInfo.\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(
-        "[RT_Impl][Err] Read /dev/cpuacct/Domain_Meter/tasks failed in QX_REALTIME_DumpDomainInfo.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log,
+        "[RT_Impl][Err] Read /dev/cpuset/Domain_Meter/tasks failed in QX_REALTIME_DumpDomainInfo.\n");
+    QXT_EXPECT_ERROR(log,
+        "[RT_Impl][Err] Read /dev/cpuacct/Domain_Meter/tasks failed in QX_REALTIME_DumpDomainInfo.\n");
     std::vector<std::string> errors = error_forms(log);
     ASSERT_FALSE(errors.empty());
     EXPECT_EQ(errors.back(), kClosing) << log.dump();

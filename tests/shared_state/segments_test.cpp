@@ -69,9 +69,8 @@ TEST_F(GetFlock, CreatesLockFileMode0666WhateverTheUmask) {
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetFlock("Global", &fd));
     ASSERT_TRUE(qxt::fd_is_open(fd));
     EXPECT_EQ(0666u, qxt::file_mode(kLockGlobal));
-    EXPECT_TRUE(log.has_info(info_head("_QX_REALTIME_GetFlock") +
-                             qxt::format("flock open (%s) return %d, newly created\n", kLockGlobal, fd)))
-        << log.dump();
+    QXT_EXPECT_INFO(log, info_head("_QX_REALTIME_GetFlock") +
+                         qxt::format("flock open (%s) return %d, newly created\n", kLockGlobal, fd));
     // Created close-on-exec; it is not locked by this step.
     EXPECT_NE(0, fcntl(fd, F_GETFD) & FD_CLOEXEC);
     int other = open(kLockGlobal, O_RDWR);
@@ -88,9 +87,8 @@ TEST_F(GetFlock, OpensExistingLockFileWithoutCloseOnExec) {
     int32_t fd = -1;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetFlock("Global", &fd));
     ASSERT_TRUE(qxt::fd_is_open(fd));
-    EXPECT_TRUE(log.has_info(info_head("_QX_REALTIME_GetFlock") +
-                             qxt::format("flock open (%s) return %d, open existed.\n", kLockGlobal, fd)))
-        << log.dump();
+    QXT_EXPECT_INFO(log, info_head("_QX_REALTIME_GetFlock") +
+                         qxt::format("flock open (%s) return %d, open existed.\n", kLockGlobal, fd));
     EXPECT_EQ(0, fcntl(fd, F_GETFD) & FD_CLOEXEC);
     EXPECT_EQ(0600u, qxt::file_mode(kLockGlobal));  // an existing file keeps its mode
     close(fd);
@@ -118,10 +116,10 @@ TEST_F(GetFlock, MissingDirectoryReturnsSystemError) {
     int32_t fd = 0;
     EXPECT_EQ(RT_ERR_SYSTEM, _QX_REALTIME_GetFlock("Global", &fd));
     EXPECT_EQ(-1, fd);
-    EXPECT_TRUE(log.has_error(err_head("_QX_REALTIME_GetFlock") +
-                              qxt::format("flock open (%s) return -1, errno=No such file or directory\n",
-                                          kLockGlobal)))
-        << log.dump();
+    QXT_EXPECT_ERROR(log,
+        err_head("_QX_REALTIME_GetFlock") +
+        qxt::format("flock open (%s) return -1, errno=No such file or directory\n",
+        kLockGlobal));
     EXPECT_FALSE(qxt::file_exists("/data/vendor/realtime"));
 }
 
@@ -146,9 +144,9 @@ TEST_F(SharedMemoryAlloc, NewSegmentIsAllZerosAndSized) {
     // Not close-on-exec, unlike the lock files.
     EXPECT_EQ(0, fcntl(fd, F_GETFD) & FD_CLOEXEC);
     std::string head = info_head("_QX_REALTIME_SharedMemoryAlloc");
-    EXPECT_TRUE(log.has_info(head + qxt::format("path=/dev/shm/realtime/rt_Domain_New create success, shmFd=%d\n", fd)))
-        << log.dump();
-    EXPECT_TRUE(log.has_info(head + qxt::format("mmap=%p, new_create=1\n", addr))) << log.dump();
+    QXT_EXPECT_INFO(log,
+        head + qxt::format("path=/dev/shm/realtime/rt_Domain_New create success, shmFd=%d\n", fd));
+    QXT_EXPECT_INFO(log, head + qxt::format("mmap=%p, new_create=1\n", addr));
 }
 
 TEST_F(SharedMemoryAlloc, NewCentralSegmentHasNoDomainsAndIsNotEnabled) {
@@ -190,9 +188,9 @@ TEST_F(SharedMemoryAlloc, ExistingSegmentOfWrongSizeIsSizedTo16384AndKeepsItsCon
         EXPECT_EQ(0, memcmp(addr, pattern.data(), kept)) << size;
         EXPECT_TRUE(qxt::all_zero((char *)addr + kept, RT_SHM_SIZE - kept)) << size;
         std::string head = info_head("_QX_REALTIME_SharedMemoryAlloc");
-        EXPECT_TRUE(log.has_info(head + qxt::format("open %s an existed shared memory=%d\n", path.c_str(), fd)))
-            << log.dump();
-        EXPECT_TRUE(log.has_info(head + qxt::format("mmap=%p, new_create=0\n", addr))) << log.dump();
+        QXT_EXPECT_INFO(log,
+            head + qxt::format("open %s an existed shared memory=%d\n", path.c_str(), fd));
+        QXT_EXPECT_INFO(log, head + qxt::format("mmap=%p, new_create=0\n", addr));
         munmap(addr, RT_SHM_SIZE);
         close(fd);
         unlink(path.c_str());
@@ -222,9 +220,9 @@ TEST_F(SharedMemoryAlloc, MissingDirectoryReturnsFailed) {
     EXPECT_EQ(RT_ERR_FAILED, _QX_REALTIME_SharedMemoryAlloc("Domain_X", &fd, &addr));
     EXPECT_EQ(-1, fd);
     EXPECT_EQ(nullptr, addr);
-    EXPECT_TRUE(log.has_error(err_head("_QX_REALTIME_SharedMemoryAlloc") +
-                              "shm_open (/dev/shm/realtime/rt_Domain_X) return -1, errno=No such file or directory\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log,
+        err_head("_QX_REALTIME_SharedMemoryAlloc") +
+        "shm_open (/dev/shm/realtime/rt_Domain_X) return -1, errno=No such file or directory\n");
     EXPECT_FALSE(qxt::file_exists("/dev/shm/realtime"));
 }
 
@@ -235,9 +233,9 @@ TEST_F(SharedMemoryAlloc, ExistingPathThatCannotBeOpenedReturnsFailed) {
     void *addr = nullptr;
     EXPECT_EQ(RT_ERR_FAILED, _QX_REALTIME_SharedMemoryAlloc("Domain_Dir", &fd, &addr));
     EXPECT_EQ(-1, fd);
-    EXPECT_TRUE(log.has_error(err_head("_QX_REALTIME_SharedMemoryAlloc") +
-                              "shm_open (/dev/shm/realtime/rt_Domain_Dir) return -1, errno=Is a directory\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log,
+        err_head("_QX_REALTIME_SharedMemoryAlloc") +
+        "shm_open (/dev/shm/realtime/rt_Domain_Dir) return -1, errno=Is a directory\n");
 }
 
 // ---- removal ----
@@ -255,8 +253,8 @@ TEST_F(SharedMemoryFree, RemovesSegmentClosesDescriptorAndUnmaps) {
     EXPECT_FALSE(qxt::file_exists("/dev/shm/realtime/rt_Domain_Free"));
     EXPECT_FALSE(qxt::fd_is_open(held));
     EXPECT_FALSE(qxt::segment_mapped(addr));
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Domain_Free success\n"))
-        << log.dump();
+    QXT_EXPECT_INFO(log,
+        "[RT_Impl][Info] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Domain_Free success\n");
 }
 
 TEST_F(SharedMemoryFree, SegmentAlreadyRemovedLogsHasBeenUnlinkedAndKeepsMapping) {
@@ -270,9 +268,9 @@ TEST_F(SharedMemoryFree, SegmentAlreadyRemovedLogsHasBeenUnlinkedAndKeepsMapping
     _u32DbgLevel = 64;
     LogCapture log;
     _QX_REALTIME_SharedMemoryFree("Domain_Gone", &fd, addr);
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Domain_Gone "
-                             "has been unlinked, errno=No such file or directory\n"))
-        << log.dump();
+    QXT_EXPECT_INFO(log,
+        "[RT_Impl][Info] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Domain_Gone "
+        "has been unlinked, errno=No such file or directory\n");
     EXPECT_EQ(QX_LOG_PRIO_INFO, log.lines().at(0).priority);
     EXPECT_FALSE(qxt::fd_is_open(held));
     ASSERT_TRUE(qxt::segment_mapped(addr));
@@ -288,9 +286,9 @@ TEST_F(SharedMemoryFree, UnlinkFailureIsAnErrorAndKeepsMapping) {
     ASSERT_EQ(0, mkdir("/dev/shm/realtime/rt_Domain_Stuck", 0755));
     LogCapture log;
     _QX_REALTIME_SharedMemoryFree("Domain_Stuck", &fd, addr);
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Domain_Stuck "
-                              "fails, errno=Is a directory\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log,
+        "[RT_Impl][Err] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Domain_Stuck "
+        "fails, errno=Is a directory\n");
     EXPECT_TRUE(qxt::segment_mapped(addr));
 }
 
@@ -340,10 +338,10 @@ TEST_F(GetCentralShm, AttachCopiesSettingsButNotBudgetCpuNum) {
     EXPECT_EQ(0u, pstTop->u32DomainMapNum);
     EXPECT_EQ(64u, _u32DbgLevel);
     EXPECT_EQ(nullptr, rtlog);
-    EXPECT_TRUE(log.has_info(info_head("_QX_REALTIME_GetCentralShm") +
-                             qxt::format("shm exists. mmap=%p, s32ShmFd=%d\n", (void *)pstTop->pstCentral,
-                                         pstTop->s32ShmFd)))
-        << log.dump();
+    QXT_EXPECT_INFO(log,
+        info_head("_QX_REALTIME_GetCentralShm") +
+        qxt::format("shm exists. mmap=%p, s32ShmFd=%d\n", (void *)pstTop->pstCentral,
+        pstTop->s32ShmFd));
 }
 
 TEST_F(GetCentralShm, AttachBelowDbgLevel4WritesNothing) {
@@ -370,7 +368,7 @@ TEST_F(GetCentralAndTop, WithoutCentralSegmentReturnsNullAndClosesLockFile) {
     int32_t fd = -1;
     EXPECT_EQ(RT_ERR_NULL, _QX_REALTIME_GetCentralAndTop(&fd));
     EXPECT_FALSE(qxt::fd_is_open(fd));
-    EXPECT_TRUE(log.has_error(kForgot)) << log.dump();
+    QXT_EXPECT_ERROR(log, kForgot);
     EXPECT_EQ(1, count_matching(log, QX_LOG_PRIO_ERROR,
                                 "\\[RT_Impl\\]\\[Err\\] _QX_REALTIME_GetCentralAndTop \\([0-9]+\\), "
                                 "can't get central shared memory\n"))
@@ -384,9 +382,9 @@ TEST_F(GetCentralAndTop, LockFileFailureReturnsFailed) {
     LogCapture log;
     int32_t fd = -1;
     EXPECT_EQ(RT_ERR_FAILED, _QX_REALTIME_GetCentralAndTop(&fd));
-    EXPECT_TRUE(log.has_error(err_head("_QX_REALTIME_GetFlock") +
-                              qxt::format("flock open (%s) return -1, errno=Is a directory\n", kLockGlobal)))
-        << log.dump();
+    QXT_EXPECT_ERROR(log,
+        err_head("_QX_REALTIME_GetFlock") +
+        qxt::format("flock open (%s) return -1, errno=Is a directory\n", kLockGlobal));
     EXPECT_EQ(1, count_matching(log, QX_LOG_PRIO_ERROR,
                                 "\\[RT_Impl\\]\\[Err\\] _QX_REALTIME_GetCentralAndTop \\([0-9]+\\), "
                                 "can't get central flock\n"))

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "test_support.h"
+
 namespace qxt {
 
 struct Result {
@@ -15,6 +17,12 @@ struct Result {
 
 // rtctl ARGS..., with stdout and stderr kept apart.
 Result rtctl(const std::vector<std::string> &args);
+
+// The base of the tests on the shipped configuration: it needs the sandbox and 2 CPUs.
+class ShippedConfigTest : public SandboxTest {
+protected:
+    ShippedConfigTest() : SandboxTest(2, "the shipped configuration needs 2 CPUs") {}
+};
 
 // The shipped configuration installed as /vendor/etc/realtime/rt-0.json.
 void install_shipped_config();

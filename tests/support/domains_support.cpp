@@ -61,20 +61,6 @@ bool segment_exists(const std::string &domain) {
     return qxt::file_exists(RT_SHM_PREFIX + domain);
 }
 
-std::vector<std::string> files_in(const std::string &dir, const std::string &prefix) {
-    std::vector<std::string> out;
-    DIR *handle = opendir(dir.c_str());
-    if (handle == nullptr) return out;
-    while (struct dirent *entry = readdir(handle)) {
-        std::string name = entry->d_name;
-        if (name == "." || name == "..") continue;
-        if (name.compare(0, prefix.size(), prefix) == 0) out.push_back(name);
-    }
-    closedir(handle);
-    std::sort(out.begin(), out.end());
-    return out;
-}
-
 std::vector<std::string> mapped_names() {
     std::vector<std::string> out;
     if (pstTop == nullptr) return out;

@@ -45,8 +45,6 @@ std::string first_line(const std::string &path);
 bool is_mapped(const void *addr);
 // Whether the domain's segment file exists under /dev/shm/realtime.
 bool segment_exists(const std::string &domain);
-// The entries of a directory whose names begin with prefix, sorted.
-std::vector<std::string> files_in(const std::string &dir, const std::string &prefix = "");
 // The names of the used entries of this process's mapping table, in order.
 std::vector<std::string> mapped_names();
 

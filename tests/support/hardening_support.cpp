@@ -373,23 +373,10 @@ std::string admit_remove_and_check(const std::string &domain, pid_t foreign_tid,
     return out;
 }
 
-std::vector<std::string> list_dir(const std::string &dir) {
-    std::vector<std::string> out;
-    DIR *d = opendir(dir.c_str());
-    if (d == nullptr) return out;
-    while (struct dirent *e = readdir(d)) {
-        std::string name = e->d_name;
-        if (name != "." && name != "..") out.push_back(name);
-    }
-    closedir(d);
-    std::sort(out.begin(), out.end());
-    return out;
-}
-
 std::vector<std::string> library_files() {
     std::vector<std::string> out;
     for (const char *dir : {"/dev/shm/realtime", "/data/vendor/realtime"})
-        for (const std::string &name : list_dir(dir)) out.push_back(std::string(dir) + "/" + name);
+        for (const std::string &name : files_in(dir)) out.push_back(std::string(dir) + "/" + name);
     return out;
 }
 

@@ -262,28 +262,6 @@ std::string sample_line(double usage, double budget, bool over) {
                   over ? "Overbudget" : "");
 }
 
-DutyThread::DutyThread(int spin_ms, int sleep_ms) {
-    thread_ = std::thread([this, spin_ms, sleep_ms] {
-        tid_ = (pid_t)syscall(SYS_gettid);
-        while (!stop_.load()) {
-            auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(spin_ms);
-            while (std::chrono::steady_clock::now() < until && !stop_.load()) {
-            }
-            if (sleep_ms > 0) usleep((useconds_t)sleep_ms * 1000u);
-        }
-    });
-    while (tid_.load() == 0) usleep(100);
-}
-
-DutyThread::~DutyThread() {
-    stop();
-}
-
-void DutyThread::stop() {
-    stop_ = true;
-    if (thread_.joinable()) thread_.join();
-}
-
 BusyCpuTurn::BusyCpuTurn() {
     const char *path = nullptr;
     for (const char *candidate : {"/run/lock/qxrt_busy_cpu.lock", "/tmp/qxrt_busy_cpu.lock"}) {

@@ -98,20 +98,6 @@ std::vector<Sample> samples_of(const std::vector<std::string> &forms);
 // The line the one-domain mode prints for the given usage and budget.
 std::string sample_line(double usage, double budget, bool over);
 
-// A real thread of this process that spins for spin_ms and then sleeps for sleep_ms, until stopped.
-class DutyThread {
-public:
-    DutyThread(int spin_ms, int sleep_ms);
-    ~DutyThread();
-    pid_t tid() const { return tid_; }
-    void stop();
-
-private:
-    std::atomic<bool> stop_{false};
-    std::atomic<pid_t> tid_{0};
-    std::thread thread_;
-};
-
 // Held while a test keeps a core busy: such tests of concurrent runs (ctest -j) take turns
 // instead of sharing the cores and measuring each other. A lock file outside the sandbox, so that
 // every run on the machine sees it. The wait is bounded: a turn not had within a minute (another

@@ -43,6 +43,11 @@ public:
     std::string dump() const;  // every captured line, for failure messages
 };
 
+// The log holds the exact line (file form) at the error, or the info, priority; on failure the
+// message shows every captured line.
+#define QXT_EXPECT_ERROR(log, file_form) EXPECT_TRUE((log).has_error(file_form)) << (log).dump()
+#define QXT_EXPECT_INFO(log, file_form) EXPECT_TRUE((log).has_info(file_form)) << (log).dump()
+
 // True inside tools/rt_sandbox; otherwise why not.
 bool in_sandbox(std::string *why);
 
@@ -54,11 +59,18 @@ bool in_sandbox(std::string *why);
     } while (0)
 
 // The base of every test that needs the sandbox: SetUp skips the test, with the reason, when it
-// is missing. A fixture that derives from it calls SandboxTest::SetUp() first and returns when
-// IsSkipped().
+// is missing, or when the machine has fewer CPUs than the fixture asks for; only then does it call
+// SetUpInSandbox, where a derived fixture does its own setting up.
 class SandboxTest : public ::testing::Test {
 protected:
+    SandboxTest() = default;
+    SandboxTest(int cpus, std::string why_cpus) : cpus_(cpus), why_cpus_(std::move(why_cpus)) {}
     void SetUp() override;
+    virtual void SetUpInSandbox() {}
+
+private:
+    int cpus_ = 1;
+    std::string why_cpus_;
 };
 
 // The emulator that target binaries run under (qemu-user for a cross build, as the sandbox's
@@ -94,6 +106,8 @@ std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 void write_file(const std::string &path, const std::string &content);
 std::string read_file(const std::string &path);  // "" when unreadable
 bool file_exists(const std::string &path);
+// The entries of a directory whose names begin with prefix, sorted.
+std::vector<std::string> files_in(const std::string &dir, const std::string &prefix = "");
 mode_t file_mode(const std::string &path);  // permission bits, 0 when missing
 
 // Writes /vendor/etc/realtime/rt-<name>.json and points vendor.kpo.realtime.cfg_name at it.
@@ -130,10 +144,12 @@ std::string dl_domain(const std::string &name, int util, const std::string &cpus
 // Domain objects joined into the member list that config_with expects.
 std::string join_domains(const std::vector<std::string> &domains);
 
-// A real thread of this process that sleeps (or spins when busy) until stopped.
+// A real thread of this process that sleeps (or spins when busy) until stopped; or, with a duty
+// cycle, spins for spin_ms and then sleeps for sleep_ms, over and over.
 class TestThread {
 public:
     explicit TestThread(bool busy = false);
+    TestThread(int spin_ms, int sleep_ms);
     ~TestThread();
     pid_t tid() const { return tid_; }
     void stop();

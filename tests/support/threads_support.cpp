@@ -73,33 +73,24 @@ uint32_t saved_policy(const QX_REALTIME_THREAD_t *pstThread) {
     return attr.sched_policy;
 }
 
-static bool set_attr(pid_t tid, uint32_t policy, int nice, uint32_t priority) {
-    struct qx_sched_attr attr;
-    memset(&attr, 0, sizeof(attr));
-    attr.size = sizeof(attr);
-    attr.sched_policy = policy;
-    attr.sched_nice = nice;
-    attr.sched_priority = priority;
+static bool set_attr(pid_t tid, uint32_t policy, uint32_t priority, uint64_t runtime_ns = 0,
+                     uint64_t deadline_ns = 0, uint64_t period_ns = 0) {
+    // size, policy, flags, nice, priority, runtime, deadline, period (utilisation clamps unused)
+    struct qx_sched_attr attr = {sizeof(attr), policy,    0, 0, priority, runtime_ns,
+                                 deadline_ns,  period_ns, 0, 0};
     return syscall(SYS_sched_setattr, tid, &attr, 0) == 0;
 }
 
 bool set_other_nice(pid_t tid, int nice) {
-    return set_attr(tid, SCHED_OTHER, 0, 0) && setpriority(PRIO_PROCESS, (id_t)tid, nice) == 0;
+    return set_attr(tid, SCHED_OTHER, 0) && setpriority(PRIO_PROCESS, (id_t)tid, nice) == 0;
 }
 
 bool set_rr(pid_t tid, int priority) {
-    return set_attr(tid, SCHED_RR, 0, (uint32_t)priority);
+    return set_attr(tid, SCHED_RR, (uint32_t)priority);
 }
 
 bool set_deadline(pid_t tid, uint64_t runtime_ns, uint64_t deadline_ns, uint64_t period_ns) {
-    struct qx_sched_attr attr;
-    memset(&attr, 0, sizeof(attr));
-    attr.size = sizeof(attr);
-    attr.sched_policy = SCHED_DEADLINE;
-    attr.sched_runtime = runtime_ns;
-    attr.sched_deadline = deadline_ns;
-    attr.sched_period = period_ns;
-    return syscall(SYS_sched_setattr, tid, &attr, 0) == 0;
+    return set_attr(tid, SCHED_DEADLINE, 0, runtime_ns, deadline_ns, period_ns);
 }
 
 int error_count(const qxt::LogCapture &log) {

@@ -73,15 +73,14 @@ TEST_F(ThreadAdmission, RrAdmissionAppliesClassPriorityAndMovesThreadIntoDomainG
     EXPECT_TRUE(tasks_file_lists("/dev/cpuacct/Domain_Rr/tasks", t.tid()));
     EXPECT_FALSE(tasks_file_lists("/dev/cpuset/tasks", t.tid()));
 
-    EXPECT_TRUE(log.has_info(format("[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld; argPid=[%d].\n",
-                                    kAdd, (int)getpid(), (long)gettid(), (int)t.tid())))
-        << log.dump();
-    EXPECT_TRUE(log.has_info(format(
+    QXT_EXPECT_INFO(log, format("[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld; argPid=[%d].\n",
+                         kAdd, (int)getpid(), (long)gettid(), (int)t.tid()));
+    QXT_EXPECT_INFO(log,
+        format(
         "[RT_Impl][Info] s32UtilCurrent in Domain[Domain_Rr] is [200] after add pid=[%d].\n",
-        (int)t.tid())))
-        << log.dump();
-    EXPECT_TRUE(log.has_info(added(kAdd, t.tid()))) << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_AddThread] exit, OK.\n")) << log.dump();
+        (int)t.tid()));
+    QXT_EXPECT_INFO(log, added(kAdd, t.tid()));
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_AddThread] exit, OK.\n");
 
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
     ASSERT_NE(nullptr, d);
@@ -112,9 +111,8 @@ TEST_F(ThreadAdmission, DeadlineDomainChargesRuntimeTimesCapacityOverPeriod) {
     EXPECT_EQ("/Domain_Dl", cgroup_of(t.tid(), "cpuset"));
     EXPECT_EQ("/Domain_Dl", cgroup_of(t.tid(), "cpuacct"));
 
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] Get converted Util=[200] from DlRuntimeUs=[2000], "
-                             "DlPeriodUs=[10000], s32CapPerCore=[1000].\n"))
-        << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][Info] Get converted Util=[200] from DlRuntimeUs=[2000], "
+                         "DlPeriodUs=[10000], s32CapPerCore=[1000].\n");
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kDl);
     ASSERT_NE(nullptr, d);
     EXPECT_EQ(200, d->s32UtilCurrent);
@@ -146,12 +144,11 @@ TEST_F(ThreadAdmission, DeadlineShorterThanRuntimeIsRefusedAsInvalid) {
     TestThread t;
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kDl, "Class_Late", t.tid(), 0));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
-                              "parameter: (should) DlPeriodUs=10000 >= DlDeadlineUs=1500 >= "
-                              "DlRuntimeUs=2000.\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(summary(t.tid(), "Class_Late", RT_ERR_INVALID_PARAM))) << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_AddThread] exit, err=8.\n")) << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
+                          "parameter: (should) DlPeriodUs=10000 >= DlDeadlineUs=1500 >= "
+                          "DlRuntimeUs=2000.\n");
+    QXT_EXPECT_ERROR(log, summary(t.tid(), "Class_Late", RT_ERR_INVALID_PARAM));
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_AddThread] exit, err=8.\n");
     expect_untouched(t.tid());
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kDl);
     ASSERT_NE(nullptr, d);
@@ -165,10 +162,9 @@ TEST_F(ThreadAdmission, PeriodShorterThanDeadlineIsRefusedAsInvalid) {
     TestThread t;
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kDl, "Class_Long", t.tid(), 0));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
-                              "parameter: (should) DlPeriodUs=10000 >= DlDeadlineUs=12000 >= "
-                              "DlRuntimeUs=2000.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
+                          "parameter: (should) DlPeriodUs=10000 >= DlDeadlineUs=12000 >= "
+                          "DlRuntimeUs=2000.\n");
     expect_untouched(t.tid());
     EXPECT_EQ(0, map_domain_file(kDl)->s32UtilCurrent);
 }
@@ -201,10 +197,9 @@ TEST_F(ThreadAdmission, RrClassWithNegativeUtilIsRefusedAsInvalid) {
     TestThread t;
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kRr, "Class_Neg", t.tid(), 0));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid parameter -1: "
-                              "(should) s32Util >= 0.\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(summary(t.tid(), "Class_Neg", RT_ERR_INVALID_PARAM))) << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid parameter -1: "
+                          "(should) s32Util >= 0.\n");
+    QXT_EXPECT_ERROR(log, summary(t.tid(), "Class_Neg", RT_ERR_INVALID_PARAM));
     expect_untouched(t.tid());
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
     EXPECT_EQ(0, d->s32UtilCurrent);
@@ -237,11 +232,10 @@ TEST_F(ThreadAdmission, BudgetAdmitsUpToItsMaxExactlyAndRefusesOneUnitMore) {
 
     LogCapture log;
     EXPECT_EQ(RT_ERR_OVER_BUDGET, QX_REALTIME_AddThread(kRr, "Class_201", t201.tid(), 0));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Domain[Domain_Rr] over "
-                              "s32Util: new Util is 201, original Util is 0,domain current total "
-                              "Util is 800, max. domain Util is 1000\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(summary(t201.tid(), "Class_201", RT_ERR_OVER_BUDGET))) << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Domain[Domain_Rr] over "
+                          "s32Util: new Util is 201, original Util is 0,domain current total "
+                          "Util is 800, max. domain Util is 1000\n");
+    QXT_EXPECT_ERROR(log, summary(t201.tid(), "Class_201", RT_ERR_OVER_BUDGET));
     expect_untouched(t201.tid());
     EXPECT_EQ(800, d->s32UtilCurrent);
 
@@ -279,16 +273,16 @@ TEST_F(ThreadAdmission, LiteAdmissionLeavesDeadlineOrderToTheKernel) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_SCHED_SETATTR, QX_REALTIME_AddThread_Lite(kDl, "Class_Isp", &util, t.tid(), 0));
     EXPECT_EQ(0, log.count_containing("Invalid Deadline parameter")) << log.dump();
-    EXPECT_TRUE(log.has_error(format(
+    QXT_EXPECT_ERROR(log,
+        format(
         "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr] _QX_REALTMIE_SchedSetAttr failed to set the "
         "sched for pid=%d, policy=6, priority=0, runtime=2000000, deadline=1500000, "
         "period=10000000, errno=%s\n",
-        (int)t.tid(), errno_text(EINVAL).c_str())))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(format(
+        (int)t.tid(), errno_text(EINVAL).c_str()));
+    QXT_EXPECT_ERROR(log,
+        format(
         "[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = [Class_Isp] failed.\n", kLite,
-        (int)t.tid())))
-        << log.dump();
+        (int)t.tid()));
     EXPECT_EQ(77, util.s32Util);
     expect_untouched(t.tid());
     EXPECT_EQ(0, map_domain_file(kDl)->s32UtilCurrent);
@@ -304,7 +298,7 @@ TEST_F(ThreadAdmission, LiteAdmissionAppliesAndChargesCallerParametersUnchecked)
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread_Lite(kDl, "Class_Isp", &util, t.tid(), 1))
         << log.dump();
     EXPECT_EQ(0, log.count_containing("Get converted Util")) << log.dump();
-    EXPECT_TRUE(log.has_info(added(kLite, t.tid()))) << log.dump();
+    QXT_EXPECT_INFO(log, added(kLite, t.tid()));
     SchedInfo s = sched_of(t.tid());
     EXPECT_EQ((uint32_t)SCHED_DEADLINE, s.policy);
     EXPECT_EQ(1000000u, s.runtime);
@@ -331,14 +325,13 @@ TEST_F(ThreadAdmission, FullSegmentStoresNoRecordEvenWhenAFreedSlotExists) {
 
     LogCapture log;
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_AddThread(kRr, "Class_A", t2.tid(), 0));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_AddThreadDataAtHead] shared memory size (16384 "
-                              "Byte) is too small. sizeof(QX_REALTIME_THREAD_t)=96\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(format(
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_AddThreadDataAtHead] shared memory size (16384 "
+                          "Byte) is too small. sizeof(QX_REALTIME_THREAD_t)=96\n");
+    QXT_EXPECT_ERROR(log,
+        format(
         "[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = [Class_A] failed.\n", kAdd,
-        (int)t2.tid())))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(summary(t2.tid(), "Class_A", RT_ERR_NOT_EXIST))) << log.dump();
+        (int)t2.tid()));
+    QXT_EXPECT_ERROR(log, summary(t2.tid(), "Class_A", RT_ERR_NOT_EXIST));
     EXPECT_EQ(0, slot(d, 0)->Alive);
     EXPECT_EQ(1, d->s32ThreadNum);
     EXPECT_EQ(16300, d->s32NextOffset);
@@ -357,9 +350,8 @@ TEST_F(ThreadAdmission, SegmentOneByteShortOfARecordRefusesIt) {
     d->s32NextOffset = 16289;
     LogCapture log;
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_AddThreadDataAtHead] shared memory size (16384 "
-                              "Byte) is too small. sizeof(QX_REALTIME_THREAD_t)=96\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_AddThreadDataAtHead] shared memory size (16384 "
+                          "Byte) is too small. sizeof(QX_REALTIME_THREAD_t)=96\n");
     EXPECT_EQ(0, d->s32ThreadNum);
     EXPECT_EQ(16289, d->s32NextOffset);
 }
@@ -391,13 +383,11 @@ TEST_F(ThreadAdmission, FullProcessIdListFailsTheLookupButStoresTheRecord) {
     TestThread t;
     LogCapture log;
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_getProcessID] processIDListNum=80. it "
-                              "is full !!!\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [%s] getProcessID for tid [%d] failed.\n",
-                                     kAdd, (int)t.tid())))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(summary(t.tid(), "Class_A", RT_ERR_NOT_EXIST))) << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_getProcessID] processIDListNum=80. it "
+                          "is full !!!\n");
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] getProcessID for tid [%d] failed.\n",
+                          kAdd, (int)t.tid()));
+    QXT_EXPECT_ERROR(log, summary(t.tid(), "Class_A", RT_ERR_NOT_EXIST));
     EXPECT_EQ(0, log.count_containing("doesn't exist")) << log.dump();
 
     QX_REALTIME_THREAD_t *rec = live_slot(d, t.tid());
@@ -440,14 +430,13 @@ TEST_F(ThreadAdmission, ThreadOfDeadClientIsReapedBeforeTheBudgetCheck) {
     LogCapture log;
     // 800 more would not fit beside the dead client's 800: the reaping comes first.
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_800", t.tid(), 0)) << log.dump();
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [_QX_REALTIME_CheckProcessAlive] Process %d "
-                                     "doesn't exist. errnor=%s\n",
-                                     (int)client, errno_text(ESRCH).c_str())))
-        << log.dump();
-    EXPECT_TRUE(log.has_info(format(
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [_QX_REALTIME_CheckProcessAlive] Process %d "
+                          "doesn't exist. errnor=%s\n",
+                          (int)client, errno_text(ESRCH).c_str()));
+    QXT_EXPECT_INFO(log,
+        format(
         "[RT_Impl][DBG] [QX_REALTIME_RemoveKilledThread] for pid=[%d] successfully.\n",
-        (int)client_tid)))
-        << log.dump();
+        (int)client_tid));
     EXPECT_EQ(800, d->s32UtilCurrent);
     EXPECT_EQ(live_util_sum(d), d->s32UtilCurrent);
     EXPECT_EQ(nullptr, live_slot(d, client_tid));

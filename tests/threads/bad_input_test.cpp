@@ -55,9 +55,9 @@ TEST_F(ThreadBadInput, NullDomainOrClassNameIsInvalidParam) {
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread_Lite(kRr, nullptr, &util, t.tid(), 0));
     EXPECT_EQ(2, log.count(QX_LOG_PRIO_ERROR, arg_is_null(kLite))) << log.dump();
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_RemoveThread(nullptr, t.tid()));
-    EXPECT_TRUE(log.has_error(arg_is_null(kRemove))) << log.dump();
+    QXT_EXPECT_ERROR(log, arg_is_null(kRemove));
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_UpdateThreadUtil(nullptr, &util, t.tid()));
-    EXPECT_TRUE(log.has_error(arg_is_null(kUpdate))) << log.dump();
+    QXT_EXPECT_ERROR(log, arg_is_null(kUpdate));
     EXPECT_EQ(before, segment_bytes(kRr));
     EXPECT_EQ((uint32_t)SCHED_OTHER, sched_of(t.tid()).policy);
     EXPECT_EQ("/", cgroup_of(t.tid(), "cpuset"));
@@ -71,10 +71,9 @@ TEST_F(ThreadBadInput, NullUtilisationRecordIsNullBeforeAnyLock) {
     std::vector<uint8_t> before = segment_bytes(kRr);
     LogCapture log;
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_AddThread_Lite(kRr, "Class_A", nullptr, t.tid(), 0));
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [%s] pstUtil is NULL.\n", kLite))) << log.dump();
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] pstUtil is NULL.\n", kLite));
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_UpdateThreadUtil(kRr, nullptr, t.tid()));
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [%s] pstUtil is NULL.\n", kUpdate)))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] pstUtil is NULL.\n", kUpdate));
     // Even a NULL domain name is not looked at first.
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_UpdateThreadUtil(nullptr, nullptr, t.tid()));
     EXPECT_EQ(before, segment_bytes(kRr));
@@ -87,18 +86,15 @@ TEST_F(ThreadBadInput, UnknownDomainIsNullWithEachOperationsOwnMessage) {
     QX_REALTIME_UTIL_t util = {10, 0, 0, 0};
     LogCapture log;
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_AddThread("Domain_Nope", "Class_A", t.tid(), 0));
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [%s] pstDomain:[Domain_Nope] is NULL.\n", kAdd)))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] pstDomain:[Domain_Nope] is NULL.\n", kAdd));
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_AddThread_Lite("Domain_Nope", "Class_A", &util, t.tid(), 0));
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [%s] pstDomain is NULL.\n", kLite))) << log.dump();
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] pstDomain is NULL.\n", kLite));
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_RemoveThread("Domain_Nope", t.tid()));
     // The arguments of this one come in the reverse order.
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [Domain_Nope] pstDomain [%s] is NULL.\n",
-                                     kRemove)))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [Domain_Nope] pstDomain [%s] is NULL.\n",
+                          kRemove));
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_UpdateThreadUtil("Domain_Nope", &util, t.tid()));
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [%s] pstDomain is NULL.\n", kUpdate)))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] pstDomain is NULL.\n", kUpdate));
     EXPECT_EQ((uint32_t)SCHED_OTHER, sched_of(t.tid()).policy);
     EXPECT_EQ("/", cgroup_of(t.tid(), "cpuacct"));
 }
@@ -111,16 +107,13 @@ TEST_F(ThreadBadInput, UnknownClassIsNotExistAndNamedInTheSummary) {
     std::vector<uint8_t> before = segment_bytes(kRr);
     LogCapture log;
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_AddThread(kRr, "Class_Nope", t.tid(), 0));
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [%s] Class:[Class_Nope] does not exist.\n", kAdd)))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(summary(t.tid(), "Class_Nope", RT_ERR_NOT_EXIST))) << log.dump();
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] Class:[Class_Nope] does not exist.\n", kAdd));
+    QXT_EXPECT_ERROR(log, summary(t.tid(), "Class_Nope", RT_ERR_NOT_EXIST));
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_AddThread_Lite(kRr, "Class_Nope", &util, t.tid(), 0));
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [%s] Class:[Class_Nope] does not exist.\n", kLite)))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = "
-                                     "[Class_Nope] failed.\n",
-                                     kLite, (int)t.tid())))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] Class:[Class_Nope] does not exist.\n", kLite));
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = "
+                          "[Class_Nope] failed.\n",
+                          kLite, (int)t.tid()));
     EXPECT_EQ(before, segment_bytes(kRr));
     EXPECT_EQ((uint32_t)SCHED_OTHER, sched_of(t.tid()).policy);
 }
@@ -131,12 +124,12 @@ TEST_F(ThreadBadInput, ThreadIdWithoutThreadIsRefusedByTheKernel) {
     pid_t gone = dead_pid();
     LogCapture log;
     EXPECT_EQ(RT_ERR_SCHED_SETATTR, QX_REALTIME_AddThread(kRr, "Class_A", gone, 0));
-    EXPECT_TRUE(log.has_error(format(
+    QXT_EXPECT_ERROR(log,
+        format(
         "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr] _QX_REALTMIE_SchedSetAttr failed to set the "
         "sched for pid=%d, policy=2, priority=10, runtime=0, deadline=0, period=0, errno=%s\n",
-        (int)gone, errno_text(ESRCH).c_str())))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(summary(gone, "Class_A", RT_ERR_SCHED_SETATTR))) << log.dump();
+        (int)gone, errno_text(ESRCH).c_str()));
+    QXT_EXPECT_ERROR(log, summary(gone, "Class_A", RT_ERR_SCHED_SETATTR));
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
     EXPECT_EQ(0, d->s32UtilCurrent);
     EXPECT_EQ(0, live_slot_count(d));
@@ -144,9 +137,8 @@ TEST_F(ThreadBadInput, ThreadIdWithoutThreadIsRefusedByTheKernel) {
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_RemoveThread(kRr, gone));
     QX_REALTIME_UTIL_t util = {10, 0, 0, 0};
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_UpdateThreadUtil(kRr, &util, gone));
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [%s]: Thread of pid=[%d] does not exist in RT.\n",
-                                     kUpdate, (int)gone)))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s]: Thread of pid=[%d] does not exist in RT.\n",
+                          kUpdate, (int)gone));
 }
 
 TEST_F(ThreadBadInput, NegativeThreadIdIsRefusedByTheKernelAndTracedWithoutArgPid) {
@@ -154,20 +146,18 @@ TEST_F(ThreadBadInput, NegativeThreadIdIsRefusedByTheKernelAndTracedWithoutArgPi
     if (HasFatalFailure()) return;
     LogCapture log;
     EXPECT_EQ(RT_ERR_SCHED_SETATTR, QX_REALTIME_AddThread(kRr, "Class_A", -5, 0));
-    EXPECT_TRUE(log.has_info(format("[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld;\n", kAdd,
-                                    (int)getpid(), (long)gettid())))
-        << log.dump();
+    QXT_EXPECT_INFO(log, format("[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld;\n", kAdd,
+                         (int)getpid(), (long)gettid()));
     EXPECT_EQ(0, log.count_containing("argPid")) << log.dump();
-    EXPECT_TRUE(log.has_error(format(
+    QXT_EXPECT_ERROR(log,
+        format(
         "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr] _QX_REALTMIE_SchedSetAttr failed to set the "
         "sched for pid=-5, policy=2, priority=10, runtime=0, deadline=0, period=0, errno=%s\n",
-        errno_text(EINVAL).c_str())))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(summary(-5, "Class_A", RT_ERR_SCHED_SETATTR))) << log.dump();
+        errno_text(EINVAL).c_str()));
+    QXT_EXPECT_ERROR(log, summary(-5, "Class_A", RT_ERR_SCHED_SETATTR));
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_RemoveThread(kRr, -5));
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [%s]: Thread [-5] doesn't exist in [Domain_Rr].\n",
-                                     kRemove)))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s]: Thread [-5] doesn't exist in [Domain_Rr].\n",
+                          kRemove));
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
     EXPECT_EQ(0, d->s32UtilCurrent);
     EXPECT_EQ(0, live_slot_count(d));
@@ -197,13 +187,11 @@ TEST_F(ThreadBadInput, ZeroThreadIdActsOnTheCallingThread) {
     EXPECT_EQ((uint32_t)SCHED_RR, after_add.policy);
     EXPECT_EQ(10u, after_add.priority);
     EXPECT_EQ("/Domain_Rr", cpuset_after_add);
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [_QX_REALTIME_getProcessID] Can't open "
-                                     "/proc/0/status, errno=%s\n",
-                                     errno_text(ENOENT).c_str())))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [%s] getProcessID for tid [0] failed.\n", kAdd)))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(summary(0, "Class_A", RT_ERR_NOT_EXIST))) << log.dump();
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [_QX_REALTIME_getProcessID] Can't open "
+                          "/proc/0/status, errno=%s\n",
+                          errno_text(ENOENT).c_str()));
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] getProcessID for tid [0] failed.\n", kAdd));
+    QXT_EXPECT_ERROR(log, summary(0, "Class_A", RT_ERR_NOT_EXIST));
 
     EXPECT_EQ(RT_SUCCESS, removed) << log.dump();
     EXPECT_EQ((uint32_t)SCHED_OTHER, after_remove.policy);
@@ -223,14 +211,12 @@ TEST_F(ThreadBadInput, RtPriorityZeroOrHundredIsInvalidParamWithoutSystemCall) {
     ASSERT_TRUE(set_other_nice(t.tid(), 3));
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kRr, "Class_P0", t.tid(), 0));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr]: Rt priority = [0] is "
-                              "invalid. It should between 1 to 99.\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(summary(t.tid(), "Class_P0", RT_ERR_INVALID_PARAM))) << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr]: Rt priority = [0] is "
+                          "invalid. It should between 1 to 99.\n");
+    QXT_EXPECT_ERROR(log, summary(t.tid(), "Class_P0", RT_ERR_INVALID_PARAM));
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kRr, "Class_P100", t.tid(), 0));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr]: Rt priority = [100] is "
-                              "invalid. It should between 1 to 99.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr]: Rt priority = [100] is "
+                          "invalid. It should between 1 to 99.\n");
     EXPECT_EQ(0, log.count_containing("failed to set the sched")) << log.dump();
     SchedInfo s = sched_of(t.tid());
     EXPECT_EQ((uint32_t)SCHED_OTHER, s.policy);

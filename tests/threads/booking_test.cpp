@@ -86,8 +86,7 @@ TEST_F(AdmissionBooking, OverrunSignallingWarnsWhenTheSignalWouldKillTheProcess)
         TestThread t;
         LogCapture log;
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kDl, "Class_Isp", t.tid(), 1)) << log.dump();
-        EXPECT_TRUE(log.has_error(overrun_warning(getpid(), comm_of(getpid()), t.tid())))
-            << log.dump();
+        QXT_EXPECT_ERROR(log, overrun_warning(getpid(), comm_of(getpid()), t.tid()));
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kDl, t.tid()));
     }
     {

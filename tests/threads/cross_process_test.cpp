@@ -124,10 +124,9 @@ TEST_F(ThreadCrossProcess, AdmissionAfterAllClientsDiedReturnsTheWholeBudget) {
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRace, "Class_R", t.tid(), 0)) << log.dump();
     for (pid_t c : clients)
-        EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [_QX_REALTIME_CheckProcessAlive] Process %d "
-                                         "doesn't exist. errnor=%s\n",
-                                         (int)c, errno_text(ESRCH).c_str())))
-            << log.dump();
+        QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [_QX_REALTIME_CheckProcessAlive] Process %d "
+                              "doesn't exist. errnor=%s\n",
+                              (int)c, errno_text(ESRCH).c_str()));
     EXPECT_EQ(kShare, d->s32UtilCurrent);
     EXPECT_EQ(1, live_slot_count(d));
     EXPECT_EQ(getpid(), d->s32ProcessIDList[0]);

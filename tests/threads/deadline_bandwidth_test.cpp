@@ -55,11 +55,10 @@ TEST_F(DeadlineBandwidth, RemovingSleepingDeadlineThreadGivesItsBandwidthBackAtO
                                                                       << log.dump();
         // The removal looks exactly as before: its own messages, nothing more.
         EXPECT_EQ(0, error_count(log)) << log.dump();
-        EXPECT_TRUE(log.has_info("[RT_Impl][Info] s32UtilCurrent in Domain(Domain_Bw) is 0.\n"))
-            << log.dump();
-        EXPECT_TRUE(log.has_info(format(
-            "[RT_Impl][DBG] [QX_REALTIME_RemoveThread] for pid=[%d] successfully.\n", (int)t.tid())))
-            << log.dump();
+        QXT_EXPECT_INFO(log, "[RT_Impl][Info] s32UtilCurrent in Domain(Domain_Bw) is 0.\n");
+        QXT_EXPECT_INFO(log,
+            format(
+            "[RT_Impl][DBG] [QX_REALTIME_RemoveThread] for pid=[%d] successfully.\n", (int)t.tid()));
         SchedInfo s = sched_of(t.tid());
         ASSERT_EQ((uint32_t)SCHED_OTHER, s.policy);
         ASSERT_EQ(5, s.nice);

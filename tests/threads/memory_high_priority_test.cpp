@@ -36,9 +36,8 @@ TEST_F(MemoryHighPriority, QueryLogsNotReadyWithCallersValueAndLeavesItInPlace) 
     avail = -7;
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_GetAvailableHighPriorityResource(&avail));
     EXPECT_EQ(-7, avail);
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] The "
-                              "function isn't ready. *ps32Avai=-7\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] The "
+                          "function isn't ready. *ps32Avai=-7\n");
 }
 
 TEST_F(MemoryHighPriority, EnableAndDisableInAnyOrderSucceedAndChangeNoSharedField) {
@@ -86,9 +85,8 @@ TEST_F(MemoryHighPriority, CallsAnswerSuccessEvenBeforeAnyInit) {
     EXPECT_EQ(42, avail);
     // At the default level 32 only the error-level report shows.
     EXPECT_EQ(1, (int)log.lines().size()) << log.dump();
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] The "
-                              "function isn't ready. *ps32Avai=42\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] The "
+                          "function isn't ready. *ps32Avai=42\n");
     EXPECT_FALSE(file_exists(RT_SHM_PREFIX "Global"));
 }
 
@@ -97,7 +95,6 @@ TEST_F(MemoryHighPriority, CallsAnswerSuccessEvenBeforeAnyInit) {
 TEST_F(MemoryHighPriority, QueryWithNullPointerIsRefusedWithoutCrash) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_GetAvailableHighPriorityResource(nullptr));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] Arg is "
-                              "NULL.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] Arg is "
+                          "NULL.\n");
 }

@@ -72,13 +72,11 @@ TEST_F(ThreadRemoval, RemovingRrThreadRestoresFormerNiceValueAndReturnsCharge) {
     EXPECT_FALSE(tasks_file_lists("/dev/cpuset/Domain_Rr/tasks", t.tid()));
     EXPECT_FALSE(tasks_file_lists("/dev/cpuacct/Domain_Rr/tasks", t.tid()));
 
-    EXPECT_TRUE(log.has_info(format("[RT_Impl][DBG] [%s]: pid=[%d] exists in [Domain_Rr].\n",
-                                    kRemove, (int)t.tid())))
-        << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] s32UtilCurrent in Domain(Domain_Rr) is 0.\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_info(removed(t.tid()))) << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_RemoveThread] exit, OK.\n")) << log.dump();
+    QXT_EXPECT_INFO(log, format("[RT_Impl][DBG] [%s]: pid=[%d] exists in [Domain_Rr].\n",
+                         kRemove, (int)t.tid()));
+    QXT_EXPECT_INFO(log, "[RT_Impl][Info] s32UtilCurrent in Domain(Domain_Rr) is 0.\n");
+    QXT_EXPECT_INFO(log, removed(t.tid()));
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_RemoveThread] exit, OK.\n");
     EXPECT_EQ(0, d->s32UtilCurrent);
     EXPECT_EQ(0, live_slot_count(d));
     EXPECT_EQ(1, d->s32ThreadNum);
@@ -118,9 +116,8 @@ TEST_F(ThreadRemoval, RemovingDeadlineThreadRestoresFormerNiceValueAndReturnsCha
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kDl, t.tid())) << log.dump();
     expect_same_sched(before, t.tid());
     expect_root_groups(t.tid());
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] s32UtilCurrent in Domain(Domain_Dl) is 0.\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_info(removed(t.tid()))) << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][Info] s32UtilCurrent in Domain(Domain_Dl) is 0.\n");
+    QXT_EXPECT_INFO(log, removed(t.tid()));
     EXPECT_EQ(0, error_count(log)) << log.dump();
     EXPECT_EQ(0, map_domain_file(kDl)->s32UtilCurrent);
 }
@@ -153,12 +150,10 @@ TEST_F(ThreadRemoval, RemovingNeverAdmittedThreadIsNotExistAndChangesNothing) {
     std::vector<uint8_t> before = segment_bytes(kRr);
     LogCapture log;
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_RemoveThread(kRr, stranger.tid()));
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [%s]: Thread [%d] doesn't exist in "
-                                     "[Domain_Rr].\n",
-                                     kRemove, (int)stranger.tid())))
-        << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_RemoveThread] exit, err=11.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s]: Thread [%d] doesn't exist in "
+                          "[Domain_Rr].\n",
+                          kRemove, (int)stranger.tid()));
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_RemoveThread] exit, err=11.\n");
     EXPECT_EQ(before, segment_bytes(kRr));
     EXPECT_EQ((uint32_t)SCHED_OTHER, sched_of(stranger.tid()).policy);
     EXPECT_EQ((uint32_t)SCHED_RR, sched_of(admitted.tid()).policy);
@@ -173,10 +168,9 @@ TEST_F(ThreadRemoval, RemovingTwiceReportsNotExistTheSecondTime) {
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kRr, t.tid()));
     LogCapture log;
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_RemoveThread(kRr, t.tid()));
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [%s]: Thread [%d] doesn't exist in "
-                                     "[Domain_Rr].\n",
-                                     kRemove, (int)t.tid())))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s]: Thread [%d] doesn't exist in "
+                          "[Domain_Rr].\n",
+                          kRemove, (int)t.tid()));
     EXPECT_EQ(0, map_domain_file(kRr)->s32UtilCurrent);
 }
 
@@ -261,18 +255,16 @@ TEST_F(ThreadRemoval, ReapingDeadClientWithThreeThreadsFreesAllThreeAndLowersCha
     TestThread newcomer;
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", newcomer.tid(), 0)) << log.dump();
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [_QX_REALTIME_CheckProcessAlive] Process %d "
-                                     "doesn't exist. errnor=%s\n",
-                                     (int)client, errno_text(ESRCH).c_str())))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [_QX_REALTIME_CheckProcessAlive] Process %d "
+                          "doesn't exist. errnor=%s\n",
+                          (int)client, errno_text(ESRCH).c_str()));
     for (pid_t tid : tids) {
-        EXPECT_TRUE(log.has_info(format(
-            "[RT_Impl][DBG] [QX_REALTIME_RemoveKilledThread] for pid=[%d] successfully.\n", (int)tid)))
-            << log.dump();
+        QXT_EXPECT_INFO(log,
+            format(
+            "[RT_Impl][DBG] [QX_REALTIME_RemoveKilledThread] for pid=[%d] successfully.\n", (int)tid));
         EXPECT_EQ(nullptr, live_slot(d, tid));
     }
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_RemoveKilledThread] exit, OK.\n"))
-        << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_RemoveKilledThread] exit, OK.\n");
     // 600 + 100 - 500 reaped + 200 new.
     EXPECT_EQ(300, d->s32UtilCurrent);
     EXPECT_EQ(live_util_sum(d), d->s32UtilCurrent);
