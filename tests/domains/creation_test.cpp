@@ -257,13 +257,11 @@ TEST_F(CreateDomainTest, CpusetWiderThanTheMachineIsRefused) {
     std::string wide = qxt::format("0-%d", 2 * cpus - 1);  // 0-3 on a 2-CPU machine
     init_with(config_of({rr_domain("Domain_Wide", 100, wide)}));
 
-    EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_CreateDomain("Domain_Wide"));
-    QXT_EXPECT_ERROR(log,
-        qxt::format(
-        "[RT_Impl][Err] [QX_REALTIME_CreateDomain_Impl] Domain [Domain_Wide] Cpuset = [%s] "
-        "CpuMask = [0x%x], CpuNum = [%d]\n",
-        wide.c_str(), (1u << (2 * cpus)) - 1, 2 * cpus));
-    EXPECT_FALSE(segment_exists("Domain_Wide"));
+    expect_creation_refused(
+        "Domain_Wide", RT_ERR_FAILED,
+        qxt::format("[RT_Impl][Err] [QX_REALTIME_CreateDomain_Impl] Domain [Domain_Wide] Cpuset = "
+                    "[%s] CpuMask = [0x%x], CpuNum = [%d]\n",
+                    wide.c_str(), (1u << (2 * cpus)) - 1, 2 * cpus));
     EXPECT_FALSE(qxt::file_exists("/dev/cpuset/Domain_Wide"));
     EXPECT_EQ(0u, pstTop->u32DomainMapNum);
 }
@@ -298,10 +296,9 @@ TEST_F(CreateDomainTest, ZeroUtilRoundRobinDomainIsCreated) {
 
 TEST_F(CreateDomainTest, ZeroUtilDeadlineDomainIsRefused) {
     init_with(config_of({dl_domain("Domain_Zero", 0, "0")}));
-    EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_CreateDomain("Domain_Zero"));
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_CreateDomain_Impl] Domain_Zero should "
-                          "be with SCHED_RR since its Util is 0\n");
-    EXPECT_FALSE(segment_exists("Domain_Zero"));
+    expect_creation_refused("Domain_Zero", RT_ERR_FAILED,
+                            "[RT_Impl][Err] [QX_REALTIME_CreateDomain_Impl] Domain_Zero should "
+                            "be with SCHED_RR since its Util is 0\n");
     // What was built outside the segment stays.
     EXPECT_TRUE(qxt::file_exists("/dev/cpuset/Domain_Zero"));
     EXPECT_TRUE(qxt::file_exists("/dev/cpuacct/Domain_Zero"));
@@ -335,9 +332,8 @@ TEST_F(CreateDomainTest, WithSixMappedDomainsCreationSucceeds) {
 TEST_F(CreateDomainTest, WithSevenMappedDomainsCreationIsRefused) {
     init_with(config_of(numbered_domains(1, 9)));
     fill_table(4, 7);
-    EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_CreateDomain("Domain_8"));
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] Domain number (8) in the process shouldn't more than 8\n");
-    EXPECT_FALSE(segment_exists("Domain_8"));
+    expect_creation_refused("Domain_8", RT_ERR_FAILED,
+                            "[RT_Impl][Err] Domain number (8) in the process shouldn't more than 8\n");
 }
 
 TEST_F(CreateDomainTest, FailedEighthCreationKeepsItsSlotWithoutAnAddress) {
@@ -455,10 +451,9 @@ TEST_F(CreateDomainTest, MissingCpuacctHierarchyFailsEveryCreationAtMkdir) {
 
 TEST_F(CreateDomainTest, UnknownDomainFailsAtTheParseAndLeavesNoSegment) {
     init_with(config_of({rr_domain("Domain_A", 100, "0")}));
-    EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_CreateDomain("Domain_Nope"));
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] Failed to parse Json at "
-                          "[/vendor/etc/realtime/rt-domains.json].\n");
-    EXPECT_FALSE(segment_exists("Domain_Nope"));
+    expect_creation_refused("Domain_Nope", RT_ERR_INVALID_PARAM,
+                            "[RT_Impl][Err] Failed to parse Json at "
+                            "[/vendor/etc/realtime/rt-domains.json].\n");
     EXPECT_FALSE(qxt::file_exists("/dev/cpuset/Domain_Nope"));
     EXPECT_EQ(0u, pstTop->u32DomainMapNum);
 }

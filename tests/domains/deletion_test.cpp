@@ -15,7 +15,8 @@ const char kFlockPath[] = "/data/vendor/realtime/flock_rt_Domain_A";
 class DeleteDomainTest : public DomainTest {
 protected:
     void create_a() {
-        init_with(config_of({rr_domain("Domain_A", 100, std::to_string(get_nprocs() - 1), {{"Class_Rr", 10, 20}}),
+        init_with(config_of({rr_domain("Domain_A", 100, std::to_string(get_nprocs() - 1),
+                                       {{"Class_Rr", 10, 20}}),
                              rr_domain("Domain_B", 100, "0"), rr_domain("Domain_C", 100, "0")}));
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_A")) << log.dump();
     }
@@ -25,6 +26,11 @@ protected:
         int32_t left = 0;
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_QueryBudget("Domain_A", &util, &left)) << log.dump();
         ASSERT_TRUE(qxt::file_exists(kFlockPath));
+    }
+    // What the deletion says of the flock file: level "Info" or "Err", and how the unlink went.
+    static std::string flock_unlink_line(const char *level, const char *outcome, int err) {
+        return qxt::format("[RT_Impl][%s] [QX_REALTIME_DeleteDomain] unlink %s %s, errno=%s\n",
+                           level, kFlockPath, outcome, errno_text(err).c_str());
     }
 };
 
@@ -65,10 +71,7 @@ TEST_F(DeleteDomainTest, DeletionOfADomainWhoseFlockFileIsGoneLogsThatItWasUnlin
     log.clear();
 
     EXPECT_EQ((int32_t)RT_SUCCESS, QX_REALTIME_DeleteDomain("Domain_A"));
-    QXT_EXPECT_INFO(log, qxt::format("[RT_Impl][Info] [QX_REALTIME_DeleteDomain] unlink "
-                         "/data/vendor/realtime/flock_rt_Domain_A has been "
-                         "unlinked, errno=%s\n",
-                         errno_text(ENOENT).c_str()));
+    QXT_EXPECT_INFO(log, flock_unlink_line("Info", "has been unlinked", ENOENT));
     EXPECT_FALSE(segment_exists("Domain_A"));
 }
 
@@ -77,10 +80,7 @@ TEST_F(DeleteDomainTest, FlockFileThatCannotBeRemovedIsReportedAndTheDeletionSuc
     ASSERT_EQ(0, mkdir(kFlockPath, 0700));  // unlink refuses a directory
 
     EXPECT_EQ((int32_t)RT_SUCCESS, QX_REALTIME_DeleteDomain("Domain_A"));
-    QXT_EXPECT_ERROR(log, qxt::format("[RT_Impl][Err] [QX_REALTIME_DeleteDomain] unlink "
-                          "/data/vendor/realtime/flock_rt_Domain_A fails, "
-                          "errno=%s\n",
-                          errno_text(EISDIR).c_str()));
+    QXT_EXPECT_ERROR(log, flock_unlink_line("Err", "fails", EISDIR));
     EXPECT_FALSE(segment_exists("Domain_A"));
 }
 

@@ -169,10 +169,8 @@ TEST_F(SetDebugLevel, TakesLevelAsItIsWithoutEntryMessage) {
 }
 
 TEST_F(SetDebugLevel, WhenEnabledStoresLevelInCentralRecordThatAttachersMapAgain) {
-    qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 2));
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
-    QX_REALTIME_CENTRAL_t *central = qxt::map_central_file();
-    ASSERT_NE(nullptr, central);
+    QX_REALTIME_CENTRAL_t *central = nullptr;
+    ASSERT_NO_FATAL_FAILURE(qxt::init_and_map(1, 1024, 2, &central));
 
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_SetDebugLevel(64));

@@ -68,15 +68,12 @@ TEST_F(Init, Mode2InFreshProcessFailsWithoutCreatingCentralSegment) {
     EXPECT_FALSE(qxt::file_exists(central_path()));
     EXPECT_EQ(nullptr, pstTop);
     EXPECT_EQ(nullptr, pstJsonPath);
-    EXPECT_TRUE(qxt::central_lock_is_free());
-    EXPECT_TRUE(qxt::process_mutex_is_free());
+    qxt::expect_locks_free();
 }
 
 TEST_F(Init, Mode2LeavesExistingCentralSegmentUntouched) {
-    qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 777, 2));
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
-    QX_REALTIME_CENTRAL_t *central = qxt::map_central_file();
-    ASSERT_NE(nullptr, central);
+    QX_REALTIME_CENTRAL_t *central = nullptr;
+    ASSERT_NO_FATAL_FAILURE(qxt::init_and_map(1, 777, 2, &central));
     central->s32UtilReservation = 55;
     central->s32DbgLevel = 6;
     std::vector<char> before((char *)central, (char *)central + RT_SHM_SIZE);
@@ -88,8 +85,7 @@ TEST_F(Init, Mode2LeavesExistingCentralSegmentUntouched) {
     EXPECT_EQ(0, memcmp(before.data(), central, RT_SHM_SIZE));
     EXPECT_EQ(level, _u32DbgLevel);
     EXPECT_EQ(777, pstTop->s32CapPerCore);
-    EXPECT_TRUE(qxt::central_lock_is_free());
-    EXPECT_TRUE(qxt::process_mutex_is_free());
+    qxt::expect_locks_free();
 }
 
 TEST_F(Init, ConfigurationNameTooLongForPathFailsWithoutMessage) {
@@ -99,8 +95,7 @@ TEST_F(Init, ConfigurationNameTooLongForPathFailsWithoutMessage) {
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(0));
     EXPECT_TRUE(log.lines().empty()) << log.dump();
     EXPECT_FALSE(qxt::file_exists(central_path()));
-    EXPECT_TRUE(qxt::central_lock_is_free());
-    EXPECT_TRUE(qxt::process_mutex_is_free());
+    qxt::expect_locks_free();
 
     // One byte shorter fits exactly (63 characters) and is used.
     std::string name(34, 'n');
@@ -124,15 +119,12 @@ TEST_F(Init, MissingConfigurationReturnsInvalidParam) {
     EXPECT_EQ(0, central->s32CapPerCore);
     EXPECT_EQ(0, central->s32DbgLevel);
     EXPECT_EQ(32u, _u32DbgLevel);
-    EXPECT_TRUE(qxt::central_lock_is_free());
-    EXPECT_TRUE(qxt::process_mutex_is_free());
+    qxt::expect_locks_free();
 }
 
 TEST_F(Init, CopiesSettingsIntoCentralRecord) {
-    qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 2));
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
-    QX_REALTIME_CENTRAL_t *central = qxt::map_central_file();
-    ASSERT_NE(nullptr, central);
+    QX_REALTIME_CENTRAL_t *central = nullptr;
+    ASSERT_NO_FATAL_FAILURE(qxt::init_and_map(1, 1024, 2, &central));
     EXPECT_EQ(1024, central->s32CapPerCore);
     EXPECT_EQ(2, central->s32DbgLevel);
     EXPECT_EQ(1, central->u8Enabled);
@@ -228,8 +220,7 @@ TEST_F(Init, LogFileThatCannotBeOpenedReturnsSystemErrorWithSettingsStored) {
     EXPECT_EQ(nullptr, rtlog);
     EXPECT_EQ(4096, qxt::map_central_file()->s32CapPerCore);
     EXPECT_EQ(7, qxt::map_central_file()->s32DbgLevel);
-    EXPECT_TRUE(qxt::central_lock_is_free());
-    EXPECT_TRUE(qxt::process_mutex_is_free());
+    qxt::expect_locks_free();
 }
 
 TEST_F(Init, LockFileFailureReturnsFailedWhileExitTraceSaysErr12) {
@@ -278,8 +269,7 @@ TEST_F(Init, CentralSegmentThatCannotBeOpenedFailsAndRetrySucceeds) {
     // The top object stays allocated; a later Init maps the segment into it.
     ASSERT_NE(nullptr, pstTop);
     QX_REALTIME_TOP_t *top = pstTop;
-    EXPECT_TRUE(qxt::central_lock_is_free());
-    EXPECT_TRUE(qxt::process_mutex_is_free());
+    qxt::expect_locks_free();
 
     ASSERT_EQ(0, rmdir(central_path()));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
@@ -291,8 +281,7 @@ TEST_F(Init, CentralSegmentThatCannotBeOpenedFailsAndRetrySucceeds) {
 TEST_F(Init, ReleasesLockFileAndMutexOnSuccess) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 2));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
-    EXPECT_TRUE(qxt::central_lock_is_free());
-    EXPECT_TRUE(qxt::process_mutex_is_free());
+    qxt::expect_locks_free();
     // Only the central segment's descriptor stays open.
     struct stat st;
     ASSERT_EQ(0, fstat(pstTop->s32ShmFd, &st));

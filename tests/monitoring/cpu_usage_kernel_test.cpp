@@ -5,6 +5,8 @@
 // removed from its domain before it stops.
 #include <sys/sysinfo.h>
 
+#include <memory>
+
 #include "monitoring_support.h"
 
 using namespace qxt;
@@ -53,11 +55,6 @@ private:
     uint32_t result_;
 };
 
-class CpuUsageKernel : public qxt::SandboxTest {
-protected:
-    CpuUsageKernel() : SandboxTest(2, "needs 2 CPUs: a busy thread must leave one free") {}
-};
-
 // The measured figures go into the test report (--gtest_output=xml), for the record.
 void record(const char *key, const std::vector<Sample> &samples) {
     std::string text;
@@ -65,16 +62,40 @@ void record(const char *key, const std::vector<Sample> &samples) {
     ::testing::Test::RecordProperty(key, text);
 }
 
+class CpuUsageKernel : public qxt::SandboxTest {
+protected:
+    CpuUsageKernel() : SandboxTest(2, "needs 2 CPUs: a busy thread must leave one free") {}
+    // The framework on the configured domains, each of them created.
+    static void create(const std::string &domains, std::initializer_list<const char *> names) {
+        ASSERT_EQ(start_framework(domains), RT_SUCCESS);
+        for (const char *name : names) ASSERT_EQ(QX_REALTIME_CreateDomain(name), RT_SUCCESS) << name;
+    }
+    // As create, then this test's turn to keep a core busy, held until the test ends.
+    void create_busy(const std::string &domains, std::initializer_list<const char *> names) {
+        ASSERT_NO_FATAL_FAILURE(create(domains, names));
+        turn_.reset(new BusyCpuTurn);
+        ASSERT_TRUE(turn_->held()) << turn_->why();
+    }
+    // Three samples of the one-domain mode, 300 ms apart, also put in the test report under key.
+    static std::vector<Sample> three_samples(const char *domain, const char *key,
+                                             const LogCapture &log) {
+        EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(domain, 300, 3), RT_SUCCESS);
+        std::vector<Sample> samples = samples_of(forms(log));
+        record(key, samples);
+        return samples;
+    }
+
+private:
+    std::unique_ptr<BusyCpuTurn> turn_;
+};
+
 std::string suffix(const std::string &path) {
     size_t slash = path.rfind('/');
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
 TEST_F(CpuUsageKernel, DeadlineThreadKeepingOneCoreBusyShowsAboutOneCoreInEverySample) {
-    ASSERT_EQ(start_framework(spin_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kSpin), RT_SUCCESS);
-    BusyCpuTurn turn;
-    ASSERT_TRUE(turn.held()) << turn.why();
+    ASSERT_NO_FATAL_FAILURE(create_busy(spin_domain(), {kSpin}));
     TestThread spinner(true);
     Admission admitted(kSpin, "Class_Spin", spinner.tid());
     ASSERT_EQ(admitted.result(), RT_SUCCESS);
@@ -82,12 +103,9 @@ TEST_F(CpuUsageKernel, DeadlineThreadKeepingOneCoreBusyShowsAboutOneCoreInEveryS
     ASSERT_EQ(suffix(cgroup_of(spinner.tid(), "cpuacct")), kSpin);
 
     LogCapture log;
-    EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kSpin, 300, 3), RT_SUCCESS);
-    std::vector<std::string> lines = forms(log);
-    std::vector<Sample> samples = samples_of(lines);
+    std::vector<Sample> samples = three_samples(kSpin, "spin_usage", log);
     ASSERT_EQ(samples.size(), 3u) << log.dump();
-    ASSERT_EQ(lines.size(), 3u) << log.dump();
-    record("spin_usage", samples);
+    ASSERT_EQ(forms(log).size(), 3u) << log.dump();
     for (const Sample &s : samples) {
         EXPECT_GE(s.usage, 60.0) << log.dump();
         EXPECT_LE(s.usage, 140.0) << log.dump();
@@ -96,20 +114,15 @@ TEST_F(CpuUsageKernel, DeadlineThreadKeepingOneCoreBusyShowsAboutOneCoreInEveryS
 }
 
 TEST_F(CpuUsageKernel, ThreadsUsingMoreThanTheirBudgetAreMarkedOverbudget) {
-    ASSERT_EQ(start_framework(hog_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kHog), RT_SUCCESS);
-    BusyCpuTurn turn;
-    ASSERT_TRUE(turn.held()) << turn.why();
+    ASSERT_NO_FATAL_FAILURE(create_busy(hog_domain(), {kHog}));
     TestThread hog(4, 4);  // about half a core, far above 19.53 %
     Admission admitted(kHog, "Class_Hog", hog.tid());
     ASSERT_EQ(admitted.result(), RT_SUCCESS);
     ASSERT_EQ(sched_of(hog.tid()).policy, kSchedRr);
 
     LogCapture log;
-    EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kHog, 300, 3), RT_SUCCESS);
-    std::vector<Sample> samples = samples_of(forms(log));
+    std::vector<Sample> samples = three_samples(kHog, "hog_usage", log);
     ASSERT_EQ(samples.size(), 3u) << log.dump();
-    record("hog_usage", samples);
     for (const Sample &s : samples) {
         EXPECT_DOUBLE_EQ(s.budget, 19.53);  // 200 x 100 / 1024
         EXPECT_GT(s.usage, 30.0) << log.dump();
@@ -118,18 +131,15 @@ TEST_F(CpuUsageKernel, ThreadsUsingMoreThanTheirBudgetAreMarkedOverbudget) {
 }
 
 TEST_F(CpuUsageKernel, IdleDomainShowsAboutZeroAndIsNotOverbudget) {
-    ASSERT_EQ(start_framework(idle_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kIdle), RT_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(create(idle_domain(), {kIdle}));
     TestThread sleeper(false);
     Admission admitted(kIdle, "Class_Idle", sleeper.tid());
     ASSERT_EQ(admitted.result(), RT_SUCCESS);
     ASSERT_EQ(sched_of(sleeper.tid()).policy, kSchedRr);
 
     LogCapture log;
-    EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kIdle, 300, 3), RT_SUCCESS);
-    std::vector<Sample> samples = samples_of(forms(log));
+    std::vector<Sample> samples = three_samples(kIdle, "idle_usage", log);
     ASSERT_EQ(samples.size(), 3u) << log.dump();
-    record("idle_usage", samples);
     for (const Sample &s : samples) {
         EXPECT_LT(s.usage, 10.0) << log.dump();
         EXPECT_FALSE(s.over) << log.dump();
@@ -137,11 +147,7 @@ TEST_F(CpuUsageKernel, IdleDomainShowsAboutZeroAndIsNotOverbudget) {
 }
 
 TEST_F(CpuUsageKernel, AllDomainsModePrintsTheHeaderAndOneLinePerDomainPerSample) {
-    ASSERT_EQ(start_framework(spin_domain() + ",\n" + idle_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kSpin), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kIdle), RT_SUCCESS);
-    BusyCpuTurn turn;
-    ASSERT_TRUE(turn.held()) << turn.why();
+    ASSERT_NO_FATAL_FAILURE(create_busy(spin_domain() + ",\n" + idle_domain(), {kSpin, kIdle}));
     TestThread spinner(true);
     TestThread sleeper(false);
     Admission spin_admitted(kSpin, "Class_Spin", spinner.tid());
@@ -185,8 +191,7 @@ TEST_F(CpuUsageKernel, AllDomainsModePrintsTheHeaderAndOneLinePerDomainPerSample
 }
 
 TEST_F(CpuUsageKernel, IntervalOfZeroSamplesAtOnceAndPrintsFiniteFigures) {
-    ASSERT_EQ(start_framework(idle_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kIdle), RT_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(create(idle_domain(), {kIdle}));
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kIdle, 0, 3), RT_SUCCESS);
     EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage("All", 0, 2), RT_SUCCESS);

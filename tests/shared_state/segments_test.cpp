@@ -21,8 +21,7 @@ const char kForgot[] = "[RT_Impl][Err] Did you forget to invoke QX_REALTIME_Init
 void write_central_file(int32_t cap, int32_t reservation, int32_t dbg, uint8_t enabled, int32_t budget_cpus,
                         size_t size = RT_SHM_SIZE) {
     std::string bytes(size, '\0');
-    QX_REALTIME_CENTRAL_t central;
-    memset(&central, 0, sizeof(central));
+    QX_REALTIME_CENTRAL_t central{};
     central.s32CapPerCore = cap;
     central.s32UtilReservation = reservation;
     central.s32DbgLevel = dbg;
@@ -38,6 +37,13 @@ int count_matching(const LogCapture &log, int priority, const std::string &patte
     for (const qxt::LogLine &line : log.lines())
         if (line.priority == priority && std::regex_match(line.file_form(), re)) n++;
     return n;
+}
+
+// How often the log says _QX_REALTIME_GetCentralAndTop (with its thread id) could not get what.
+int central_and_top_failures(const LogCapture &log, const std::string &what) {
+    return count_matching(log, QX_LOG_PRIO_ERROR,
+                          "\\[RT_Impl\\]\\[Err\\] _QX_REALTIME_GetCentralAndTop \\([0-9]+\\), "
+                          "can't get central " + what + "\n");
 }
 
 }  // namespace
@@ -369,10 +375,7 @@ TEST_F(GetCentralAndTop, WithoutCentralSegmentReturnsNullAndClosesLockFile) {
     EXPECT_EQ(RT_ERR_NULL, _QX_REALTIME_GetCentralAndTop(&fd));
     EXPECT_FALSE(qxt::fd_is_open(fd));
     QXT_EXPECT_ERROR(log, kForgot);
-    EXPECT_EQ(1, count_matching(log, QX_LOG_PRIO_ERROR,
-                                "\\[RT_Impl\\]\\[Err\\] _QX_REALTIME_GetCentralAndTop \\([0-9]+\\), "
-                                "can't get central shared memory\n"))
-        << log.dump();
+    EXPECT_EQ(1, central_and_top_failures(log, "shared memory")) << log.dump();
     EXPECT_EQ(nullptr, pstTop);
 }
 
@@ -385,10 +388,7 @@ TEST_F(GetCentralAndTop, LockFileFailureReturnsFailed) {
     QXT_EXPECT_ERROR(log,
         err_head("_QX_REALTIME_GetFlock") +
         qxt::format("flock open (%s) return -1, errno=Is a directory\n", kLockGlobal));
-    EXPECT_EQ(1, count_matching(log, QX_LOG_PRIO_ERROR,
-                                "\\[RT_Impl\\]\\[Err\\] _QX_REALTIME_GetCentralAndTop \\([0-9]+\\), "
-                                "can't get central flock\n"))
-        << log.dump();
+    EXPECT_EQ(1, central_and_top_failures(log, "flock")) << log.dump();
     EXPECT_EQ(nullptr, pstTop);
 }
 

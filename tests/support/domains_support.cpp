@@ -39,6 +39,13 @@ void DomainTest::init_with(const std::string &json) {
     ASSERT_EQ(64u, _u32DbgLevel) << "the suite's configurations carry DbgLevel 4";
 }
 
+void DomainTest::expect_creation_refused(const std::string &domain, uint32_t code,
+                                         const std::string &error) {
+    EXPECT_EQ(code, QX_REALTIME_CreateDomain(domain.c_str()));
+    QXT_EXPECT_ERROR(log, error);
+    EXPECT_FALSE(segment_exists(domain)) << domain;
+}
+
 std::string cpuset_file(const std::string &dir, const std::string &name) {
     std::string plain = dir + "/" + name;
     if (qxt::file_exists(plain)) return plain;

@@ -22,6 +22,9 @@ protected:
     // carry DbgLevel 4 (internal level 64), so info and debug messages reach the log, here and in
     // every process that attaches later.
     void init_with(const std::string &json);
+    // CreateDomain(domain) returns code, the log has the error line, and no segment is left.
+    void expect_creation_refused(const std::string &domain, uint32_t code,
+                                 const std::string &error);
     qxt::LogCapture log;
 };
 

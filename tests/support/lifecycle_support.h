@@ -44,6 +44,21 @@ inline bool process_mutex_is_free() {
     return true;
 }
 
+// Neither the "Global" lock nor the process mutex is left held.
+inline void expect_locks_free() {
+    EXPECT_TRUE(central_lock_is_free());
+    EXPECT_TRUE(process_mutex_is_free());
+}
+
+// rt-0.json with the given system scope, the library initialised on it, and the central record
+// mapped for checking.
+inline void init_and_map(int enabled, int util, int dbg_level, QX_REALTIME_CENTRAL_t **central) {
+    write_file("/vendor/etc/realtime/rt-0.json", system_config(enabled, util, dbg_level));
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
+    *central = map_central_file();
+    ASSERT_NE(nullptr, *central);
+}
+
 // The per-process log file name for this process's top object.
 inline std::string own_log_file() {
     return std::string(RT_LOG_FILE_PREFIX) + std::to_string((int32_t)(intptr_t)pstTop);

@@ -12,6 +12,10 @@
 
 namespace qxt {
 
+std::string dl_isp_domain() {
+    return dl_domain(kDl, 1000, "1", {{"Class_Isp", 2000, 8000, 10000}});
+}
+
 void start(const std::vector<std::string> &domain_objects,
            std::initializer_list<const char *> create) {
     std::string domains = qxt::join_domains(domain_objects);
@@ -91,6 +95,16 @@ bool set_rr(pid_t tid, int priority) {
 
 bool set_deadline(pid_t tid, uint64_t runtime_ns, uint64_t deadline_ns, uint64_t period_ns) {
     return set_attr(tid, SCHED_DEADLINE, 0, runtime_ns, deadline_ns, period_ns);
+}
+
+std::string add_failed(pid_t tid, const char *cls, unsigned code) {
+    return format("[RT_Impl][Err] [QX_REALTIME_AddThread] Add pid = [%d] to Thread at Class = [%s] "
+                  "failed. ret is %u\n",
+                  (int)tid, cls, code);
+}
+
+std::string arg_is_null(const char *op) {
+    return format("[RT_Impl][Err] [%s] Arg is NULL.\n", op);
 }
 
 int error_count(const qxt::LogCapture &log) {

@@ -14,10 +14,21 @@
 
 namespace qxt {
 
+// The suite's round-robin and deadline domains (each test file configures its own classes).
+constexpr char kRr[] = "Domain_Rr", kDl[] = "Domain_Dl";
+// The thread operations, as their messages name them.
+constexpr char kAdd[] = "QX_REALTIME_AddThread";
+constexpr char kLite[] = "QX_REALTIME_AddThread_Lite";
+constexpr char kRemove[] = "QX_REALTIME_RemoveThread";
+constexpr char kUpdate[] = "QX_REALTIME_UpdateThreadUtil";
+
 // Capacity units of one busy core in every configuration of this suite; the budget of all
 // domains is 2 CPUs x 1000 x 100 % = 2000.
 constexpr int kCapPerCore = 1000;
 
+
+// The deadline domain kDl on CPU 1 with one class, Class_Isp: 2 ms every 10 ms, deadline 8 ms.
+std::string dl_isp_domain();
 
 // Installs a configuration with the given domain objects (joined by commas), initialises the
 // library at debug level 64 (so info and debug messages reach the log) and creates the domains.
@@ -45,6 +56,11 @@ uint32_t saved_policy(const QX_REALTIME_THREAD_t *pstThread);
 bool set_other_nice(pid_t tid, int nice);
 bool set_rr(pid_t tid, int priority);
 bool set_deadline(pid_t tid, uint64_t runtime_ns, uint64_t deadline_ns, uint64_t period_ns);
+
+// The error that closes a refused admission of tid into cls with the given result code.
+std::string add_failed(pid_t tid, const char *cls, unsigned code);
+// The error of an operation given a null pointer.
+std::string arg_is_null(const char *op);
 
 // Number of captured lines at the error priority.
 int error_count(const qxt::LogCapture &log);

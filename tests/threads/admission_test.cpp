@@ -11,37 +11,20 @@ using namespace qxt;
 
 namespace {
 
-const char kRr[] = "Domain_Rr";
-const char kDl[] = "Domain_Dl";
-const char kAdd[] = "QX_REALTIME_AddThread";
-const char kLite[] = "QX_REALTIME_AddThread_Lite";
+// Per-thread shares (units of 1000 per core) and priorities around the domain's budget of 1000.
+const std::vector<RrClass> kRrClasses = {
+    {"Class_A", 200, 10},   {"Class_B", 100, 20},   {"Class_Zero", 0, 30}, {"Class_Neg", -1, 40},
+    {"Class_800", 800, 15}, {"Class_201", 201, 16}, {"Class_200", 200, 17}};
+// A valid class, then a deadline shorter than the runtime, then a period shorter than the deadline.
+const std::vector<DlClass> kDlClasses = {{"Class_Isp", 2000, 8000, 10000},
+                                         {"Class_Late", 2000, 1500, 10000},
+                                         {"Class_Long", 2000, 12000, 10000}};
 
-std::string rr() {
-    return rr_domain(kRr, 1000, "1",
-                     {{"Class_A", 200, 10},
-                      {"Class_B", 100, 20},
-                      {"Class_Zero", 0, 30},
-                      {"Class_Neg", -1, 40},
-                      {"Class_800", 800, 15},
-                      {"Class_201", 201, 16},
-                      {"Class_200", 200, 17}});
-}
-
-std::string dl() {
-    return dl_domain(kDl, 1000, "1",
-                     {{"Class_Isp", 2000, 8000, 10000},
-                      {"Class_Late", 2000, 1500, 10000},
-                      {"Class_Long", 2000, 12000, 10000}});
-}
+std::string rr() { return rr_domain(kRr, 1000, "1", kRrClasses); }
+std::string dl() { return dl_domain(kDl, 1000, "1", kDlClasses); }
 
 std::string added(const char *op, pid_t tid) {
     return format("[RT_Impl][DBG] [%s] for [%d] successfully.\n", op, (int)tid);
-}
-
-std::string summary(pid_t tid, const char *cls, unsigned code) {
-    return format("[RT_Impl][Err] [QX_REALTIME_AddThread] Add pid = [%d] to Thread at Class = [%s] "
-                  "failed. ret is %u\n",
-                  (int)tid, cls, code);
 }
 
 // The thread is still as a plain thread of this process left it: normal policy, root groups.
@@ -58,8 +41,7 @@ void expect_untouched(pid_t tid) {
 using ThreadAdmission = qxt::SandboxTest;
 
 TEST_F(ThreadAdmission, RrAdmissionAppliesClassPriorityAndMovesThreadIntoDomainGroups) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0)) << log.dump();
@@ -96,8 +78,7 @@ TEST_F(ThreadAdmission, RrAdmissionAppliesClassPriorityAndMovesThreadIntoDomainG
 }
 
 TEST_F(ThreadAdmission, DeadlineDomainChargesRuntimeTimesCapacityOverPeriod) {
-    start({dl()}, {kDl});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     TestThread t;
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kDl, "Class_Isp", t.tid(), 0)) << log.dump();
@@ -127,8 +108,7 @@ TEST_F(ThreadAdmission, DeadlineDomainChargesRuntimeTimesCapacityOverPeriod) {
 }
 
 TEST_F(ThreadAdmission, DeadlineAdmissionWithOverrunNotificationSetsFlags0x06) {
-    start({dl()}, {kDl});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     TestThread t;
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kDl, "Class_Isp", t.tid(), 1)) << log.dump();
@@ -139,15 +119,14 @@ TEST_F(ThreadAdmission, DeadlineAdmissionWithOverrunNotificationSetsFlags0x06) {
 }
 
 TEST_F(ThreadAdmission, DeadlineShorterThanRuntimeIsRefusedAsInvalid) {
-    start({dl()}, {kDl});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     TestThread t;
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kDl, "Class_Late", t.tid(), 0));
     QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
                           "parameter: (should) DlPeriodUs=10000 >= DlDeadlineUs=1500 >= "
                           "DlRuntimeUs=2000.\n");
-    QXT_EXPECT_ERROR(log, summary(t.tid(), "Class_Late", RT_ERR_INVALID_PARAM));
+    QXT_EXPECT_ERROR(log, add_failed(t.tid(), "Class_Late", RT_ERR_INVALID_PARAM));
     QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_AddThread] exit, err=8.\n");
     expect_untouched(t.tid());
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kDl);
@@ -157,8 +136,7 @@ TEST_F(ThreadAdmission, DeadlineShorterThanRuntimeIsRefusedAsInvalid) {
 }
 
 TEST_F(ThreadAdmission, PeriodShorterThanDeadlineIsRefusedAsInvalid) {
-    start({dl()}, {kDl});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     TestThread t;
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kDl, "Class_Long", t.tid(), 0));
@@ -170,8 +148,7 @@ TEST_F(ThreadAdmission, PeriodShorterThanDeadlineIsRefusedAsInvalid) {
 }
 
 TEST_F(ThreadAdmission, RepeatedAdmissionInAnyClassSucceedsAndChangesNothing) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0));
     std::vector<uint8_t> before = segment_bytes(kRr);
@@ -192,14 +169,13 @@ TEST_F(ThreadAdmission, RepeatedAdmissionInAnyClassSucceedsAndChangesNothing) {
 }
 
 TEST_F(ThreadAdmission, RrClassWithNegativeUtilIsRefusedAsInvalid) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kRr, "Class_Neg", t.tid(), 0));
     QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid parameter -1: "
                           "(should) s32Util >= 0.\n");
-    QXT_EXPECT_ERROR(log, summary(t.tid(), "Class_Neg", RT_ERR_INVALID_PARAM));
+    QXT_EXPECT_ERROR(log, add_failed(t.tid(), "Class_Neg", RT_ERR_INVALID_PARAM));
     expect_untouched(t.tid());
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
     EXPECT_EQ(0, d->s32UtilCurrent);
@@ -207,8 +183,7 @@ TEST_F(ThreadAdmission, RrClassWithNegativeUtilIsRefusedAsInvalid) {
 }
 
 TEST_F(ThreadAdmission, RrClassWithZeroUtilIsAdmittedAndChargesNothing) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_Zero", t.tid(), 0)) << log.dump();
@@ -223,8 +198,7 @@ TEST_F(ThreadAdmission, RrClassWithZeroUtilIsAdmittedAndChargesNothing) {
 }
 
 TEST_F(ThreadAdmission, BudgetAdmitsUpToItsMaxExactlyAndRefusesOneUnitMore) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t800, t201, t200;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_800", t800.tid(), 0));
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
@@ -235,7 +209,7 @@ TEST_F(ThreadAdmission, BudgetAdmitsUpToItsMaxExactlyAndRefusesOneUnitMore) {
     QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Domain[Domain_Rr] over "
                           "s32Util: new Util is 201, original Util is 0,domain current total "
                           "Util is 800, max. domain Util is 1000\n");
-    QXT_EXPECT_ERROR(log, summary(t201.tid(), "Class_201", RT_ERR_OVER_BUDGET));
+    QXT_EXPECT_ERROR(log, add_failed(t201.tid(), "Class_201", RT_ERR_OVER_BUDGET));
     expect_untouched(t201.tid());
     EXPECT_EQ(800, d->s32UtilCurrent);
 
@@ -247,8 +221,7 @@ TEST_F(ThreadAdmission, BudgetAdmitsUpToItsMaxExactlyAndRefusesOneUnitMore) {
 }
 
 TEST_F(ThreadAdmission, DomainWithoutBudgetAdmitsAnyAmountAndLeavesCpusetAlone) {
-    start({rr_domain("Domain_Free", 0, "1", {{"Class_Huge", 5000, 10}})}, {"Domain_Free"});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr_domain("Domain_Free", 0, "1", {{"Class_Huge", 5000, 10}})}, {"Domain_Free"}));
     TestThread t1, t2;
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_Free", "Class_Huge", t1.tid(), 0))
@@ -266,8 +239,7 @@ TEST_F(ThreadAdmission, DomainWithoutBudgetAdmitsAnyAmountAndLeavesCpusetAlone) 
 }
 
 TEST_F(ThreadAdmission, LiteAdmissionLeavesDeadlineOrderToTheKernel) {
-    start({dl()}, {kDl});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     TestThread t;
     QX_REALTIME_UTIL_t util = {77, 1500, 2000, 10000};
     LogCapture log;
@@ -289,8 +261,7 @@ TEST_F(ThreadAdmission, LiteAdmissionLeavesDeadlineOrderToTheKernel) {
 }
 
 TEST_F(ThreadAdmission, LiteAdmissionAppliesAndChargesCallerParametersUnchecked) {
-    start({dl()}, {kDl});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     TestThread t;
     // 5000 units in a domain of 1000: no budget check and no conversion on this path.
     QX_REALTIME_UTIL_t util = {5000, 5000, 1000, 10000};
@@ -313,8 +284,7 @@ TEST_F(ThreadAdmission, LiteAdmissionAppliesAndChargesCallerParametersUnchecked)
 }
 
 TEST_F(ThreadAdmission, FullSegmentStoresNoRecordEvenWhenAFreedSlotExists) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t1, t2;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t1.tid(), 0));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kRr, t1.tid()));
@@ -331,7 +301,7 @@ TEST_F(ThreadAdmission, FullSegmentStoresNoRecordEvenWhenAFreedSlotExists) {
         format(
         "[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = [Class_A] failed.\n", kAdd,
         (int)t2.tid()));
-    QXT_EXPECT_ERROR(log, summary(t2.tid(), "Class_A", RT_ERR_NOT_EXIST));
+    QXT_EXPECT_ERROR(log, add_failed(t2.tid(), "Class_A", RT_ERR_NOT_EXIST));
     EXPECT_EQ(0, slot(d, 0)->Alive);
     EXPECT_EQ(1, d->s32ThreadNum);
     EXPECT_EQ(16300, d->s32NextOffset);
@@ -343,8 +313,7 @@ TEST_F(ThreadAdmission, FullSegmentStoresNoRecordEvenWhenAFreedSlotExists) {
 }
 
 TEST_F(ThreadAdmission, SegmentOneByteShortOfARecordRefusesIt) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
     d->s32NextOffset = 16289;
@@ -357,8 +326,7 @@ TEST_F(ThreadAdmission, SegmentOneByteShortOfARecordRefusesIt) {
 }
 
 TEST_F(ThreadAdmission, SegmentWithRoomForExactlyOneRecordAppendsIt) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t1, t2;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t1.tid(), 0));
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
@@ -372,8 +340,7 @@ TEST_F(ThreadAdmission, SegmentWithRoomForExactlyOneRecordAppendsIt) {
 }
 
 TEST_F(ThreadAdmission, FullProcessIdListFailsTheLookupButStoresTheRecord) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     // Another live process fills every slot, so this process finds no room in the list.
     pid_t other = spawn_child([] {});
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
@@ -387,7 +354,7 @@ TEST_F(ThreadAdmission, FullProcessIdListFailsTheLookupButStoresTheRecord) {
                           "is full !!!\n");
     QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] getProcessID for tid [%d] failed.\n",
                           kAdd, (int)t.tid()));
-    QXT_EXPECT_ERROR(log, summary(t.tid(), "Class_A", RT_ERR_NOT_EXIST));
+    QXT_EXPECT_ERROR(log, add_failed(t.tid(), "Class_A", RT_ERR_NOT_EXIST));
     EXPECT_EQ(0, log.count_containing("doesn't exist")) << log.dump();
 
     QX_REALTIME_THREAD_t *rec = live_slot(d, t.tid());
@@ -402,8 +369,7 @@ TEST_F(ThreadAdmission, FullProcessIdListFailsTheLookupButStoresTheRecord) {
 }
 
 TEST_F(ThreadAdmission, ThreadOfDeadClientIsReapedBeforeTheBudgetCheck) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     int fds[2];
     ASSERT_EQ(0, pipe(fds));
     pid_t client = spawn_child([&] {

@@ -12,38 +12,19 @@ using namespace qxt;
 
 namespace {
 
-const char kRr[] = "Domain_Rr";
-const char kAdd[] = "QX_REALTIME_AddThread";
-const char kLite[] = "QX_REALTIME_AddThread_Lite";
-const char kRemove[] = "QX_REALTIME_RemoveThread";
-const char kUpdate[] = "QX_REALTIME_UpdateThreadUtil";
+// One usable class, then priorities at and just inside the bounds SCHED_RR takes (1 to 99).
+const std::vector<RrClass> kRrClasses = {{"Class_A", 200, 10},    {"Class_P0", 10, 0},
+                                         {"Class_P100", 10, 100}, {"Class_P1", 10, 1},
+                                         {"Class_P99", 10, 99}};
 
-std::string rr() {
-    return rr_domain(kRr, 1000, "1",
-                     {{"Class_A", 200, 10},
-                      {"Class_P0", 10, 0},
-                      {"Class_P100", 10, 100},
-                      {"Class_P1", 10, 1},
-                      {"Class_P99", 10, 99}});
-}
-
-std::string summary(pid_t tid, const char *cls, unsigned code) {
-    return format("[RT_Impl][Err] [QX_REALTIME_AddThread] Add pid = [%d] to Thread at Class = [%s] "
-                  "failed. ret is %u\n",
-                  (int)tid, cls, code);
-}
-
-std::string arg_is_null(const char *op) {
-    return format("[RT_Impl][Err] [%s] Arg is NULL.\n", op);
-}
+std::string rr() { return rr_domain(kRr, 1000, "1", kRrClasses); }
 
 }  // namespace
 
 using ThreadBadInput = qxt::SandboxTest;
 
 TEST_F(ThreadBadInput, NullDomainOrClassNameIsInvalidParam) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     QX_REALTIME_UTIL_t util = {10, 0, 0, 0};
     std::vector<uint8_t> before = segment_bytes(kRr);
@@ -64,8 +45,7 @@ TEST_F(ThreadBadInput, NullDomainOrClassNameIsInvalidParam) {
 }
 
 TEST_F(ThreadBadInput, NullUtilisationRecordIsNullBeforeAnyLock) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0));
     std::vector<uint8_t> before = segment_bytes(kRr);
@@ -80,8 +60,7 @@ TEST_F(ThreadBadInput, NullUtilisationRecordIsNullBeforeAnyLock) {
 }
 
 TEST_F(ThreadBadInput, UnknownDomainIsNullWithEachOperationsOwnMessage) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     QX_REALTIME_UTIL_t util = {10, 0, 0, 0};
     LogCapture log;
@@ -100,15 +79,14 @@ TEST_F(ThreadBadInput, UnknownDomainIsNullWithEachOperationsOwnMessage) {
 }
 
 TEST_F(ThreadBadInput, UnknownClassIsNotExistAndNamedInTheSummary) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     QX_REALTIME_UTIL_t util = {10, 0, 0, 0};
     std::vector<uint8_t> before = segment_bytes(kRr);
     LogCapture log;
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_AddThread(kRr, "Class_Nope", t.tid(), 0));
     QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] Class:[Class_Nope] does not exist.\n", kAdd));
-    QXT_EXPECT_ERROR(log, summary(t.tid(), "Class_Nope", RT_ERR_NOT_EXIST));
+    QXT_EXPECT_ERROR(log, add_failed(t.tid(), "Class_Nope", RT_ERR_NOT_EXIST));
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_AddThread_Lite(kRr, "Class_Nope", &util, t.tid(), 0));
     QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] Class:[Class_Nope] does not exist.\n", kLite));
     QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = "
@@ -119,8 +97,7 @@ TEST_F(ThreadBadInput, UnknownClassIsNotExistAndNamedInTheSummary) {
 }
 
 TEST_F(ThreadBadInput, ThreadIdWithoutThreadIsRefusedByTheKernel) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     pid_t gone = dead_pid();
     LogCapture log;
     EXPECT_EQ(RT_ERR_SCHED_SETATTR, QX_REALTIME_AddThread(kRr, "Class_A", gone, 0));
@@ -129,7 +106,7 @@ TEST_F(ThreadBadInput, ThreadIdWithoutThreadIsRefusedByTheKernel) {
         "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr] _QX_REALTMIE_SchedSetAttr failed to set the "
         "sched for pid=%d, policy=2, priority=10, runtime=0, deadline=0, period=0, errno=%s\n",
         (int)gone, errno_text(ESRCH).c_str()));
-    QXT_EXPECT_ERROR(log, summary(gone, "Class_A", RT_ERR_SCHED_SETATTR));
+    QXT_EXPECT_ERROR(log, add_failed(gone, "Class_A", RT_ERR_SCHED_SETATTR));
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
     EXPECT_EQ(0, d->s32UtilCurrent);
     EXPECT_EQ(0, live_slot_count(d));
@@ -142,8 +119,7 @@ TEST_F(ThreadBadInput, ThreadIdWithoutThreadIsRefusedByTheKernel) {
 }
 
 TEST_F(ThreadBadInput, NegativeThreadIdIsRefusedByTheKernelAndTracedWithoutArgPid) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     LogCapture log;
     EXPECT_EQ(RT_ERR_SCHED_SETATTR, QX_REALTIME_AddThread(kRr, "Class_A", -5, 0));
     QXT_EXPECT_INFO(log, format("[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld;\n", kAdd,
@@ -154,7 +130,7 @@ TEST_F(ThreadBadInput, NegativeThreadIdIsRefusedByTheKernelAndTracedWithoutArgPi
         "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr] _QX_REALTMIE_SchedSetAttr failed to set the "
         "sched for pid=-5, policy=2, priority=10, runtime=0, deadline=0, period=0, errno=%s\n",
         errno_text(EINVAL).c_str()));
-    QXT_EXPECT_ERROR(log, summary(-5, "Class_A", RT_ERR_SCHED_SETATTR));
+    QXT_EXPECT_ERROR(log, add_failed(-5, "Class_A", RT_ERR_SCHED_SETATTR));
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_RemoveThread(kRr, -5));
     QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s]: Thread [-5] doesn't exist in [Domain_Rr].\n",
                           kRemove));
@@ -166,8 +142,7 @@ TEST_F(ThreadBadInput, NegativeThreadIdIsRefusedByTheKernelAndTracedWithoutArgPi
 // A thread id of 0 is passed on as it is: the kernel then acts on the calling thread, and /proc
 // has no process 0 to read the thread group from.
 TEST_F(ThreadBadInput, ZeroThreadIdActsOnTheCallingThread) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     LogCapture log;
     pid_t caller = 0;
     uint32_t added = 99, removed = 99;
@@ -191,7 +166,7 @@ TEST_F(ThreadBadInput, ZeroThreadIdActsOnTheCallingThread) {
                           "/proc/0/status, errno=%s\n",
                           errno_text(ENOENT).c_str()));
     QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] getProcessID for tid [0] failed.\n", kAdd));
-    QXT_EXPECT_ERROR(log, summary(0, "Class_A", RT_ERR_NOT_EXIST));
+    QXT_EXPECT_ERROR(log, add_failed(0, "Class_A", RT_ERR_NOT_EXIST));
 
     EXPECT_EQ(RT_SUCCESS, removed) << log.dump();
     EXPECT_EQ((uint32_t)SCHED_OTHER, after_remove.policy);
@@ -205,15 +180,14 @@ TEST_F(ThreadBadInput, ZeroThreadIdActsOnTheCallingThread) {
 }
 
 TEST_F(ThreadBadInput, RtPriorityZeroOrHundredIsInvalidParamWithoutSystemCall) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     ASSERT_TRUE(set_other_nice(t.tid(), 3));
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kRr, "Class_P0", t.tid(), 0));
     QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr]: Rt priority = [0] is "
                           "invalid. It should between 1 to 99.\n");
-    QXT_EXPECT_ERROR(log, summary(t.tid(), "Class_P0", RT_ERR_INVALID_PARAM));
+    QXT_EXPECT_ERROR(log, add_failed(t.tid(), "Class_P0", RT_ERR_INVALID_PARAM));
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kRr, "Class_P100", t.tid(), 0));
     QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr]: Rt priority = [100] is "
                           "invalid. It should between 1 to 99.\n");
@@ -228,8 +202,7 @@ TEST_F(ThreadBadInput, RtPriorityZeroOrHundredIsInvalidParamWithoutSystemCall) {
 }
 
 TEST_F(ThreadBadInput, RtPriorityOneAndNinetyNineAreAccepted) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t1, t99;
     LogCapture log;
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_P1", t1.tid(), 0)) << log.dump();

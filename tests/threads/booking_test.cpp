@@ -12,9 +12,6 @@ using namespace qxt;
 
 namespace {
 
-const char kRr[] = "Domain_Rr";
-const char kDl[] = "Domain_Dl";
-
 std::string rr() { return rr_domain(kRr, 1000, "1", {{"Class_A", 200, 10}}); }
 std::string dl() { return dl_domain(kDl, 1000, "1", {{"Class_Isp", 2000, 8000, 100000}}); }
 
@@ -37,8 +34,7 @@ std::string comm_of(pid_t pid) {
 using AdmissionBooking = qxt::SandboxTest;
 
 TEST_F(AdmissionBooking, RefusalByTheKernelLeavesTheSegmentAsItWas) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     // A freed slot (not blank) is the one a new record would take.
     TestThread first;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", first.tid(), 0));
@@ -57,8 +53,7 @@ TEST_F(AdmissionBooking, RefusalByTheKernelLeavesTheSegmentAsItWas) {
 }
 
 TEST_F(AdmissionBooking, RefusedMoveKeepsThePolicyButNoBooking) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
     ASSERT_NE(nullptr, d);
     std::vector<uint8_t> before = segment_bytes(kRr);
@@ -79,8 +74,7 @@ TEST_F(AdmissionBooking, RefusedMoveKeepsThePolicyButNoBooking) {
 TEST_F(AdmissionBooking, OverrunSignallingWarnsWhenTheSignalWouldKillTheProcess) {
     QXT_SKIP_UNDER_EMULATOR("qemu-user catches every signal for the process it emulates, so the "
                             "kernel shows SIGXCPU caught whatever the emulated process asked");
-    start({dl()}, {kDl});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     signal(SIGXCPU, SIG_DFL);
     {
         TestThread t;

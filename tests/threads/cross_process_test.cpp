@@ -28,8 +28,7 @@ struct StartLine {
 using ThreadCrossProcess = qxt::SandboxTest;
 
 TEST_F(ThreadCrossProcess, RacingClientsNeverChargeMoreThanTheBudget) {
-    start({rr_domain(kRace, 1000, "1", {{"Class_R", kShare, 10}})}, {kRace});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr_domain(kRace, 1000, "1", {{"Class_R", kShare, 10}})}, {kRace}));
     auto *line = (StartLine *)mmap(nullptr, sizeof(StartLine), PROT_READ | PROT_WRITE,
                                    MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(MAP_FAILED, (void *)line);
@@ -97,8 +96,7 @@ TEST_F(ThreadCrossProcess, RacingClientsNeverChargeMoreThanTheBudget) {
 }
 
 TEST_F(ThreadCrossProcess, AdmissionAfterAllClientsDiedReturnsTheWholeBudget) {
-    start({rr_domain(kRace, 1000, "1", {{"Class_R", kShare, 10}})}, {kRace});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr_domain(kRace, 1000, "1", {{"Class_R", kShare, 10}})}, {kRace}));
     std::vector<pid_t> clients;
     for (int c = 0; c < 4; c++) {
         int fds[2];

@@ -30,8 +30,7 @@ struct DropLeakedBandwidth {
 using DeadlineBandwidth = qxt::SandboxTest;
 
 TEST_F(DeadlineBandwidth, RemovingSleepingDeadlineThreadGivesItsBandwidthBackAtOnce) {
-    start({bw_domain()}, {kBw});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({bw_domain()}, {kBw}));
     rebuild_sched_domains();  // start from a kernel that holds no stray reservation
     DropLeakedBandwidth guard;
 
@@ -75,8 +74,7 @@ TEST_F(DeadlineBandwidth, RemovingSleepingDeadlineThreadGivesItsBandwidthBackAtO
 
 TEST_F(DeadlineBandwidth, AdmittingSleepingDeadlineThreadIntoRoundRobinDomainGivesItsBandwidthBack) {
     const char kRr[] = "Domain_BwRr";
-    start({bw_domain(), rr_domain(kRr, 0, "0", {{"Class_Plain", 0, 20}})}, {kBw, kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({bw_domain(), rr_domain(kRr, 0, "0", {{"Class_Plain", 0, 20}})}, {kBw, kRr}));
     rebuild_sched_domains();
     DropLeakedBandwidth guard;
 
@@ -113,8 +111,7 @@ TEST_F(DeadlineBandwidth, AdmittingSleepingDeadlineThreadIntoRoundRobinDomainGiv
 TEST_F(DeadlineBandwidth, RefusedRoundRobinAdmissionLeavesDeadlineThreadWithItsReservation) {
     const char kRr[] = "Domain_BwRr";
     // RT_Priority 0 is refused before any system call changes the policy.
-    start({rr_domain(kRr, 0, "0", {{"Class_Bad", 0, 0}})}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr_domain(kRr, 0, "0", {{"Class_Bad", 0, 0}})}, {kRr}));
     TestThread t;
     ASSERT_TRUE(set_deadline(t.tid(), 1000000, 10000000, 10000000));
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kRr, "Class_Bad", t.tid(), 0));

@@ -24,8 +24,7 @@ std::string exited(const char *op) {
 using MemoryHighPriority = qxt::SandboxTest;
 
 TEST_F(MemoryHighPriority, QueryLogsNotReadyWithCallersValueAndLeavesItInPlace) {
-    start({rr_domain("Domain_Rr", 500, "1", {{"Class_A", 100, 10}})}, {"Domain_Rr"});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr_domain("Domain_Rr", 500, "1", {{"Class_A", 100, 10}})}, {"Domain_Rr"}));
     int32_t avail = 42;
     LogCapture log;
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_GetAvailableHighPriorityResource(&avail));
@@ -41,8 +40,7 @@ TEST_F(MemoryHighPriority, QueryLogsNotReadyWithCallersValueAndLeavesItInPlace) 
 }
 
 TEST_F(MemoryHighPriority, EnableAndDisableInAnyOrderSucceedAndChangeNoSharedField) {
-    start({rr_domain("Domain_Rr", 500, "1", {{"Class_A", 100, 10}})}, {"Domain_Rr"});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr_domain("Domain_Rr", 500, "1", {{"Class_A", 100, 10}})}, {"Domain_Rr"}));
     TestThread t;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_Rr", "Class_A", t.tid(), 0));
     std::vector<uint8_t> domain_before = segment_bytes("Domain_Rr");

@@ -10,17 +10,8 @@ using namespace qxt;
 
 namespace {
 
-const char kRr[] = "Domain_Rr";
-const char kDl[] = "Domain_Dl";
-const char kRemove[] = "QX_REALTIME_RemoveThread";
-
-std::string rr() {
-    return rr_domain(kRr, 1000, "1", {{"Class_A", 200, 10}, {"Class_B", 100, 20}});
-}
-
-std::string dl() {
-    return dl_domain(kDl, 1000, "1", {{"Class_Isp", 2000, 8000, 10000}});
-}
+std::string rr() { return rr_domain(kRr, 1000, "1", {{"Class_A", 200, 10}, {"Class_B", 100, 20}}); }
+std::string dl() { return dl_isp_domain(); }
 
 std::string removed(pid_t tid) {
     return format("[RT_Impl][DBG] [%s] for pid=[%d] successfully.\n", kRemove, (int)tid);
@@ -52,8 +43,7 @@ void expect_root_groups(pid_t tid) {
 using ThreadRemoval = qxt::SandboxTest;
 
 TEST_F(ThreadRemoval, RemovingRrThreadRestoresFormerNiceValueAndReturnsCharge) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     ASSERT_TRUE(set_other_nice(t.tid(), 5));
     SchedInfo before = sched_of(t.tid());
@@ -85,8 +75,7 @@ TEST_F(ThreadRemoval, RemovingRrThreadRestoresFormerNiceValueAndReturnsCharge) {
 }
 
 TEST_F(ThreadRemoval, RemovingRrThreadRestoresItsFormerRrPriority) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     ASSERT_TRUE(set_rr(t.tid(), 7));
     SchedInfo before = sched_of(t.tid());
@@ -103,8 +92,7 @@ TEST_F(ThreadRemoval, RemovingRrThreadRestoresItsFormerRrPriority) {
 }
 
 TEST_F(ThreadRemoval, RemovingDeadlineThreadRestoresFormerNiceValueAndReturnsCharge) {
-    start({dl()}, {kDl});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     TestThread t;
     ASSERT_TRUE(set_other_nice(t.tid(), 5));
     SchedInfo before = sched_of(t.tid());
@@ -123,8 +111,7 @@ TEST_F(ThreadRemoval, RemovingDeadlineThreadRestoresFormerNiceValueAndReturnsCha
 }
 
 TEST_F(ThreadRemoval, RemovingDeadlineThreadRestoresAFormerDeadlineReservation) {
-    start({dl()}, {kDl});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     TestThread t;
     // The thread already runs as a deadline task before the client admits it.
     ASSERT_TRUE(set_deadline(t.tid(), 1000000, 40000000, 50000000));
@@ -143,8 +130,7 @@ TEST_F(ThreadRemoval, RemovingDeadlineThreadRestoresAFormerDeadlineReservation) 
 }
 
 TEST_F(ThreadRemoval, RemovingNeverAdmittedThreadIsNotExistAndChangesNothing) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread admitted, stranger;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", admitted.tid(), 0));
     std::vector<uint8_t> before = segment_bytes(kRr);
@@ -161,8 +147,7 @@ TEST_F(ThreadRemoval, RemovingNeverAdmittedThreadIsNotExistAndChangesNothing) {
 }
 
 TEST_F(ThreadRemoval, RemovingTwiceReportsNotExistTheSecondTime) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kRr, t.tid()));
@@ -175,8 +160,7 @@ TEST_F(ThreadRemoval, RemovingTwiceReportsNotExistTheSecondTime) {
 }
 
 TEST_F(ThreadRemoval, RemovedSlotIsReusedByTheNextAdmission) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t1, t2;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t1.tid(), 0));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kRr, t1.tid()));
@@ -189,8 +173,7 @@ TEST_F(ThreadRemoval, RemovedSlotIsReusedByTheNextAdmission) {
 }
 
 TEST_F(ThreadRemoval, RemovingFromDomainSpanningEveryCpuLeavesCpusetAndResetsCpuacct) {
-    start({rr_domain("Domain_All", 500, "0-1", {{"Class_A", 100, 10}})}, {"Domain_All"});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr_domain("Domain_All", 500, "0-1", {{"Class_A", 100, 10}})}, {"Domain_All"}));
     // A cpuset of the client's own: a removal that wrote the root cpuset would take the thread
     // out of it.
     std::string cpus = file_exists("/dev/cpuset/cpus") ? "cpus" : "cpuset.cpus";
@@ -219,8 +202,7 @@ TEST_F(ThreadRemoval, ReapingDeadClientWithThreeThreadsFreesAllThreeAndLowersCha
     // of its own: qemu-user 7.2 aborts there (an assertion in its CPU loop), whatever the library.
     QXT_SKIP_UNDER_EMULATOR("qemu-user 7.2 aborts when the forked child of a multi-threaded "
                             "process creates threads");
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread survivor;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_B", survivor.tid(), 0));
 

@@ -9,17 +9,8 @@ using namespace qxt;
 
 namespace {
 
-const char kRr[] = "Domain_Rr";
-const char kDl[] = "Domain_Dl";
-const char kUpdate[] = "QX_REALTIME_UpdateThreadUtil";
-
-std::string rr() {
-    return rr_domain(kRr, 1000, "1", {{"Class_A", 200, 10}, {"Class_800", 800, 15}});
-}
-
-std::string dl() {
-    return dl_domain(kDl, 1000, "1", {{"Class_Isp", 2000, 8000, 10000}});
-}
+std::string rr() { return rr_domain(kRr, 1000, "1", {{"Class_A", 200, 10}, {"Class_800", 800, 15}}); }
+std::string dl() { return dl_isp_domain(); }
 
 std::string updated_info(const char *domain, int current, pid_t tid) {
     return format("[RT_Impl][Info] s32UtilCurrent in Domain[%s] is [%d] after add pid=[%d].\n",
@@ -31,8 +22,7 @@ std::string updated_info(const char *domain, int current, pid_t tid) {
 using ThreadUpdate = qxt::SandboxTest;
 
 TEST_F(ThreadUpdate, UpdatePushingDomainOverBudgetIsRefusedAndChangesNothing) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t1, t2;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t1.tid(), 0));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_800", t2.tid(), 0));
@@ -52,8 +42,7 @@ TEST_F(ThreadUpdate, UpdatePushingDomainOverBudgetIsRefusedAndChangesNothing) {
 }
 
 TEST_F(ThreadUpdate, LoweringShareIsAlwaysWithinBudgetAndInRrDomainTouchesOnlyBookkeeping) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t1, t2;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t1.tid(), 0));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_800", t2.tid(), 0));
@@ -81,8 +70,7 @@ TEST_F(ThreadUpdate, LoweringShareIsAlwaysWithinBudgetAndInRrDomainTouchesOnlyBo
 }
 
 TEST_F(ThreadUpdate, NegativeShareInRrDomainIsRefusedAsInvalid) {
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0));
     std::vector<uint8_t> before = segment_bytes(kRr);
@@ -95,8 +83,7 @@ TEST_F(ThreadUpdate, NegativeShareInRrDomainIsRefusedAsInvalid) {
 }
 
 TEST_F(ThreadUpdate, DeadlineUpdateAppliesNewReservationAndKeepsOverrunFlag) {
-    start({dl()}, {kDl});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     TestThread t;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kDl, "Class_Isp", t.tid(), 1));
     ASSERT_EQ(0x06u, sched_of(t.tid()).flags);
@@ -130,8 +117,7 @@ TEST_F(ThreadUpdate, DeadlineUpdateAppliesNewReservationAndKeepsOverrunFlag) {
 }
 
 TEST_F(ThreadUpdate, DeadlineUpdateWithoutOverrunKeepsFlags0x02) {
-    start({dl()}, {kDl});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     TestThread t;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kDl, "Class_Isp", t.tid(), 0));
     QX_REALTIME_UTIL_t util = {0, 5000, 1000, 5000};
@@ -146,8 +132,7 @@ TEST_F(ThreadUpdate, DeadlineUpdateWithoutOverrunKeepsFlags0x02) {
 }
 
 TEST_F(ThreadUpdate, DeadlineUpdateOutOfOrderIsRefusedAndKernelKeepsOldReservation) {
-    start({dl()}, {kDl});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     TestThread t;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kDl, "Class_Isp", t.tid(), 0));
     std::vector<uint8_t> before = segment_bytes(kDl);
