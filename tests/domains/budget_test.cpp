@@ -157,42 +157,41 @@ protected:
         last_ret = QX_REALTIME_DmipsToUs(dmips, &us);
         return us;
     }
+    // dmips converts, with success, to us.
+    void expect_us(uint32_t dmips, uint32_t us) {
+        EXPECT_EQ(us, convert(dmips)) << dmips << " DMIPS";
+        EXPECT_EQ(RT_SUCCESS, last_ret) << dmips << " DMIPS";
+    }
     uint32_t last_ret = 0xFFFFFFFF;
 };
 
 TEST_F(DmipsTest, HalfTheCapabilityIsHalfASecondPerSecond) {
     with_capability(1000);
-    EXPECT_EQ(500000u, convert(500));
-    EXPECT_EQ(RT_SUCCESS, last_ret);
+    expect_us(500, 500000);
     QXT_EXPECT_INFO(log, "[RT_Impl][Info] [QX_REALTIME_DmipsToUs] dmips=500 us=500000, "
                          "SystemCapability=1000\n");
 }
 
 TEST_F(DmipsTest, RemainderIsDropped) {
     with_capability(3);
-    EXPECT_EQ(333333u, convert(1));
-    EXPECT_EQ(RT_SUCCESS, last_ret);
+    expect_us(1, 333333);
 }
 
 TEST_F(DmipsTest, DemandEqualToTheCapabilityIsAccepted) {
     with_capability(1000);
-    EXPECT_EQ(1000000u, convert(1000));
-    EXPECT_EQ(RT_SUCCESS, last_ret);
+    expect_us(1000, 1000000);
 }
 
 TEST_F(DmipsTest, ProductWrapsAbove4294Dmips) {
     with_capability(5000);
-    EXPECT_EQ(141006u, convert(5000));
-    EXPECT_EQ(RT_SUCCESS, last_ret);
-    EXPECT_EQ(6u, convert(4295));
-    EXPECT_EQ(RT_SUCCESS, last_ret);
+    expect_us(5000, 141006);
+    expect_us(4295, 6);
     EXPECT_EQ(858800u, convert(4294));  // the last exact one
 }
 
 TEST_F(DmipsTest, ZeroDmipsIsZeroMicroseconds) {
     with_capability(1000);
-    EXPECT_EQ(0u, convert(0));
-    EXPECT_EQ(RT_SUCCESS, last_ret);
+    expect_us(0, 0);
 }
 
 TEST_F(DmipsTest, DemandAboveTheCapabilityIsRefusedWithZero) {
@@ -235,8 +234,7 @@ TEST_F(DmipsTest, ConversionTakesNoLockFile) {
     });
     char byte;
     ASSERT_EQ(1, read(gate[0], &byte, 1));
-    EXPECT_EQ(250000u, convert(250));
-    EXPECT_EQ(RT_SUCCESS, last_ret);
+    expect_us(250, 250000);
     qxt::kill_and_reap(holder);
 }
 

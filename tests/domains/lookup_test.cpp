@@ -62,7 +62,7 @@ TEST_F(LookupTest, UnknownDomainReturnsNullAndPrintsNothing) {
     int fds_before = open_fd_count();
     int32_t flock_fd = -1;
     EXPECT_EQ(nullptr, _QX_REALTIME_GetDomainFromName("Domain_Nope", &flock_fd));
-    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    QXT_EXPECT_SILENT(log);
     EXPECT_EQ(fds_before, open_fd_count());
     EXPECT_FALSE(qxt::file_exists("/data/vendor/realtime/flock_rt_Domain_Nope"));
     EXPECT_EQ(0u, pstTop->u32DomainMapNum);
@@ -132,9 +132,7 @@ TEST_F(LookupTest, AllDomainNamesWithNullBufferOnlyLogs) {
 
 class AllDomainNamesTest : public LookupTest {
 protected:
-    void SetUp() override {
-        LookupTest::SetUp();
-        if (IsSkipped()) return;
+    void SetUpInSandbox() override {
         init_with(config_of({rr_domain("Domain_First", 10, "0"), rr_domain("Domain_Second", 20, "0"),
                              rr_domain("Domain_Third", 30, "0")}));
         for (const char *name : {"Domain_First", "Domain_Second", "Domain_Third"})
@@ -228,9 +226,7 @@ std::string program_name() {
 
 class DomainInfoTest : public LookupTest {
 protected:
-    void SetUp() override {
-        LookupTest::SetUp();
-        if (IsSkipped()) return;
+    void SetUpInSandbox() override {
         init_with(config_of({rr_domain("Domain_A", 100, "0-1", {{"Class_Listed", 10, 10}}),
                              rr_domain("Domain_B", 100, "0-1", {{"Class_Other", 10, 10}})}));
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_A"));

@@ -21,6 +21,13 @@ void install_level(int dbg_level) {
     qxt::install_config("frame", qxt::config_with(1, 1024, dbg_level, 80, 2, ""));
 }
 
+// The library initialised on DbgLevel dbg_level, which it maps to the internal level.
+void init_at(int dbg_level, uint32_t level) {
+    install_level(dbg_level);
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
+    ASSERT_EQ(level, _u32DbgLevel);
+}
+
 std::vector<std::string> rtlog_files() {
     std::vector<std::string> out;
     DIR *dir = opendir("/data/vendor/realtime");
@@ -52,7 +59,7 @@ void expect_silence_at(int dbg_level, uint32_t expected_level) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(2));
     RT_LOGE("[RT_Impl][Err] [%s] direct error\n", "test");
-    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    QXT_EXPECT_SILENT(log);
     EXPECT_EQ(before, qxt::read_file(file));
 }
 
@@ -137,9 +144,7 @@ TEST(DiagnosticsLog, ConfiguredDbgLevelMapsToInternalLevel) {
 
 TEST(DiagnosticsLog, InfoIsDroppedAndErrorDeliveredAtLevel48) {
     QXT_REQUIRE_SANDBOX();
-    install_level(3);
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
-    ASSERT_EQ(48u, _u32DbgLevel);
+    ASSERT_NO_FATAL_FAILURE(init_at(3, 48));
     LogCapture log;
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(2));
     RT_LOGI("[RT_Impl][Info] [%s] direct info\n", "test");
@@ -149,9 +154,7 @@ TEST(DiagnosticsLog, InfoIsDroppedAndErrorDeliveredAtLevel48) {
 
 TEST(DiagnosticsLog, Level64DeliversInfoAndDebugAtInfoPriorityWithoutTraceLine) {
     QXT_REQUIRE_SANDBOX();
-    install_level(4);
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
-    ASSERT_EQ(64u, _u32DbgLevel);
+    ASSERT_NO_FATAL_FAILURE(init_at(4, 64));
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     QXT_EXPECT_INFO(log, qxt::format("[RT_Impl][DBG] [QX_REALTIME_Init] enter: pid=%d, tid=%s;\n",
@@ -170,9 +173,7 @@ TEST(DiagnosticsLog, Level64DeliversInfoAndDebugAtInfoPriorityWithoutTraceLine) 
 
 TEST(DiagnosticsLog, TraceLineFollowsEntryMessageAtLevel240) {
     QXT_REQUIRE_SANDBOX();
-    install_level(6);
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
-    ASSERT_EQ(240u, _u32DbgLevel);
+    ASSERT_NO_FATAL_FAILURE(init_at(6, 240));
     LogCapture log;
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(2));
     std::vector<qxt::LogLine> lines = log.lines();
@@ -189,9 +190,7 @@ TEST(DiagnosticsLog, TraceLineFollowsEntryMessageAtLevel240) {
 
 TEST(DiagnosticsLog, LogFileAtDbgLevel7HoldsEveryMessageWhenTheCallReturns) {
     QXT_REQUIRE_SANDBOX();
-    install_level(7);
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
-    ASSERT_EQ(241u, _u32DbgLevel);
+    ASSERT_NO_FATAL_FAILURE(init_at(7, 241));
     ASSERT_NE(nullptr, rtlog);
     std::string file = own_log_file();
     ASSERT_TRUE(qxt::file_exists(file)) << file;

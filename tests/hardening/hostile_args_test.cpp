@@ -222,6 +222,17 @@ TEST_F(HardeningHostileArgs, ClassNamesAndPointerArguments) {
     auto expect_code = [](const char *what, uint32_t rc, uint32_t want) {
         return rc == want ? std::string() : qxt::format("%s returned %u, not %u\n", what, rc, want);
     };
+    // GetAllDomainName into a buffer it is told holds size bytes: refused, and nothing written
+    // from byte size on.
+    auto names_into = [&](uint32_t size, const char *overrun) {
+        return [=] {
+            std::vector<char> buf(64 * RT_MAX_DOMAIN, 'z');
+            uint32_t rc = QX_REALTIME_GetAllDomainName(buf.data(), size);
+            std::string out = expect_code("GetAllDomainName", rc, RT_ERR_SYSTEM);
+            if (buf[size] != 'z') out += overrun;
+            return out;
+        };
+    };
     std::vector<Call> calls = {
         {"QueryBudget(NULL util)",
          [&] {
@@ -252,22 +263,8 @@ TEST_F(HardeningHostileArgs, ClassNamesAndPointerArguments) {
          [&] { return expect_code("GetAllDomainName", QX_REALTIME_GetAllDomainName(nullptr, 0), RT_SUCCESS); }},
         {"GetAllDomainName(NULL, 4096)",
          [&] { return expect_code("GetAllDomainName", QX_REALTIME_GetAllDomainName(nullptr, 4096), RT_SUCCESS); }},
-        {"GetAllDomainName(buffer, 0)",
-         [&] {
-             std::vector<char> buf(64 * RT_MAX_DOMAIN, 'z');
-             uint32_t rc = QX_REALTIME_GetAllDomainName(buf.data(), 0);
-             std::string out = expect_code("GetAllDomainName", rc, RT_ERR_SYSTEM);
-             if (buf[0] != 'z') out += "GetAllDomainName wrote into a buffer of size 0\n";
-             return out;
-         }},
-        {"GetAllDomainName(buffer, 64)",
-         [&] {
-             std::vector<char> buf(64 * RT_MAX_DOMAIN, 'z');
-             uint32_t rc = QX_REALTIME_GetAllDomainName(buf.data(), 64);
-             std::string out = expect_code("GetAllDomainName", rc, RT_ERR_SYSTEM);
-             if (buf[64] != 'z') out += "GetAllDomainName wrote past 64 bytes\n";
-             return out;
-         }},
+        {"GetAllDomainName(buffer, 0)", names_into(0, "GetAllDomainName wrote into a buffer of size 0\n")},
+        {"GetAllDomainName(buffer, 64)", names_into(64, "GetAllDomainName wrote past 64 bytes\n")},
         {"DmipsToUs(NULL)", [&] { return expect_code("DmipsToUs", QX_REALTIME_DmipsToUs(10, nullptr), RT_ERR_NULL); }},
         {"DmipsToUs(UINT32_MAX)",
          [&] {

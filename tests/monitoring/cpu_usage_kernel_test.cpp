@@ -55,6 +55,11 @@ private:
     uint32_t result_;
 };
 
+std::string suffix(const std::string &path) {
+    size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
 // The measured figures go into the test report (--gtest_output=xml), for the record.
 void record(const char *key, const std::vector<Sample> &samples) {
     std::string text;
@@ -85,30 +90,37 @@ protected:
         return samples;
     }
 
+    // The thread admitted into cls of the domain (and removed again before this returns), the
+    // kernel running it under policy in the domain's cpuacct group; three samples taken meanwhile,
+    // each a line of its own. *log_text is what the sampling logged, for failure messages.
+    static void sample_admitted(const char *domain, const char *cls, pid_t tid, uint32_t policy,
+                                const char *key, std::vector<Sample> *samples,
+                                std::string *log_text) {
+        Admission admitted(domain, cls, tid);
+        ASSERT_EQ(admitted.result(), RT_SUCCESS);
+        ASSERT_EQ(sched_of(tid).policy, policy);
+        ASSERT_EQ(suffix(cgroup_of(tid, "cpuacct")), domain);
+        LogCapture log;
+        *samples = three_samples(domain, key, log);
+        *log_text = log.dump();
+        ASSERT_EQ(samples->size(), 3u) << *log_text;
+        ASSERT_EQ(forms(log).size(), 3u) << *log_text;
+    }
+
 private:
     std::unique_ptr<BusyCpuTurn> turn_;
 };
 
-std::string suffix(const std::string &path) {
-    size_t slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
 TEST_F(CpuUsageKernel, DeadlineThreadKeepingOneCoreBusyShowsAboutOneCoreInEverySample) {
     ASSERT_NO_FATAL_FAILURE(create_busy(spin_domain(), {kSpin}));
     TestThread spinner(true);
-    Admission admitted(kSpin, "Class_Spin", spinner.tid());
-    ASSERT_EQ(admitted.result(), RT_SUCCESS);
-    ASSERT_EQ(sched_of(spinner.tid()).policy, kSchedDeadline);
-    ASSERT_EQ(suffix(cgroup_of(spinner.tid(), "cpuacct")), kSpin);
-
-    LogCapture log;
-    std::vector<Sample> samples = three_samples(kSpin, "spin_usage", log);
-    ASSERT_EQ(samples.size(), 3u) << log.dump();
-    ASSERT_EQ(forms(log).size(), 3u) << log.dump();
+    std::vector<Sample> samples;
+    std::string log;
+    ASSERT_NO_FATAL_FAILURE(sample_admitted(kSpin, "Class_Spin", spinner.tid(), kSchedDeadline,
+                                            "spin_usage", &samples, &log));
     for (const Sample &s : samples) {
-        EXPECT_GE(s.usage, 60.0) << log.dump();
-        EXPECT_LE(s.usage, 140.0) << log.dump();
+        EXPECT_GE(s.usage, 60.0) << log;
+        EXPECT_LE(s.usage, 140.0) << log;
         EXPECT_DOUBLE_EQ(s.budget, 97.66);  // 1000 x 100 / 1024
     }
 }
@@ -116,33 +128,27 @@ TEST_F(CpuUsageKernel, DeadlineThreadKeepingOneCoreBusyShowsAboutOneCoreInEveryS
 TEST_F(CpuUsageKernel, ThreadsUsingMoreThanTheirBudgetAreMarkedOverbudget) {
     ASSERT_NO_FATAL_FAILURE(create_busy(hog_domain(), {kHog}));
     TestThread hog(4, 4);  // about half a core, far above 19.53 %
-    Admission admitted(kHog, "Class_Hog", hog.tid());
-    ASSERT_EQ(admitted.result(), RT_SUCCESS);
-    ASSERT_EQ(sched_of(hog.tid()).policy, kSchedRr);
-
-    LogCapture log;
-    std::vector<Sample> samples = three_samples(kHog, "hog_usage", log);
-    ASSERT_EQ(samples.size(), 3u) << log.dump();
+    std::vector<Sample> samples;
+    std::string log;
+    ASSERT_NO_FATAL_FAILURE(
+        sample_admitted(kHog, "Class_Hog", hog.tid(), kSchedRr, "hog_usage", &samples, &log));
     for (const Sample &s : samples) {
         EXPECT_DOUBLE_EQ(s.budget, 19.53);  // 200 x 100 / 1024
-        EXPECT_GT(s.usage, 30.0) << log.dump();
-        EXPECT_TRUE(s.over) << log.dump();
+        EXPECT_GT(s.usage, 30.0) << log;
+        EXPECT_TRUE(s.over) << log;
     }
 }
 
 TEST_F(CpuUsageKernel, IdleDomainShowsAboutZeroAndIsNotOverbudget) {
     ASSERT_NO_FATAL_FAILURE(create(idle_domain(), {kIdle}));
     TestThread sleeper(false);
-    Admission admitted(kIdle, "Class_Idle", sleeper.tid());
-    ASSERT_EQ(admitted.result(), RT_SUCCESS);
-    ASSERT_EQ(sched_of(sleeper.tid()).policy, kSchedRr);
-
-    LogCapture log;
-    std::vector<Sample> samples = three_samples(kIdle, "idle_usage", log);
-    ASSERT_EQ(samples.size(), 3u) << log.dump();
+    std::vector<Sample> samples;
+    std::string log;
+    ASSERT_NO_FATAL_FAILURE(sample_admitted(kIdle, "Class_Idle", sleeper.tid(), kSchedRr,
+                                            "idle_usage", &samples, &log));
     for (const Sample &s : samples) {
-        EXPECT_LT(s.usage, 10.0) << log.dump();
-        EXPECT_FALSE(s.over) << log.dump();
+        EXPECT_LT(s.usage, 10.0) << log;
+        EXPECT_FALSE(s.over) << log;
     }
 }
 

@@ -47,7 +47,8 @@ std::string show(const Lines &lines) {
     return out;
 }
 
-// A round-robin domain on CPU 0 with two classes.
+// A round-robin domain on CPU 0 with two classes, written with the "PerThreadUtil" spelling of a
+// class share (the builders write "Util").
 std::string meter_domain() {
     return format(
         "    \"%s\": {\n"
@@ -105,6 +106,12 @@ bool wait_for_comm(pid_t pid, const std::string &comm) {
 }
 
 class Dump : public qxt::SandboxTest {
+protected:
+    // The framework on the meter domain alone, created.
+    static void start_meter() {
+        ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
+        ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    }
 };
 
 // The ten lines and the blank of one thread slot.
@@ -140,8 +147,7 @@ const char kThreadsEnd[] = "[RT_Impl][Err] --------End of Threads--------\n";
 const char kClosing[] = "[RT_Impl][Err] =========================\n";
 
 TEST_F(Dump, RealDomainPrintsTheWholeSequenceOfHeaderFieldClassThreadAndKernelLines) {
-    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(start_meter());
     TestThread sleeper;
     Admissions admissions;
     ASSERT_EQ(admissions.add(kMeter, "Class_Meter", sleeper.tid()), RT_SUCCESS);
@@ -197,8 +203,7 @@ TEST_F(Dump, RealDomainPrintsTheWholeSequenceOfHeaderFieldClassThreadAndKernelLi
 }
 
 TEST_F(Dump, AdmittedThreadAppearsInTheKernelsCpusetAndCpuacctTaskLists) {
-    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(start_meter());
     TestThread sleeper;
     Admissions admissions;
     ASSERT_EQ(admissions.add(kMeter, "Class_Meter", sleeper.tid()), RT_SUCCESS);
@@ -218,8 +223,7 @@ TEST_F(Dump, AdmittedThreadAppearsInTheKernelsCpusetAndCpuacctTaskLists) {
 }
 
 TEST_F(Dump, DefaultLevelShowsTheDumpButNeitherTheListClosureNorTheKernelLists) {
-    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(start_meter());
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_SUCCESS);
     Lines lines = dump_lines(log);
@@ -230,8 +234,7 @@ TEST_F(Dump, DefaultLevelShowsTheDumpButNeitherTheListClosureNorTheKernelLists) 
 }
 
 TEST_F(Dump, UnknownNameReturnsNullAndPrintsOnlyTheMissingDomainError) {
-    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(start_meter());
     const Lines only = {err("[RT_Impl][Err] [QX_REALTIME_DumpDomainInfo] pstDomain is NULL for "
                             "[Domain_Nope].\n")};
     {
@@ -261,8 +264,7 @@ TEST_F(Dump, NotEnabledPrintsNothingButDebugLinesAndSucceeds) {
 }
 
 TEST_F(Dump, ThreeThreadSlotsWithOneFreePrintThreeBlocksTheFreeOneNotAlive) {
-    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(start_meter());
     TestThread t0, t1, t2;
     Admissions admissions;
     ASSERT_EQ(admissions.add(kMeter, "Class_Meter", t0.tid()), RT_SUCCESS);
@@ -284,8 +286,7 @@ TEST_F(Dump, ThreeThreadSlotsWithOneFreePrintThreeBlocksTheFreeOneNotAlive) {
 }
 
 TEST_F(Dump, ProcessIdListPrintsOnlyTheNonZeroEntries) {
-    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(start_meter());
     QX_REALTIME_DOMAIN_t *rec = map_domain_file(kMeter);
     ASSERT_NE(rec, nullptr);
     memset(rec->s32ProcessIDList, 0, sizeof(rec->s32ProcessIDList));
@@ -302,8 +303,7 @@ TEST_F(Dump, ProcessIdListPrintsOnlyTheNonZeroEntries) {
 }
 
 TEST_F(Dump, UnreadableTaskFilesAreReportedAndTheDumpStillClosesAndSucceeds) {
-    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(start_meter());
     // The kernel removes an empty control group with its files.
     ASSERT_EQ(rmdir("/dev/cpuset/Domain_Meter"), 0) << strerror(errno);
     ASSERT_EQ(rmdir("/dev/cpuacct/Domain_Meter"), 0) << strerror(errno);

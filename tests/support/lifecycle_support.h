@@ -44,6 +44,13 @@ inline bool process_mutex_is_free() {
     return true;
 }
 
+// The error of a "Global" lock file that cannot be opened, errno printed as why.
+inline std::string global_flock_open_failed(const char *why) {
+    return format("[RT_Impl][Err] [_QX_REALTIME_GetFlock][PID=%d][TID=%s] flock open "
+                  "(/data/vendor/realtime/flock_rt_Global) return -1, errno=%s\n",
+                  getpid(), tid_text().c_str(), why);
+}
+
 // Neither the "Global" lock nor the process mutex is left held.
 inline void expect_locks_free() {
     EXPECT_TRUE(central_lock_is_free());

@@ -47,6 +47,8 @@ public:
 // message shows every captured line.
 #define QXT_EXPECT_ERROR(log, file_form) EXPECT_TRUE((log).has_error(file_form)) << (log).dump()
 #define QXT_EXPECT_INFO(log, file_form) EXPECT_TRUE((log).has_info(file_form)) << (log).dump()
+// Nothing at all reached the log.
+#define QXT_EXPECT_SILENT(log) EXPECT_TRUE((log).lines().empty()) << (log).dump()
 
 // True inside tools/rt_sandbox; otherwise why not.
 bool in_sandbox(std::string *why);

@@ -1,5 +1,6 @@
 #include "threads_support.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <string.h>
@@ -62,6 +63,17 @@ int live_util_sum(QX_REALTIME_DOMAIN_t *pstDomain) {
     return sum;
 }
 
+void expect_record(QX_REALTIME_DOMAIN_t *pstDomain, pid_t tid, int util, int runtime_us,
+                   int deadline_us, int period_us, QX_REALTIME_THREAD_t **rec) {
+    QX_REALTIME_THREAD_t *found = live_slot(pstDomain, tid);
+    if (rec != nullptr) *rec = found;
+    ASSERT_NE(nullptr, found) << "no record of " << tid;
+    EXPECT_EQ(util, found->Util);
+    EXPECT_EQ(runtime_us, found->RuntimeUs);
+    EXPECT_EQ(deadline_us, found->DeadlineUs);
+    EXPECT_EQ(period_us, found->PeriodUs);
+}
+
 QX_REALTIME_CLASS_t *class_record(QX_REALTIME_DOMAIN_t *pstDomain, const std::string &name) {
     for (int i = 0; i < pstDomain->s32ClassNum; i++) {
         auto *pstClass = (QX_REALTIME_CLASS_t *)((char *)pstDomain + pstDomain->s32ClassStartOffset +
@@ -105,6 +117,17 @@ std::string add_failed(pid_t tid, const char *cls, unsigned code) {
 
 std::string arg_is_null(const char *op) {
     return format("[RT_Impl][Err] [%s] Arg is NULL.\n", op);
+}
+
+std::string process_gone(pid_t pid) {
+    return format("[RT_Impl][Err] [_QX_REALTIME_CheckProcessAlive] Process %d doesn't exist. "
+                  "errnor=%s\n",
+                  (int)pid, errno_text(ESRCH).c_str());
+}
+
+void expect_placed(pid_t tid, uint32_t policy, const std::string &cpuset_group) {
+    EXPECT_EQ(policy, sched_of(tid).policy) << "thread " << tid;
+    EXPECT_EQ(cpuset_group, cgroup_of(tid, "cpuset")) << "thread " << tid;
 }
 
 int error_count(const qxt::LogCapture &log) {

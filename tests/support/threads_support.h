@@ -47,6 +47,9 @@ QX_REALTIME_THREAD_t *live_slot(QX_REALTIME_DOMAIN_t *pstDomain, pid_t tid);
 int live_slot_count(QX_REALTIME_DOMAIN_t *pstDomain);
 // Sum of Util over the in-use slots.
 int live_util_sum(QX_REALTIME_DOMAIN_t *pstDomain);
+// The in-use record of tid holds this share and reservation; *rec (when asked) is the record.
+void expect_record(QX_REALTIME_DOMAIN_t *pstDomain, pid_t tid, int util, int runtime_us,
+                   int deadline_us, int period_us, QX_REALTIME_THREAD_t **rec = nullptr);
 // The class record of a name, or nullptr.
 QX_REALTIME_CLASS_t *class_record(QX_REALTIME_DOMAIN_t *pstDomain, const std::string &name);
 // The policy saved in a slot's stSavedAttr.
@@ -61,6 +64,11 @@ bool set_deadline(pid_t tid, uint64_t runtime_ns, uint64_t deadline_ns, uint64_t
 std::string add_failed(pid_t tid, const char *cls, unsigned code);
 // The error of an operation given a null pointer.
 std::string arg_is_null(const char *op);
+
+// The error of the liveness check for a process that is gone.
+std::string process_gone(pid_t pid);
+// The kernel runs tid under policy, in the cpuset group (as /proc shows it, e.g. "/Domain_Rr").
+void expect_placed(pid_t tid, uint32_t policy, const std::string &cpuset_group);
 
 // Number of captured lines at the error priority.
 int error_count(const qxt::LogCapture &log);

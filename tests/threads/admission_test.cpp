@@ -99,12 +99,7 @@ TEST_F(ThreadAdmission, DeadlineDomainChargesRuntimeTimesCapacityOverPeriod) {
     EXPECT_EQ(200, d->s32UtilCurrent);
     // The class record itself carries the converted share from now on.
     EXPECT_EQ(200, class_record(d, "Class_Isp")->s32Util);
-    QX_REALTIME_THREAD_t *rec = live_slot(d, t.tid());
-    ASSERT_NE(nullptr, rec);
-    EXPECT_EQ(200, rec->Util);
-    EXPECT_EQ(2000, rec->RuntimeUs);
-    EXPECT_EQ(8000, rec->DeadlineUs);
-    EXPECT_EQ(10000, rec->PeriodUs);
+    ASSERT_NO_FATAL_FAILURE(expect_record(d, t.tid(), 200, 2000, 8000, 10000));
 }
 
 TEST_F(ThreadAdmission, DeadlineAdmissionWithOverrunNotificationSetsFlags0x06) {
@@ -306,8 +301,7 @@ TEST_F(ThreadAdmission, FullSegmentStoresNoRecordEvenWhenAFreedSlotExists) {
     EXPECT_EQ(1, d->s32ThreadNum);
     EXPECT_EQ(16300, d->s32NextOffset);
     // Nothing is rolled back: the thread is scheduled, moved and charged without a record.
-    EXPECT_EQ((uint32_t)SCHED_RR, sched_of(t2.tid()).policy);
-    EXPECT_EQ("/Domain_Rr", cgroup_of(t2.tid(), "cpuset"));
+    expect_placed(t2.tid(), SCHED_RR, "/Domain_Rr");
     EXPECT_EQ("/Domain_Rr", cgroup_of(t2.tid(), "cpuacct"));
     EXPECT_EQ(200, d->s32UtilCurrent);
 }
@@ -362,8 +356,7 @@ TEST_F(ThreadAdmission, FullProcessIdListFailsTheLookupButStoresTheRecord) {
     EXPECT_EQ(getpid(), rec->ProcessID);
     EXPECT_EQ(200, d->s32UtilCurrent);
     for (int i = 0; i < 80; i++) EXPECT_EQ(other, d->s32ProcessIDList[i]) << i;
-    EXPECT_EQ((uint32_t)SCHED_RR, sched_of(t.tid()).policy);
-    EXPECT_EQ("/Domain_Rr", cgroup_of(t.tid(), "cpuset"));
+    expect_placed(t.tid(), SCHED_RR, "/Domain_Rr");
     EXPECT_EQ("/Domain_Rr", cgroup_of(t.tid(), "cpuacct"));
     kill_and_reap(other);
 }
@@ -385,8 +378,7 @@ TEST_F(ThreadAdmission, ThreadOfDeadClientIsReapedBeforeTheBudgetCheck) {
     close(fds[0]);
     ASSERT_EQ((int32_t)RT_SUCCESS, msg[1]);
     pid_t client_tid = msg[0];
-    EXPECT_EQ((uint32_t)SCHED_RR, sched_of(client_tid).policy);
-    EXPECT_EQ("/Domain_Rr", cgroup_of(client_tid, "cpuset"));
+    expect_placed(client_tid, SCHED_RR, "/Domain_Rr");
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
     ASSERT_EQ(800, d->s32UtilCurrent);
     ASSERT_EQ(client, d->s32ProcessIDList[0]);
@@ -396,9 +388,7 @@ TEST_F(ThreadAdmission, ThreadOfDeadClientIsReapedBeforeTheBudgetCheck) {
     LogCapture log;
     // 800 more would not fit beside the dead client's 800: the reaping comes first.
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_800", t.tid(), 0)) << log.dump();
-    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [_QX_REALTIME_CheckProcessAlive] Process %d "
-                          "doesn't exist. errnor=%s\n",
-                          (int)client, errno_text(ESRCH).c_str()));
+    QXT_EXPECT_ERROR(log, process_gone(client));
     QXT_EXPECT_INFO(log,
         format(
         "[RT_Impl][DBG] [QX_REALTIME_RemoveKilledThread] for pid=[%d] successfully.\n",
@@ -407,6 +397,5 @@ TEST_F(ThreadAdmission, ThreadOfDeadClientIsReapedBeforeTheBudgetCheck) {
     EXPECT_EQ(live_util_sum(d), d->s32UtilCurrent);
     EXPECT_EQ(nullptr, live_slot(d, client_tid));
     EXPECT_EQ(getpid(), d->s32ProcessIDList[0]);
-    EXPECT_EQ((uint32_t)SCHED_RR, sched_of(t.tid()).policy);
-    EXPECT_EQ("/Domain_Rr", cgroup_of(t.tid(), "cpuset"));
+    expect_placed(t.tid(), SCHED_RR, "/Domain_Rr");
 }

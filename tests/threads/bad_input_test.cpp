@@ -21,11 +21,14 @@ std::string rr() { return rr_domain(kRr, 1000, "1", kRrClasses); }
 
 }  // namespace
 
-using ThreadBadInput = qxt::SandboxTest;
+// Every case starts on the RR domain, created.
+class ThreadBadInput : public qxt::SandboxTest {
+protected:
+    void SetUpInSandbox() override { start({rr()}, {kRr}); }
+    TestThread t;  // the thread most cases hand to the operations
+};
 
 TEST_F(ThreadBadInput, NullDomainOrClassNameIsInvalidParam) {
-    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
-    TestThread t;
     QX_REALTIME_UTIL_t util = {10, 0, 0, 0};
     std::vector<uint8_t> before = segment_bytes(kRr);
     LogCapture log;
@@ -40,13 +43,10 @@ TEST_F(ThreadBadInput, NullDomainOrClassNameIsInvalidParam) {
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_UpdateThreadUtil(nullptr, &util, t.tid()));
     QXT_EXPECT_ERROR(log, arg_is_null(kUpdate));
     EXPECT_EQ(before, segment_bytes(kRr));
-    EXPECT_EQ((uint32_t)SCHED_OTHER, sched_of(t.tid()).policy);
-    EXPECT_EQ("/", cgroup_of(t.tid(), "cpuset"));
+    expect_placed(t.tid(), SCHED_OTHER, "/");
 }
 
 TEST_F(ThreadBadInput, NullUtilisationRecordIsNullBeforeAnyLock) {
-    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
-    TestThread t;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0));
     std::vector<uint8_t> before = segment_bytes(kRr);
     LogCapture log;
@@ -60,8 +60,6 @@ TEST_F(ThreadBadInput, NullUtilisationRecordIsNullBeforeAnyLock) {
 }
 
 TEST_F(ThreadBadInput, UnknownDomainIsNullWithEachOperationsOwnMessage) {
-    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
-    TestThread t;
     QX_REALTIME_UTIL_t util = {10, 0, 0, 0};
     LogCapture log;
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_AddThread("Domain_Nope", "Class_A", t.tid(), 0));
@@ -79,8 +77,6 @@ TEST_F(ThreadBadInput, UnknownDomainIsNullWithEachOperationsOwnMessage) {
 }
 
 TEST_F(ThreadBadInput, UnknownClassIsNotExistAndNamedInTheSummary) {
-    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
-    TestThread t;
     QX_REALTIME_UTIL_t util = {10, 0, 0, 0};
     std::vector<uint8_t> before = segment_bytes(kRr);
     LogCapture log;
@@ -97,7 +93,6 @@ TEST_F(ThreadBadInput, UnknownClassIsNotExistAndNamedInTheSummary) {
 }
 
 TEST_F(ThreadBadInput, ThreadIdWithoutThreadIsRefusedByTheKernel) {
-    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     pid_t gone = dead_pid();
     LogCapture log;
     EXPECT_EQ(RT_ERR_SCHED_SETATTR, QX_REALTIME_AddThread(kRr, "Class_A", gone, 0));
@@ -119,7 +114,6 @@ TEST_F(ThreadBadInput, ThreadIdWithoutThreadIsRefusedByTheKernel) {
 }
 
 TEST_F(ThreadBadInput, NegativeThreadIdIsRefusedByTheKernelAndTracedWithoutArgPid) {
-    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     LogCapture log;
     EXPECT_EQ(RT_ERR_SCHED_SETATTR, QX_REALTIME_AddThread(kRr, "Class_A", -5, 0));
     QXT_EXPECT_INFO(log, format("[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld;\n", kAdd,
@@ -142,7 +136,6 @@ TEST_F(ThreadBadInput, NegativeThreadIdIsRefusedByTheKernelAndTracedWithoutArgPi
 // A thread id of 0 is passed on as it is: the kernel then acts on the calling thread, and /proc
 // has no process 0 to read the thread group from.
 TEST_F(ThreadBadInput, ZeroThreadIdActsOnTheCallingThread) {
-    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     LogCapture log;
     pid_t caller = 0;
     uint32_t added = 99, removed = 99;
@@ -180,8 +173,6 @@ TEST_F(ThreadBadInput, ZeroThreadIdActsOnTheCallingThread) {
 }
 
 TEST_F(ThreadBadInput, RtPriorityZeroOrHundredIsInvalidParamWithoutSystemCall) {
-    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
-    TestThread t;
     ASSERT_TRUE(set_other_nice(t.tid(), 3));
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kRr, "Class_P0", t.tid(), 0));
@@ -202,7 +193,6 @@ TEST_F(ThreadBadInput, RtPriorityZeroOrHundredIsInvalidParamWithoutSystemCall) {
 }
 
 TEST_F(ThreadBadInput, RtPriorityOneAndNinetyNineAreAccepted) {
-    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t1, t99;
     LogCapture log;
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_P1", t1.tid(), 0)) << log.dump();

@@ -122,9 +122,7 @@ TEST_F(ThreadCrossProcess, AdmissionAfterAllClientsDiedReturnsTheWholeBudget) {
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRace, "Class_R", t.tid(), 0)) << log.dump();
     for (pid_t c : clients)
-        QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [_QX_REALTIME_CheckProcessAlive] Process %d "
-                              "doesn't exist. errnor=%s\n",
-                              (int)c, errno_text(ESRCH).c_str()));
+        QXT_EXPECT_ERROR(log, process_gone(c));
     EXPECT_EQ(kShare, d->s32UtilCurrent);
     EXPECT_EQ(1, live_slot_count(d));
     EXPECT_EQ(getpid(), d->s32ProcessIDList[0]);

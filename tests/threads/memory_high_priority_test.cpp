@@ -70,8 +70,7 @@ TEST_F(MemoryHighPriority, EnableAndDisableInAnyOrderSucceedAndChangeNoSharedFie
     EXPECT_EQ(1, error_count(log)) << log.dump();
     EXPECT_EQ(17, (int)log.lines().size()) << log.dump();
     // The admitted thread is untouched.
-    EXPECT_EQ((uint32_t)SCHED_RR, sched_of(t.tid()).policy);
-    EXPECT_EQ("/Domain_Rr", cgroup_of(t.tid(), "cpuset"));
+    expect_placed(t.tid(), SCHED_RR, "/Domain_Rr");
 }
 
 TEST_F(MemoryHighPriority, CallsAnswerSuccessEvenBeforeAnyInit) {

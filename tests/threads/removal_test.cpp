@@ -142,8 +142,7 @@ TEST_F(ThreadRemoval, RemovingNeverAdmittedThreadIsNotExistAndChangesNothing) {
     QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_RemoveThread] exit, err=11.\n");
     EXPECT_EQ(before, segment_bytes(kRr));
     EXPECT_EQ((uint32_t)SCHED_OTHER, sched_of(stranger.tid()).policy);
-    EXPECT_EQ((uint32_t)SCHED_RR, sched_of(admitted.tid()).policy);
-    EXPECT_EQ("/Domain_Rr", cgroup_of(admitted.tid(), "cpuset"));
+    expect_placed(admitted.tid(), SCHED_RR, "/Domain_Rr");
 }
 
 TEST_F(ThreadRemoval, RemovingTwiceReportsNotExistTheSecondTime) {
@@ -237,9 +236,7 @@ TEST_F(ThreadRemoval, ReapingDeadClientWithThreeThreadsFreesAllThreeAndLowersCha
     TestThread newcomer;
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", newcomer.tid(), 0)) << log.dump();
-    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [_QX_REALTIME_CheckProcessAlive] Process %d "
-                          "doesn't exist. errnor=%s\n",
-                          (int)client, errno_text(ESRCH).c_str()));
+    QXT_EXPECT_ERROR(log, process_gone(client));
     for (pid_t tid : tids) {
         QXT_EXPECT_INFO(log,
             format(
@@ -253,7 +250,6 @@ TEST_F(ThreadRemoval, ReapingDeadClientWithThreeThreadsFreesAllThreeAndLowersCha
     EXPECT_EQ(2, live_slot_count(d));
     EXPECT_EQ(4, d->s32ThreadNum);
     // The survivor is untouched by the reaping.
-    EXPECT_EQ((uint32_t)SCHED_RR, sched_of(survivor.tid()).policy);
-    EXPECT_EQ("/Domain_Rr", cgroup_of(survivor.tid(), "cpuset"));
+    expect_placed(survivor.tid(), SCHED_RR, "/Domain_Rr");
     EXPECT_NE(nullptr, live_slot(d, survivor.tid()));
 }

@@ -56,12 +56,8 @@ TEST_F(ThreadUpdate, LoweringShareIsAlwaysWithinBudgetAndInRrDomainTouchesOnlyBo
     QXT_EXPECT_INFO(log, format("[RT_Impl][DBG] [%s] for [%d] successfully.\n", kUpdate,
                          (int)t1.tid()));
     EXPECT_EQ(1000, d->s32UtilCurrent);
-    QX_REALTIME_THREAD_t *rec = live_slot(d, t1.tid());
-    ASSERT_NE(nullptr, rec);
-    EXPECT_EQ(100, rec->Util);
-    EXPECT_EQ(7000, rec->DeadlineUs);
-    EXPECT_EQ(3000, rec->RuntimeUs);
-    EXPECT_EQ(9000, rec->PeriodUs);
+    QX_REALTIME_THREAD_t *rec = nullptr;
+    ASSERT_NO_FATAL_FAILURE(expect_record(d, t1.tid(), 100, 3000, 7000, 9000, &rec));
     EXPECT_EQ(10, rec->Priority);
     SchedInfo s = sched_of(t1.tid());
     EXPECT_EQ((uint32_t)SCHED_RR, s.policy);
@@ -107,12 +103,8 @@ TEST_F(ThreadUpdate, DeadlineUpdateAppliesNewReservationAndKeepsOverrunFlag) {
 
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kDl);
     EXPECT_EQ(300, d->s32UtilCurrent);
-    QX_REALTIME_THREAD_t *rec = live_slot(d, t.tid());
-    ASSERT_NE(nullptr, rec);
-    EXPECT_EQ(300, rec->Util);
-    EXPECT_EQ(3000, rec->RuntimeUs);
-    EXPECT_EQ(9000, rec->DeadlineUs);
-    EXPECT_EQ(10000, rec->PeriodUs);
+    QX_REALTIME_THREAD_t *rec = nullptr;
+    ASSERT_NO_FATAL_FAILURE(expect_record(d, t.tid(), 300, 3000, 9000, 10000, &rec));
     EXPECT_EQ((uint32_t)SCHED_OTHER, saved_policy(rec));
 }
 
