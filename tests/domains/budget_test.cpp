@@ -19,6 +19,12 @@ protected:
             << log.dump();
         log.clear();
     }
+    // QueryBudget of the demand returns code and writes the budget left.
+    void expect_answer(const char *domain, QX_REALTIME_UTIL_t demand, uint32_t code, int32_t left) {
+        int32_t written = -1;
+        EXPECT_EQ(code, QX_REALTIME_QueryBudget(domain, &demand, &written)) << log.dump();
+        EXPECT_EQ(left, written);
+    }
     qxt::TestThread thread;  // sleeps: harmless under SCHED_RR
 };
 
@@ -37,10 +43,7 @@ TEST_F(QueryBudgetTest, DemandThatFitsSucceedsAndGetsTheBudgetLeft) {
 
 TEST_F(QueryBudgetTest, DemandAboveTheBudgetLeftIsRefusedAndStillGetsIt) {
     domain_with_60_of_100_used();
-    QX_REALTIME_UTIL_t util = {41, 0, 0, 0};
-    int32_t left = -1;
-    EXPECT_EQ(RT_ERR_OVER_BUDGET, QX_REALTIME_QueryBudget("Domain_Q", &util, &left));
-    EXPECT_EQ(40, left);
+    expect_answer("Domain_Q", {41, 0, 0, 0}, RT_ERR_OVER_BUDGET, 40);
     QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Domain[Domain_Q] over "
                           "s32Util: new Util is 41, original Util is 0,domain current total "
                           "Util is 60, max. domain Util is 100\n");
@@ -76,10 +79,8 @@ TEST_F(QueryBudgetTest, DeadlineDemandIsConvertedToUnits) {
 TEST_F(QueryBudgetTest, BadDeadlineParametersAreRefusedAndTheBudgetLeftIsWritten) {
     init_with(config_of({dl_domain("Domain_Dl", 512, "0-1")}));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_Dl")) << log.dump();
-    QX_REALTIME_UTIL_t util = {0, 500, 1000, 4000};  // deadline before runtime
-    int32_t left = -1;
-    EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_QueryBudget("Domain_Dl", &util, &left));
-    EXPECT_EQ(512, left);
+    // The deadline comes before the runtime.
+    expect_answer("Domain_Dl", {0, 500, 1000, 4000}, RT_ERR_INVALID_PARAM, 512);
     QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
                           "parameter: (should) DlPeriodUs=4000 >= DlDeadlineUs=500 >= "
                           "DlRuntimeUs=1000.\n");

@@ -107,48 +107,67 @@ protected:
         ASSERT_EQ(forms(log).size(), 3u) << *log_text;
     }
 
+    // One measured thread: the configuration and its domain, the class it is admitted into and
+    // the policy the kernel then shows, its duty cycle (ms spinning, ms sleeping), whether it
+    // keeps a core busy (and so waits for its turn), the report key of its samples.
+    struct Load {
+        std::string config;
+        const char *domain;
+        const char *cls;
+        uint32_t policy;
+        int spin_ms, sleep_ms;
+        bool busy;
+        const char *key;
+    };
+    struct Measured {
+        std::vector<Sample> samples;
+        std::string log;  // what the sampling logged, for failure messages
+    };
+    // The framework on the load's domain, the thread started and sampled while admitted.
+    void measure(const Load &load, Measured *m) {
+        if (load.busy)
+            ASSERT_NO_FATAL_FAILURE(create_busy(load.config, {load.domain}));
+        else
+            ASSERT_NO_FATAL_FAILURE(create(load.config, {load.domain}));
+        TestThread thread(load.spin_ms, load.sleep_ms);
+        ASSERT_NO_FATAL_FAILURE(sample_admitted(load.domain, load.cls, thread.tid(), load.policy,
+                                                load.key, &m->samples, &m->log));
+    }
+
 private:
     std::unique_ptr<BusyCpuTurn> turn_;
 };
 
 TEST_F(CpuUsageKernel, DeadlineThreadKeepingOneCoreBusyShowsAboutOneCoreInEverySample) {
-    ASSERT_NO_FATAL_FAILURE(create_busy(spin_domain(), {kSpin}));
-    TestThread spinner(true);
-    std::vector<Sample> samples;
-    std::string log;
-    ASSERT_NO_FATAL_FAILURE(sample_admitted(kSpin, "Class_Spin", spinner.tid(), kSchedDeadline,
-                                            "spin_usage", &samples, &log));
-    for (const Sample &s : samples) {
-        EXPECT_GE(s.usage, 60.0) << log;
-        EXPECT_LE(s.usage, 140.0) << log;
+    Measured m;
+    ASSERT_NO_FATAL_FAILURE(measure({spin_domain(), kSpin, "Class_Spin", kSchedDeadline, 1, 0,
+                                     true, "spin_usage"}, &m));
+    for (const Sample &s : m.samples) {
+        EXPECT_GE(s.usage, 60.0) << m.log;
+        EXPECT_LE(s.usage, 140.0) << m.log;
         EXPECT_DOUBLE_EQ(s.budget, 97.66);  // 1000 x 100 / 1024
     }
 }
 
 TEST_F(CpuUsageKernel, ThreadsUsingMoreThanTheirBudgetAreMarkedOverbudget) {
-    ASSERT_NO_FATAL_FAILURE(create_busy(hog_domain(), {kHog}));
-    TestThread hog(4, 4);  // about half a core, far above 19.53 %
-    std::vector<Sample> samples;
-    std::string log;
+    // The thread works about half a core, far above 19.53 %.
+    Measured m;
     ASSERT_NO_FATAL_FAILURE(
-        sample_admitted(kHog, "Class_Hog", hog.tid(), kSchedRr, "hog_usage", &samples, &log));
-    for (const Sample &s : samples) {
+        measure({hog_domain(), kHog, "Class_Hog", kSchedRr, 4, 4, true, "hog_usage"}, &m));
+    for (const Sample &s : m.samples) {
         EXPECT_DOUBLE_EQ(s.budget, 19.53);  // 200 x 100 / 1024
-        EXPECT_GT(s.usage, 30.0) << log;
-        EXPECT_TRUE(s.over) << log;
+        EXPECT_GT(s.usage, 30.0) << m.log;
+        EXPECT_TRUE(s.over) << m.log;
     }
 }
 
 TEST_F(CpuUsageKernel, IdleDomainShowsAboutZeroAndIsNotOverbudget) {
-    ASSERT_NO_FATAL_FAILURE(create(idle_domain(), {kIdle}));
-    TestThread sleeper(false);
-    std::vector<Sample> samples;
-    std::string log;
-    ASSERT_NO_FATAL_FAILURE(sample_admitted(kIdle, "Class_Idle", sleeper.tid(), kSchedRr,
-                                            "idle_usage", &samples, &log));
-    for (const Sample &s : samples) {
-        EXPECT_LT(s.usage, 10.0) << log;
-        EXPECT_FALSE(s.over) << log;
+    Measured m;
+    ASSERT_NO_FATAL_FAILURE(
+        measure({idle_domain(), kIdle, "Class_Idle", kSchedRr, 0, 1, false, "idle_usage"}, &m));
+    for (const Sample &s : m.samples) {
+        EXPECT_FALSE(s.over) << m.log;
+        EXPECT_LT(s.usage, 10.0) << m.log;
     }
 }
 

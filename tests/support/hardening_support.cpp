@@ -179,12 +179,9 @@ std::string ChildResult::describe() const {
 }
 
 ChildResult run_child(const std::function<std::string()> &fn, int timeout_s) {
-    ChildResult r;
     int fds[2];
-    if (pipe(fds) != 0) {
-        r.text = "pipe failed";
-        return r;
-    }
+    if (pipe(fds) != 0) return ChildResult{false, -1, 0, "pipe failed"};
+    ChildResult r;
     fflush(nullptr);
     pid_t pid = fork();
     if (pid == 0) {
