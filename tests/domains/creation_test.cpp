@@ -76,8 +76,7 @@ TEST_F(CreateDomainTest, HostWithPrefixedCpusetFilesGetsThePrefixedNames) {
     EXPECT_EQ(last_cpu(), first_line("/dev/cpuset/Domain_A/cpuset.cpus"));
     EXPECT_EQ("0", first_line("/dev/cpuset/Domain_A/cpuset.mems"));
     EXPECT_FALSE(qxt::file_exists("/dev/cpuset/Domain_A/mems"));
-    QXT_EXPECT_INFO(log,
-        qxt::format(
+    QXT_EXPECT_INFO(log, qxt::format(
         "[RT_Impl][Info] /dev/cpuset/Domain_A/cpuset.cpus is set to %s.\n", last_cpu().c_str()));
     QXT_EXPECT_INFO(log, "[RT_Impl][Info] /dev/cpuset/Domain_A/cpuset.mems is set to 0.\n");
 }

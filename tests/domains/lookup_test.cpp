@@ -42,8 +42,7 @@ TEST_F(LookupTest, LookingUpTheSameDomainTwiceMapsItOnce) {
     EXPECT_EQ(first, pstTop->astDomainMap[0].pvDomainAddr);
     EXPECT_STREQ("Domain_1", first->szName);
     EXPECT_EQ(1, log.count_containing("shm exists. mmap=")) << log.dump();
-    QXT_EXPECT_INFO(log,
-        qxt::format(
+    QXT_EXPECT_INFO(log, qxt::format(
         "[RT_Impl][Info] [_QX_REALTIME_GetDomainFromName][PID=%d][TID=%ld] shm exists. mmap=%p, "
         "s32ShmFd=%d\n",
         getpid(), (long)syscall(SYS_gettid), (void *)first, pstTop->astDomainMap[0].s32ShmFd));

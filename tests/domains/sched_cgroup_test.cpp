@@ -109,8 +109,7 @@ TEST_F(SchedAttrTest, RuntimeAbove2147483UsWrapsAndTheKernelRefusesIt) {
     // 3000000 x 1000 taken as a signed 32-bit number, then sign-extended.
     uint64_t wrapped = (uint64_t)(int64_t)(int32_t)(uint32_t)3000000000u;
     EXPECT_EQ(18446744072414584320ull, wrapped);
-    QXT_EXPECT_ERROR(log,
-        qxt::format(
+    QXT_EXPECT_ERROR(log, qxt::format(
         "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr] _QX_REALTMIE_SchedSetAttr failed to set the "
         "sched for pid=%d, policy=6, priority=0, runtime=%llu, deadline=%llu, period=%llu, "
         "errno=%s\n",

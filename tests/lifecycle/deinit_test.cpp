@@ -80,8 +80,7 @@ TEST_F(Deinit, RemovesCentralSegmentAndLockFile) {
 TEST_F(Deinit, WithoutCentralSegmentReturnsNull) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_Deinit());
-    QXT_EXPECT_ERROR(log,
-        qxt::format(
+    QXT_EXPECT_ERROR(log, qxt::format(
         "[RT_Impl][Err] [_QX_REALTIME_GetCentralShm][PID=%d][TID=%s] shm_open "
         "(/dev/shm/realtime/rt_Global) return -1, errno=No such file or directory\n",
         getpid(), tid_text().c_str()));

@@ -253,8 +253,7 @@ TEST_F(Init, CentralSegmentThatCannotBeOpenedFailsAndRetrySucceeds) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(0));
     QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_Init] shared memory initialization fails\n");
-    QXT_EXPECT_ERROR(log,
-        qxt::format(
+    QXT_EXPECT_ERROR(log, qxt::format(
         "[RT_Impl][Err] [_QX_REALTIME_SharedMemoryAlloc][PID=%d][TID=%s] shm_open "
         "(/dev/shm/realtime/rt_Global) return -1, errno=Is a directory\n",
         getpid(), tid_text().c_str()));

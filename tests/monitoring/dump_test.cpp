@@ -214,11 +214,9 @@ TEST_F(Dump, AdmittedThreadAppearsInTheKernelsCpusetAndCpuacctTaskLists) {
     QX_REALTIME_SetDebugLevel(64);
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_SUCCESS);
-    QXT_EXPECT_INFO(log,
-        format(
+    QXT_EXPECT_INFO(log, format(
         "[RT_Impl][Info] Info from [/dev/cpuset/Domain_Meter/tasks]:\n%d\n\n", sleeper.tid()));
-    QXT_EXPECT_INFO(log,
-        format(
+    QXT_EXPECT_INFO(log, format(
         "[RT_Impl][Info] Info from [/dev/cpuacct/Domain_Meter/tasks]:\n%d\n\n", sleeper.tid()));
 }
 

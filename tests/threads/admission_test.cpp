@@ -57,8 +57,7 @@ TEST_F(ThreadAdmission, RrAdmissionAppliesClassPriorityAndMovesThreadIntoDomainG
 
     QXT_EXPECT_INFO(log, format("[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld; argPid=[%d].\n",
                          kAdd, (int)getpid(), (long)gettid(), (int)t.tid()));
-    QXT_EXPECT_INFO(log,
-        format(
+    QXT_EXPECT_INFO(log, format(
         "[RT_Impl][Info] s32UtilCurrent in Domain[Domain_Rr] is [200] after add pid=[%d].\n",
         (int)t.tid()));
     QXT_EXPECT_INFO(log, added(kAdd, t.tid()));
@@ -240,14 +239,12 @@ TEST_F(ThreadAdmission, LiteAdmissionLeavesDeadlineOrderToTheKernel) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_SCHED_SETATTR, QX_REALTIME_AddThread_Lite(kDl, "Class_Isp", &util, t.tid(), 0));
     EXPECT_EQ(0, log.count_containing("Invalid Deadline parameter")) << log.dump();
-    QXT_EXPECT_ERROR(log,
-        format(
+    QXT_EXPECT_ERROR(log, format(
         "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr] _QX_REALTMIE_SchedSetAttr failed to set the "
         "sched for pid=%d, policy=6, priority=0, runtime=2000000, deadline=1500000, "
         "period=10000000, errno=%s\n",
         (int)t.tid(), errno_text(EINVAL).c_str()));
-    QXT_EXPECT_ERROR(log,
-        format(
+    QXT_EXPECT_ERROR(log, format(
         "[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = [Class_Isp] failed.\n", kLite,
         (int)t.tid()));
     EXPECT_EQ(77, util.s32Util);
@@ -292,8 +289,7 @@ TEST_F(ThreadAdmission, FullSegmentStoresNoRecordEvenWhenAFreedSlotExists) {
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_AddThread(kRr, "Class_A", t2.tid(), 0));
     QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_AddThreadDataAtHead] shared memory size (16384 "
                           "Byte) is too small. sizeof(QX_REALTIME_THREAD_t)=96\n");
-    QXT_EXPECT_ERROR(log,
-        format(
+    QXT_EXPECT_ERROR(log, format(
         "[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = [Class_A] failed.\n", kAdd,
         (int)t2.tid()));
     QXT_EXPECT_ERROR(log, add_failed(t2.tid(), "Class_A", RT_ERR_NOT_EXIST));
@@ -389,8 +385,7 @@ TEST_F(ThreadAdmission, ThreadOfDeadClientIsReapedBeforeTheBudgetCheck) {
     // 800 more would not fit beside the dead client's 800: the reaping comes first.
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_800", t.tid(), 0)) << log.dump();
     QXT_EXPECT_ERROR(log, process_gone(client));
-    QXT_EXPECT_INFO(log,
-        format(
+    QXT_EXPECT_INFO(log, format(
         "[RT_Impl][DBG] [QX_REALTIME_RemoveKilledThread] for pid=[%d] successfully.\n",
         (int)client_tid));
     EXPECT_EQ(800, d->s32UtilCurrent);

@@ -96,8 +96,7 @@ TEST_F(ThreadBadInput, ThreadIdWithoutThreadIsRefusedByTheKernel) {
     pid_t gone = dead_pid();
     LogCapture log;
     EXPECT_EQ(RT_ERR_SCHED_SETATTR, QX_REALTIME_AddThread(kRr, "Class_A", gone, 0));
-    QXT_EXPECT_ERROR(log,
-        format(
+    QXT_EXPECT_ERROR(log, format(
         "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr] _QX_REALTMIE_SchedSetAttr failed to set the "
         "sched for pid=%d, policy=2, priority=10, runtime=0, deadline=0, period=0, errno=%s\n",
         (int)gone, errno_text(ESRCH).c_str()));
@@ -119,8 +118,7 @@ TEST_F(ThreadBadInput, NegativeThreadIdIsRefusedByTheKernelAndTracedWithoutArgPi
     QXT_EXPECT_INFO(log, format("[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld;\n", kAdd,
                          (int)getpid(), (long)gettid()));
     EXPECT_EQ(0, log.count_containing("argPid")) << log.dump();
-    QXT_EXPECT_ERROR(log,
-        format(
+    QXT_EXPECT_ERROR(log, format(
         "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr] _QX_REALTMIE_SchedSetAttr failed to set the "
         "sched for pid=-5, policy=2, priority=10, runtime=0, deadline=0, period=0, errno=%s\n",
         errno_text(EINVAL).c_str()));
