@@ -6,7 +6,10 @@
 #   cgroup_v2_test.sh SOURCE_DIR        (exit 77: no root or namespaces to build that host)
 set -uo pipefail
 src=$1
-[ "$(id -u)" = 0 ] && unshare -m true 2>/dev/null || { echo "needs root and mount namespaces"; exit 77; }
+if [ "$(id -u)" != 0 ] || ! unshare -m true 2>/dev/null; then
+    echo "needs root and mount namespaces"
+    exit 77
+fi
 unshare -m --propagation private bash -s "$src" <<'IN'
 set -uo pipefail
 src=$1

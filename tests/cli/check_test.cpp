@@ -11,8 +11,8 @@
 #include "cli_support.h"
 #include "test_support.h"
 
-using qxt_cli::rtctl;
-using qxt_cli::Result;
+using qxt::rtctl;
+using qxt::Result;
 
 namespace {
 
@@ -20,12 +20,10 @@ bool contains(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
 }
 
-class RtctlCheck : public ::testing::Test {
+class RtctlCheck : public qxt::ShippedConfigTest {
 protected:
-    void SetUp() override {
-        QXT_REQUIRE_SANDBOX();
-        if (get_nprocs() < 2) GTEST_SKIP() << "the shipped configuration needs 2 CPUs";
-        qxt_cli::install_shipped_config();
+    void SetUpInSandbox() override {
+        qxt::install_shipped_config();
         ASSERT_EQ(QX_REALTIME_Init(0), RT_SUCCESS);
         ASSERT_EQ(QX_REALTIME_CreateDomain("Domain_Audio"), RT_SUCCESS);
         ASSERT_EQ(QX_REALTIME_CreateDomain("Domain_Camera"), RT_SUCCESS);

@@ -40,6 +40,8 @@ import sys
 readme, client = open(sys.argv[1]).read(), open(sys.argv[2]).read()
 sys.exit(0 if client.strip() in readme else 1)
 PY
+# The command exactly as the README prints it, expansions unexpanded: eval runs it below.
+# shellcheck disable=SC2016
 readme_cc='cc minimal_client.c $(pkg-config --cflags --libs qxt_realtime_hal) -Wl,-rpath,$(pkg-config --variable=libdir qxt_realtime_hal) -o minimal_client'
 grep -qF "$readme_cc" "$src/README.md" || fail "README does not show the pkg-config build command"
 cp "$src/examples/minimal_client.c" "$work/"
@@ -63,6 +65,7 @@ cmake --build "$work/pkg/build" >/dev/null || fail "the minimal client does not 
 # Both clients run: admitted, budget asked, removed. The installed rtctl initialises nothing
 # here; the client does it all itself.
 run_client() {
+    # shellcheck disable=SC2016 # the inner shell expands them, from its own arguments
     "$src/tools/rt_sandbox" --config "$src/config" bash -c '
         [ -z "${QXRT_SANDBOX_UNAVAILABLE:-}" ] || { echo "sandbox: $QXRT_SANDBOX_UNAVAILABLE"; exit 77; }
         "$1" && "$2" list' _ "$1" "$prefix/bin/rtctl"

@@ -138,7 +138,7 @@ TEST(Lint, TheWholeFileMustBeOneObject) {
 
 TEST(RtctlLint, ErrorsExitOneAndArePrintedOnePerLine) {
     const std::string path = std::string(QXRT_LINT_CORPUS) + "/bad_domain_key_after_class.json";
-    qxt_cli::Result r = qxt_cli::rtctl({"lint", "--cpus", "2", path});
+    qxt::Result r = qxt::rtctl({"lint", "--cpus", "2", path});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out,
               path + ":15: error: domain key \"Cpuset\" comes after the class \"Class_Render\" of "
@@ -149,7 +149,7 @@ TEST(RtctlLint, ErrorsExitOneAndArePrintedOnePerLine) {
 
 TEST(RtctlLint, WarningsAloneExitZero) {
     const std::string path = std::string(QXRT_LINT_CORPUS) + "/warn_unknown_keys.json";
-    qxt_cli::Result r = qxt_cli::rtctl({"lint", "--cpus", "2", path});
+    qxt::Result r = qxt::rtctl({"lint", "--cpus", "2", path});
     EXPECT_EQ(r.status, 0);
     EXPECT_NE(r.out.find(path + ":8: warning: unknown key \"Owner\""), std::string::npos) << r.out;
     EXPECT_NE(r.out.find(": 0 errors, 3 warnings\n"), std::string::npos) << r.out;
@@ -157,27 +157,27 @@ TEST(RtctlLint, WarningsAloneExitZero) {
 
 TEST(RtctlLint, ShippedConfigurationLintsCleanOnThisMachine) {
     if (get_nprocs() < 2) GTEST_SKIP() << "the shipped configuration is for 2 CPUs";
-    qxt_cli::Result r = qxt_cli::rtctl({"lint", std::string(QXRT_SOURCE_DIR) + "/config/rt-0.json"});
+    qxt::Result r = qxt::rtctl({"lint", std::string(QXRT_SOURCE_DIR) + "/config/rt-0.json"});
     EXPECT_EQ(r.status, 0) << r.out;
     EXPECT_NE(r.out.find(": 0 errors, 0 warnings"), std::string::npos) << r.out;
 }
 
 TEST(RtctlLint, UnreadableFileIsAnError) {
-    qxt_cli::Result r = qxt_cli::rtctl({"lint", "/nonexistent/rt-9.json"});
+    qxt::Result r = qxt::rtctl({"lint", "/nonexistent/rt-9.json"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "/nonexistent/rt-9.json: error: cannot read the file: No such file or directory\n");
 }
 
 TEST(RtctlLint, LintingTouchesNoSharedState) {
     QXT_REQUIRE_SANDBOX();
-    qxt_cli::Result r = qxt_cli::rtctl({"-v", "lint", std::string(QXRT_SOURCE_DIR) + "/config/rt-0.json"});
+    qxt::Result r = qxt::rtctl({"-v", "lint", std::string(QXRT_SOURCE_DIR) + "/config/rt-0.json"});
     EXPECT_EQ(r.err, "");
     EXPECT_FALSE(qxt::file_exists("/dev/shm/realtime/rt_Global"));
     EXPECT_FALSE(qxt::file_exists("/data/vendor/realtime/flock_rt_Global"));
 }
 
 TEST(RtctlLint, BadCpuCountIsAUsageError) {
-    qxt_cli::Result r = qxt_cli::rtctl({"lint", "--cpus", "none", "x.json"});
+    qxt::Result r = qxt::rtctl({"lint", "--cpus", "none", "x.json"});
     EXPECT_EQ(r.status, 2);
     EXPECT_NE(r.err.find("usage: rtctl [-v] lint [--cpus N] FILE"), std::string::npos) << r.err;
 }

@@ -20,8 +20,8 @@
 #include "test_support.h"
 
 using nlohmann::json;
-using qxt_cli::Result;
-using qxt_cli::rtctl;
+using qxt::Result;
+using qxt::rtctl;
 
 namespace {
 
@@ -49,39 +49,6 @@ Result sh(const std::string &command) {
     return r;
 }
 
-double now_s() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec + ts.tv_nsec / 1e9;
-}
-
-// A thread that works 6 ms in every 10 ms: about 60 % of one core.
-class DutyThread {
-public:
-    DutyThread() {
-        thread_ = std::thread([this] {
-            tid_ = (pid_t)syscall(SYS_gettid);
-            while (!stop_.load()) {
-                double until = now_s() + 0.006;
-                while (now_s() < until) {
-                }
-                usleep(4000);
-            }
-        });
-        while (tid_.load() == 0) usleep(100);
-    }
-    ~DutyThread() {
-        stop_ = true;
-        thread_.join();
-    }
-    pid_t tid() const { return tid_; }
-
-private:
-    std::atomic<bool> stop_{false};
-    std::atomic<pid_t> tid_{0};
-    std::thread thread_;
-};
-
 // This process's name as the kernel shows it (the emulator's, under qemu-user).
 std::string own_comm() {
     std::string comm = qxt::read_file("/proc/self/comm");
@@ -89,22 +56,16 @@ std::string own_comm() {
     return comm;
 }
 
-class RtctlOps : public ::testing::Test {
+class RtctlOps : public qxt::ShippedConfigTest {
 protected:
-    void SetUp() override {
-        QXT_REQUIRE_SANDBOX();
-        if (get_nprocs() < 2) GTEST_SKIP() << "the shipped configuration needs 2 CPUs";
-        qxt_cli::start_shipped_domains();
-    }
+    void SetUpInSandbox() override { qxt::start_shipped_domains(); }
 };
 
 // As RtctlOps, with Domain_Audio's budget cut to 100 units (9.77 % of one core): the loaded
 // thread of these tests is then clearly over it, even when parallel tests load CPU 1 too.
-class RtctlLoaded : public ::testing::Test {
+class RtctlLoaded : public qxt::ShippedConfigTest {
 protected:
-    void SetUp() override {
-        QXT_REQUIRE_SANDBOX();
-        if (get_nprocs() < 2) GTEST_SKIP() << "the shipped configuration needs 2 CPUs";
+    void SetUpInSandbox() override {
         std::string config = qxt::read_file(std::string(QXRT_SOURCE_DIR) + "/config/rt-0.json");
         size_t pos = config.find("\"Util\": 512,");
         ASSERT_NE(pos, std::string::npos);
@@ -315,7 +276,7 @@ TEST_F(RtctlOps, VerboseLeavesTheStoredDebugLevelAsItWas) {
 // ---- the chart ----
 
 TEST_F(RtctlLoaded, UsageSvgIsValidAndCarriesThePrintedSamples) {
-    DutyThread busy;
+    qxt::TestThread busy(6, 4);  // about 60 % of one core
     ASSERT_EQ(rtctl({"add", "Domain_Audio", "Class_Mix", std::to_string(busy.tid())}).status, 0);
     const std::string svg = "/tmp/qxrt_usage_" + std::to_string(getpid()) + ".svg";
     Result r = rtctl({"usage", "All", "200", "5", "--svg", svg});
@@ -433,7 +394,7 @@ TEST_F(RtctlLoaded, TopInATerminalShowsDomainsThreadsAndOverBudgetAndQuitsOnQ) {
 #endif
     QXT_SKIP_UNDER_EMULATOR("the tmux run of rtctl top under qemu-user fails for a reason not yet "
                             "found; the native builds test it");
-    DutyThread busy;
+    qxt::TestThread busy(6, 4);  // about 60 % of one core
     ASSERT_EQ(rtctl({"add", "Domain_Audio", "Class_Mix", std::to_string(busy.tid())}).status, 0);
     const std::string tmux = "tmux -S /tmp/qxrt_tmux_" + std::to_string(getpid()) + " ";
     // The pane's shell records rtctl's exit status in a file once rtctl has ended. (tmux's own

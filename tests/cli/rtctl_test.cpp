@@ -8,8 +8,8 @@
 #include "cli_support.h"
 #include "test_support.h"
 
-using qxt_cli::rtctl;
-using qxt_cli::Result;
+using qxt::rtctl;
+using qxt::Result;
 
 namespace {
 
@@ -34,7 +34,7 @@ protected:
     void SetUp() override {
         QXT_REQUIRE_SANDBOX();
         if (get_nprocs() < 2) GTEST_SKIP() << "the shipped configuration needs 2 CPUs";
-        qxt_cli::start_shipped_domains();
+        qxt::start_shipped_domains();
     }
 };
 
@@ -100,7 +100,7 @@ TEST(RtctlUsage, UnknownCommandOptionOrExtraArgumentExitsTwo) {
 
 TEST(RtctlUsage, BadArgumentsNeverReachTheLibrary) {
     QXT_REQUIRE_SANDBOX();
-    qxt_cli::install_shipped_config();
+    qxt::install_shipped_config();
     // create would initialise the shared state; with a bad MODE nothing may happen at all.
     EXPECT_EQ(rtctl({"create", "Domain_Audio", "one"}).status, 2);
     EXPECT_EQ(rtctl({"init", "-1"}).status, 2);
@@ -108,8 +108,9 @@ TEST(RtctlUsage, BadArgumentsNeverReachTheLibrary) {
     EXPECT_FALSE(qxt::file_exists("/data/vendor/realtime/flock_rt_Global"));
 }
 
-TEST(Rtctl, OperationBeforeInitExitsWithResultCodeAndNamesIt) {
-    QXT_REQUIRE_SANDBOX();
+using Rtctl = qxt::SandboxTest;
+
+TEST_F(Rtctl, OperationBeforeInitExitsWithResultCodeAndNamesIt) {
     Result r = rtctl({"list"});
     EXPECT_EQ(r.status, 10);
     EXPECT_TRUE(contains(r.err, "[RT_Impl][Err] Did you forget to invoke QX_REALTIME_Init()?\n"))
@@ -117,9 +118,8 @@ TEST(Rtctl, OperationBeforeInitExitsWithResultCodeAndNamesIt) {
     EXPECT_TRUE(contains(r.err, "rtctl: list: RT_ERR_NULL (10)\n")) << r.err;
 }
 
-TEST(Rtctl, LibraryMessagesArePlainTextWithoutDecorationsOrDoubledNewlines) {
-    QXT_REQUIRE_SANDBOX();
-    qxt_cli::install_shipped_config();
+TEST_F(Rtctl, LibraryMessagesArePlainTextWithoutDecorationsOrDoubledNewlines) {
+    qxt::install_shipped_config();
     ASSERT_EQ(rtctl({"init"}).status, 0);
     Result r = rtctl({"delete", "Domain_Nowhere"});
     EXPECT_EQ(r.status, 10);
@@ -128,9 +128,8 @@ TEST(Rtctl, LibraryMessagesArePlainTextWithoutDecorationsOrDoubledNewlines) {
               "rtctl: delete: RT_ERR_NULL (10)\n");
 }
 
-TEST(Rtctl, InitWithUnknownModeFails) {
-    QXT_REQUIRE_SANDBOX();
-    qxt_cli::install_shipped_config();
+TEST_F(Rtctl, InitWithUnknownModeFails) {
+    qxt::install_shipped_config();
     Result r = rtctl({"init", "2"});
     EXPECT_EQ(r.status, 4);
     EXPECT_TRUE(contains(r.err, "[RT_Impl][Err] [QX_REALTIME_Init] Unknown init mode: [2].\n"))

@@ -3,9 +3,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "domain_suite.h"
+#include "domains_support.h"
 
-using namespace qxt_domains;
+using namespace qxt;
 
 namespace {
 

@@ -3,9 +3,9 @@
 #include <sys/file.h>
 #include <unistd.h>
 
-#include "domain_suite.h"
+#include "domains_support.h"
 
-using namespace qxt_domains;
+using namespace qxt;
 
 namespace {
 
@@ -13,11 +13,17 @@ class QueryBudgetTest : public DomainTest {
 protected:
     // A domain of 100 units with one thread of 60 admitted: 40 left.
     void domain_with_60_of_100_used() {
-        init_with(config_of({rr_domain("Domain_Q", 100, "0-1", 60, 10)}));
+        init_with(config_of({rr_domain("Domain_Q", 100, "0-1", {{"Class_Rr", 60, 10}})}));
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_Q")) << log.dump();
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_Q", "Class_Rr", thread.tid(), 0))
             << log.dump();
         log.clear();
+    }
+    // QueryBudget of the demand returns code and writes the budget left.
+    void expect_answer(const char *domain, QX_REALTIME_UTIL_t demand, uint32_t code, int32_t left) {
+        int32_t written = -1;
+        EXPECT_EQ(code, QX_REALTIME_QueryBudget(domain, &demand, &written)) << log.dump();
+        EXPECT_EQ(left, written);
     }
     qxt::TestThread thread;  // sleeps: harmless under SCHED_RR
 };
@@ -29,7 +35,7 @@ TEST_F(QueryBudgetTest, DemandThatFitsSucceedsAndGetsTheBudgetLeft) {
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_QueryBudget("Domain_Q", &util, &left)) << log.dump();
     EXPECT_EQ(40, left);
     EXPECT_EQ(40, util.s32Util);
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_QueryBudget] successfully.\n")) << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_QueryBudget] successfully.\n");
     EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_QueryBudget] exit, OK.\n"));
     // Nothing was charged.
     EXPECT_EQ(60, qxt::map_domain_file("Domain_Q")->s32UtilCurrent);
@@ -37,15 +43,11 @@ TEST_F(QueryBudgetTest, DemandThatFitsSucceedsAndGetsTheBudgetLeft) {
 
 TEST_F(QueryBudgetTest, DemandAboveTheBudgetLeftIsRefusedAndStillGetsIt) {
     domain_with_60_of_100_used();
-    QX_REALTIME_UTIL_t util = {41, 0, 0, 0};
-    int32_t left = -1;
-    EXPECT_EQ(RT_ERR_OVER_BUDGET, QX_REALTIME_QueryBudget("Domain_Q", &util, &left));
-    EXPECT_EQ(40, left);
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Domain[Domain_Q] over "
-                              "s32Util: new Util is 41, original Util is 0,domain current total "
-                              "Util is 60, max. domain Util is 100\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_QueryBudget] fails.\n")) << log.dump();
+    expect_answer("Domain_Q", {41, 0, 0, 0}, RT_ERR_OVER_BUDGET, 40);
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Domain[Domain_Q] over "
+                          "s32Util: new Util is 41, original Util is 0,domain current total "
+                          "Util is 60, max. domain Util is 100\n");
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_QueryBudget] fails.\n");
     EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_QueryBudget] exit, err=9.\n"));
 }
 
@@ -77,14 +79,11 @@ TEST_F(QueryBudgetTest, DeadlineDemandIsConvertedToUnits) {
 TEST_F(QueryBudgetTest, BadDeadlineParametersAreRefusedAndTheBudgetLeftIsWritten) {
     init_with(config_of({dl_domain("Domain_Dl", 512, "0-1")}));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_Dl")) << log.dump();
-    QX_REALTIME_UTIL_t util = {0, 500, 1000, 4000};  // deadline before runtime
-    int32_t left = -1;
-    EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_QueryBudget("Domain_Dl", &util, &left));
-    EXPECT_EQ(512, left);
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
-                              "parameter: (should) DlPeriodUs=4000 >= DlDeadlineUs=500 >= "
-                              "DlRuntimeUs=1000.\n"))
-        << log.dump();
+    // The deadline comes before the runtime.
+    expect_answer("Domain_Dl", {0, 500, 1000, 4000}, RT_ERR_INVALID_PARAM, 512);
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
+                          "parameter: (should) DlPeriodUs=4000 >= DlDeadlineUs=500 >= "
+                          "DlRuntimeUs=1000.\n");
 }
 
 TEST_F(QueryBudgetTest, DomainWithoutBudgetAdmitsAnyDemandAndReportsZeroLeft) {
@@ -109,8 +108,7 @@ TEST_F(QueryBudgetTest, NullUtilisationRecordIsRefused) {
     init_with(config_of({rr_domain("Domain_Q", 100, "0-1")}));
     int32_t left = -7;
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_QueryBudget("Domain_Q", nullptr, &left));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_QueryBudget] pstUtil is NULL.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_QueryBudget] pstUtil is NULL.\n");
     EXPECT_EQ(-7, left);
 }
 
@@ -119,8 +117,7 @@ TEST_F(QueryBudgetTest, NullOutputIsRefused) {
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_Q"));
     QX_REALTIME_UTIL_t util = {1, 0, 0, 0};
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_QueryBudget("Domain_Q", &util, nullptr));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_QueryBudget] ps32UtilLeft is NULL.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_QueryBudget] ps32UtilLeft is NULL.\n");
     EXPECT_FALSE(qxt::file_exists("/data/vendor/realtime/flock_rt_Domain_Q"));
 }
 
@@ -129,8 +126,7 @@ TEST_F(QueryBudgetTest, UnknownDomainIsReportedAndTheOutputLeft) {
     QX_REALTIME_UTIL_t util = {1, 0, 0, 0};
     int32_t left = -7;
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_QueryBudget("Domain_Q", &util, &left));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_QueryBudget] pstDomain is NULL.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_QueryBudget] pstDomain is NULL.\n");
     EXPECT_EQ(-7, left);
 }
 
@@ -145,7 +141,7 @@ TEST_F(QueryBudgetTest, UnreachableCentralDataGivesTheQueryTheCodeAndTheConversi
     QX_REALTIME_UTIL_t util = {1, 0, 0, 0};
     int32_t left = -7;
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_QueryBudget("Domain_Q", &util, &left));
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_QueryBudget] exit, err=4.\n")) << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_QueryBudget] exit, err=4.\n");
     EXPECT_EQ(-7, left);
     uint32_t us = 7;
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_DmipsToUs(10, &us));
@@ -162,68 +158,63 @@ protected:
         last_ret = QX_REALTIME_DmipsToUs(dmips, &us);
         return us;
     }
+    // dmips converts, with success, to us.
+    void expect_us(uint32_t dmips, uint32_t us) {
+        EXPECT_EQ(us, convert(dmips)) << dmips << " DMIPS";
+        EXPECT_EQ(RT_SUCCESS, last_ret) << dmips << " DMIPS";
+    }
     uint32_t last_ret = 0xFFFFFFFF;
 };
 
 TEST_F(DmipsTest, HalfTheCapabilityIsHalfASecondPerSecond) {
     with_capability(1000);
-    EXPECT_EQ(500000u, convert(500));
-    EXPECT_EQ(RT_SUCCESS, last_ret);
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [QX_REALTIME_DmipsToUs] dmips=500 us=500000, "
-                             "SystemCapability=1000\n"))
-        << log.dump();
+    expect_us(500, 500000);
+    QXT_EXPECT_INFO(log, "[RT_Impl][Info] [QX_REALTIME_DmipsToUs] dmips=500 us=500000, "
+                         "SystemCapability=1000\n");
 }
 
 TEST_F(DmipsTest, RemainderIsDropped) {
     with_capability(3);
-    EXPECT_EQ(333333u, convert(1));
-    EXPECT_EQ(RT_SUCCESS, last_ret);
+    expect_us(1, 333333);
 }
 
 TEST_F(DmipsTest, DemandEqualToTheCapabilityIsAccepted) {
     with_capability(1000);
-    EXPECT_EQ(1000000u, convert(1000));
-    EXPECT_EQ(RT_SUCCESS, last_ret);
+    expect_us(1000, 1000000);
 }
 
 TEST_F(DmipsTest, ProductWrapsAbove4294Dmips) {
     with_capability(5000);
-    EXPECT_EQ(141006u, convert(5000));
-    EXPECT_EQ(RT_SUCCESS, last_ret);
-    EXPECT_EQ(6u, convert(4295));
-    EXPECT_EQ(RT_SUCCESS, last_ret);
+    expect_us(5000, 141006);
+    expect_us(4295, 6);
     EXPECT_EQ(858800u, convert(4294));  // the last exact one
 }
 
 TEST_F(DmipsTest, ZeroDmipsIsZeroMicroseconds) {
     with_capability(1000);
-    EXPECT_EQ(0u, convert(0));
-    EXPECT_EQ(RT_SUCCESS, last_ret);
+    expect_us(0, 0);
 }
 
 TEST_F(DmipsTest, DemandAboveTheCapabilityIsRefusedWithZero) {
     with_capability(1000);
     EXPECT_EQ(0u, convert(1001));
     EXPECT_EQ(RT_ERR_INVALID_PARAM, last_ret);
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_DmipsToUs] u32Dmips (1001) should be "
-                              "less than systemCapability (1000)\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_DmipsToUs] u32Dmips (1001) should be "
+                          "less than systemCapability (1000)\n");
 }
 
 TEST_F(DmipsTest, ZeroCapabilityIsRefusedWithZero) {
     with_capability(0);
     EXPECT_EQ(0u, convert(1));
     EXPECT_EQ(RT_ERR_INVALID_PARAM, last_ret);
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_DmipsToUs] SystemCpapbility should not "
-                              "be 0\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_DmipsToUs] SystemCpapbility should not "
+                          "be 0\n");
 }
 
 TEST_F(DmipsTest, NullOutputIsRefused) {
     with_capability(1000);
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_DmipsToUs(1, nullptr));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_DmipsToUs] u32MiscroSec is NULL.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_DmipsToUs] u32MiscroSec is NULL.\n");
 }
 
 TEST_F(DmipsTest, DisabledFrameworkLeavesTheOutput) {
@@ -244,8 +235,7 @@ TEST_F(DmipsTest, ConversionTakesNoLockFile) {
     });
     char byte;
     ASSERT_EQ(1, read(gate[0], &byte, 1));
-    EXPECT_EQ(250000u, convert(250));
-    EXPECT_EQ(RT_SUCCESS, last_ret);
+    expect_us(250, 250000);
     qxt::kill_and_reap(holder);
 }
 

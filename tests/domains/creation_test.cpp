@@ -7,9 +7,9 @@
 
 #include <algorithm>
 
-#include "domain_suite.h"
+#include "domains_support.h"
 
-using namespace qxt_domains;
+using namespace qxt;
 
 namespace {
 
@@ -50,7 +50,7 @@ TEST_F(CreateDomainTest, CreationBuildsCgroupDirectoriesWithTheirModes) {
     EXPECT_EQ(0664u, qxt::file_mode(cpuset_file("/dev/cpuset/Domain_A", "cpus")));
     EXPECT_EQ(0664u, qxt::file_mode(cpuset_file("/dev/cpuset/Domain_A", "mems")));
     EXPECT_TRUE(segment_exists("Domain_A"));
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_CreateDomain] exit, OK.\n")) << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_CreateDomain] exit, OK.\n");
 }
 
 TEST_F(CreateDomainTest, CreationWritesTheCpuListThatTheKernelReadsBack) {
@@ -62,11 +62,9 @@ TEST_F(CreateDomainTest, CreationWritesTheCpuListThatTheKernelReadsBack) {
     EXPECT_EQ(last_cpu(), first_line(cpus));
     EXPECT_EQ("0", first_line(mems));
     // The messages name the file that was written.
-    EXPECT_TRUE(log.has_info(qxt::format("[RT_Impl][Info] %s is set to %s.\n", cpus.c_str(),
-                                         last_cpu().c_str())))
-        << log.dump();
-    EXPECT_TRUE(log.has_info(qxt::format("[RT_Impl][Info] %s is set to 0.\n", mems.c_str())))
-        << log.dump();
+    QXT_EXPECT_INFO(log, qxt::format("[RT_Impl][Info] %s is set to %s.\n", cpus.c_str(),
+                         last_cpu().c_str()));
+    QXT_EXPECT_INFO(log, qxt::format("[RT_Impl][Info] %s is set to 0.\n", mems.c_str()));
 }
 
 TEST_F(CreateDomainTest, HostWithPrefixedCpusetFilesGetsThePrefixedNames) {
@@ -78,21 +76,18 @@ TEST_F(CreateDomainTest, HostWithPrefixedCpusetFilesGetsThePrefixedNames) {
     EXPECT_EQ(last_cpu(), first_line("/dev/cpuset/Domain_A/cpuset.cpus"));
     EXPECT_EQ("0", first_line("/dev/cpuset/Domain_A/cpuset.mems"));
     EXPECT_FALSE(qxt::file_exists("/dev/cpuset/Domain_A/mems"));
-    EXPECT_TRUE(log.has_info(qxt::format(
-        "[RT_Impl][Info] /dev/cpuset/Domain_A/cpuset.cpus is set to %s.\n", last_cpu().c_str())))
-        << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] /dev/cpuset/Domain_A/cpuset.mems is set to 0.\n"))
-        << log.dump();
+    QXT_EXPECT_INFO(log, qxt::format(
+        "[RT_Impl][Info] /dev/cpuset/Domain_A/cpuset.cpus is set to %s.\n", last_cpu().c_str()));
+    QXT_EXPECT_INFO(log, "[RT_Impl][Info] /dev/cpuset/Domain_A/cpuset.mems is set to 0.\n");
 }
 
 TEST_F(CreateDomainTest, CreationReportsTheFivePathsOfTheDomain) {
     init_with(config_of({rr_domain("Domain_A", 100, "0")}));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_A")) << log.dump();
 
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_CreateDomain_Impl] enter: pid=" +
-                             std::to_string(getpid()) + ", tid=" + std::to_string(getpid()) +
-                             ";\n"))
-        << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_CreateDomain_Impl] enter: pid=" +
+                         std::to_string(getpid()) + ", tid=" + std::to_string(getpid()) +
+                         ";\n");
     EXPECT_TRUE(log.has_info("[RT_Impl][DBG] pszCpusetPathRoot is /dev/cpuset/Domain_A\n"));
     EXPECT_TRUE(log.has_info("[RT_Impl][DBG] pszCpusetPathTasks is /dev/cpuset/Domain_A/tasks\n"));
     EXPECT_TRUE(log.has_info("[RT_Impl][DBG] pszCpuacctPathRoot is /dev/cpuacct/Domain_A\n"));
@@ -189,7 +184,7 @@ TEST_F(CreateDomainTest, DisabledFrameworkCreatesNothing) {
 // 1024 x 4 x 80 / 100 = 3276 units for all domains together.
 std::string budget_config() {
     return qxt::config_with(1, 1024, 4, 80, 4,
-                            join({rr_domain("Domain_Big", 1276, "0"),
+                            join_domains({rr_domain("Domain_Big", 1276, "0"),
                                   rr_domain("Domain_Bigger", 2000, "0"),
                                   rr_domain("Domain_One", 1, "0"),
                                   rr_domain("Domain_Other", 1, "0")}));
@@ -212,8 +207,8 @@ TEST_F(CreateDomainTest, TotalEqualToTheBudgetPassesAndOneUnitMoreIsRefused) {
     EXPECT_EQ(3276, pstTop->pstCentral->s32UtilTotal);
 
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_CreateDomain("Domain_One"));
-    EXPECT_TRUE(log.has_error(overflow_message(3277, "Domain_One"))) << log.dump();
-    EXPECT_TRUE(log.has_error(kLimitMessage)) << log.dump();
+    QXT_EXPECT_ERROR(log, overflow_message(3277, "Domain_One"));
+    QXT_EXPECT_ERROR(log, kLimitMessage);
     EXPECT_FALSE(segment_exists("Domain_One"));
     // The refused domain's registration stays; the table is not touched.
     EXPECT_EQ(3277, pstTop->pstCentral->s32UtilTotal);
@@ -232,11 +227,11 @@ TEST_F(CreateDomainTest, RefusedDomainKeepsItsUnitsSoEveryLaterCreationIsRefused
     log.clear();
 
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_CreateDomain("Domain_Other"));
-    EXPECT_TRUE(log.has_error(overflow_message(3278, "Domain_Other"))) << log.dump();
+    QXT_EXPECT_ERROR(log, overflow_message(3278, "Domain_Other"));
     // A second attempt finds its name registered and does not count it again.
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_CreateDomain("Domain_One"));
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [Domain_One] existed in central data\n")) << log.dump();
-    EXPECT_TRUE(log.has_error(overflow_message(3278, "Domain_One"))) << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][Info] [Domain_One] existed in central data\n");
+    QXT_EXPECT_ERROR(log, overflow_message(3278, "Domain_One"));
     EXPECT_EQ(3278, pstTop->pstCentral->s32UtilTotal);
     EXPECT_FALSE(segment_exists("Domain_Other"));
     EXPECT_FALSE(segment_exists("Domain_One"));
@@ -245,14 +240,14 @@ TEST_F(CreateDomainTest, RefusedDomainKeepsItsUnitsSoEveryLaterCreationIsRefused
 TEST_F(CreateDomainTest, RefusalStandsWhenItsMessagesAreNotPrinted) {
     // DbgLevel 0: not even errors reach the log.
     qxt::install_config("domains", qxt::config_with(1, 1024, 0, 80, 4,
-                                                     join({rr_domain("Domain_Big", 3276, "0"),
+                                                     join_domains({rr_domain("Domain_Big", 3276, "0"),
                                                            rr_domain("Domain_One", 1, "0")})));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     ASSERT_EQ(0u, _u32DbgLevel);
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_Big"));
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_CreateDomain("Domain_One"));
     EXPECT_FALSE(segment_exists("Domain_One"));
-    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    QXT_EXPECT_SILENT(log);
 }
 
 TEST_F(CreateDomainTest, CpusetWiderThanTheMachineIsRefused) {
@@ -261,13 +256,11 @@ TEST_F(CreateDomainTest, CpusetWiderThanTheMachineIsRefused) {
     std::string wide = qxt::format("0-%d", 2 * cpus - 1);  // 0-3 on a 2-CPU machine
     init_with(config_of({rr_domain("Domain_Wide", 100, wide)}));
 
-    EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_CreateDomain("Domain_Wide"));
-    EXPECT_TRUE(log.has_error(qxt::format(
-        "[RT_Impl][Err] [QX_REALTIME_CreateDomain_Impl] Domain [Domain_Wide] Cpuset = [%s] "
-        "CpuMask = [0x%x], CpuNum = [%d]\n",
-        wide.c_str(), (1u << (2 * cpus)) - 1, 2 * cpus)))
-        << log.dump();
-    EXPECT_FALSE(segment_exists("Domain_Wide"));
+    expect_creation_refused(
+        "Domain_Wide", RT_ERR_FAILED,
+        qxt::format("[RT_Impl][Err] [QX_REALTIME_CreateDomain_Impl] Domain [Domain_Wide] Cpuset = "
+                    "[%s] CpuMask = [0x%x], CpuNum = [%d]\n",
+                    wide.c_str(), (1u << (2 * cpus)) - 1, 2 * cpus));
     EXPECT_FALSE(qxt::file_exists("/dev/cpuset/Domain_Wide"));
     EXPECT_EQ(0u, pstTop->u32DomainMapNum);
 }
@@ -293,9 +286,8 @@ TEST_F(CreateDomainTest, OnlyTheCpuCountIsCheckedNotWhetherTheCpusExist) {
 TEST_F(CreateDomainTest, ZeroUtilRoundRobinDomainIsCreated) {
     init_with(config_of({rr_domain("Domain_Zero", 0, "0")}));
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_Zero")) << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [QX_REALTIME_CreateDomain_Impl] Domain_Zero Util is "
-                             "0, so skip and 'cpu' cgroup setting\n"))
-        << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][Info] [QX_REALTIME_CreateDomain_Impl] Domain_Zero Util is "
+                         "0, so skip and 'cpu' cgroup setting\n");
     EXPECT_FALSE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_CreateDomain_Impl] exit, OK.\n"));
     EXPECT_TRUE(segment_exists("Domain_Zero"));
     EXPECT_EQ((std::vector<std::string>{"Domain_Zero"}), mapped_names());
@@ -303,11 +295,9 @@ TEST_F(CreateDomainTest, ZeroUtilRoundRobinDomainIsCreated) {
 
 TEST_F(CreateDomainTest, ZeroUtilDeadlineDomainIsRefused) {
     init_with(config_of({dl_domain("Domain_Zero", 0, "0")}));
-    EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_CreateDomain("Domain_Zero"));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_CreateDomain_Impl] Domain_Zero should "
-                              "be with SCHED_RR since its Util is 0\n"))
-        << log.dump();
-    EXPECT_FALSE(segment_exists("Domain_Zero"));
+    expect_creation_refused("Domain_Zero", RT_ERR_FAILED,
+                            "[RT_Impl][Err] [QX_REALTIME_CreateDomain_Impl] Domain_Zero should "
+                            "be with SCHED_RR since its Util is 0\n");
     // What was built outside the segment stays.
     EXPECT_TRUE(qxt::file_exists("/dev/cpuset/Domain_Zero"));
     EXPECT_TRUE(qxt::file_exists("/dev/cpuacct/Domain_Zero"));
@@ -341,11 +331,8 @@ TEST_F(CreateDomainTest, WithSixMappedDomainsCreationSucceeds) {
 TEST_F(CreateDomainTest, WithSevenMappedDomainsCreationIsRefused) {
     init_with(config_of(numbered_domains(1, 9)));
     fill_table(4, 7);
-    EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_CreateDomain("Domain_8"));
-    EXPECT_TRUE(log.has_error(
-        "[RT_Impl][Err] Domain number (8) in the process shouldn't more than 8\n"))
-        << log.dump();
-    EXPECT_FALSE(segment_exists("Domain_8"));
+    expect_creation_refused("Domain_8", RT_ERR_FAILED,
+                            "[RT_Impl][Err] Domain number (8) in the process shouldn't more than 8\n");
 }
 
 TEST_F(CreateDomainTest, FailedEighthCreationKeepsItsSlotWithoutAnAddress) {
@@ -361,13 +348,12 @@ TEST_F(CreateDomainTest, FailedEighthCreationKeepsItsSlotWithoutAnAddress) {
     // The freed segment is never handed out: the lookup finds no mapping and no segment.
     log.clear();
     EXPECT_EQ(nullptr, _QX_REALTIME_GetDomainFromName("Domain_8", nullptr));
-    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    QXT_EXPECT_SILENT(log);
     // Once another process has created it, this process's full table refuses it cleanly.
     ASSERT_EQ(0, run_in_fresh_process([] { return (int)QX_REALTIME_CreateDomain("Domain_8"); }));
     EXPECT_EQ(nullptr, _QX_REALTIME_GetDomainFromName("Domain_8", nullptr));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_GetDomainFromName] Can't map domain "
-                              "[Domain_8]: this process maps at most 8 domains.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_GetDomainFromName] Can't map domain "
+                          "[Domain_8]: this process maps at most 8 domains.\n");
     EXPECT_EQ(8u, pstTop->u32DomainMapNum);
     for (uint32_t i = 0; i < 7; i++) EXPECT_TRUE(is_mapped(pstTop->astDomainMap[i].pvDomainAddr));
 }
@@ -420,7 +406,7 @@ TEST_F(CreateDomainTest, DomainThatExistsButCannotBeMappedIsSkippedUntouched) {
     log.clear();
 
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_9"));
-    EXPECT_TRUE(log.has_info(skipped("Domain_9"))) << log.dump();
+    QXT_EXPECT_INFO(log, skipped("Domain_9"));
     EXPECT_EQ(1, ninth->s32ClassNum);
     EXPECT_EQ(next_offset, ninth->s32NextOffset);
     EXPECT_EQ(7, ninth->s32UtilCurrent);
@@ -436,12 +422,10 @@ TEST_F(CreateDomainTest, ExistingCgroupDirectoriesAreAccepted) {
     ASSERT_EQ(0, mkdir("/dev/cpuacct/Domain_A", 0700));
 
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_A")) << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] /dev/cpuacct/Domain_A already exists, mkdir failed "
-                             "as expected.\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] /dev/cpuset/Domain_A already exists, mkdir failed "
-                             "as expected.\n"))
-        << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][Info] /dev/cpuacct/Domain_A already exists, mkdir failed "
+                         "as expected.\n");
+    QXT_EXPECT_INFO(log, "[RT_Impl][Info] /dev/cpuset/Domain_A already exists, mkdir failed "
+                         "as expected.\n");
     EXPECT_EQ(0770u, qxt::file_mode("/dev/cpuset/Domain_A"));
     EXPECT_EQ(0770u, qxt::file_mode("/dev/cpuacct/Domain_A"));
     EXPECT_EQ(last_cpu(), first_line(cpuset_file("/dev/cpuset/Domain_A", "cpus")));
@@ -455,10 +439,9 @@ TEST_F(CreateDomainTest, MissingCpuacctHierarchyFailsEveryCreationAtMkdir) {
 
     for (const char *name : {"Domain_A", "Domain_B"}) {
         EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_CreateDomain(name)) << name;
-        EXPECT_TRUE(log.has_error(qxt::format("[RT_Impl][Err] Can't mkdir /dev/cpuacct/%s, "
-                                              "errno=%s.\n",
-                                              name, errno_text(ENOENT).c_str())))
-            << log.dump();
+        QXT_EXPECT_ERROR(log, qxt::format("[RT_Impl][Err] Can't mkdir /dev/cpuacct/%s, "
+                              "errno=%s.\n",
+                              name, errno_text(ENOENT).c_str()));
         EXPECT_FALSE(segment_exists(name)) << name;
         EXPECT_FALSE(qxt::file_exists(std::string("/dev/cpuset/") + name)) << name;
     }
@@ -467,11 +450,8 @@ TEST_F(CreateDomainTest, MissingCpuacctHierarchyFailsEveryCreationAtMkdir) {
 
 TEST_F(CreateDomainTest, UnknownDomainFailsAtTheParseAndLeavesNoSegment) {
     init_with(config_of({rr_domain("Domain_A", 100, "0")}));
-    EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_CreateDomain("Domain_Nope"));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] Failed to parse Json at "
-                              "[/vendor/etc/realtime/rt-domains.json].\n"))
-        << log.dump();
-    EXPECT_FALSE(segment_exists("Domain_Nope"));
+    expect_creation_refused("Domain_Nope", RT_ERR_INVALID_PARAM,
+        "[RT_Impl][Err] Failed to parse Json at [/vendor/etc/realtime/rt-domains.json].\n");
     EXPECT_FALSE(qxt::file_exists("/dev/cpuset/Domain_Nope"));
     EXPECT_EQ(0u, pstTop->u32DomainMapNum);
 }

@@ -4,9 +4,9 @@
 #include <sys/stat.h>
 #include <sys/sysinfo.h>
 
-#include "domain_suite.h"
+#include "domains_support.h"
 
-using namespace qxt_domains;
+using namespace qxt;
 
 namespace {
 
@@ -15,7 +15,8 @@ const char kFlockPath[] = "/data/vendor/realtime/flock_rt_Domain_A";
 class DeleteDomainTest : public DomainTest {
 protected:
     void create_a() {
-        init_with(config_of({rr_domain("Domain_A", 100, std::to_string(get_nprocs() - 1), 10, 20),
+        init_with(config_of({rr_domain("Domain_A", 100, std::to_string(get_nprocs() - 1),
+                                       {{"Class_Rr", 10, 20}}),
                              rr_domain("Domain_B", 100, "0"), rr_domain("Domain_C", 100, "0")}));
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_A")) << log.dump();
     }
@@ -25,6 +26,11 @@ protected:
         int32_t left = 0;
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_QueryBudget("Domain_A", &util, &left)) << log.dump();
         ASSERT_TRUE(qxt::file_exists(kFlockPath));
+    }
+    // What the deletion says of the flock file: level "Info" or "Err", and how the unlink went.
+    static std::string flock_unlink_line(const char *level, const char *outcome, int err) {
+        return qxt::format("[RT_Impl][%s] [QX_REALTIME_DeleteDomain] unlink %s %s, errno=%s\n",
+                           level, kFlockPath, outcome, errno_text(err).c_str());
     }
 };
 
@@ -40,10 +46,9 @@ TEST_F(DeleteDomainTest, DeletionRemovesTheMappingTheSegmentAndTheFlockFile) {
     EXPECT_EQ(0u, pstTop->u32DomainMapNum);
     EXPECT_FALSE(is_mapped(mapping));
     // Seen at the error level on purpose.
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_DeleteDomain] unlink "
-                              "/data/vendor/realtime/flock_rt_Domain_A success\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_DeleteDomain] exit, OK.\n")) << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_DeleteDomain] unlink "
+                          "/data/vendor/realtime/flock_rt_Domain_A success\n");
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_DeleteDomain] exit, OK.\n");
     // The control groups stay.
     EXPECT_TRUE(qxt::file_exists("/dev/cpuset/Domain_A"));
     EXPECT_TRUE(qxt::file_exists("/dev/cpuacct/Domain_A"));
@@ -55,8 +60,7 @@ TEST_F(DeleteDomainTest, DeletingTwiceReportsTheMissingDomain) {
     log.clear();
 
     EXPECT_EQ((int32_t)RT_ERR_NULL, QX_REALTIME_DeleteDomain("Domain_A"));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_DeleteDomain] pstDomain is NULL.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_DeleteDomain] pstDomain is NULL.\n");
     EXPECT_EQ(0, log.count_containing("unlink")) << log.dump();
 }
 
@@ -67,11 +71,7 @@ TEST_F(DeleteDomainTest, DeletionOfADomainWhoseFlockFileIsGoneLogsThatItWasUnlin
     log.clear();
 
     EXPECT_EQ((int32_t)RT_SUCCESS, QX_REALTIME_DeleteDomain("Domain_A"));
-    EXPECT_TRUE(log.has_info(qxt::format("[RT_Impl][Info] [QX_REALTIME_DeleteDomain] unlink "
-                                         "/data/vendor/realtime/flock_rt_Domain_A has been "
-                                         "unlinked, errno=%s\n",
-                                         errno_text(ENOENT).c_str())))
-        << log.dump();
+    QXT_EXPECT_INFO(log, flock_unlink_line("Info", "has been unlinked", ENOENT));
     EXPECT_FALSE(segment_exists("Domain_A"));
 }
 
@@ -80,11 +80,7 @@ TEST_F(DeleteDomainTest, FlockFileThatCannotBeRemovedIsReportedAndTheDeletionSuc
     ASSERT_EQ(0, mkdir(kFlockPath, 0700));  // unlink refuses a directory
 
     EXPECT_EQ((int32_t)RT_SUCCESS, QX_REALTIME_DeleteDomain("Domain_A"));
-    EXPECT_TRUE(log.has_error(qxt::format("[RT_Impl][Err] [QX_REALTIME_DeleteDomain] unlink "
-                                          "/data/vendor/realtime/flock_rt_Domain_A fails, "
-                                          "errno=%s\n",
-                                          errno_text(EISDIR).c_str())))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, flock_unlink_line("Err", "fails", EISDIR));
     EXPECT_FALSE(segment_exists("Domain_A"));
 }
 
@@ -129,7 +125,7 @@ TEST_F(DeleteDomainTest, DeletedDomainCanBeCreatedAgainWithoutCountingItTwice) {
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_A")) << log.dump();
     EXPECT_FALSE(log.has_info("[RT_Impl][Info] [QX_REALTIME_CreateDomain]: Domain [Domain_A] is "
                               "already created, skipped.\n"));
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [Domain_A] existed in central data\n")) << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][Info] [Domain_A] existed in central data\n");
     EXPECT_TRUE(segment_exists("Domain_A"));
     EXPECT_EQ(1, pstTop->pstCentral->s32DomainNum);
     EXPECT_EQ(100, pstTop->pstCentral->s32UtilTotal);

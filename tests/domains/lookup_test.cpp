@@ -4,9 +4,9 @@
 #include <sys/file.h>
 #include <sys/syscall.h>
 
-#include "domain_suite.h"
+#include "domains_support.h"
 
-using namespace qxt_domains;
+using namespace qxt;
 
 namespace {
 
@@ -42,11 +42,10 @@ TEST_F(LookupTest, LookingUpTheSameDomainTwiceMapsItOnce) {
     EXPECT_EQ(first, pstTop->astDomainMap[0].pvDomainAddr);
     EXPECT_STREQ("Domain_1", first->szName);
     EXPECT_EQ(1, log.count_containing("shm exists. mmap=")) << log.dump();
-    EXPECT_TRUE(log.has_info(qxt::format(
+    QXT_EXPECT_INFO(log, qxt::format(
         "[RT_Impl][Info] [_QX_REALTIME_GetDomainFromName][PID=%d][TID=%ld] shm exists. mmap=%p, "
         "s32ShmFd=%d\n",
-        getpid(), (long)syscall(SYS_gettid), (void *)first, pstTop->astDomainMap[0].s32ShmFd)))
-        << log.dump();
+        getpid(), (long)syscall(SYS_gettid), (void *)first, pstTop->astDomainMap[0].s32ShmFd));
     // The flock files are opened, not locked: another process can take the lock.
     EXPECT_EQ(0, qxt::run_in_child([] {
         int fd = open("/data/vendor/realtime/flock_rt_Domain_1", O_RDWR);
@@ -62,7 +61,7 @@ TEST_F(LookupTest, UnknownDomainReturnsNullAndPrintsNothing) {
     int fds_before = open_fd_count();
     int32_t flock_fd = -1;
     EXPECT_EQ(nullptr, _QX_REALTIME_GetDomainFromName("Domain_Nope", &flock_fd));
-    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    QXT_EXPECT_SILENT(log);
     EXPECT_EQ(fds_before, open_fd_count());
     EXPECT_FALSE(qxt::file_exists("/data/vendor/realtime/flock_rt_Domain_Nope"));
     EXPECT_EQ(0u, pstTop->u32DomainMapNum);
@@ -100,9 +99,8 @@ TEST_F(LookupTest, NinthDistinctDomainIsRefusedWithoutWritingPastTheTable) {
 
     int32_t flock_fd = -5;
     EXPECT_EQ(nullptr, _QX_REALTIME_GetDomainFromName("Domain_9", &flock_fd));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_GetDomainFromName] Can't map domain "
-                              "[Domain_9]: this process maps at most 8 domains.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_GetDomainFromName] Can't map domain "
+                          "[Domain_9]: this process maps at most 8 domains.\n");
     EXPECT_EQ(0, memcmp(&before, pstTop, sizeof(before))) << "the table is unchanged";
     EXPECT_EQ(fds_before, open_fd_count()) << "the segment's descriptor is closed again";
     EXPECT_EQ(-5, flock_fd);
@@ -125,17 +123,15 @@ TEST_F(LookupTest, AllDomainNamesWithNullBufferOnlyLogs) {
     log.clear();
 
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_GetAllDomainName(nullptr, 192));
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] ==================================\n")) << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] Total Used Util for all processes=30\n")) << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][Info] ==================================\n");
+    QXT_EXPECT_INFO(log, "[RT_Impl][Info] Total Used Util for all processes=30\n");
     EXPECT_EQ(0, log.count_containing("Domain_1")) << log.dump();
     EXPECT_EQ(0, log.count_containing("[RT_Impl][Err]")) << log.dump();
 }
 
 class AllDomainNamesTest : public LookupTest {
 protected:
-    void SetUp() override {
-        LookupTest::SetUp();
-        if (IsSkipped()) return;
+    void SetUpInSandbox() override {
         init_with(config_of({rr_domain("Domain_First", 10, "0"), rr_domain("Domain_Second", 20, "0"),
                              rr_domain("Domain_Third", 30, "0")}));
         for (const char *name : {"Domain_First", "Domain_Second", "Domain_Third"})
@@ -160,12 +156,10 @@ TEST_F(AllDomainNamesTest, ThreeDomainsInABufferOfTwoSlotsCopyTwoAndReportTheOve
     EXPECT_TRUE(slot_padded(1));
     for (int i = 128; i < 192; i++) ASSERT_EQ((char)0xAA, buffer[i]) << i;
     // This message has no line end.
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_GetAllDomainName] Buffer overflows: "
-                              "outlen=128, bufsize=128"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_GetAllDomainName] Buffer overflows: "
+                          "outlen=128, bufsize=128");
     // Every domain up to the one that did not fit is listed.
-    EXPECT_TRUE(log.has_info(qxt::format("[RT_Impl][Info] %-30s=%6d\n", "Domain_Third", 30)))
-        << log.dump();
+    QXT_EXPECT_INFO(log, qxt::format("[RT_Impl][Info] %-30s=%6d\n", "Domain_Third", 30));
 }
 
 TEST_F(AllDomainNamesTest, ThreeDomainsInThreeSlotsAreAllCopied) {
@@ -174,7 +168,7 @@ TEST_F(AllDomainNamesTest, ThreeDomainsInThreeSlotsAreAllCopied) {
     EXPECT_EQ("Domain_Second", slot(1));
     EXPECT_EQ("Domain_Third", slot(2));
     for (int i = 0; i < 3; i++) EXPECT_TRUE(slot_padded(i)) << i;
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] Total Used Util for all processes=60\n")) << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][Info] Total Used Util for all processes=60\n");
     EXPECT_TRUE(log.has_info(qxt::format("[RT_Impl][Info] %-30s=%6d\n", "Domain_First", 10)));
     EXPECT_TRUE(log.has_info(qxt::format("[RT_Impl][Info] %-30s=%6d\n", "Domain_Second", 20)));
     EXPECT_TRUE(log.has_info(qxt::format("[RT_Impl][Info] %-30s=%6d\n", "Domain_Third", 30)));
@@ -205,8 +199,7 @@ TEST_F(LookupTest, AllDomainNamesWithoutCentralDataReturnsTheAttachResult) {
     char buffer[64];
     memset(buffer, 0xAA, sizeof(buffer));
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_GetAllDomainName(buffer, sizeof(buffer)));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] Did you forget to invoke QX_REALTIME_Init()?\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] Did you forget to invoke QX_REALTIME_Init()?\n");
     for (char c : buffer) ASSERT_EQ((char)0xAA, c);
 }
 
@@ -232,11 +225,9 @@ std::string program_name() {
 
 class DomainInfoTest : public LookupTest {
 protected:
-    void SetUp() override {
-        LookupTest::SetUp();
-        if (IsSkipped()) return;
-        init_with(config_of({rr_domain("Domain_A", 100, "0-1", 10, 10, "Class_Listed"),
-                             rr_domain("Domain_B", 100, "0-1", 10, 10, "Class_Other")}));
+    void SetUpInSandbox() override {
+        init_with(config_of({rr_domain("Domain_A", 100, "0-1", {{"Class_Listed", 10, 10}}),
+                             rr_domain("Domain_B", 100, "0-1", {{"Class_Other", 10, 10}})}));
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_A"));
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_B"));
     }
@@ -312,9 +303,8 @@ TEST_F(DomainInfoTest, ThreadWithoutProcessIdIsListedByItsOwnName) {
     std::string comm = qxt::read_file(qxt::format("/proc/%d/comm", (int)thread.tid()));
     ASSERT_FALSE(comm.empty());
     comm.pop_back();
-    EXPECT_TRUE(log.has_error(qxt::format("[RT_Impl][Err] [%5d]%-16s %s\n", (int)thread.tid(),
-                                          comm.c_str(), "Class_Listed")))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, qxt::format("[RT_Impl][Err] [%5d]%-16s %s\n", (int)thread.tid(),
+                          comm.c_str(), "Class_Listed"));
 }
 
 TEST_F(DomainInfoTest, ExitedThreadWithoutProcessIdEndsTheListing) {

@@ -7,9 +7,9 @@
 
 #include <thread>
 
-#include "domain_suite.h"
+#include "domains_support.h"
 
-using namespace qxt_domains;
+using namespace qxt;
 
 namespace {
 
@@ -59,7 +59,7 @@ TEST_F(SchedAttrTest, RoundRobinPrioritiesZeroAndHundredAreRefusedWithoutASystem
         Records records(RT_SCHED_TYPE_RR, priority);
         EXPECT_EQ(RT_ERR_INVALID_PARAM,
                   _QX_REALTIME_SetSchedAttr(&records.domain, &records.cls, nullptr, gone, 0));
-        EXPECT_TRUE(log.has_error(invalid_priority(priority))) << log.dump();
+        QXT_EXPECT_ERROR(log, invalid_priority(priority));
         EXPECT_EQ(RT_ERR_INVALID_PARAM, _QX_REALTIME_SetSchedAttr(&records.domain, &records.cls,
                                                                   nullptr, thread.tid(), 0));
     }
@@ -109,13 +109,12 @@ TEST_F(SchedAttrTest, RuntimeAbove2147483UsWrapsAndTheKernelRefusesIt) {
     // 3000000 x 1000 taken as a signed 32-bit number, then sign-extended.
     uint64_t wrapped = (uint64_t)(int64_t)(int32_t)(uint32_t)3000000000u;
     EXPECT_EQ(18446744072414584320ull, wrapped);
-    EXPECT_TRUE(log.has_error(qxt::format(
+    QXT_EXPECT_ERROR(log, qxt::format(
         "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr] _QX_REALTMIE_SchedSetAttr failed to set the "
         "sched for pid=%d, policy=6, priority=0, runtime=%llu, deadline=%llu, period=%llu, "
         "errno=%s\n",
         (int)thread.tid(), (unsigned long long)wrapped, (unsigned long long)wrapped,
-        (unsigned long long)wrapped, errno_text(EINVAL).c_str())))
-        << log.dump();
+        (unsigned long long)wrapped, errno_text(EINVAL).c_str()));
     EXPECT_EQ(0u, qxt::sched_of(thread.tid()).policy) << "the former attributes stay";
 }
 
@@ -174,10 +173,9 @@ TEST_F(ControlFileTest, NumberIsWrittenInDecimal) {
 
 TEST_F(ControlFileTest, FileThatCannotBeOpenedIsReported) {
     EXPECT_EQ(RT_ERR_SYSTEM, _QX_WriteStrToPath("1", "/dev/shm/missing/probe"));
-    EXPECT_TRUE(log.has_error(qxt::format("[RT_Impl][Err] [_QX_WriteStrToPath] Can't open "
-                                          "/dev/shm/missing/probe, errno=%s\n",
-                                          errno_text(ENOENT).c_str())))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, qxt::format("[RT_Impl][Err] [_QX_WriteStrToPath] Can't open "
+                          "/dev/shm/missing/probe, errno=%s\n",
+                          errno_text(ENOENT).c_str()));
     EXPECT_EQ(RT_ERR_SYSTEM, _QX_WriteS32ToPath(1, "/dev/shm/missing/probe"));
 }
 
@@ -195,10 +193,9 @@ TEST_F(ControlFileTest, DeadThreadIdIsRefusedWhenTheFileIsClosed) {
     pid_t gone = dead_pid();
     for (const char *tasks : {"/dev/cpuset/tasks", "/dev/cpuacct/tasks"}) {
         EXPECT_EQ(RT_ERR_SYSTEM, _QX_WriteS32ToPath(gone, tasks));
-        EXPECT_TRUE(log.has_error(qxt::format("[RT_Impl][Err] [_QX_WriteStrToPath] Can't close "
-                                              "%s, errno=%s.\n",
-                                              tasks, errno_text(ESRCH).c_str())))
-            << log.dump();
+        QXT_EXPECT_ERROR(log, qxt::format("[RT_Impl][Err] [_QX_WriteStrToPath] Can't close "
+                              "%s, errno=%s.\n",
+                              tasks, errno_text(ESRCH).c_str()));
     }
 }
 
@@ -210,7 +207,7 @@ protected:
     void create_domain() {
         all_cpus = qxt::format("0-%d", get_nprocs() - 1);
         if (get_nprocs() == 1) all_cpus = "0";
-        init_with(config_of({rr_domain("Domain_A", 100, all_cpus, 10, 10)}));
+        init_with(config_of({rr_domain("Domain_A", 100, all_cpus, {{"Class_Rr", 10, 10}})}));
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_A")) << log.dump();
         domain = _QX_REALTIME_GetDomainFromName("Domain_A", nullptr);
         ASSERT_NE(nullptr, domain);
@@ -230,7 +227,7 @@ TEST_F(OverrideTest, UnsetPropertyLeavesTheDomain) {
     EXPECT_EQ(all_cpus, domain->pszCpuset);
     EXPECT_EQ(get_nprocs(), domain->s32CpuNum);
     EXPECT_EQ(all_cpus, first_line(cpus_file));
-    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    QXT_EXPECT_SILENT(log);
 }
 
 TEST_F(OverrideTest, ValueBeginningWithZeroLeavesTheDomain) {
@@ -241,7 +238,7 @@ TEST_F(OverrideTest, ValueBeginningWithZeroLeavesTheDomain) {
         EXPECT_EQ(all_cpus, domain->pszCpuset) << value;
         EXPECT_EQ(all_cpus, first_line(cpus_file)) << value;
     }
-    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    QXT_EXPECT_SILENT(log);
 }
 
 TEST_F(OverrideTest, DirectCallWritesTheNewListForTheKernel) {
@@ -254,9 +251,8 @@ TEST_F(OverrideTest, DirectCallWritesTheNewListForTheKernel) {
     EXPECT_EQ(last, domain->pszCpuset);
     EXPECT_EQ(1, domain->s32CpuNum);
     EXPECT_EQ(1u << (get_nprocs() - 1), domain->u32CpuMask);
-    EXPECT_TRUE(log.has_info(qxt::format("[RT_Impl][Info] %s is reset to %s.\n", cpus_file.c_str(),
-                                         last.c_str())))
-        << log.dump();
+    QXT_EXPECT_INFO(log, qxt::format("[RT_Impl][Info] %s is reset to %s.\n", cpus_file.c_str(),
+                         last.c_str()));
     // The record is shared: every process sees the new list.
     EXPECT_EQ(last, qxt::map_domain_file("Domain_A")->pszCpuset);
 }
@@ -272,9 +268,8 @@ TEST_F(OverrideTest, NextAdmissionAppliesAChangedProperty) {
     qxt::set_property(kOverride, last);
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_A", "Class_Rr", second.tid(), 0)) << log.dump();
     EXPECT_EQ(last, first_line(cpus_file));
-    EXPECT_TRUE(log.has_info(qxt::format("[RT_Impl][Info] %s is reset to %s.\n", cpus_file.c_str(),
-                                         last.c_str())))
-        << log.dump();
+    QXT_EXPECT_INFO(log, qxt::format("[RT_Impl][Info] %s is reset to %s.\n", cpus_file.c_str(),
+                         last.c_str()));
     // Narrower than the machine now: the admitted thread is moved into the domain's cpuset.
     EXPECT_EQ("/Domain_A", qxt::cgroup_of(second.tid(), "cpuset"));
     EXPECT_TRUE(qxt::tasks_file_lists("/dev/cpuset/Domain_A/tasks", second.tid()));
@@ -303,11 +298,7 @@ TEST_F(OverrideTest, ListTheKernelRefusesStillChangesAndReparsesTheDomain) {
 
 class CpusetNamesTest : public DomainTest {
 protected:
-    void SetUp() override {
-        DomainTest::SetUp();
-        if (IsSkipped()) return;
-        ASSERT_EQ(0, mkdir(kDir, 0755));
-    }
+    void SetUpInSandbox() override { ASSERT_EQ(0, mkdir(kDir, 0755)); }
     // A domain record whose cpuset directory is a stand-in tree of our own.
     QX_REALTIME_DOMAIN_t standin_domain() {
         QX_REALTIME_DOMAIN_t domain;
@@ -368,8 +359,7 @@ TEST_F(CpusetNamesTest, OverrideWritesAndReportsThePlainFileOfAnAndroidTree) {
     EXPECT_STREQ("4-7", domain.pszCpuset);
     EXPECT_EQ(4, domain.s32CpuNum);
     EXPECT_EQ(0xF0u, domain.u32CpuMask);
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] /dev/shm/standin/cpus is reset to 4-7.\n"))
-        << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][Info] /dev/shm/standin/cpus is reset to 4-7.\n");
 }
 
 TEST_F(CpusetNamesTest, OverrideWritesAndReportsThePrefixedFileOfAHostTree) {
@@ -380,8 +370,7 @@ TEST_F(CpusetNamesTest, OverrideWritesAndReportsThePrefixedFileOfAHostTree) {
     _QX_REALTIME_Overwrite_Cpuset(&domain);
     EXPECT_EQ("1", qxt::read_file("/dev/shm/standin/cpuset.cpus"));
     EXPECT_FALSE(qxt::file_exists("/dev/shm/standin/cpus"));
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] /dev/shm/standin/cpuset.cpus is reset to 1.\n"))
-        << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][Info] /dev/shm/standin/cpuset.cpus is reset to 1.\n");
 }
 
 TEST_F(CpusetNamesTest, OverrideKeepsAtMostFifteenCharacters) {

@@ -6,9 +6,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "domain_suite.h"
+#include "domains_support.h"
 
-using namespace qxt_domains;
+using namespace qxt;
 
 namespace {
 
@@ -66,9 +66,8 @@ TEST_F(UntrustedFilesTest, DirectoryInPlaceOfADomainSegmentFailsTheCreation) {
     ASSERT_EQ(0, mkdir("/dev/shm/realtime/rt_Domain_A", 0770));
     log.clear();
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_CreateDomain("Domain_A"));
-    EXPECT_TRUE(log.has_error(
-        "[RT_Impl][Err] [QX_REALTIME_CreateDomain] shared memory initialization fails\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log,
+        "[RT_Impl][Err] [QX_REALTIME_CreateDomain] shared memory initialization fails\n");
     EXPECT_EQ(0, log.count_containing("is already created, skipped.")) << log.dump();
 }
 
@@ -77,10 +76,9 @@ TEST_F(UntrustedFilesTest, FifoInPlaceOfADomainSegmentFailsTheCreationAndIsRemov
     ASSERT_EQ(0, mkfifo("/dev/shm/realtime/rt_Domain_A", 0660));
     log.clear();
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_CreateDomain("Domain_A"));
-    EXPECT_TRUE(log.has_error(qxt::format("[RT_Impl][Err] [_QX_REALTIME_SharedMemoryAlloc] "
-                                          "ftruncate fails, errno=%s\n",
-                                          errno_text(EINVAL).c_str())))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, qxt::format("[RT_Impl][Err] [_QX_REALTIME_SharedMemoryAlloc] "
+                          "ftruncate fails, errno=%s\n",
+                          errno_text(EINVAL).c_str()));
     EXPECT_FALSE(qxt::file_exists("/dev/shm/realtime/rt_Domain_A"));
     // With the FIFO gone the domain is created as usual.
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_A"));
@@ -156,10 +154,9 @@ TEST_F(UntrustedFilesTest, RecordWithPlantedCgroupPathsIsRefused) {
         log.clear();
         qxt::TestThread t;
         EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_AddThread("Domain_A", "Class_Rr", t.tid(), 0));
-        EXPECT_TRUE(log.has_error(qxt::format("[RT_Impl][Err] [_QX_REALTIME_GetDomainFromName] "
-                                              "Domain [Domain_A] is corrupted (%s): refused.\n",
-                                              fields[i])))
-            << log.dump();
+        QXT_EXPECT_ERROR(log, qxt::format("[RT_Impl][Err] [_QX_REALTIME_GetDomainFromName] "
+                              "Domain [Domain_A] is corrupted (%s): refused.\n",
+                              fields[i]));
         EXPECT_EQ(0u, qxt::sched_of(t.tid()).policy);
         EXPECT_EQ("precious", qxt::read_file(f));
         memcpy(targets[i], saved, RT_PATH_LEN);

@@ -21,6 +21,13 @@ void install_level(int dbg_level) {
     qxt::install_config("frame", qxt::config_with(1, 1024, dbg_level, 80, 2, ""));
 }
 
+// The library initialised on DbgLevel dbg_level, which it maps to the internal level.
+void init_at(int dbg_level, uint32_t level) {
+    install_level(dbg_level);
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
+    ASSERT_EQ(level, _u32DbgLevel);
+}
+
 std::vector<std::string> rtlog_files() {
     std::vector<std::string> out;
     DIR *dir = opendir("/data/vendor/realtime");
@@ -52,7 +59,7 @@ void expect_silence_at(int dbg_level, uint32_t expected_level) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(2));
     RT_LOGE("[RT_Impl][Err] [%s] direct error\n", "test");
-    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    QXT_EXPECT_SILENT(log);
     EXPECT_EQ(before, qxt::read_file(file));
 }
 
@@ -84,10 +91,9 @@ TEST(DiagnosticsLog, Level241WithoutLogFileWritesOnlyToAndroidLog) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(2));
     EXPECT_EQ(1, log.count(QX_LOG_PRIO_ERROR, kUnknownMode)) << log.dump();
-    EXPECT_TRUE(log.has_info(qxt::format("[RT_Impl][DBG] [QX_REALTIME_Init] enter: pid=%d, tid=%s;\n",
-                                         getpid(), tid_text().c_str())))
-        << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_Init] exit, err=4.\n")) << log.dump();
+    QXT_EXPECT_INFO(log, qxt::format("[RT_Impl][DBG] [QX_REALTIME_Init] enter: pid=%d, tid=%s;\n",
+                         getpid(), tid_text().c_str()));
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_Init] exit, err=4.\n");
     EXPECT_EQ(nullptr, rtlog);
     EXPECT_TRUE(rtlog_files().empty());
 }
@@ -106,10 +112,10 @@ TEST(DiagnosticsLog, AttachingAtDbgLevel7GivesLevel241WithoutLogFile) {
     EXPECT_EQ(241u, _u32DbgLevel);
     EXPECT_EQ(nullptr, rtlog);
     EXPECT_EQ(1u, rtlog_files().size());
-    EXPECT_TRUE(log.has_info(qxt::format(
+    QXT_EXPECT_INFO(log,
+        qxt::format(
         "[RT_Impl][Info] [_QX_REALTIME_GetCentralShm][PID=%d][TID=%s] shm exists. mmap=%p, s32ShmFd=%d\n",
-        getpid(), tid_text().c_str(), (void *)pstTop->pstCentral, pstTop->s32ShmFd)))
-        << log.dump();
+        getpid(), tid_text().c_str(), (void *)pstTop->pstCentral, pstTop->s32ShmFd));
 }
 
 TEST(DiagnosticsLog, DbgLevel2And9AndNegativeAllGiveLevel32) {
@@ -138,9 +144,7 @@ TEST(DiagnosticsLog, ConfiguredDbgLevelMapsToInternalLevel) {
 
 TEST(DiagnosticsLog, InfoIsDroppedAndErrorDeliveredAtLevel48) {
     QXT_REQUIRE_SANDBOX();
-    install_level(3);
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
-    ASSERT_EQ(48u, _u32DbgLevel);
+    ASSERT_NO_FATAL_FAILURE(init_at(3, 48));
     LogCapture log;
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(2));
     RT_LOGI("[RT_Impl][Info] [%s] direct info\n", "test");
@@ -150,19 +154,16 @@ TEST(DiagnosticsLog, InfoIsDroppedAndErrorDeliveredAtLevel48) {
 
 TEST(DiagnosticsLog, Level64DeliversInfoAndDebugAtInfoPriorityWithoutTraceLine) {
     QXT_REQUIRE_SANDBOX();
-    install_level(4);
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
-    ASSERT_EQ(64u, _u32DbgLevel);
+    ASSERT_NO_FATAL_FAILURE(init_at(4, 64));
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
-    EXPECT_TRUE(log.has_info(qxt::format("[RT_Impl][DBG] [QX_REALTIME_Init] enter: pid=%d, tid=%s;\n",
-                                         getpid(), tid_text().c_str())))
-        << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [QX_REALTIME_Init] JsonPath is /vendor/etc/realtime/rt-frame.json\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [_QX_REALTIME_GetCapability] CapPerCore = 1024, Enable=1, DbgLevel=4\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_Init] exit, OK.\n")) << log.dump();
+    QXT_EXPECT_INFO(log, qxt::format("[RT_Impl][DBG] [QX_REALTIME_Init] enter: pid=%d, tid=%s;\n",
+                         getpid(), tid_text().c_str()));
+    QXT_EXPECT_INFO(log,
+        "[RT_Impl][Info] [QX_REALTIME_Init] JsonPath is /vendor/etc/realtime/rt-frame.json\n");
+    QXT_EXPECT_INFO(log,
+        "[RT_Impl][Info] [_QX_REALTIME_GetCapability] CapPerCore = 1024, Enable=1, DbgLevel=4\n");
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_Init] exit, OK.\n");
     EXPECT_EQ(0, log.count_containing(">>>")) << log.dump();
     for (const qxt::LogLine &line : log.lines()) {
         EXPECT_EQ("<QXT>", line.tag);
@@ -172,9 +173,7 @@ TEST(DiagnosticsLog, Level64DeliversInfoAndDebugAtInfoPriorityWithoutTraceLine) 
 
 TEST(DiagnosticsLog, TraceLineFollowsEntryMessageAtLevel240) {
     QXT_REQUIRE_SANDBOX();
-    install_level(6);
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
-    ASSERT_EQ(240u, _u32DbgLevel);
+    ASSERT_NO_FATAL_FAILURE(init_at(6, 240));
     LogCapture log;
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(2));
     std::vector<qxt::LogLine> lines = log.lines();
@@ -191,9 +190,7 @@ TEST(DiagnosticsLog, TraceLineFollowsEntryMessageAtLevel240) {
 
 TEST(DiagnosticsLog, LogFileAtDbgLevel7HoldsEveryMessageWhenTheCallReturns) {
     QXT_REQUIRE_SANDBOX();
-    install_level(7);
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
-    ASSERT_EQ(241u, _u32DbgLevel);
+    ASSERT_NO_FATAL_FAILURE(init_at(7, 241));
     ASSERT_NE(nullptr, rtlog);
     std::string file = own_log_file();
     ASSERT_TRUE(qxt::file_exists(file)) << file;
@@ -218,8 +215,8 @@ TEST(DiagnosticsLog, LogFileAtDbgLevel7HoldsEveryMessageWhenTheCallReturns) {
     EXPECT_EQ(after_init + expected_tail, content);
     // Both places at 241: the Android log got every message too, plus the trace line that has
     // no file form.
-    EXPECT_TRUE(log.has_error(kUnknownMode)) << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_Init] exit, err=4.\n")) << log.dump();
+    QXT_EXPECT_ERROR(log, kUnknownMode);
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_Init] exit, err=4.\n");
     EXPECT_EQ(1, log.count_containing(">>>")) << log.dump();
 }
 
@@ -242,8 +239,8 @@ TEST(DiagnosticsLog, SuppressedMessageEvaluatesNoArgument) {
     RT_LOGI("[RT_Impl][Info] [%s] %d\n", "test", counted_argument());
     RT_LOGE("[RT_Impl][Err] [%s] %d\n", "test", counted_argument());
     EXPECT_EQ(2, g_evaluations);
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [test] 1\n")) << log.dump();
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [test] 2\n")) << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][Info] [test] 1\n");
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [test] 2\n");
 }
 
 TEST(DiagnosticsLog, ErrorAndroidFormNamesFunctionAndStableLine) {

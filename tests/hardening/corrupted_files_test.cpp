@@ -19,7 +19,7 @@
 
 #include "hardening_support.h"
 
-using namespace hard;
+using namespace qxt;
 
 namespace {
 
@@ -83,7 +83,7 @@ std::string crash_report(const char *role) {
 // Directory listings without this suite's own stderr files.
 std::vector<std::string> listing(const char *dir) {
     std::vector<std::string> out;
-    for (const std::string &name : list_dir(dir))
+    for (const std::string &name : files_in(dir))
         if (name.rfind("hard_stderr_", 0) != 0) out.push_back(name);
     return out;
 }
@@ -359,22 +359,19 @@ void run_fields(const char *what, const std::string &path, const std::vector<Fie
 // dropped on the way out, so that the deadline tests running beside these are not starved.
 // Every case gets a private /tmp: the escaping names resolve into it, and its listing is compared
 // before and after without other runs on the machine changing it.
-class HardeningCorruptedFiles : public ::testing::Test {
+class HardeningCorruptedFiles : public qxt::SandboxTest {
 protected:
     void SetUp() override {
-        HARD_SKIP_UNDER_TSAN();
-        std::string why;
-        if (qxt::in_sandbox(&why)) {
-            ASSERT_EQ("", private_tmp());
-        }
+        QXT_SKIP_UNDER_TSAN();
+        SandboxTest::SetUp();
     }
+    void SetUpInSandbox() override { ASSERT_EQ("", private_tmp()); }
     void TearDown() override { rebuild_sched_domains(); }
 };
 
 }  // namespace
 
 TEST_F(HardeningCorruptedFiles, SegmentsTruncatedUnderAMappedProcess) {
-    QXT_REQUIRE_SANDBOX();
     install(2);
     double t0 = now_s();
     int cases = 0, crashes = 0;
@@ -388,7 +385,6 @@ TEST_F(HardeningCorruptedFiles, SegmentsTruncatedUnderAMappedProcess) {
 }
 
 TEST_F(HardeningCorruptedFiles, SegmentsReplacedBySymlinksToAForeignFile) {
-    QXT_REQUIRE_SANDBOX();
     install(2);
     ASSERT_EQ("", private_tmp());
     double t0 = now_s();
@@ -433,7 +429,6 @@ TEST_F(HardeningCorruptedFiles, SegmentsReplacedBySymlinksToAForeignFile) {
 }
 
 TEST_F(HardeningCorruptedFiles, DirectoryOrFifoInPlaceOfASegmentMakesCreationFail) {
-    QXT_REQUIRE_SANDBOX();
     install(2);
     double t0 = now_s();
     int cases = 0, crashes = 0;
@@ -463,7 +458,6 @@ TEST_F(HardeningCorruptedFiles, DirectoryOrFifoInPlaceOfASegmentMakesCreationFai
 }
 
 TEST_F(HardeningCorruptedFiles, NameClimbingOutOfTheDirectoriesTouchesNothing) {
-    QXT_REQUIRE_SANDBOX();
     install(2);
     ASSERT_EQ("", private_tmp());
     ASSERT_EQ("", reset({kRr, kDl}));
@@ -523,7 +517,6 @@ TEST_F(HardeningCorruptedFiles, NameClimbingOutOfTheDirectoriesTouchesNothing) {
 }
 
 TEST_F(HardeningCorruptedFiles, CgroupPathsOfARecordAimedAtAForeignFile) {
-    QXT_REQUIRE_SANDBOX();
     install(2);
     ASSERT_EQ("", private_tmp());
     double t0 = now_s();
@@ -549,7 +542,6 @@ TEST_F(HardeningCorruptedFiles, CgroupPathsOfARecordAimedAtAForeignFile) {
 }
 
 TEST_F(HardeningCorruptedFiles, ExtremeValuesInCentralRecord) {
-    QXT_REQUIRE_SANDBOX();
     run_fields("central record", kGlobalPath,
                {CENTRAL_FIELD(s32BudgetCpuNum), CENTRAL_FIELD(s32UtilTotal), CENTRAL_FIELD(s32CapPerCore),
                 CENTRAL_FIELD(s32UtilReservation), CENTRAL_FIELD(s32DbgLevel), CENTRAL_FIELD(u8Enabled),
@@ -558,7 +550,6 @@ TEST_F(HardeningCorruptedFiles, ExtremeValuesInCentralRecord) {
 }
 
 TEST_F(HardeningCorruptedFiles, ExtremeValuesInDomainRecord) {
-    QXT_REQUIRE_SANDBOX();
     run_fields("domain record", kRrPath,
                {DOMAIN_FIELD(s32NextOffset), DOMAIN_FIELD(s32ClassStartOffset), DOMAIN_FIELD(s32ClassNum),
                 DOMAIN_FIELD(s32ThreadStartOffset), DOMAIN_FIELD(s32ThreadNum), DOMAIN_FIELD(s32UtilMax),
@@ -570,7 +561,6 @@ TEST_F(HardeningCorruptedFiles, ExtremeValuesInDomainRecord) {
 }
 
 TEST_F(HardeningCorruptedFiles, ExtremeValuesInClassRecord) {
-    QXT_REQUIRE_SANDBOX();
     run_fields("class record", kRrPath,
                {CLASS_FIELD(s32ClassId), CLASS_FIELD(s32Util), CLASS_FIELD(s32RtPriority),
                 CLASS_FIELD(s32DlDeadlineUs), CLASS_FIELD(s32DlRuntimeUs), CLASS_FIELD(s32DlPeriodUs)},
@@ -578,7 +568,6 @@ TEST_F(HardeningCorruptedFiles, ExtremeValuesInClassRecord) {
 }
 
 TEST_F(HardeningCorruptedFiles, ExtremeValuesInThreadRecord) {
-    QXT_REQUIRE_SANDBOX();
     // The first slot holds the foreign thread admitted by the case's setup.
     run_fields("thread record", kRrPath,
                {THREAD_FIELD(ThreadIdx), THREAD_FIELD(ClassIdx), THREAD_FIELD(Alive), THREAD_FIELD(ProcessID),
@@ -588,7 +577,6 @@ TEST_F(HardeningCorruptedFiles, ExtremeValuesInThreadRecord) {
 }
 
 TEST_F(HardeningCorruptedFiles, NameAndPathFieldsWithoutTerminator) {
-    QXT_REQUIRE_SANDBOX();
     install(2);
     double t0 = now_s();
     int cases = 0, crashes = 0;
@@ -629,7 +617,6 @@ TEST_F(HardeningCorruptedFiles, NameAndPathFieldsWithoutTerminator) {
 }
 
 TEST_F(HardeningCorruptedFiles, RandomBytesOverWholeSegments) {
-    QXT_REQUIRE_SANDBOX();
     install(2);
     double t0 = now_s();
     // Fewer in sanitizer builds and under an emulator, where every run is many times slower.
@@ -662,7 +649,6 @@ TEST_F(HardeningCorruptedFiles, RandomBytesOverWholeSegments) {
 // lookup fails as for an unknown domain (RT_ERR_NULL) with an error message, and a refused
 // segment is not written (a file cut short may be brought back to size, never past it).
 TEST_F(HardeningCorruptedFiles, UnusableSegmentMakesTheLookupFail) {
-    QXT_REQUIRE_SANDBOX();
     install(2);
     ASSERT_EQ("", private_tmp());
     double t0 = now_s();

@@ -11,7 +11,7 @@
 
 #include "hardening_support.h"
 
-using namespace hard;
+using namespace qxt;
 
 namespace {
 
@@ -165,26 +165,26 @@ void run_name_cases(bool with_state) {
 
 // Deadline bandwidth is one pool for the whole machine: whatever a failing case left booked is
 // dropped on the way out, so that the deadline tests running beside these are not starved.
-class HardeningHostileArgs : public ::testing::Test {
+class HardeningHostileArgs : public qxt::SandboxTest {
 protected:
-    void SetUp() override { HARD_SKIP_UNDER_TSAN(); }
+    void SetUp() override {
+        QXT_SKIP_UNDER_TSAN();
+        SandboxTest::SetUp();
+    }
     void TearDown() override { rebuild_sched_domains(); }
 };
 
 }  // namespace
 
 TEST_F(HardeningHostileArgs, DomainNamesOnEveryNameTakingOperation) {
-    QXT_REQUIRE_SANDBOX();
     run_name_cases(true);
 }
 
 TEST_F(HardeningHostileArgs, InvalidDomainNamesAreRefusedBeforeAnyFileEvenWithoutInit) {
-    QXT_REQUIRE_SANDBOX();
     run_name_cases(false);
 }
 
 TEST_F(HardeningHostileArgs, ClassNamesAndPointerArguments) {
-    QXT_REQUIRE_SANDBOX();
     install(2);
     ASSERT_EQ("", reset({kRr, kDl}));
     double t0 = now_s();
@@ -222,6 +222,17 @@ TEST_F(HardeningHostileArgs, ClassNamesAndPointerArguments) {
     auto expect_code = [](const char *what, uint32_t rc, uint32_t want) {
         return rc == want ? std::string() : qxt::format("%s returned %u, not %u\n", what, rc, want);
     };
+    // GetAllDomainName into a buffer it is told holds size bytes: refused, and nothing written
+    // from byte size on.
+    auto names_into = [&](uint32_t size, const char *overrun) {
+        return [=] {
+            std::vector<char> buf(64 * RT_MAX_DOMAIN, 'z');
+            uint32_t rc = QX_REALTIME_GetAllDomainName(buf.data(), size);
+            std::string out = expect_code("GetAllDomainName", rc, RT_ERR_SYSTEM);
+            if (buf[size] != 'z') out += overrun;
+            return out;
+        };
+    };
     std::vector<Call> calls = {
         {"QueryBudget(NULL util)",
          [&] {
@@ -252,22 +263,8 @@ TEST_F(HardeningHostileArgs, ClassNamesAndPointerArguments) {
          [&] { return expect_code("GetAllDomainName", QX_REALTIME_GetAllDomainName(nullptr, 0), RT_SUCCESS); }},
         {"GetAllDomainName(NULL, 4096)",
          [&] { return expect_code("GetAllDomainName", QX_REALTIME_GetAllDomainName(nullptr, 4096), RT_SUCCESS); }},
-        {"GetAllDomainName(buffer, 0)",
-         [&] {
-             std::vector<char> buf(64 * RT_MAX_DOMAIN, 'z');
-             uint32_t rc = QX_REALTIME_GetAllDomainName(buf.data(), 0);
-             std::string out = expect_code("GetAllDomainName", rc, RT_ERR_SYSTEM);
-             if (buf[0] != 'z') out += "GetAllDomainName wrote into a buffer of size 0\n";
-             return out;
-         }},
-        {"GetAllDomainName(buffer, 64)",
-         [&] {
-             std::vector<char> buf(64 * RT_MAX_DOMAIN, 'z');
-             uint32_t rc = QX_REALTIME_GetAllDomainName(buf.data(), 64);
-             std::string out = expect_code("GetAllDomainName", rc, RT_ERR_SYSTEM);
-             if (buf[64] != 'z') out += "GetAllDomainName wrote past 64 bytes\n";
-             return out;
-         }},
+        {"GetAllDomainName(buffer, 0)", names_into(0, "GetAllDomainName wrote into a buffer of size 0\n")},
+        {"GetAllDomainName(buffer, 64)", names_into(64, "GetAllDomainName wrote past 64 bytes\n")},
         {"DmipsToUs(NULL)", [&] { return expect_code("DmipsToUs", QX_REALTIME_DmipsToUs(10, nullptr), RT_ERR_NULL); }},
         {"DmipsToUs(UINT32_MAX)",
          [&] {
@@ -313,7 +310,6 @@ TEST_F(HardeningHostileArgs, ClassNamesAndPointerArguments) {
 
 // Negative, INT_MIN, dead and foreign thread ids on every thread operation.
 TEST_F(HardeningHostileArgs, ThreadIds) {
-    QXT_REQUIRE_SANDBOX();
     install(2);
     double t0 = now_s();
     int cases = 0, crashes = 0;
@@ -383,7 +379,6 @@ TEST_F(HardeningHostileArgs, ThreadIds) {
 // Thread id 0 means the calling thread and is used as given: this only shows that the calls end
 // with a code, in a child that is thrown away afterwards.
 TEST_F(HardeningHostileArgs, ThreadIdZeroIsTheCallerAndEndsWithACode) {
-    QXT_REQUIRE_SANDBOX();
     install(2);
     ASSERT_EQ("", reset({kRr, kDl}));
     for (const char *domain : {kRr, kDl}) {
@@ -408,7 +403,6 @@ TEST_F(HardeningHostileArgs, ThreadIdZeroIsTheCallerAndEndsWithACode) {
 // Every combination of INT_MIN, -1, 0 and INT_MAX in the four words of the utilisation record,
 // through the budget query, the unchecked admission and the update, in both domains.
 TEST_F(HardeningHostileArgs, ExtremeUtilisationRecords) {
-    QXT_REQUIRE_SANDBOX();
     install(0);
     ASSERT_EQ("", reset({kRr, kDl}));
     double t0 = now_s();

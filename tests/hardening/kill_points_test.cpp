@@ -22,7 +22,7 @@
 
 #include "hardening_support.h"
 
-using namespace hard;
+using namespace qxt;
 
 namespace {
 

@@ -5,9 +5,9 @@
 
 #include <vector>
 
-#include "lifecycle_helpers.h"
+#include "lifecycle_support.h"
 
-using lifecycle::system_config;
+using qxt::system_config;
 
 namespace {
 
@@ -19,7 +19,7 @@ struct Seen {
 std::vector<Seen> g_seen;
 
 void observing_logger(int, const char *, const char *message) {
-    g_seen.push_back(Seen{message, lifecycle::process_mutex_is_free(), lifecycle::central_lock_is_free()});
+    g_seen.push_back(Seen{message, qxt::process_mutex_is_free(), qxt::central_lock_is_free()});
 }
 
 // Runs fn with the observing logger and returns what it saw for the messages containing text.
@@ -36,8 +36,9 @@ std::vector<Seen> observe(const std::function<void()> &fn, const std::string &te
 
 }  // namespace
 
-TEST(CallFrame, InitExitMessageIsWrittenAfterLockFileAndMutexAreReleased) {
-    QXT_REQUIRE_SANDBOX();
+using CallFrame = qxt::SandboxTest;
+
+TEST_F(CallFrame, InitExitMessageIsWrittenAfterLockFileAndMutexAreReleased) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 4));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     for (uint32_t mode : {0u, 2u}) {
@@ -56,18 +57,16 @@ TEST(CallFrame, InitExitMessageIsWrittenAfterLockFileAndMutexAreReleased) {
     EXPECT_FALSE(inner[0].lock_free);
 }
 
-TEST(CallFrame, InitFailingBeforeLockFileWritesExitMessageWhileMutexIsHeld) {
-    QXT_REQUIRE_SANDBOX();
-    ASSERT_EQ(0, mkdir(lifecycle::central_lock_path(), 0755));
+TEST_F(CallFrame, InitFailingBeforeLockFileWritesExitMessageWhileMutexIsHeld) {
+    ASSERT_EQ(0, mkdir(qxt::central_lock_path(), 0755));
     _u32DbgLevel = 64;
     std::vector<Seen> exits = observe([] { QX_REALTIME_Init(0); }, "[QX_REALTIME_Init] exit, err=12.");
     ASSERT_EQ(1u, exits.size());
     EXPECT_FALSE(exits[0].mutex_free);
-    EXPECT_TRUE(lifecycle::process_mutex_is_free());
+    EXPECT_TRUE(qxt::process_mutex_is_free());
 }
 
-TEST(CallFrame, DeinitExitMessageIsWrittenAfterLockFileAndMutexAreReleased) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(CallFrame, DeinitExitMessageIsWrittenAfterLockFileAndMutexAreReleased) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 4));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     std::vector<Seen> seen = observe([] { QX_REALTIME_Deinit(); }, "[QX_REALTIME_Deinit]");

@@ -2,11 +2,11 @@
 #include <signal.h>
 #include <sys/wait.h>
 
-#include "lifecycle_helpers.h"
+#include "lifecycle_support.h"
 
-using lifecycle::central_path;
-using lifecycle::system_config;
-using lifecycle::tid_text;
+using qxt::central_path;
+using qxt::system_config;
+using qxt::tid_text;
 using qxt::LogCapture;
 
 namespace {
@@ -52,8 +52,9 @@ uint32_t level_of_fresh_attacher() {
 
 }  // namespace
 
-TEST(Deinit, RemovesCentralSegmentAndLockFile) {
-    QXT_REQUIRE_SANDBOX();
+using Deinit = qxt::SandboxTest;
+
+TEST_F(Deinit, RemovesCentralSegmentAndLockFile) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 4));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     ASSERT_TRUE(qxt::file_exists(central_path()));
@@ -61,47 +62,43 @@ TEST(Deinit, RemovesCentralSegmentAndLockFile) {
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_Deinit());
     EXPECT_EQ(nullptr, pstTop);
     EXPECT_FALSE(qxt::file_exists(central_path()));
-    EXPECT_FALSE(qxt::file_exists(lifecycle::central_lock_path()));
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Global success\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [QX_REALTIME_Deinit] unlink /data/vendor/realtime/flock_rt_Global success\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_Deinit] exit, OK.\n")) << log.dump();
-    EXPECT_TRUE(lifecycle::process_mutex_is_free());
+    EXPECT_FALSE(qxt::file_exists(qxt::central_lock_path()));
+    QXT_EXPECT_INFO(log,
+        "[RT_Impl][Info] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Global success\n");
+    QXT_EXPECT_INFO(log,
+        "[RT_Impl][Info] [QX_REALTIME_Deinit] unlink /data/vendor/realtime/flock_rt_Global success\n");
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_Deinit] exit, OK.\n");
+    EXPECT_TRUE(qxt::process_mutex_is_free());
 
     // This process now has no top object and no central segment to attach to.
     log.clear();
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_Deinit());
-    EXPECT_TRUE(log.has_error(kForgot)) << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_Deinit] exit, err=10.\n")) << log.dump();
+    QXT_EXPECT_ERROR(log, kForgot);
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_Deinit] exit, err=10.\n");
 }
 
-TEST(Deinit, WithoutCentralSegmentReturnsNull) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(Deinit, WithoutCentralSegmentReturnsNull) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_Deinit());
-    EXPECT_TRUE(log.has_error(qxt::format(
+    QXT_EXPECT_ERROR(log, qxt::format(
         "[RT_Impl][Err] [_QX_REALTIME_GetCentralShm][PID=%d][TID=%s] shm_open "
         "(/dev/shm/realtime/rt_Global) return -1, errno=No such file or directory\n",
-        getpid(), tid_text().c_str())))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(kForgot)) << log.dump();
+        getpid(), tid_text().c_str()));
+    QXT_EXPECT_ERROR(log, kForgot);
     EXPECT_EQ(1, log.count_containing("_QX_REALTIME_GetCentralAndTop (")) << log.dump();
     EXPECT_EQ(1, log.count_containing("), can't get central shared memory\n")) << log.dump();
-    EXPECT_TRUE(lifecycle::process_mutex_is_free());
+    EXPECT_TRUE(qxt::process_mutex_is_free());
 }
 
-TEST(Deinit, WithLockFileFailureReturnsFailed) {
-    QXT_REQUIRE_SANDBOX();
-    ASSERT_EQ(0, mkdir(lifecycle::central_lock_path(), 0755));
+TEST_F(Deinit, WithLockFileFailureReturnsFailed) {
+    ASSERT_EQ(0, mkdir(qxt::central_lock_path(), 0755));
     LogCapture log;
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Deinit());
     EXPECT_EQ(1, log.count_containing("), can't get central flock\n")) << log.dump();
-    EXPECT_TRUE(lifecycle::process_mutex_is_free());
+    EXPECT_TRUE(qxt::process_mutex_is_free());
 }
 
-TEST(Deinit, OtherProcessKeepsOldMappingWhileFreshAttachGetsNull) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(Deinit, OtherProcessKeepsOldMappingWhileFreshAttachGetsNull) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 2));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     QX_REALTIME_TOP_t *own_top = pstTop;
@@ -143,20 +140,20 @@ TEST(Deinit, OtherProcessKeepsOldMappingWhileFreshAttachGetsNull) {
     EXPECT_EQ(0, fresh);
     LogCapture log;
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_SetDebugLevel(32));
-    EXPECT_TRUE(log.has_error(kForgot)) << log.dump();
+    QXT_EXPECT_ERROR(log, kForgot);
 }
 
-TEST(SetDebugLevel, WithoutCentralSegmentReturnsNullButLevelIsSet) {
-    QXT_REQUIRE_SANDBOX();
+using SetDebugLevel = qxt::SandboxTest;
+
+TEST_F(SetDebugLevel, WithoutCentralSegmentReturnsNullButLevelIsSet) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_SetDebugLevel(64));
     EXPECT_EQ(64u, _u32DbgLevel);
-    EXPECT_TRUE(log.has_error(kForgot)) << log.dump();
-    EXPECT_TRUE(lifecycle::process_mutex_is_free());
+    QXT_EXPECT_ERROR(log, kForgot);
+    EXPECT_TRUE(qxt::process_mutex_is_free());
 }
 
-TEST(SetDebugLevel, TakesLevelAsItIsWithoutEntryMessage) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(SetDebugLevel, TakesLevelAsItIsWithoutEntryMessage) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 2));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     LogCapture log;
@@ -167,22 +164,19 @@ TEST(SetDebugLevel, TakesLevelAsItIsWithoutEntryMessage) {
     EXPECT_EQ(0, log.count_containing("exit")) << log.dump();
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_SetDebugLevel(7));  // not mapped: 7 means 7
     EXPECT_EQ(7u, _u32DbgLevel);
-    EXPECT_TRUE(lifecycle::central_lock_is_free());
+    EXPECT_TRUE(qxt::central_lock_is_free());
 }
 
-TEST(SetDebugLevel, WhenEnabledStoresLevelInCentralRecordThatAttachersMapAgain) {
-    QXT_REQUIRE_SANDBOX();
-    qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 2));
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
-    QX_REALTIME_CENTRAL_t *central = qxt::map_central_file();
-    ASSERT_NE(nullptr, central);
+TEST_F(SetDebugLevel, WhenEnabledStoresLevelInCentralRecordThatAttachersMapAgain) {
+    QX_REALTIME_CENTRAL_t *central = nullptr;
+    ASSERT_NO_FATAL_FAILURE(qxt::init_and_map(1, 1024, 2, &central));
 
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_SetDebugLevel(64));
     EXPECT_EQ(64u, _u32DbgLevel);
     EXPECT_EQ(64, central->s32DbgLevel);
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [QX_REALTIME_SetDebugLevel] set DbgLvl = 64 in central data\n"))
-        << log.dump();
+    QXT_EXPECT_INFO(log,
+        "[RT_Impl][Info] [QX_REALTIME_SetDebugLevel] set DbgLvl = 64 in central data\n");
     // 64 is outside 0..7 for an attaching process: it means 32 there.
     EXPECT_EQ(32u, level_of_fresh_attacher());
 
@@ -191,12 +185,11 @@ TEST(SetDebugLevel, WhenEnabledStoresLevelInCentralRecordThatAttachersMapAgain) 
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_SetDebugLevel(4));
     EXPECT_EQ(4u, _u32DbgLevel);
     EXPECT_EQ(4, central->s32DbgLevel);
-    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    QXT_EXPECT_SILENT(log);
     EXPECT_EQ(64u, level_of_fresh_attacher());
 }
 
-TEST(SetDebugLevel, WithoutEnabledChangesOnlyTheCallingProcess) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(SetDebugLevel, WithoutEnabledChangesOnlyTheCallingProcess) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json",
                     "{\n  \"System_Config\": {\n    \"Util\": 1024,\n    \"DbgLevel\": 3\n  }\n}\n");
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
@@ -213,8 +206,9 @@ TEST(SetDebugLevel, WithoutEnabledChangesOnlyTheCallingProcess) {
     EXPECT_EQ(48u, level_of_fresh_attacher());
 }
 
-TEST(Init, TwoProcessesAtOnceExactlyOneCreatesCentralSegment) {
-    QXT_REQUIRE_SANDBOX();
+using Init = qxt::SandboxTest;
+
+TEST_F(Init, TwoProcessesAtOnceExactlyOneCreatesCentralSegment) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 2));
     Signal go;
     pid_t children[2];

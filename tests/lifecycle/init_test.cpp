@@ -4,15 +4,16 @@
 
 #include <vector>
 
-#include "lifecycle_helpers.h"
+#include "lifecycle_support.h"
 
-using lifecycle::central_path;
-using lifecycle::system_config;
-using lifecycle::tid_text;
+using qxt::central_path;
+using qxt::system_config;
+using qxt::tid_text;
 using qxt::LogCapture;
 
-TEST(Init, Mode0WithoutPropertyReadsRt0Json) {
-    QXT_REQUIRE_SANDBOX();
+using Init = qxt::SandboxTest;
+
+TEST_F(Init, Mode0WithoutPropertyReadsRt0Json) {
     qxt::clear_property(RT_PROP_CFG_NAME);
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 777, 4));
     _u32DbgLevel = 64;
@@ -20,24 +21,22 @@ TEST(Init, Mode0WithoutPropertyReadsRt0Json) {
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     EXPECT_STREQ("/vendor/etc/realtime/rt-0.json", u8JsonPath);
     EXPECT_EQ((const char *)u8JsonPath, pstJsonPath);
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [QX_REALTIME_Init] JsonPath is /vendor/etc/realtime/rt-0.json\n"))
-        << log.dump();
+    QXT_EXPECT_INFO(log,
+        "[RT_Impl][Info] [QX_REALTIME_Init] JsonPath is /vendor/etc/realtime/rt-0.json\n");
     EXPECT_EQ(777, pstTop->s32CapPerCore);
     QX_REALTIME_CENTRAL_t *central = qxt::map_central_file();
     ASSERT_NE(nullptr, central);
     EXPECT_EQ(777, central->s32CapPerCore);
 }
 
-TEST(Init, EmptyPropertyValueFallsBackToRt0Json) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(Init, EmptyPropertyValueFallsBackToRt0Json) {
     qxt::set_property(RT_PROP_CFG_NAME, "");
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 777, 2));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     EXPECT_STREQ("/vendor/etc/realtime/rt-0.json", u8JsonPath);
 }
 
-TEST(Init, PropertyChoosesAnotherConfigurationFile) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(Init, PropertyChoosesAnotherConfigurationFile) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 777, 2));
     qxt::install_config("camera", system_config(1, 555, 2));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
@@ -51,8 +50,7 @@ TEST(Init, PropertyChoosesAnotherConfigurationFile) {
     EXPECT_EQ(333, qxt::map_central_file()->s32CapPerCore);
 }
 
-TEST(Init, Mode1ReadsVerifyOnlyConfiguration) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(Init, Mode1ReadsVerifyOnlyConfiguration) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 777, 2));
     qxt::install_verify_only_config(system_config(1, 999, 2));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(1));
@@ -61,8 +59,7 @@ TEST(Init, Mode1ReadsVerifyOnlyConfiguration) {
     EXPECT_EQ(999, qxt::map_central_file()->s32CapPerCore);
 }
 
-TEST(Init, Mode2InFreshProcessFailsWithoutCreatingCentralSegment) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(Init, Mode2InFreshProcessFailsWithoutCreatingCentralSegment) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 777, 2));
     LogCapture log;
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(2));
@@ -71,16 +68,12 @@ TEST(Init, Mode2InFreshProcessFailsWithoutCreatingCentralSegment) {
     EXPECT_FALSE(qxt::file_exists(central_path()));
     EXPECT_EQ(nullptr, pstTop);
     EXPECT_EQ(nullptr, pstJsonPath);
-    EXPECT_TRUE(lifecycle::central_lock_is_free());
-    EXPECT_TRUE(lifecycle::process_mutex_is_free());
+    qxt::expect_locks_free();
 }
 
-TEST(Init, Mode2LeavesExistingCentralSegmentUntouched) {
-    QXT_REQUIRE_SANDBOX();
-    qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 777, 2));
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
-    QX_REALTIME_CENTRAL_t *central = qxt::map_central_file();
-    ASSERT_NE(nullptr, central);
+TEST_F(Init, Mode2LeavesExistingCentralSegmentUntouched) {
+    QX_REALTIME_CENTRAL_t *central = nullptr;
+    ASSERT_NO_FATAL_FAILURE(qxt::init_and_map(1, 777, 2, &central));
     central->s32UtilReservation = 55;
     central->s32DbgLevel = 6;
     std::vector<char> before((char *)central, (char *)central + RT_SHM_SIZE);
@@ -92,20 +85,17 @@ TEST(Init, Mode2LeavesExistingCentralSegmentUntouched) {
     EXPECT_EQ(0, memcmp(before.data(), central, RT_SHM_SIZE));
     EXPECT_EQ(level, _u32DbgLevel);
     EXPECT_EQ(777, pstTop->s32CapPerCore);
-    EXPECT_TRUE(lifecycle::central_lock_is_free());
-    EXPECT_TRUE(lifecycle::process_mutex_is_free());
+    qxt::expect_locks_free();
 }
 
-TEST(Init, ConfigurationNameTooLongForPathFailsWithoutMessage) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(Init, ConfigurationNameTooLongForPathFailsWithoutMessage) {
     // "/vendor/etc/realtime/rt-" + name + ".json" must fit 64 bytes with its terminator.
     qxt::set_property(RT_PROP_CFG_NAME, std::string(35, 'n'));
     LogCapture log;
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(0));
-    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    QXT_EXPECT_SILENT(log);
     EXPECT_FALSE(qxt::file_exists(central_path()));
-    EXPECT_TRUE(lifecycle::central_lock_is_free());
-    EXPECT_TRUE(lifecycle::process_mutex_is_free());
+    qxt::expect_locks_free();
 
     // One byte shorter fits exactly (63 characters) and is used.
     std::string name(34, 'n');
@@ -115,15 +105,13 @@ TEST(Init, ConfigurationNameTooLongForPathFailsWithoutMessage) {
     EXPECT_EQ(321, qxt::map_central_file()->s32CapPerCore);
 }
 
-TEST(Init, MissingConfigurationReturnsInvalidParam) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(Init, MissingConfigurationReturnsInvalidParam) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_Init(0));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_GetCapability] Can't open "
-                              "/vendor/etc/realtime/rt-0.json, errno=No such file or directory\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_Init] _QX_REALTIME_GetCapability() return 12\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_GetCapability] Can't open "
+                          "/vendor/etc/realtime/rt-0.json, errno=No such file or directory\n");
+    QXT_EXPECT_ERROR(log,
+        "[RT_Impl][Err] [QX_REALTIME_Init] _QX_REALTIME_GetCapability() return 12\n");
     // The central segment was set up before the scan and stays; no setting reached it.
     ASSERT_NE(nullptr, pstTop);
     QX_REALTIME_CENTRAL_t *central = qxt::map_central_file();
@@ -131,16 +119,12 @@ TEST(Init, MissingConfigurationReturnsInvalidParam) {
     EXPECT_EQ(0, central->s32CapPerCore);
     EXPECT_EQ(0, central->s32DbgLevel);
     EXPECT_EQ(32u, _u32DbgLevel);
-    EXPECT_TRUE(lifecycle::central_lock_is_free());
-    EXPECT_TRUE(lifecycle::process_mutex_is_free());
+    qxt::expect_locks_free();
 }
 
-TEST(Init, CopiesSettingsIntoCentralRecord) {
-    QXT_REQUIRE_SANDBOX();
-    qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 2));
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
-    QX_REALTIME_CENTRAL_t *central = qxt::map_central_file();
-    ASSERT_NE(nullptr, central);
+TEST_F(Init, CopiesSettingsIntoCentralRecord) {
+    QX_REALTIME_CENTRAL_t *central = nullptr;
+    ASSERT_NO_FATAL_FAILURE(qxt::init_and_map(1, 1024, 2, &central));
     EXPECT_EQ(1024, central->s32CapPerCore);
     EXPECT_EQ(2, central->s32DbgLevel);
     EXPECT_EQ(1, central->u8Enabled);
@@ -167,12 +151,11 @@ TEST(Init, CopiesSettingsIntoCentralRecord) {
     EXPECT_EQ(3, central->s32BudgetCpuNum);
     EXPECT_EQ(700, central->s32UtilTotal);
     EXPECT_EQ(80u, _u32DbgLevel);
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [_QX_REALTIME_GetCapability] CapPerCore = 2048, Enable=1, DbgLevel=5\n"))
-        << log.dump();
+    QXT_EXPECT_INFO(log,
+        "[RT_Impl][Info] [_QX_REALTIME_GetCapability] CapPerCore = 2048, Enable=1, DbgLevel=5\n");
 }
 
-TEST(Init, SettingsScanTakesLastValueBeforeAllKeysAreSeen) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(Init, SettingsScanTakesLastValueBeforeAllKeysAreSeen) {
     // No "Enabled" in the system scope: the scan runs on into the domains, and a domain's
     // "Util" overwrites the system value until all three keys have been seen.
     qxt::write_file("/vendor/etc/realtime/rt-0.json",
@@ -183,8 +166,7 @@ TEST(Init, SettingsScanTakesLastValueBeforeAllKeysAreSeen) {
     EXPECT_EQ(1u, pstTop->Enabled);
 }
 
-TEST(Init, SecondInitRereadsSettingsAndReusesTopObjectAndMapping) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(Init, SecondInitRereadsSettingsAndReusesTopObjectAndMapping) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 2));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     QX_REALTIME_TOP_t *top = pstTop;
@@ -203,11 +185,10 @@ TEST(Init, SecondInitRereadsSettingsAndReusesTopObjectAndMapping) {
     EXPECT_EQ(4, central->s32DbgLevel);
     // No segment was created or opened again.
     EXPECT_EQ(0, log.count_containing("_QX_REALTIME_SharedMemoryAlloc")) << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_Init] exit, OK.\n")) << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_Init] exit, OK.\n");
 }
 
-TEST(Init, DbgLevel9SetsLevel32) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(Init, DbgLevel9SetsLevel32) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 9));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     EXPECT_EQ(32u, _u32DbgLevel);
@@ -215,88 +196,71 @@ TEST(Init, DbgLevel9SetsLevel32) {
     EXPECT_EQ(nullptr, rtlog);
 }
 
-TEST(Init, DbgLevel7CreatesPerProcessLogFileAndSetsLevel241) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(Init, DbgLevel7CreatesPerProcessLogFileAndSetsLevel241) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 7));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     EXPECT_EQ(241u, _u32DbgLevel);
     ASSERT_NE(nullptr, rtlog);
-    EXPECT_TRUE(qxt::file_exists(lifecycle::own_log_file())) << lifecycle::own_log_file();
+    EXPECT_TRUE(qxt::file_exists(qxt::own_log_file())) << qxt::own_log_file();
     // A later Init opens it again (truncating); the earlier stream is not closed.
     FILE *first = rtlog;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     EXPECT_NE(first, rtlog);
-    EXPECT_EQ("[RT_Impl][DBG] [QX_REALTIME_Init] exit, OK.\n", qxt::read_file(lifecycle::own_log_file()));
+    EXPECT_EQ("[RT_Impl][DBG] [QX_REALTIME_Init] exit, OK.\n", qxt::read_file(qxt::own_log_file()));
 }
 
-TEST(Init, LogFileThatCannotBeOpenedReturnsSystemErrorWithSettingsStored) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(Init, LogFileThatCannotBeOpenedReturnsSystemErrorWithSettingsStored) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 2));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     // The log file name is fixed by the top object: put a directory in its place.
-    ASSERT_EQ(0, mkdir(lifecycle::own_log_file().c_str(), 0755));
+    ASSERT_EQ(0, mkdir(qxt::own_log_file().c_str(), 0755));
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 4096, 7));
     EXPECT_EQ(RT_ERR_SYSTEM, QX_REALTIME_Init(0));
     EXPECT_EQ(241u, _u32DbgLevel);
     EXPECT_EQ(nullptr, rtlog);
     EXPECT_EQ(4096, qxt::map_central_file()->s32CapPerCore);
     EXPECT_EQ(7, qxt::map_central_file()->s32DbgLevel);
-    EXPECT_TRUE(lifecycle::central_lock_is_free());
-    EXPECT_TRUE(lifecycle::process_mutex_is_free());
+    qxt::expect_locks_free();
 }
 
-TEST(Init, LockFileFailureReturnsFailedWhileExitTraceSaysErr12) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(Init, LockFileFailureReturnsFailedWhileExitTraceSaysErr12) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 2));
-    ASSERT_EQ(0, mkdir(lifecycle::central_lock_path(), 0755));
+    ASSERT_EQ(0, mkdir(qxt::central_lock_path(), 0755));
     _u32DbgLevel = 64;
     LogCapture log;
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(0));
-    EXPECT_TRUE(log.has_error(qxt::format(
-        "[RT_Impl][Err] [_QX_REALTIME_GetFlock][PID=%d][TID=%s] flock open "
-        "(/data/vendor/realtime/flock_rt_Global) return -1, errno=Is a directory\n",
-        getpid(), tid_text().c_str())))
-        << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_Init] exit, err=12.\n")) << log.dump();
+    QXT_EXPECT_ERROR(log, qxt::global_flock_open_failed("Is a directory"));
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_Init] exit, err=12.\n");
     EXPECT_EQ(0, log.count_containing("exit, err=4.")) << log.dump();
     EXPECT_EQ(nullptr, pstTop);
     EXPECT_FALSE(qxt::file_exists(central_path()));
-    EXPECT_TRUE(lifecycle::process_mutex_is_free());
+    EXPECT_TRUE(qxt::process_mutex_is_free());
 }
 
-TEST(Init, MissingLockDirectoryReturnsFailed) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(Init, MissingLockDirectoryReturnsFailed) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 2));
     ASSERT_EQ(0, rmdir("/data/vendor/realtime"));
     LogCapture log;
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(0));
-    EXPECT_TRUE(log.has_error(qxt::format(
-        "[RT_Impl][Err] [_QX_REALTIME_GetFlock][PID=%d][TID=%s] flock open "
-        "(/data/vendor/realtime/flock_rt_Global) return -1, errno=No such file or directory\n",
-        getpid(), tid_text().c_str())))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, qxt::global_flock_open_failed("No such file or directory"));
     // The library never creates its directories.
     EXPECT_FALSE(qxt::file_exists("/data/vendor/realtime"));
 }
 
-TEST(Init, CentralSegmentThatCannotBeOpenedFailsAndRetrySucceeds) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(Init, CentralSegmentThatCannotBeOpenedFailsAndRetrySucceeds) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 2));
     ASSERT_EQ(0, mkdir(central_path(), 0755));
     LogCapture log;
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(0));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_Init] shared memory initialization fails\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(qxt::format(
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_Init] shared memory initialization fails\n");
+    QXT_EXPECT_ERROR(log, qxt::format(
         "[RT_Impl][Err] [_QX_REALTIME_SharedMemoryAlloc][PID=%d][TID=%s] shm_open "
         "(/dev/shm/realtime/rt_Global) return -1, errno=Is a directory\n",
-        getpid(), tid_text().c_str())))
-        << log.dump();
+        getpid(), tid_text().c_str()));
     // The top object stays allocated; a later Init maps the segment into it.
     ASSERT_NE(nullptr, pstTop);
     QX_REALTIME_TOP_t *top = pstTop;
-    EXPECT_TRUE(lifecycle::central_lock_is_free());
-    EXPECT_TRUE(lifecycle::process_mutex_is_free());
+    qxt::expect_locks_free();
 
     ASSERT_EQ(0, rmdir(central_path()));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
@@ -305,25 +269,24 @@ TEST(Init, CentralSegmentThatCannotBeOpenedFailsAndRetrySucceeds) {
     EXPECT_EQ(1024, pstTop->pstCentral->s32CapPerCore);
 }
 
-TEST(Init, ReleasesLockFileAndMutexOnSuccess) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(Init, ReleasesLockFileAndMutexOnSuccess) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 2));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
-    EXPECT_TRUE(lifecycle::central_lock_is_free());
-    EXPECT_TRUE(lifecycle::process_mutex_is_free());
+    qxt::expect_locks_free();
     // Only the central segment's descriptor stays open.
     struct stat st;
     ASSERT_EQ(0, fstat(pstTop->s32ShmFd, &st));
     EXPECT_EQ(RT_SHM_SIZE, st.st_size);
 }
 
-TEST(SelfTest, ReturnsSuccessAndDoesNothing) {
-    QXT_REQUIRE_SANDBOX();
+using SelfTest = qxt::SandboxTest;
+
+TEST_F(SelfTest, ReturnsSuccessAndDoesNothing) {
     _u32DbgLevel = 241;
     LogCapture log;
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_SelfTest());
-    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    QXT_EXPECT_SILENT(log);
     EXPECT_EQ(nullptr, pstTop);
     EXPECT_FALSE(qxt::file_exists(central_path()));
-    EXPECT_FALSE(qxt::file_exists(lifecycle::central_lock_path()));
+    EXPECT_FALSE(qxt::file_exists(qxt::central_lock_path()));
 }

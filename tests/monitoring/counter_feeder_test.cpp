@@ -5,15 +5,12 @@
 #include "monitoring_support.h"
 
 using namespace qxt;
-using namespace qxt_mon;
 
 namespace {
 
 const char kTarget[] = "/dev/shm/qxt_feeder_target";
 
-class CounterFeederHarness : public ::testing::Test {
-protected:
-    void SetUp() override { QXT_REQUIRE_SANDBOX(); }
+class CounterFeederHarness : public qxt::SandboxTest {
 };
 
 TEST_F(CounterFeederHarness, EachReaderGetsTheNextTextAndTheLastOneAgainWhenTheListIsUsedUp) {

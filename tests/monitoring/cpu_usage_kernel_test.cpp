@@ -5,10 +5,11 @@
 // removed from its domain before it stops.
 #include <sys/sysinfo.h>
 
+#include <memory>
+
 #include "monitoring_support.h"
 
 using namespace qxt;
-using namespace qxt_mon;
 
 namespace {
 
@@ -25,14 +26,14 @@ std::string all_cpus() {
 // A deadline domain whose class reserves 9 ms of every 10 ms: one thread of it keeps a core about
 // 90 % busy, and the kernel keeps it from taking more.
 std::string spin_domain() {
-    return dl_domain(kSpin, 1000, all_cpus(), "Class_Spin", 9000, 10000, 10000);
+    return dl_domain(kSpin, 1000, all_cpus(), {{"Class_Spin", 9000, 10000, 10000}});
 }
 // A round-robin domain of 200 units (19.53 % of one core) at the lowest RT priority.
 std::string hog_domain() {
-    return rr_domain(kHog, 200, all_cpus(), "Class_Hog", 100, 1);
+    return rr_domain(kHog, 200, all_cpus(), {{"Class_Hog", 100, 1}});
 }
 std::string idle_domain() {
-    return rr_domain(kIdle, 200, "0", "Class_Idle", 100, 1);
+    return rr_domain(kIdle, 200, "0", {{"Class_Idle", 100, 1}});
 }
 
 // Admission for the length of a test: removed again (scheduling and cgroups restored) at the end.
@@ -54,13 +55,10 @@ private:
     uint32_t result_;
 };
 
-class CpuUsageKernel : public ::testing::Test {
-protected:
-    void SetUp() override {
-        QXT_REQUIRE_SANDBOX();
-        if (get_nprocs() < 2) GTEST_SKIP() << "needs 2 CPUs: a busy thread must leave one free";
-    }
-};
+std::string suffix(const std::string &path) {
+    size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
 
 // The measured figures go into the test report (--gtest_output=xml), for the record.
 void record(const char *key, const std::vector<Sample> &samples) {
@@ -69,83 +67,112 @@ void record(const char *key, const std::vector<Sample> &samples) {
     ::testing::Test::RecordProperty(key, text);
 }
 
-std::string suffix(const std::string &path) {
-    size_t slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
-}
+class CpuUsageKernel : public qxt::SandboxTest {
+protected:
+    CpuUsageKernel() : SandboxTest(2, "needs 2 CPUs: a busy thread must leave one free") {}
+    // The framework on the configured domains, each of them created.
+    static void create(const std::string &domains, std::initializer_list<const char *> names) {
+        ASSERT_EQ(start_framework(domains), RT_SUCCESS);
+        for (const char *name : names) ASSERT_EQ(QX_REALTIME_CreateDomain(name), RT_SUCCESS) << name;
+    }
+    // As create, then this test's turn to keep a core busy, held until the test ends.
+    void create_busy(const std::string &domains, std::initializer_list<const char *> names) {
+        ASSERT_NO_FATAL_FAILURE(create(domains, names));
+        turn_.reset(new BusyCpuTurn);
+        ASSERT_TRUE(turn_->held()) << turn_->why();
+    }
+    // Three samples of the one-domain mode, 300 ms apart, also put in the test report under key.
+    static std::vector<Sample> three_samples(const char *domain, const char *key,
+                                             const LogCapture &log) {
+        EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(domain, 300, 3), RT_SUCCESS);
+        std::vector<Sample> samples = samples_of(forms(log));
+        record(key, samples);
+        return samples;
+    }
+
+    // The thread admitted into cls of the domain (and removed again before this returns), the
+    // kernel running it under policy in the domain's cpuacct group; three samples taken meanwhile,
+    // each a line of its own. *log_text is what the sampling logged, for failure messages.
+    static void sample_admitted(const char *domain, const char *cls, pid_t tid, uint32_t policy,
+                                const char *key, std::vector<Sample> *samples,
+                                std::string *log_text) {
+        Admission admitted(domain, cls, tid);
+        ASSERT_EQ(admitted.result(), RT_SUCCESS);
+        ASSERT_EQ(sched_of(tid).policy, policy);
+        ASSERT_EQ(suffix(cgroup_of(tid, "cpuacct")), domain);
+        LogCapture log;
+        *samples = three_samples(domain, key, log);
+        *log_text = log.dump();
+        ASSERT_EQ(samples->size(), 3u) << *log_text;
+        ASSERT_EQ(forms(log).size(), 3u) << *log_text;
+    }
+
+    // One measured thread: the configuration and its domain, the class it is admitted into and
+    // the policy the kernel then shows, its duty cycle (ms spinning, ms sleeping), whether it
+    // keeps a core busy (and so waits for its turn), the report key of its samples.
+    struct Load {
+        std::string config;
+        const char *domain;
+        const char *cls;
+        uint32_t policy;
+        int spin_ms, sleep_ms;
+        bool busy;
+        const char *key;
+    };
+    struct Measured {
+        std::vector<Sample> samples;
+        std::string log;  // what the sampling logged, for failure messages
+    };
+    // The framework on the load's domain, the thread started and sampled while admitted.
+    void measure(const Load &load, Measured *m) {
+        if (load.busy)
+            ASSERT_NO_FATAL_FAILURE(create_busy(load.config, {load.domain}));
+        else
+            ASSERT_NO_FATAL_FAILURE(create(load.config, {load.domain}));
+        TestThread thread(load.spin_ms, load.sleep_ms);
+        ASSERT_NO_FATAL_FAILURE(sample_admitted(load.domain, load.cls, thread.tid(), load.policy,
+                                                load.key, &m->samples, &m->log));
+    }
+
+private:
+    std::unique_ptr<BusyCpuTurn> turn_;
+};
 
 TEST_F(CpuUsageKernel, DeadlineThreadKeepingOneCoreBusyShowsAboutOneCoreInEverySample) {
-    ASSERT_EQ(start_framework(spin_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kSpin), RT_SUCCESS);
-    BusyCpuTurn turn;
-    ASSERT_TRUE(turn.held()) << turn.why();
-    TestThread spinner(true);
-    Admission admitted(kSpin, "Class_Spin", spinner.tid());
-    ASSERT_EQ(admitted.result(), RT_SUCCESS);
-    ASSERT_EQ(sched_of(spinner.tid()).policy, kSchedDeadline);
-    ASSERT_EQ(suffix(cgroup_of(spinner.tid(), "cpuacct")), kSpin);
-
-    LogCapture log;
-    EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kSpin, 300, 3), RT_SUCCESS);
-    std::vector<std::string> lines = forms(log);
-    std::vector<Sample> samples = samples_of(lines);
-    ASSERT_EQ(samples.size(), 3u) << log.dump();
-    ASSERT_EQ(lines.size(), 3u) << log.dump();
-    record("spin_usage", samples);
-    for (const Sample &s : samples) {
-        EXPECT_GE(s.usage, 60.0) << log.dump();
-        EXPECT_LE(s.usage, 140.0) << log.dump();
+    Measured m;
+    ASSERT_NO_FATAL_FAILURE(measure({spin_domain(), kSpin, "Class_Spin", kSchedDeadline, 1, 0,
+                                     true, "spin_usage"}, &m));
+    for (const Sample &s : m.samples) {
+        EXPECT_GE(s.usage, 60.0) << m.log;
+        EXPECT_LE(s.usage, 140.0) << m.log;
         EXPECT_DOUBLE_EQ(s.budget, 97.66);  // 1000 x 100 / 1024
     }
 }
 
 TEST_F(CpuUsageKernel, ThreadsUsingMoreThanTheirBudgetAreMarkedOverbudget) {
-    ASSERT_EQ(start_framework(hog_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kHog), RT_SUCCESS);
-    BusyCpuTurn turn;
-    ASSERT_TRUE(turn.held()) << turn.why();
-    DutyThread hog(4, 4);  // about half a core, far above 19.53 %
-    Admission admitted(kHog, "Class_Hog", hog.tid());
-    ASSERT_EQ(admitted.result(), RT_SUCCESS);
-    ASSERT_EQ(sched_of(hog.tid()).policy, kSchedRr);
-
-    LogCapture log;
-    EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kHog, 300, 3), RT_SUCCESS);
-    std::vector<Sample> samples = samples_of(forms(log));
-    ASSERT_EQ(samples.size(), 3u) << log.dump();
-    record("hog_usage", samples);
-    for (const Sample &s : samples) {
+    // The thread works about half a core, far above 19.53 %.
+    Measured m;
+    ASSERT_NO_FATAL_FAILURE(
+        measure({hog_domain(), kHog, "Class_Hog", kSchedRr, 4, 4, true, "hog_usage"}, &m));
+    for (const Sample &s : m.samples) {
         EXPECT_DOUBLE_EQ(s.budget, 19.53);  // 200 x 100 / 1024
-        EXPECT_GT(s.usage, 30.0) << log.dump();
-        EXPECT_TRUE(s.over) << log.dump();
+        EXPECT_GT(s.usage, 30.0) << m.log;
+        EXPECT_TRUE(s.over) << m.log;
     }
 }
 
 TEST_F(CpuUsageKernel, IdleDomainShowsAboutZeroAndIsNotOverbudget) {
-    ASSERT_EQ(start_framework(idle_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kIdle), RT_SUCCESS);
-    TestThread sleeper(false);
-    Admission admitted(kIdle, "Class_Idle", sleeper.tid());
-    ASSERT_EQ(admitted.result(), RT_SUCCESS);
-    ASSERT_EQ(sched_of(sleeper.tid()).policy, kSchedRr);
-
-    LogCapture log;
-    EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kIdle, 300, 3), RT_SUCCESS);
-    std::vector<Sample> samples = samples_of(forms(log));
-    ASSERT_EQ(samples.size(), 3u) << log.dump();
-    record("idle_usage", samples);
-    for (const Sample &s : samples) {
-        EXPECT_LT(s.usage, 10.0) << log.dump();
-        EXPECT_FALSE(s.over) << log.dump();
+    Measured m;
+    ASSERT_NO_FATAL_FAILURE(
+        measure({idle_domain(), kIdle, "Class_Idle", kSchedRr, 0, 1, false, "idle_usage"}, &m));
+    for (const Sample &s : m.samples) {
+        EXPECT_FALSE(s.over) << m.log;
+        EXPECT_LT(s.usage, 10.0) << m.log;
     }
 }
 
 TEST_F(CpuUsageKernel, AllDomainsModePrintsTheHeaderAndOneLinePerDomainPerSample) {
-    ASSERT_EQ(start_framework(spin_domain() + ",\n" + idle_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kSpin), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kIdle), RT_SUCCESS);
-    BusyCpuTurn turn;
-    ASSERT_TRUE(turn.held()) << turn.why();
+    ASSERT_NO_FATAL_FAILURE(create_busy(spin_domain() + ",\n" + idle_domain(), {kSpin, kIdle}));
     TestThread spinner(true);
     TestThread sleeper(false);
     Admission spin_admitted(kSpin, "Class_Spin", spinner.tid());
@@ -189,8 +216,7 @@ TEST_F(CpuUsageKernel, AllDomainsModePrintsTheHeaderAndOneLinePerDomainPerSample
 }
 
 TEST_F(CpuUsageKernel, IntervalOfZeroSamplesAtOnceAndPrintsFiniteFigures) {
-    ASSERT_EQ(start_framework(idle_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kIdle), RT_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(create(idle_domain(), {kIdle}));
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kIdle, 0, 3), RT_SUCCESS);
     EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage("All", 0, 2), RT_SUCCESS);

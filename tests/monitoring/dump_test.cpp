@@ -9,7 +9,6 @@
 #include "monitoring_support.h"
 
 using namespace qxt;
-using namespace qxt_mon;
 
 namespace {
 
@@ -48,7 +47,8 @@ std::string show(const Lines &lines) {
     return out;
 }
 
-// A round-robin domain on CPU 0 with two classes.
+// A round-robin domain on CPU 0 with two classes, written with the "PerThreadUtil" spelling of a
+// class share (the builders write "Util").
 std::string meter_domain() {
     return format(
         "    \"%s\": {\n"
@@ -67,7 +67,7 @@ std::string meter_domain() {
 }
 
 std::string spare_domain() {
-    return rr_domain(kSpare, 256, "0", "Class_Spare", 100, 1);
+    return rr_domain(kSpare, 256, "0", {{"Class_Spare", 100, 1}});
 }
 
 // Admissions of this process's threads that are undone at the end of the test.
@@ -105,9 +105,13 @@ bool wait_for_comm(pid_t pid, const std::string &comm) {
     return false;
 }
 
-class Dump : public ::testing::Test {
+class Dump : public qxt::SandboxTest {
 protected:
-    void SetUp() override { QXT_REQUIRE_SANDBOX(); }
+    // The framework on the meter domain alone, created.
+    static void start_meter() {
+        ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
+        ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    }
 };
 
 // The ten lines and the blank of one thread slot.
@@ -143,8 +147,7 @@ const char kThreadsEnd[] = "[RT_Impl][Err] --------End of Threads--------\n";
 const char kClosing[] = "[RT_Impl][Err] =========================\n";
 
 TEST_F(Dump, RealDomainPrintsTheWholeSequenceOfHeaderFieldClassThreadAndKernelLines) {
-    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(start_meter());
     TestThread sleeper;
     Admissions admissions;
     ASSERT_EQ(admissions.add(kMeter, "Class_Meter", sleeper.tid()), RT_SUCCESS);
@@ -200,8 +203,7 @@ TEST_F(Dump, RealDomainPrintsTheWholeSequenceOfHeaderFieldClassThreadAndKernelLi
 }
 
 TEST_F(Dump, AdmittedThreadAppearsInTheKernelsCpusetAndCpuacctTaskLists) {
-    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(start_meter());
     TestThread sleeper;
     Admissions admissions;
     ASSERT_EQ(admissions.add(kMeter, "Class_Meter", sleeper.tid()), RT_SUCCESS);
@@ -212,17 +214,14 @@ TEST_F(Dump, AdmittedThreadAppearsInTheKernelsCpusetAndCpuacctTaskLists) {
     QX_REALTIME_SetDebugLevel(64);
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_SUCCESS);
-    EXPECT_TRUE(log.has_info(format(
-        "[RT_Impl][Info] Info from [/dev/cpuset/Domain_Meter/tasks]:\n%d\n\n", sleeper.tid())))
-        << log.dump();
-    EXPECT_TRUE(log.has_info(format(
-        "[RT_Impl][Info] Info from [/dev/cpuacct/Domain_Meter/tasks]:\n%d\n\n", sleeper.tid())))
-        << log.dump();
+    QXT_EXPECT_INFO(log, format(
+        "[RT_Impl][Info] Info from [/dev/cpuset/Domain_Meter/tasks]:\n%d\n\n", sleeper.tid()));
+    QXT_EXPECT_INFO(log, format(
+        "[RT_Impl][Info] Info from [/dev/cpuacct/Domain_Meter/tasks]:\n%d\n\n", sleeper.tid()));
 }
 
 TEST_F(Dump, DefaultLevelShowsTheDumpButNeitherTheListClosureNorTheKernelLists) {
-    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(start_meter());
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_SUCCESS);
     Lines lines = dump_lines(log);
@@ -233,8 +232,7 @@ TEST_F(Dump, DefaultLevelShowsTheDumpButNeitherTheListClosureNorTheKernelLists) 
 }
 
 TEST_F(Dump, UnknownNameReturnsNullAndPrintsOnlyTheMissingDomainError) {
-    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(start_meter());
     const Lines only = {err("[RT_Impl][Err] [QX_REALTIME_DumpDomainInfo] pstDomain is NULL for "
                             "[Domain_Nope].\n")};
     {
@@ -264,8 +262,7 @@ TEST_F(Dump, NotEnabledPrintsNothingButDebugLinesAndSucceeds) {
 }
 
 TEST_F(Dump, ThreeThreadSlotsWithOneFreePrintThreeBlocksTheFreeOneNotAlive) {
-    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(start_meter());
     TestThread t0, t1, t2;
     Admissions admissions;
     ASSERT_EQ(admissions.add(kMeter, "Class_Meter", t0.tid()), RT_SUCCESS);
@@ -276,7 +273,7 @@ TEST_F(Dump, ThreeThreadSlotsWithOneFreePrintThreeBlocksTheFreeOneNotAlive) {
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_SUCCESS);
     std::vector<std::string> threads = between(log, kThreadsStart, kThreadsEnd);
-    ASSERT_EQ(threads.size(), 33u) << join(threads);
+    ASSERT_EQ(threads.size(), 33u) << join_lines(threads);
     int pid = getpid();
     Lines expected = thread_block(0, 0, 1, pid, t0.tid(), 100, 1);
     Lines freed = thread_block(1, 1, 0, pid, t1.tid(), 50, 2);
@@ -287,8 +284,7 @@ TEST_F(Dump, ThreeThreadSlotsWithOneFreePrintThreeBlocksTheFreeOneNotAlive) {
 }
 
 TEST_F(Dump, ProcessIdListPrintsOnlyTheNonZeroEntries) {
-    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(start_meter());
     QX_REALTIME_DOMAIN_t *rec = map_domain_file(kMeter);
     ASSERT_NE(rec, nullptr);
     memset(rec->s32ProcessIDList, 0, sizeof(rec->s32ProcessIDList));
@@ -305,20 +301,17 @@ TEST_F(Dump, ProcessIdListPrintsOnlyTheNonZeroEntries) {
 }
 
 TEST_F(Dump, UnreadableTaskFilesAreReportedAndTheDumpStillClosesAndSucceeds) {
-    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(start_meter());
     // The kernel removes an empty control group with its files.
     ASSERT_EQ(rmdir("/dev/cpuset/Domain_Meter"), 0) << strerror(errno);
     ASSERT_EQ(rmdir("/dev/cpuacct/Domain_Meter"), 0) << strerror(errno);
 
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_SUCCESS);
-    EXPECT_TRUE(log.has_error(
-        "[RT_Impl][Err] Read /dev/cpuset/Domain_Meter/tasks failed in QX_REALTIME_DumpDomainInfo.\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(
-        "[RT_Impl][Err] Read /dev/cpuacct/Domain_Meter/tasks failed in QX_REALTIME_DumpDomainInfo.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log,
+        "[RT_Impl][Err] Read /dev/cpuset/Domain_Meter/tasks failed in QX_REALTIME_DumpDomainInfo.\n");
+    QXT_EXPECT_ERROR(log,
+        "[RT_Impl][Err] Read /dev/cpuacct/Domain_Meter/tasks failed in QX_REALTIME_DumpDomainInfo.\n");
     std::vector<std::string> errors = error_forms(log);
     ASSERT_FALSE(errors.empty());
     EXPECT_EQ(errors.back(), kClosing) << log.dump();

@@ -5,7 +5,7 @@
 #include <sys/mman.h>
 #include <sys/wait.h>
 
-#include "shared_state_helpers.h"
+#include "shared_state_support.h"
 
 using qxt::LogCapture;
 
@@ -53,8 +53,9 @@ QX_REALTIME_CLASS_t *fill_domain_ending_at(QX_REALTIME_DOMAIN_t *domain, int32_t
 
 }  // namespace
 
-TEST(DomainRecord, ThreadSlotIsAppendedWhenNextOffsetIs16288) {
-    QXT_REQUIRE_SANDBOX();
+using DomainRecord = qxt::SandboxTest;
+
+TEST_F(DomainRecord, ThreadSlotIsAppendedWhenNextOffsetIs16288) {
     QX_REALTIME_DOMAIN_t *domain = new_domain_segment("Domain_Full");
     ASSERT_NE(nullptr, domain);
     // Three slots end at 16288: the fourth one fills the segment to its last byte.
@@ -86,8 +87,7 @@ TEST(DomainRecord, ThreadSlotIsAppendedWhenNextOffsetIs16288) {
     EXPECT_EQ(4, domain->s32ThreadNum);
 }
 
-TEST(DomainRecord, ThreadSlotIsRefusedWhenNextOffsetIs16289) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(DomainRecord, ThreadSlotIsRefusedWhenNextOffsetIs16289) {
     QX_REALTIME_DOMAIN_t *domain = new_domain_segment("Domain_Full");
     ASSERT_NE(nullptr, domain);
     QX_REALTIME_CLASS_t *cls = fill_domain_ending_at(domain, 16289, 16288 - 3 * RT_THREAD_SIZE, 3);
@@ -102,8 +102,7 @@ TEST(DomainRecord, ThreadSlotIsRefusedWhenNextOffsetIs16289) {
     EXPECT_EQ(0, memcmp(before.data(), domain, RT_SHM_SIZE));
 }
 
-TEST(DomainRecord, TwoProcessesMapSameDomainAtDifferentAddressesAndAgree) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(DomainRecord, TwoProcessesMapSameDomainAtDifferentAddressesAndAgree) {
     QX_REALTIME_DOMAIN_t *domain = new_domain_segment("Domain_Shared");
     ASSERT_NE(nullptr, domain);
     snprintf(domain->szName, sizeof(domain->szName), "Domain_Shared");
@@ -144,8 +143,7 @@ TEST(DomainRecord, TwoProcessesMapSameDomainAtDifferentAddressesAndAgree) {
     EXPECT_EQ(1, t->ThreadIdx);
 }
 
-TEST(DomainRecord, SavedAttributesRoundTripInSlotThatIsNot8Aligned) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(DomainRecord, SavedAttributesRoundTripInSlotThatIsNot8Aligned) {
     QX_REALTIME_DOMAIN_t *domain = new_domain_segment("Domain_Align");
     ASSERT_NE(nullptr, domain);
     // One class: the slots start at 1188, and stSavedAttr at 1228, which is 4 mod 8.
@@ -172,8 +170,7 @@ TEST(DomainRecord, SavedAttributesRoundTripInSlotThatIsNot8Aligned) {
     EXPECT_EQ(16000000000ull, back.sched_period);
 }
 
-TEST(DomainRecord, AdmittedThreadInUnalignedSlotIsRestoredFromSavedAttributes) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(DomainRecord, AdmittedThreadInUnalignedSlotIsRestoredFromSavedAttributes) {
     // The shipped configuration: Domain_Audio has two classes, so its slots start at 1276.
     qxt::write_file("/vendor/etc/realtime/rt-0.json",
                     qxt::read_file(std::string(QXRT_SOURCE_DIR) + "/config/rt-0.json"));

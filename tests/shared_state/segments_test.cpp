@@ -5,11 +5,11 @@
 
 #include <regex>
 
-#include "shared_state_helpers.h"
+#include "shared_state_support.h"
 
 using qxt::LogCapture;
-using shared_state::err_head;
-using shared_state::info_head;
+using qxt::err_head;
+using qxt::info_head;
 
 namespace {
 
@@ -21,8 +21,7 @@ const char kForgot[] = "[RT_Impl][Err] Did you forget to invoke QX_REALTIME_Init
 void write_central_file(int32_t cap, int32_t reservation, int32_t dbg, uint8_t enabled, int32_t budget_cpus,
                         size_t size = RT_SHM_SIZE) {
     std::string bytes(size, '\0');
-    QX_REALTIME_CENTRAL_t central;
-    memset(&central, 0, sizeof(central));
+    QX_REALTIME_CENTRAL_t central{};
     central.s32CapPerCore = cap;
     central.s32UtilReservation = reservation;
     central.s32DbgLevel = dbg;
@@ -40,39 +39,44 @@ int count_matching(const LogCapture &log, int priority, const std::string &patte
     return n;
 }
 
+// How often the log says _QX_REALTIME_GetCentralAndTop (with its thread id) could not get what.
+int central_and_top_failures(const LogCapture &log, const std::string &what) {
+    return count_matching(log, QX_LOG_PRIO_ERROR,
+                          "\\[RT_Impl\\]\\[Err\\] _QX_REALTIME_GetCentralAndTop \\([0-9]+\\), "
+                          "can't get central " + what + "\n");
+}
+
 }  // namespace
 
 // ---- lock files ----
 
-TEST(GetFlock, NullDescriptorPointerSucceedsAndOpensNothing) {
-    QXT_REQUIRE_SANDBOX();
+using GetFlock = qxt::SandboxTest;
+
+TEST_F(GetFlock, NullDescriptorPointerSucceedsAndOpensNothing) {
     _u32DbgLevel = 64;
     LogCapture log;
-    int fds = shared_state::open_fd_count();
+    int fds = qxt::open_fd_count();
     EXPECT_EQ(RT_SUCCESS, _QX_REALTIME_GetFlock("Global", nullptr));
     EXPECT_FALSE(qxt::file_exists(kLockGlobal));
-    EXPECT_EQ(fds, shared_state::open_fd_count());
-    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    EXPECT_EQ(fds, qxt::open_fd_count());
+    QXT_EXPECT_SILENT(log);
 }
 
-TEST(GetFlock, NullDescriptorPointerStillFailsOnNameThatDoesNotFit) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(GetFlock, NullDescriptorPointerStillFailsOnNameThatDoesNotFit) {
     // The path is formatted before the pointer is looked at.
     EXPECT_EQ(RT_ERR_SYSTEM, _QX_REALTIME_GetFlock(std::string(97, 'n').c_str(), nullptr));
 }
 
-TEST(GetFlock, CreatesLockFileMode0666WhateverTheUmask) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(GetFlock, CreatesLockFileMode0666WhateverTheUmask) {
     umask(077);
     _u32DbgLevel = 64;
     LogCapture log;
     int32_t fd = -1;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetFlock("Global", &fd));
-    ASSERT_TRUE(shared_state::fd_is_open(fd));
+    ASSERT_TRUE(qxt::fd_is_open(fd));
     EXPECT_EQ(0666u, qxt::file_mode(kLockGlobal));
-    EXPECT_TRUE(log.has_info(info_head("_QX_REALTIME_GetFlock") +
-                             qxt::format("flock open (%s) return %d, newly created\n", kLockGlobal, fd)))
-        << log.dump();
+    QXT_EXPECT_INFO(log, info_head("_QX_REALTIME_GetFlock") +
+                         qxt::format("flock open (%s) return %d, newly created\n", kLockGlobal, fd));
     // Created close-on-exec; it is not locked by this step.
     EXPECT_NE(0, fcntl(fd, F_GETFD) & FD_CLOEXEC);
     int other = open(kLockGlobal, O_RDWR);
@@ -81,25 +85,22 @@ TEST(GetFlock, CreatesLockFileMode0666WhateverTheUmask) {
     close(fd);
 }
 
-TEST(GetFlock, OpensExistingLockFileWithoutCloseOnExec) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(GetFlock, OpensExistingLockFileWithoutCloseOnExec) {
     qxt::write_file(kLockGlobal, "");
     chmod(kLockGlobal, 0600);
     _u32DbgLevel = 64;
     LogCapture log;
     int32_t fd = -1;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetFlock("Global", &fd));
-    ASSERT_TRUE(shared_state::fd_is_open(fd));
-    EXPECT_TRUE(log.has_info(info_head("_QX_REALTIME_GetFlock") +
-                             qxt::format("flock open (%s) return %d, open existed.\n", kLockGlobal, fd)))
-        << log.dump();
+    ASSERT_TRUE(qxt::fd_is_open(fd));
+    QXT_EXPECT_INFO(log, info_head("_QX_REALTIME_GetFlock") +
+                         qxt::format("flock open (%s) return %d, open existed.\n", kLockGlobal, fd));
     EXPECT_EQ(0, fcntl(fd, F_GETFD) & FD_CLOEXEC);
     EXPECT_EQ(0600u, qxt::file_mode(kLockGlobal));  // an existing file keeps its mode
     close(fd);
 }
 
-TEST(GetFlock, NameThatDoesNotFitPathReturnsSystemError) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(GetFlock, NameThatDoesNotFitPathReturnsSystemError) {
     // "/data/vendor/realtime/flock_rt_" is 31 bytes: 96 more fill the 128-byte buffer exactly.
     int32_t fd = -1;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetFlock(std::string(96, 'n').c_str(), &fd));
@@ -110,38 +111,38 @@ TEST(GetFlock, NameThatDoesNotFitPathReturnsSystemError) {
     LogCapture log;
     fd = -1;
     EXPECT_EQ(RT_ERR_SYSTEM, _QX_REALTIME_GetFlock(std::string(97, 'n').c_str(), &fd));
+    QXT_EXPECT_SILENT(log);
     EXPECT_EQ(-1, fd);
     EXPECT_FALSE(qxt::file_exists(RT_FLOCK_PREFIX + std::string(97, 'n')));
-    EXPECT_TRUE(log.lines().empty()) << log.dump();
 }
 
-TEST(GetFlock, MissingDirectoryReturnsSystemError) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(GetFlock, MissingDirectoryReturnsSystemError) {
     ASSERT_EQ(0, rmdir("/data/vendor/realtime"));
     LogCapture log;
     int32_t fd = 0;
     EXPECT_EQ(RT_ERR_SYSTEM, _QX_REALTIME_GetFlock("Global", &fd));
     EXPECT_EQ(-1, fd);
-    EXPECT_TRUE(log.has_error(err_head("_QX_REALTIME_GetFlock") +
-                              qxt::format("flock open (%s) return -1, errno=No such file or directory\n",
-                                          kLockGlobal)))
-        << log.dump();
+    QXT_EXPECT_ERROR(log,
+        err_head("_QX_REALTIME_GetFlock") +
+        qxt::format("flock open (%s) return -1, errno=No such file or directory\n",
+        kLockGlobal));
     EXPECT_FALSE(qxt::file_exists("/data/vendor/realtime"));
 }
 
 // ---- segments ----
 
-TEST(SharedMemoryAlloc, NewSegmentIsAllZerosAndSized) {
-    QXT_REQUIRE_SANDBOX();
+using SharedMemoryAlloc = qxt::SandboxTest;
+
+TEST_F(SharedMemoryAlloc, NewSegmentIsAllZerosAndSized) {
     _u32DbgLevel = 64;
     LogCapture log;
     int32_t fd = -1;
     void *addr = nullptr;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Domain_New", &fd, &addr));
     ASSERT_NE(nullptr, addr);
-    EXPECT_TRUE(shared_state::fd_is_open(fd));
-    EXPECT_EQ(RT_SHM_SIZE, shared_state::file_size("/dev/shm/realtime/rt_Domain_New"));
-    EXPECT_TRUE(shared_state::all_zero(addr, RT_SHM_SIZE));
+    EXPECT_TRUE(qxt::fd_is_open(fd));
+    EXPECT_EQ(RT_SHM_SIZE, qxt::file_size("/dev/shm/realtime/rt_Domain_New"));
+    EXPECT_TRUE(qxt::all_zero(addr, RT_SHM_SIZE));
     QX_REALTIME_DOMAIN_t *domain = (QX_REALTIME_DOMAIN_t *)addr;
     EXPECT_EQ(0, domain->s32ClassNum);
     EXPECT_EQ(0, domain->s32ThreadNum);
@@ -149,24 +150,22 @@ TEST(SharedMemoryAlloc, NewSegmentIsAllZerosAndSized) {
     // Not close-on-exec, unlike the lock files.
     EXPECT_EQ(0, fcntl(fd, F_GETFD) & FD_CLOEXEC);
     std::string head = info_head("_QX_REALTIME_SharedMemoryAlloc");
-    EXPECT_TRUE(log.has_info(head + qxt::format("path=/dev/shm/realtime/rt_Domain_New create success, shmFd=%d\n", fd)))
-        << log.dump();
-    EXPECT_TRUE(log.has_info(head + qxt::format("mmap=%p, new_create=1\n", addr))) << log.dump();
+    QXT_EXPECT_INFO(log,
+        head + qxt::format("path=/dev/shm/realtime/rt_Domain_New create success, shmFd=%d\n", fd));
+    QXT_EXPECT_INFO(log, head + qxt::format("mmap=%p, new_create=1\n", addr));
 }
 
-TEST(SharedMemoryAlloc, NewCentralSegmentHasNoDomainsAndIsNotEnabled) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(SharedMemoryAlloc, NewCentralSegmentHasNoDomainsAndIsNotEnabled) {
     int32_t fd = -1;
     void *addr = nullptr;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Global", &fd, &addr));
     QX_REALTIME_CENTRAL_t *central = (QX_REALTIME_CENTRAL_t *)addr;
     EXPECT_EQ(0, central->s32DomainNum);
     EXPECT_EQ(0, central->u8Enabled);
-    EXPECT_TRUE(shared_state::all_zero(addr, RT_SHM_SIZE));
+    EXPECT_TRUE(qxt::all_zero(addr, RT_SHM_SIZE));
 }
 
-TEST(SharedMemoryAlloc, SegmentModesAreFixedWhateverTheUmask) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(SharedMemoryAlloc, SegmentModesAreFixedWhateverTheUmask) {
     umask(077);
     int32_t fd = -1;
     void *addr = nullptr;
@@ -179,8 +178,7 @@ TEST(SharedMemoryAlloc, SegmentModesAreFixedWhateverTheUmask) {
     EXPECT_EQ(0660u, qxt::file_mode("/dev/shm/realtime/rt_Global2"));
 }
 
-TEST(SharedMemoryAlloc, ExistingSegmentOfWrongSizeIsSizedTo16384AndKeepsItsContents) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(SharedMemoryAlloc, ExistingSegmentOfWrongSizeIsSizedTo16384AndKeepsItsContents) {
     for (size_t size : {size_t(100), size_t(40000)}) {
         std::string path = "/dev/shm/realtime/rt_Domain_Size";
         std::string pattern(size, '\0');
@@ -191,22 +189,21 @@ TEST(SharedMemoryAlloc, ExistingSegmentOfWrongSizeIsSizedTo16384AndKeepsItsConte
         int32_t fd = -1;
         void *addr = nullptr;
         ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Domain_Size", &fd, &addr)) << size;
-        EXPECT_EQ(RT_SHM_SIZE, shared_state::file_size(path)) << size;
+        EXPECT_EQ(RT_SHM_SIZE, qxt::file_size(path)) << size;
         size_t kept = std::min(size, size_t(RT_SHM_SIZE));
         EXPECT_EQ(0, memcmp(addr, pattern.data(), kept)) << size;
-        EXPECT_TRUE(shared_state::all_zero((char *)addr + kept, RT_SHM_SIZE - kept)) << size;
+        EXPECT_TRUE(qxt::all_zero((char *)addr + kept, RT_SHM_SIZE - kept)) << size;
         std::string head = info_head("_QX_REALTIME_SharedMemoryAlloc");
-        EXPECT_TRUE(log.has_info(head + qxt::format("open %s an existed shared memory=%d\n", path.c_str(), fd)))
-            << log.dump();
-        EXPECT_TRUE(log.has_info(head + qxt::format("mmap=%p, new_create=0\n", addr))) << log.dump();
+        QXT_EXPECT_INFO(log,
+            head + qxt::format("open %s an existed shared memory=%d\n", path.c_str(), fd));
+        QXT_EXPECT_INFO(log, head + qxt::format("mmap=%p, new_create=0\n", addr));
         munmap(addr, RT_SHM_SIZE);
         close(fd);
         unlink(path.c_str());
     }
 }
 
-TEST(SharedMemoryAlloc, NameThatDoesNotFitPathReturnsSystemError) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(SharedMemoryAlloc, NameThatDoesNotFitPathReturnsSystemError) {
     // "/dev/shm/realtime/rt_" is 21 bytes: 106 more fill the 128-byte buffer exactly.
     int32_t fd = -1;
     void *addr = nullptr;
@@ -218,11 +215,10 @@ TEST(SharedMemoryAlloc, NameThatDoesNotFitPathReturnsSystemError) {
     EXPECT_EQ(-1, fd);
     EXPECT_EQ(nullptr, addr);
     EXPECT_FALSE(qxt::file_exists(RT_SHM_PREFIX + std::string(107, 'n')));
-    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    QXT_EXPECT_SILENT(log);
 }
 
-TEST(SharedMemoryAlloc, MissingDirectoryReturnsFailed) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(SharedMemoryAlloc, MissingDirectoryReturnsFailed) {
     ASSERT_EQ(0, rmdir("/dev/shm/realtime"));
     LogCapture log;
     int32_t fd = 0;
@@ -230,29 +226,29 @@ TEST(SharedMemoryAlloc, MissingDirectoryReturnsFailed) {
     EXPECT_EQ(RT_ERR_FAILED, _QX_REALTIME_SharedMemoryAlloc("Domain_X", &fd, &addr));
     EXPECT_EQ(-1, fd);
     EXPECT_EQ(nullptr, addr);
-    EXPECT_TRUE(log.has_error(err_head("_QX_REALTIME_SharedMemoryAlloc") +
-                              "shm_open (/dev/shm/realtime/rt_Domain_X) return -1, errno=No such file or directory\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log,
+        err_head("_QX_REALTIME_SharedMemoryAlloc") +
+        "shm_open (/dev/shm/realtime/rt_Domain_X) return -1, errno=No such file or directory\n");
     EXPECT_FALSE(qxt::file_exists("/dev/shm/realtime"));
 }
 
-TEST(SharedMemoryAlloc, ExistingPathThatCannotBeOpenedReturnsFailed) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(SharedMemoryAlloc, ExistingPathThatCannotBeOpenedReturnsFailed) {
     ASSERT_EQ(0, mkdir("/dev/shm/realtime/rt_Domain_Dir", 0755));
     LogCapture log;
     int32_t fd = 0;
     void *addr = nullptr;
     EXPECT_EQ(RT_ERR_FAILED, _QX_REALTIME_SharedMemoryAlloc("Domain_Dir", &fd, &addr));
     EXPECT_EQ(-1, fd);
-    EXPECT_TRUE(log.has_error(err_head("_QX_REALTIME_SharedMemoryAlloc") +
-                              "shm_open (/dev/shm/realtime/rt_Domain_Dir) return -1, errno=Is a directory\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log,
+        err_head("_QX_REALTIME_SharedMemoryAlloc") +
+        "shm_open (/dev/shm/realtime/rt_Domain_Dir) return -1, errno=Is a directory\n");
 }
 
 // ---- removal ----
 
-TEST(SharedMemoryFree, RemovesSegmentClosesDescriptorAndUnmaps) {
-    QXT_REQUIRE_SANDBOX();
+using SharedMemoryFree = qxt::SandboxTest;
+
+TEST_F(SharedMemoryFree, RemovesSegmentClosesDescriptorAndUnmaps) {
     int32_t fd = -1;
     void *addr = nullptr;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Domain_Free", &fd, &addr));
@@ -261,14 +257,13 @@ TEST(SharedMemoryFree, RemovesSegmentClosesDescriptorAndUnmaps) {
     LogCapture log;
     _QX_REALTIME_SharedMemoryFree("Domain_Free", &fd, addr);
     EXPECT_FALSE(qxt::file_exists("/dev/shm/realtime/rt_Domain_Free"));
-    EXPECT_FALSE(shared_state::fd_is_open(held));
-    EXPECT_FALSE(shared_state::is_mapped(addr));
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Domain_Free success\n"))
-        << log.dump();
+    EXPECT_FALSE(qxt::fd_is_open(held));
+    EXPECT_FALSE(qxt::segment_mapped(addr));
+    QXT_EXPECT_INFO(log,
+        "[RT_Impl][Info] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Domain_Free success\n");
 }
 
-TEST(SharedMemoryFree, SegmentAlreadyRemovedLogsHasBeenUnlinkedAndKeepsMapping) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(SharedMemoryFree, SegmentAlreadyRemovedLogsHasBeenUnlinkedAndKeepsMapping) {
     int32_t fd = -1;
     void *addr = nullptr;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Domain_Gone", &fd, &addr));
@@ -279,17 +274,16 @@ TEST(SharedMemoryFree, SegmentAlreadyRemovedLogsHasBeenUnlinkedAndKeepsMapping) 
     _u32DbgLevel = 64;
     LogCapture log;
     _QX_REALTIME_SharedMemoryFree("Domain_Gone", &fd, addr);
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Domain_Gone "
-                             "has been unlinked, errno=No such file or directory\n"))
-        << log.dump();
+    QXT_EXPECT_INFO(log,
+        "[RT_Impl][Info] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Domain_Gone "
+        "has been unlinked, errno=No such file or directory\n");
     EXPECT_EQ(QX_LOG_PRIO_INFO, log.lines().at(0).priority);
-    EXPECT_FALSE(shared_state::fd_is_open(held));
-    ASSERT_TRUE(shared_state::is_mapped(addr));
+    EXPECT_FALSE(qxt::fd_is_open(held));
+    ASSERT_TRUE(qxt::segment_mapped(addr));
     EXPECT_EQ(321, ((QX_REALTIME_DOMAIN_t *)addr)->s32UtilMax);
 }
 
-TEST(SharedMemoryFree, UnlinkFailureIsAnErrorAndKeepsMapping) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(SharedMemoryFree, UnlinkFailureIsAnErrorAndKeepsMapping) {
     int32_t fd = -1;
     void *addr = nullptr;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Domain_Stuck", &fd, &addr));
@@ -298,30 +292,30 @@ TEST(SharedMemoryFree, UnlinkFailureIsAnErrorAndKeepsMapping) {
     ASSERT_EQ(0, mkdir("/dev/shm/realtime/rt_Domain_Stuck", 0755));
     LogCapture log;
     _QX_REALTIME_SharedMemoryFree("Domain_Stuck", &fd, addr);
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Domain_Stuck "
-                              "fails, errno=Is a directory\n"))
-        << log.dump();
-    EXPECT_TRUE(shared_state::is_mapped(addr));
+    QXT_EXPECT_ERROR(log,
+        "[RT_Impl][Err] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Domain_Stuck "
+        "fails, errno=Is a directory\n");
+    EXPECT_TRUE(qxt::segment_mapped(addr));
 }
 
-TEST(SharedMemoryFree, NameThatDoesNotFitClosesDescriptorOnly) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(SharedMemoryFree, NameThatDoesNotFitClosesDescriptorOnly) {
     int32_t fd = -1;
     void *addr = nullptr;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc("Domain_Kept", &fd, &addr));
     int32_t held = fd;
     LogCapture log;
     _QX_REALTIME_SharedMemoryFree(std::string(107, 'n').c_str(), &fd, addr);
-    EXPECT_FALSE(shared_state::fd_is_open(held));
-    EXPECT_TRUE(shared_state::is_mapped(addr));
+    EXPECT_FALSE(qxt::fd_is_open(held));
+    EXPECT_TRUE(qxt::segment_mapped(addr));
     EXPECT_TRUE(qxt::file_exists("/dev/shm/realtime/rt_Domain_Kept"));
-    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    QXT_EXPECT_SILENT(log);
 }
 
 // ---- attaching to the central segment ----
 
-TEST(GetCentralShm, WithoutCentralSegmentReturnsNullWithHint) {
-    QXT_REQUIRE_SANDBOX();
+using GetCentralShm = qxt::SandboxTest;
+
+TEST_F(GetCentralShm, WithoutCentralSegmentReturnsNullWithHint) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_NULL, _QX_REALTIME_GetCentralShm());
     std::vector<qxt::LogLine> lines = log.lines();
@@ -335,14 +329,13 @@ TEST(GetCentralShm, WithoutCentralSegmentReturnsNullWithHint) {
     EXPECT_EQ(nullptr, pstTop);
 }
 
-TEST(GetCentralShm, AttachCopiesSettingsButNotBudgetCpuNum) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(GetCentralShm, AttachCopiesSettingsButNotBudgetCpuNum) {
     write_central_file(1024, 80, 4, 1, 2);
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetCentralShm());
     ASSERT_NE(nullptr, pstTop);
     ASSERT_NE(nullptr, pstTop->pstCentral);
-    EXPECT_TRUE(shared_state::fd_is_open(pstTop->s32ShmFd));
+    EXPECT_TRUE(qxt::fd_is_open(pstTop->s32ShmFd));
     EXPECT_EQ(1024, pstTop->s32CapPerCore);
     EXPECT_EQ(80, pstTop->s32UtilReservation);
     EXPECT_EQ(4, pstTop->s32DbgLevel);
@@ -351,68 +344,59 @@ TEST(GetCentralShm, AttachCopiesSettingsButNotBudgetCpuNum) {
     EXPECT_EQ(0u, pstTop->u32DomainMapNum);
     EXPECT_EQ(64u, _u32DbgLevel);
     EXPECT_EQ(nullptr, rtlog);
-    EXPECT_TRUE(log.has_info(info_head("_QX_REALTIME_GetCentralShm") +
-                             qxt::format("shm exists. mmap=%p, s32ShmFd=%d\n", (void *)pstTop->pstCentral,
-                                         pstTop->s32ShmFd)))
-        << log.dump();
+    QXT_EXPECT_INFO(log,
+        info_head("_QX_REALTIME_GetCentralShm") +
+        qxt::format("shm exists. mmap=%p, s32ShmFd=%d\n", (void *)pstTop->pstCentral,
+        pstTop->s32ShmFd));
 }
 
-TEST(GetCentralShm, AttachBelowDbgLevel4WritesNothing) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(GetCentralShm, AttachBelowDbgLevel4WritesNothing) {
     write_central_file(1024, 80, 3, 1, 2);
     _u32DbgLevel = 64;  // the attach sets the level before it would write
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetCentralShm());
     EXPECT_EQ(48u, _u32DbgLevel);
-    EXPECT_TRUE(log.lines().empty()) << log.dump();
+    QXT_EXPECT_SILENT(log);
 }
 
-TEST(GetCentralShm, AttachSizesShortCentralFileTo16384) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(GetCentralShm, AttachSizesShortCentralFileTo16384) {
     write_central_file(512, 0, 2, 1, 2, 64);
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetCentralShm());
-    EXPECT_EQ(RT_SHM_SIZE, shared_state::file_size(kShmGlobal));
+    EXPECT_EQ(RT_SHM_SIZE, qxt::file_size(kShmGlobal));
     EXPECT_EQ(512, pstTop->s32CapPerCore);
-    EXPECT_TRUE(shared_state::all_zero((char *)pstTop->pstCentral + 64, RT_SHM_SIZE - 64));
+    EXPECT_TRUE(qxt::all_zero((char *)pstTop->pstCentral + 64, RT_SHM_SIZE - 64));
 }
 
-TEST(GetCentralAndTop, WithoutCentralSegmentReturnsNullAndClosesLockFile) {
-    QXT_REQUIRE_SANDBOX();
+using GetCentralAndTop = qxt::SandboxTest;
+
+TEST_F(GetCentralAndTop, WithoutCentralSegmentReturnsNullAndClosesLockFile) {
     LogCapture log;
     int32_t fd = -1;
     EXPECT_EQ(RT_ERR_NULL, _QX_REALTIME_GetCentralAndTop(&fd));
-    EXPECT_FALSE(shared_state::fd_is_open(fd));
-    EXPECT_TRUE(log.has_error(kForgot)) << log.dump();
-    EXPECT_EQ(1, count_matching(log, QX_LOG_PRIO_ERROR,
-                                "\\[RT_Impl\\]\\[Err\\] _QX_REALTIME_GetCentralAndTop \\([0-9]+\\), "
-                                "can't get central shared memory\n"))
-        << log.dump();
+    EXPECT_FALSE(qxt::fd_is_open(fd));
+    QXT_EXPECT_ERROR(log, kForgot);
+    EXPECT_EQ(1, central_and_top_failures(log, "shared memory")) << log.dump();
     EXPECT_EQ(nullptr, pstTop);
 }
 
-TEST(GetCentralAndTop, LockFileFailureReturnsFailed) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(GetCentralAndTop, LockFileFailureReturnsFailed) {
     write_central_file(1024, 80, 2, 1, 2);
     ASSERT_EQ(0, mkdir(kLockGlobal, 0755));
     LogCapture log;
     int32_t fd = -1;
     EXPECT_EQ(RT_ERR_FAILED, _QX_REALTIME_GetCentralAndTop(&fd));
-    EXPECT_TRUE(log.has_error(err_head("_QX_REALTIME_GetFlock") +
-                              qxt::format("flock open (%s) return -1, errno=Is a directory\n", kLockGlobal)))
-        << log.dump();
-    EXPECT_EQ(1, count_matching(log, QX_LOG_PRIO_ERROR,
-                                "\\[RT_Impl\\]\\[Err\\] _QX_REALTIME_GetCentralAndTop \\([0-9]+\\), "
-                                "can't get central flock\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log,
+        err_head("_QX_REALTIME_GetFlock") +
+        qxt::format("flock open (%s) return -1, errno=Is a directory\n", kLockGlobal));
+    EXPECT_EQ(1, central_and_top_failures(log, "flock")) << log.dump();
     EXPECT_EQ(nullptr, pstTop);
 }
 
-TEST(GetCentralAndTop, AttachesOnceAndLeavesLockFileOpenButUnlocked) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(GetCentralAndTop, AttachesOnceAndLeavesLockFileOpenButUnlocked) {
     write_central_file(1024, 80, 4, 1, 2);
     int32_t fd = -1;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetCentralAndTop(&fd));
-    ASSERT_TRUE(shared_state::fd_is_open(fd));
+    ASSERT_TRUE(qxt::fd_is_open(fd));
     ASSERT_NE(nullptr, pstTop);
     QX_REALTIME_CENTRAL_t *central = pstTop->pstCentral;
     int other = open(kLockGlobal, O_RDWR);

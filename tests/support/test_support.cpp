@@ -1,15 +1,20 @@
 #include "test_support.h"
 
 #include "log_sink.h"
+#include <dirent.h>
 #include <fcntl.h>
+#include <string.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/sysinfo.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <fstream>
 #include <sstream>
 
@@ -170,6 +175,20 @@ std::string read_file(const std::string &path) {
     return ss.str();
 }
 
+std::vector<std::string> files_in(const std::string &dir, const std::string &prefix) {
+    std::vector<std::string> out;
+    DIR *handle = opendir(dir.c_str());
+    if (handle == nullptr) return out;
+    while (struct dirent *entry = readdir(handle)) {
+        std::string name = entry->d_name;
+        if (name == "." || name == "..") continue;
+        if (name.compare(0, prefix.size(), prefix) == 0) out.push_back(name);
+    }
+    closedir(handle);
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
 bool file_exists(const std::string &path) {
     return access(path.c_str(), F_OK) == 0;
 }
@@ -199,6 +218,77 @@ void clear_property(const std::string &name) {
     unlink((std::string(QX_HOST_PROPERTY_DIR) + "/" + name).c_str());
 }
 
+void SandboxTest::SetUp() {
+    QXT_REQUIRE_SANDBOX();
+    if (get_nprocs() < cpus_) GTEST_SKIP() << why_cpus_;
+    SetUpInSandbox();
+}
+
+namespace {
+// A domain object: its own keys, then one object per class with the given members.
+std::string domain_object(const std::string &name, int util, const std::string &cpuset,
+                          const std::vector<std::pair<std::string, std::string>> &classes) {
+    std::string text = format("    \"%s\": {\n        \"Util\": %d,\n        \"Cpuset\": \"%s\"",
+                              name.c_str(), util, cpuset.c_str());
+    for (const auto &c : classes)
+        text += format(",\n        \"%s\": {\n%s\n        }", c.first.c_str(), c.second.c_str());
+    return text + "\n    }";
+}
+}  // namespace
+
+std::string rr_domain(const std::string &name, int util, const std::string &cpuset,
+                      const std::vector<RrClass> &classes) {
+    std::vector<std::pair<std::string, std::string>> members;
+    for (const RrClass &c : classes)
+        members.emplace_back(c.name, format("            \"Util\": %d,\n            \"RT_Priority\": %d",
+                                            c.util, c.priority));
+    return domain_object(name, util, cpuset, members);
+}
+
+std::string dl_domain(const std::string &name, int util, const std::string &cpuset,
+                      const std::vector<DlClass> &classes) {
+    std::vector<std::pair<std::string, std::string>> members;
+    for (const DlClass &c : classes)
+        members.emplace_back(c.name, format("            \"DL_RuntimeUs\": %d,\n"
+                                            "            \"DL_DeadlineUs\": %d,\n"
+                                            "            \"DL_PeriodUs\": %d",
+                                            c.runtime_us, c.deadline_us, c.period_us));
+    return domain_object(name, util, cpuset, members);
+}
+
+std::string join_domains(const std::vector<std::string> &domains) {
+    std::string out;
+    for (const std::string &d : domains) out += (out.empty() ? "" : ",\n") + d;
+    return out;
+}
+
+std::string tid_text() {
+    return std::to_string(qx_gettid());
+}
+
+std::string errno_text(int err) {
+    char buf[128];
+    return strerror_r(err, buf, sizeof(buf));
+}
+
+pid_t dead_pid() {
+    pid_t pid = fork();
+    if (pid == 0) _exit(0);
+    int status;
+    waitpid(pid, &status, 0);
+    return pid;
+}
+
+int open_fd_count() {
+    int n = 0;
+    DIR *dir = opendir("/proc/self/fd");
+    if (dir == nullptr) return -1;
+    while (struct dirent *entry = readdir(dir))
+        if (entry->d_name[0] != '.') n++;
+    closedir(dir);
+    return n - 1;  // the directory's own descriptor
+}
+
 std::string config_with(int enabled, int util, int dbg_level, int reservation, int budget_cpus,
                         const std::string &domains) {
     std::string text = format(
@@ -216,11 +306,16 @@ std::string config_with(int enabled, int util, int dbg_level, int reservation, i
     return text;
 }
 
-TestThread::TestThread(bool busy) {
-    thread_ = std::thread([this, busy] {
+TestThread::TestThread(bool busy) : TestThread(busy ? 1 : 0, busy ? 0 : 1) {}
+
+TestThread::TestThread(int spin_ms, int sleep_ms) {
+    thread_ = std::thread([this, spin_ms, sleep_ms] {
         tid_ = (pid_t)syscall(SYS_gettid);
         while (!stop_.load()) {
-            if (!busy) usleep(1000);
+            auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(spin_ms);
+            while (std::chrono::steady_clock::now() < until && !stop_.load()) {
+            }
+            if (sleep_ms > 0) usleep((useconds_t)sleep_ms * 1000u);
         }
     });
     while (tid_.load() == 0) usleep(100);

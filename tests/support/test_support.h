@@ -43,6 +43,13 @@ public:
     std::string dump() const;  // every captured line, for failure messages
 };
 
+// The log holds the exact line (file form) at the error, or the info, priority; on failure the
+// message shows every captured line.
+#define QXT_EXPECT_ERROR(log, file_form) EXPECT_TRUE((log).has_error(file_form)) << (log).dump()
+#define QXT_EXPECT_INFO(log, file_form) EXPECT_TRUE((log).has_info(file_form)) << (log).dump()
+// Nothing at all reached the log.
+#define QXT_EXPECT_SILENT(log) EXPECT_TRUE((log).lines().empty()) << (log).dump()
+
 // True inside tools/rt_sandbox; otherwise why not.
 bool in_sandbox(std::string *why);
 
@@ -52,6 +59,21 @@ bool in_sandbox(std::string *why);
         std::string qxt_why;                                               \
         if (!qxt::in_sandbox(&qxt_why)) GTEST_SKIP() << qxt_why;           \
     } while (0)
+
+// The base of every test that needs the sandbox: SetUp skips the test, with the reason, when it
+// is missing, or when the machine has fewer CPUs than the fixture asks for; only then does it call
+// SetUpInSandbox, where a derived fixture does its own setting up.
+class SandboxTest : public ::testing::Test {
+protected:
+    SandboxTest() = default;
+    SandboxTest(int cpus, std::string why_cpus) : cpus_(cpus), why_cpus_(std::move(why_cpus)) {}
+    void SetUp() override;
+    virtual void SetUpInSandbox() {}
+
+private:
+    int cpus_ = 1;
+    std::string why_cpus_;
+};
 
 // The emulator that target binaries run under (qemu-user for a cross build, as the sandbox's
 // --emulator hands it on), or "" when they run natively.
@@ -86,6 +108,8 @@ std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 void write_file(const std::string &path, const std::string &content);
 std::string read_file(const std::string &path);  // "" when unreadable
 bool file_exists(const std::string &path);
+// The entries of a directory whose names begin with prefix, sorted.
+std::vector<std::string> files_in(const std::string &dir, const std::string &prefix = "");
 mode_t file_mode(const std::string &path);  // permission bits, 0 when missing
 
 // Writes /vendor/etc/realtime/rt-<name>.json and points vendor.kpo.realtime.cfg_name at it.
@@ -100,10 +124,34 @@ void clear_property(const std::string &name);
 std::string config_with(int enabled, int util, int dbg_level, int reservation, int budget_cpus,
                         const std::string &domains);
 
-// A real thread of this process that sleeps (or spins when busy) until stopped.
+// The classes of a configured domain: a round-robin class (per-thread Util and priority) and a
+// deadline class (runtime, deadline and period in microseconds).
+struct RrClass {
+    std::string name;
+    int util;
+    int priority;
+};
+struct DlClass {
+    std::string name;
+    int runtime_us;
+    int deadline_us;
+    int period_us;
+};
+// One domain object of a configuration (no surrounding braces): the domain's own keys, then its
+// classes, in order.
+std::string rr_domain(const std::string &name, int util, const std::string &cpuset,
+                      const std::vector<RrClass> &classes = {{"Class_Rr", 10, 50}});
+std::string dl_domain(const std::string &name, int util, const std::string &cpuset,
+                      const std::vector<DlClass> &classes = {{"Class_Dl", 1000, 10000, 100000}});
+// Domain objects joined into the member list that config_with expects.
+std::string join_domains(const std::vector<std::string> &domains);
+
+// A real thread of this process that sleeps (or spins when busy) until stopped; or, with a duty
+// cycle, spins for spin_ms and then sleeps for sleep_ms, over and over.
 class TestThread {
 public:
     explicit TestThread(bool busy = false);
+    TestThread(int spin_ms, int sleep_ms);
     ~TestThread();
     pid_t tid() const { return tid_; }
     void stop();
@@ -113,6 +161,15 @@ private:
     std::atomic<pid_t> tid_{0};
     std::thread thread_;
 };
+
+// This thread's id as the library prints it.
+std::string tid_text();
+// The library's own text of an errno value, as its messages print it.
+std::string errno_text(int err);
+// A process (and thread) id that no longer exists: a child that has exited and been reaped.
+pid_t dead_pid();
+// Number of open descriptors of this process (the one that reads them not counted).
+int open_fd_count();
 
 // Runs fn in a forked child and returns its exit status (or 128 + signal).
 int run_in_child(const std::function<int()> &fn);

@@ -8,41 +8,23 @@
 #include "threads_support.h"
 
 using namespace qxt;
-using namespace qxt_threads;
 
 namespace {
 
-const char kRr[] = "Domain_Rr";
-const char kDl[] = "Domain_Dl";
-const char kAdd[] = "QX_REALTIME_AddThread";
-const char kLite[] = "QX_REALTIME_AddThread_Lite";
+// Per-thread shares (units of 1000 per core) and priorities around the domain's budget of 1000.
+const std::vector<RrClass> kRrClasses = {
+    {"Class_A", 200, 10},   {"Class_B", 100, 20},   {"Class_Zero", 0, 30}, {"Class_Neg", -1, 40},
+    {"Class_800", 800, 15}, {"Class_201", 201, 16}, {"Class_200", 200, 17}};
+// A valid class, then a deadline shorter than the runtime, then a period shorter than the deadline.
+const std::vector<DlClass> kDlClasses = {{"Class_Isp", 2000, 8000, 10000},
+                                         {"Class_Late", 2000, 1500, 10000},
+                                         {"Class_Long", 2000, 12000, 10000}};
 
-std::string rr() {
-    return rr_domain(kRr, 1000, "1",
-                     {{"Class_A", 200, 10},
-                      {"Class_B", 100, 20},
-                      {"Class_Zero", 0, 30},
-                      {"Class_Neg", -1, 40},
-                      {"Class_800", 800, 15},
-                      {"Class_201", 201, 16},
-                      {"Class_200", 200, 17}});
-}
-
-std::string dl() {
-    return dl_domain(kDl, 1000, "1",
-                     {{"Class_Isp", 2000, 8000, 10000},
-                      {"Class_Late", 2000, 1500, 10000},
-                      {"Class_Long", 2000, 12000, 10000}});
-}
+std::string rr() { return rr_domain(kRr, 1000, "1", kRrClasses); }
+std::string dl() { return dl_domain(kDl, 1000, "1", kDlClasses); }
 
 std::string added(const char *op, pid_t tid) {
     return format("[RT_Impl][DBG] [%s] for [%d] successfully.\n", op, (int)tid);
-}
-
-std::string summary(pid_t tid, const char *cls, unsigned code) {
-    return format("[RT_Impl][Err] [QX_REALTIME_AddThread] Add pid = [%d] to Thread at Class = [%s] "
-                  "failed. ret is %u\n",
-                  (int)tid, cls, code);
 }
 
 // The thread is still as a plain thread of this process left it: normal policy, root groups.
@@ -56,10 +38,10 @@ void expect_untouched(pid_t tid) {
 
 }  // namespace
 
-TEST(ThreadAdmission, RrAdmissionAppliesClassPriorityAndMovesThreadIntoDomainGroups) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+using ThreadAdmission = qxt::SandboxTest;
+
+TEST_F(ThreadAdmission, RrAdmissionAppliesClassPriorityAndMovesThreadIntoDomainGroups) {
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0)) << log.dump();
@@ -73,15 +55,13 @@ TEST(ThreadAdmission, RrAdmissionAppliesClassPriorityAndMovesThreadIntoDomainGro
     EXPECT_TRUE(tasks_file_lists("/dev/cpuacct/Domain_Rr/tasks", t.tid()));
     EXPECT_FALSE(tasks_file_lists("/dev/cpuset/tasks", t.tid()));
 
-    EXPECT_TRUE(log.has_info(format("[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld; argPid=[%d].\n",
-                                    kAdd, (int)getpid(), (long)gettid(), (int)t.tid())))
-        << log.dump();
-    EXPECT_TRUE(log.has_info(format(
+    QXT_EXPECT_INFO(log, format("[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld; argPid=[%d].\n",
+                         kAdd, (int)getpid(), (long)gettid(), (int)t.tid()));
+    QXT_EXPECT_INFO(log, format(
         "[RT_Impl][Info] s32UtilCurrent in Domain[Domain_Rr] is [200] after add pid=[%d].\n",
-        (int)t.tid())))
-        << log.dump();
-    EXPECT_TRUE(log.has_info(added(kAdd, t.tid()))) << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_AddThread] exit, OK.\n")) << log.dump();
+        (int)t.tid()));
+    QXT_EXPECT_INFO(log, added(kAdd, t.tid()));
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_AddThread] exit, OK.\n");
 
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
     ASSERT_NE(nullptr, d);
@@ -96,10 +76,8 @@ TEST(ThreadAdmission, RrAdmissionAppliesClassPriorityAndMovesThreadIntoDomainGro
     EXPECT_EQ(getpid(), d->s32ProcessIDList[0]);
 }
 
-TEST(ThreadAdmission, DeadlineDomainChargesRuntimeTimesCapacityOverPeriod) {
-    QXT_REQUIRE_SANDBOX();
-    start({dl()}, {kDl});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadAdmission, DeadlineDomainChargesRuntimeTimesCapacityOverPeriod) {
+    ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     TestThread t;
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kDl, "Class_Isp", t.tid(), 0)) << log.dump();
@@ -113,26 +91,18 @@ TEST(ThreadAdmission, DeadlineDomainChargesRuntimeTimesCapacityOverPeriod) {
     EXPECT_EQ("/Domain_Dl", cgroup_of(t.tid(), "cpuset"));
     EXPECT_EQ("/Domain_Dl", cgroup_of(t.tid(), "cpuacct"));
 
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] Get converted Util=[200] from DlRuntimeUs=[2000], "
-                             "DlPeriodUs=[10000], s32CapPerCore=[1000].\n"))
-        << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][Info] Get converted Util=[200] from DlRuntimeUs=[2000], "
+                         "DlPeriodUs=[10000], s32CapPerCore=[1000].\n");
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kDl);
     ASSERT_NE(nullptr, d);
     EXPECT_EQ(200, d->s32UtilCurrent);
     // The class record itself carries the converted share from now on.
     EXPECT_EQ(200, class_record(d, "Class_Isp")->s32Util);
-    QX_REALTIME_THREAD_t *rec = live_slot(d, t.tid());
-    ASSERT_NE(nullptr, rec);
-    EXPECT_EQ(200, rec->Util);
-    EXPECT_EQ(2000, rec->RuntimeUs);
-    EXPECT_EQ(8000, rec->DeadlineUs);
-    EXPECT_EQ(10000, rec->PeriodUs);
+    ASSERT_NO_FATAL_FAILURE(expect_record(d, t.tid(), 200, 2000, 8000, 10000));
 }
 
-TEST(ThreadAdmission, DeadlineAdmissionWithOverrunNotificationSetsFlags0x06) {
-    QXT_REQUIRE_SANDBOX();
-    start({dl()}, {kDl});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadAdmission, DeadlineAdmissionWithOverrunNotificationSetsFlags0x06) {
+    ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     TestThread t;
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kDl, "Class_Isp", t.tid(), 1)) << log.dump();
@@ -142,19 +112,16 @@ TEST(ThreadAdmission, DeadlineAdmissionWithOverrunNotificationSetsFlags0x06) {
     EXPECT_EQ("/Domain_Dl", cgroup_of(t.tid(), "cpuset"));
 }
 
-TEST(ThreadAdmission, DeadlineShorterThanRuntimeIsRefusedAsInvalid) {
-    QXT_REQUIRE_SANDBOX();
-    start({dl()}, {kDl});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadAdmission, DeadlineShorterThanRuntimeIsRefusedAsInvalid) {
+    ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     TestThread t;
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kDl, "Class_Late", t.tid(), 0));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
-                              "parameter: (should) DlPeriodUs=10000 >= DlDeadlineUs=1500 >= "
-                              "DlRuntimeUs=2000.\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(summary(t.tid(), "Class_Late", RT_ERR_INVALID_PARAM))) << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_AddThread] exit, err=8.\n")) << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
+                          "parameter: (should) DlPeriodUs=10000 >= DlDeadlineUs=1500 >= "
+                          "DlRuntimeUs=2000.\n");
+    QXT_EXPECT_ERROR(log, add_failed(t.tid(), "Class_Late", RT_ERR_INVALID_PARAM));
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_AddThread] exit, err=8.\n");
     expect_untouched(t.tid());
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kDl);
     ASSERT_NE(nullptr, d);
@@ -162,25 +129,20 @@ TEST(ThreadAdmission, DeadlineShorterThanRuntimeIsRefusedAsInvalid) {
     EXPECT_EQ(0, live_slot_count(d));
 }
 
-TEST(ThreadAdmission, PeriodShorterThanDeadlineIsRefusedAsInvalid) {
-    QXT_REQUIRE_SANDBOX();
-    start({dl()}, {kDl});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadAdmission, PeriodShorterThanDeadlineIsRefusedAsInvalid) {
+    ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     TestThread t;
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kDl, "Class_Long", t.tid(), 0));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
-                              "parameter: (should) DlPeriodUs=10000 >= DlDeadlineUs=12000 >= "
-                              "DlRuntimeUs=2000.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
+                          "parameter: (should) DlPeriodUs=10000 >= DlDeadlineUs=12000 >= "
+                          "DlRuntimeUs=2000.\n");
     expect_untouched(t.tid());
     EXPECT_EQ(0, map_domain_file(kDl)->s32UtilCurrent);
 }
 
-TEST(ThreadAdmission, RepeatedAdmissionInAnyClassSucceedsAndChangesNothing) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadAdmission, RepeatedAdmissionInAnyClassSucceedsAndChangesNothing) {
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0));
     std::vector<uint8_t> before = segment_bytes(kRr);
@@ -200,27 +162,22 @@ TEST(ThreadAdmission, RepeatedAdmissionInAnyClassSucceedsAndChangesNothing) {
     EXPECT_EQ("/Domain_Rr", cgroup_of(t.tid(), "cpuset"));
 }
 
-TEST(ThreadAdmission, RrClassWithNegativeUtilIsRefusedAsInvalid) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadAdmission, RrClassWithNegativeUtilIsRefusedAsInvalid) {
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kRr, "Class_Neg", t.tid(), 0));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid parameter -1: "
-                              "(should) s32Util >= 0.\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(summary(t.tid(), "Class_Neg", RT_ERR_INVALID_PARAM))) << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid parameter -1: "
+                          "(should) s32Util >= 0.\n");
+    QXT_EXPECT_ERROR(log, add_failed(t.tid(), "Class_Neg", RT_ERR_INVALID_PARAM));
     expect_untouched(t.tid());
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
     EXPECT_EQ(0, d->s32UtilCurrent);
     EXPECT_EQ(0, live_slot_count(d));
 }
 
-TEST(ThreadAdmission, RrClassWithZeroUtilIsAdmittedAndChargesNothing) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadAdmission, RrClassWithZeroUtilIsAdmittedAndChargesNothing) {
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_Zero", t.tid(), 0)) << log.dump();
@@ -234,10 +191,8 @@ TEST(ThreadAdmission, RrClassWithZeroUtilIsAdmittedAndChargesNothing) {
     EXPECT_EQ(0, live_slot(d, t.tid())->Util);
 }
 
-TEST(ThreadAdmission, BudgetAdmitsUpToItsMaxExactlyAndRefusesOneUnitMore) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadAdmission, BudgetAdmitsUpToItsMaxExactlyAndRefusesOneUnitMore) {
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t800, t201, t200;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_800", t800.tid(), 0));
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
@@ -245,11 +200,10 @@ TEST(ThreadAdmission, BudgetAdmitsUpToItsMaxExactlyAndRefusesOneUnitMore) {
 
     LogCapture log;
     EXPECT_EQ(RT_ERR_OVER_BUDGET, QX_REALTIME_AddThread(kRr, "Class_201", t201.tid(), 0));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Domain[Domain_Rr] over "
-                              "s32Util: new Util is 201, original Util is 0,domain current total "
-                              "Util is 800, max. domain Util is 1000\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(summary(t201.tid(), "Class_201", RT_ERR_OVER_BUDGET))) << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Domain[Domain_Rr] over "
+                          "s32Util: new Util is 201, original Util is 0,domain current total "
+                          "Util is 800, max. domain Util is 1000\n");
+    QXT_EXPECT_ERROR(log, add_failed(t201.tid(), "Class_201", RT_ERR_OVER_BUDGET));
     expect_untouched(t201.tid());
     EXPECT_EQ(800, d->s32UtilCurrent);
 
@@ -260,10 +214,8 @@ TEST(ThreadAdmission, BudgetAdmitsUpToItsMaxExactlyAndRefusesOneUnitMore) {
     EXPECT_EQ("/Domain_Rr", cgroup_of(t200.tid(), "cpuset"));
 }
 
-TEST(ThreadAdmission, DomainWithoutBudgetAdmitsAnyAmountAndLeavesCpusetAlone) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr_domain("Domain_Free", 0, "1", {{"Class_Huge", 5000, 10}})}, {"Domain_Free"});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadAdmission, DomainWithoutBudgetAdmitsAnyAmountAndLeavesCpusetAlone) {
+    ASSERT_NO_FATAL_FAILURE(start({rr_domain("Domain_Free", 0, "1", {{"Class_Huge", 5000, 10}})}, {"Domain_Free"}));
     TestThread t1, t2;
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_Free", "Class_Huge", t1.tid(), 0))
@@ -280,34 +232,28 @@ TEST(ThreadAdmission, DomainWithoutBudgetAdmitsAnyAmountAndLeavesCpusetAlone) {
     }
 }
 
-TEST(ThreadAdmission, LiteAdmissionLeavesDeadlineOrderToTheKernel) {
-    QXT_REQUIRE_SANDBOX();
-    start({dl()}, {kDl});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadAdmission, LiteAdmissionLeavesDeadlineOrderToTheKernel) {
+    ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     TestThread t;
     QX_REALTIME_UTIL_t util = {77, 1500, 2000, 10000};
     LogCapture log;
     EXPECT_EQ(RT_ERR_SCHED_SETATTR, QX_REALTIME_AddThread_Lite(kDl, "Class_Isp", &util, t.tid(), 0));
     EXPECT_EQ(0, log.count_containing("Invalid Deadline parameter")) << log.dump();
-    EXPECT_TRUE(log.has_error(format(
+    QXT_EXPECT_ERROR(log, format(
         "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr] _QX_REALTMIE_SchedSetAttr failed to set the "
         "sched for pid=%d, policy=6, priority=0, runtime=2000000, deadline=1500000, "
         "period=10000000, errno=%s\n",
-        (int)t.tid(), errno_text(EINVAL).c_str())))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(format(
+        (int)t.tid(), errno_text(EINVAL).c_str()));
+    QXT_EXPECT_ERROR(log, format(
         "[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = [Class_Isp] failed.\n", kLite,
-        (int)t.tid())))
-        << log.dump();
+        (int)t.tid()));
     EXPECT_EQ(77, util.s32Util);
     expect_untouched(t.tid());
     EXPECT_EQ(0, map_domain_file(kDl)->s32UtilCurrent);
 }
 
-TEST(ThreadAdmission, LiteAdmissionAppliesAndChargesCallerParametersUnchecked) {
-    QXT_REQUIRE_SANDBOX();
-    start({dl()}, {kDl});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadAdmission, LiteAdmissionAppliesAndChargesCallerParametersUnchecked) {
+    ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     TestThread t;
     // 5000 units in a domain of 1000: no budget check and no conversion on this path.
     QX_REALTIME_UTIL_t util = {5000, 5000, 1000, 10000};
@@ -315,7 +261,7 @@ TEST(ThreadAdmission, LiteAdmissionAppliesAndChargesCallerParametersUnchecked) {
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread_Lite(kDl, "Class_Isp", &util, t.tid(), 1))
         << log.dump();
     EXPECT_EQ(0, log.count_containing("Get converted Util")) << log.dump();
-    EXPECT_TRUE(log.has_info(added(kLite, t.tid()))) << log.dump();
+    QXT_EXPECT_INFO(log, added(kLite, t.tid()));
     SchedInfo s = sched_of(t.tid());
     EXPECT_EQ((uint32_t)SCHED_DEADLINE, s.policy);
     EXPECT_EQ(1000000u, s.runtime);
@@ -329,10 +275,8 @@ TEST(ThreadAdmission, LiteAdmissionAppliesAndChargesCallerParametersUnchecked) {
     EXPECT_EQ(5000, live_slot(d, t.tid())->Util);
 }
 
-TEST(ThreadAdmission, FullSegmentStoresNoRecordEvenWhenAFreedSlotExists) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadAdmission, FullSegmentStoresNoRecordEvenWhenAFreedSlotExists) {
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t1, t2;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t1.tid(), 0));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kRr, t1.tid()));
@@ -343,44 +287,36 @@ TEST(ThreadAdmission, FullSegmentStoresNoRecordEvenWhenAFreedSlotExists) {
 
     LogCapture log;
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_AddThread(kRr, "Class_A", t2.tid(), 0));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_AddThreadDataAtHead] shared memory size (16384 "
-                              "Byte) is too small. sizeof(QX_REALTIME_THREAD_t)=96\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(format(
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_AddThreadDataAtHead] shared memory size (16384 "
+                          "Byte) is too small. sizeof(QX_REALTIME_THREAD_t)=96\n");
+    QXT_EXPECT_ERROR(log, format(
         "[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = [Class_A] failed.\n", kAdd,
-        (int)t2.tid())))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(summary(t2.tid(), "Class_A", RT_ERR_NOT_EXIST))) << log.dump();
+        (int)t2.tid()));
+    QXT_EXPECT_ERROR(log, add_failed(t2.tid(), "Class_A", RT_ERR_NOT_EXIST));
     EXPECT_EQ(0, slot(d, 0)->Alive);
     EXPECT_EQ(1, d->s32ThreadNum);
     EXPECT_EQ(16300, d->s32NextOffset);
     // Nothing is rolled back: the thread is scheduled, moved and charged without a record.
-    EXPECT_EQ((uint32_t)SCHED_RR, sched_of(t2.tid()).policy);
-    EXPECT_EQ("/Domain_Rr", cgroup_of(t2.tid(), "cpuset"));
+    expect_placed(t2.tid(), SCHED_RR, "/Domain_Rr");
     EXPECT_EQ("/Domain_Rr", cgroup_of(t2.tid(), "cpuacct"));
     EXPECT_EQ(200, d->s32UtilCurrent);
 }
 
-TEST(ThreadAdmission, SegmentOneByteShortOfARecordRefusesIt) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadAdmission, SegmentOneByteShortOfARecordRefusesIt) {
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
     d->s32NextOffset = 16289;
     LogCapture log;
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_AddThreadDataAtHead] shared memory size (16384 "
-                              "Byte) is too small. sizeof(QX_REALTIME_THREAD_t)=96\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_AddThreadDataAtHead] shared memory size (16384 "
+                          "Byte) is too small. sizeof(QX_REALTIME_THREAD_t)=96\n");
     EXPECT_EQ(0, d->s32ThreadNum);
     EXPECT_EQ(16289, d->s32NextOffset);
 }
 
-TEST(ThreadAdmission, SegmentWithRoomForExactlyOneRecordAppendsIt) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadAdmission, SegmentWithRoomForExactlyOneRecordAppendsIt) {
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t1, t2;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t1.tid(), 0));
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
@@ -393,10 +329,8 @@ TEST(ThreadAdmission, SegmentWithRoomForExactlyOneRecordAppendsIt) {
     EXPECT_EQ(1, live_slot(d, t2.tid())->ThreadIdx);
 }
 
-TEST(ThreadAdmission, FullProcessIdListFailsTheLookupButStoresTheRecord) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadAdmission, FullProcessIdListFailsTheLookupButStoresTheRecord) {
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     // Another live process fills every slot, so this process finds no room in the list.
     pid_t other = spawn_child([] {});
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
@@ -406,13 +340,11 @@ TEST(ThreadAdmission, FullProcessIdListFailsTheLookupButStoresTheRecord) {
     TestThread t;
     LogCapture log;
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_getProcessID] processIDListNum=80. it "
-                              "is full !!!\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [%s] getProcessID for tid [%d] failed.\n",
-                                     kAdd, (int)t.tid())))
-        << log.dump();
-    EXPECT_TRUE(log.has_error(summary(t.tid(), "Class_A", RT_ERR_NOT_EXIST))) << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_getProcessID] processIDListNum=80. it "
+                          "is full !!!\n");
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] getProcessID for tid [%d] failed.\n",
+                          kAdd, (int)t.tid()));
+    QXT_EXPECT_ERROR(log, add_failed(t.tid(), "Class_A", RT_ERR_NOT_EXIST));
     EXPECT_EQ(0, log.count_containing("doesn't exist")) << log.dump();
 
     QX_REALTIME_THREAD_t *rec = live_slot(d, t.tid());
@@ -420,16 +352,13 @@ TEST(ThreadAdmission, FullProcessIdListFailsTheLookupButStoresTheRecord) {
     EXPECT_EQ(getpid(), rec->ProcessID);
     EXPECT_EQ(200, d->s32UtilCurrent);
     for (int i = 0; i < 80; i++) EXPECT_EQ(other, d->s32ProcessIDList[i]) << i;
-    EXPECT_EQ((uint32_t)SCHED_RR, sched_of(t.tid()).policy);
-    EXPECT_EQ("/Domain_Rr", cgroup_of(t.tid(), "cpuset"));
+    expect_placed(t.tid(), SCHED_RR, "/Domain_Rr");
     EXPECT_EQ("/Domain_Rr", cgroup_of(t.tid(), "cpuacct"));
     kill_and_reap(other);
 }
 
-TEST(ThreadAdmission, ThreadOfDeadClientIsReapedBeforeTheBudgetCheck) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadAdmission, ThreadOfDeadClientIsReapedBeforeTheBudgetCheck) {
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     int fds[2];
     ASSERT_EQ(0, pipe(fds));
     pid_t client = spawn_child([&] {
@@ -445,8 +374,7 @@ TEST(ThreadAdmission, ThreadOfDeadClientIsReapedBeforeTheBudgetCheck) {
     close(fds[0]);
     ASSERT_EQ((int32_t)RT_SUCCESS, msg[1]);
     pid_t client_tid = msg[0];
-    EXPECT_EQ((uint32_t)SCHED_RR, sched_of(client_tid).policy);
-    EXPECT_EQ("/Domain_Rr", cgroup_of(client_tid, "cpuset"));
+    expect_placed(client_tid, SCHED_RR, "/Domain_Rr");
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
     ASSERT_EQ(800, d->s32UtilCurrent);
     ASSERT_EQ(client, d->s32ProcessIDList[0]);
@@ -456,18 +384,13 @@ TEST(ThreadAdmission, ThreadOfDeadClientIsReapedBeforeTheBudgetCheck) {
     LogCapture log;
     // 800 more would not fit beside the dead client's 800: the reaping comes first.
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_800", t.tid(), 0)) << log.dump();
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [_QX_REALTIME_CheckProcessAlive] Process %d "
-                                     "doesn't exist. errnor=%s\n",
-                                     (int)client, errno_text(ESRCH).c_str())))
-        << log.dump();
-    EXPECT_TRUE(log.has_info(format(
+    QXT_EXPECT_ERROR(log, process_gone(client));
+    QXT_EXPECT_INFO(log, format(
         "[RT_Impl][DBG] [QX_REALTIME_RemoveKilledThread] for pid=[%d] successfully.\n",
-        (int)client_tid)))
-        << log.dump();
+        (int)client_tid));
     EXPECT_EQ(800, d->s32UtilCurrent);
     EXPECT_EQ(live_util_sum(d), d->s32UtilCurrent);
     EXPECT_EQ(nullptr, live_slot(d, client_tid));
     EXPECT_EQ(getpid(), d->s32ProcessIDList[0]);
-    EXPECT_EQ((uint32_t)SCHED_RR, sched_of(t.tid()).policy);
-    EXPECT_EQ("/Domain_Rr", cgroup_of(t.tid(), "cpuset"));
+    expect_placed(t.tid(), SCHED_RR, "/Domain_Rr");
 }

@@ -9,12 +9,8 @@
 #include "threads_support.h"
 
 using namespace qxt;
-using namespace qxt_threads;
 
 namespace {
-
-const char kRr[] = "Domain_Rr";
-const char kDl[] = "Domain_Dl";
 
 std::string rr() { return rr_domain(kRr, 1000, "1", {{"Class_A", 200, 10}}); }
 std::string dl() { return dl_domain(kDl, 1000, "1", {{"Class_Isp", 2000, 8000, 100000}}); }
@@ -35,16 +31,16 @@ std::string comm_of(pid_t pid) {
 
 // The kernel refuses the policy: the segment is as it was before the call, byte for byte, though
 // a record was written and a charge made for the time of the call.
-TEST(AdmissionBooking, RefusalByTheKernelLeavesTheSegmentAsItWas) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+using AdmissionBooking = qxt::SandboxTest;
+
+TEST_F(AdmissionBooking, RefusalByTheKernelLeavesTheSegmentAsItWas) {
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     // A freed slot (not blank) is the one a new record would take.
     TestThread first;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", first.tid(), 0));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kRr, first.tid()));
     std::vector<uint8_t> before = segment_bytes(kRr);
-    pid_t gone = vanished_tid();
+    pid_t gone = dead_pid();
     EXPECT_EQ(RT_ERR_SCHED_SETATTR, QX_REALTIME_AddThread(kRr, "Class_A", gone, 0));
     EXPECT_TRUE(before == segment_bytes(kRr)) << "the refused admission left a change";
     // And past the last slot: the counts go back too.
@@ -56,10 +52,8 @@ TEST(AdmissionBooking, RefusalByTheKernelLeavesTheSegmentAsItWas) {
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kRr, keep.tid()));
 }
 
-TEST(AdmissionBooking, RefusedMoveKeepsThePolicyButNoBooking) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+TEST_F(AdmissionBooking, RefusedMoveKeepsThePolicyButNoBooking) {
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
     ASSERT_NE(nullptr, d);
     std::vector<uint8_t> before = segment_bytes(kRr);
@@ -77,19 +71,16 @@ TEST(AdmissionBooking, RefusedMoveKeepsThePolicyButNoBooking) {
     write_file(cpus, "1");
 }
 
-TEST(AdmissionBooking, OverrunSignallingWarnsWhenTheSignalWouldKillTheProcess) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(AdmissionBooking, OverrunSignallingWarnsWhenTheSignalWouldKillTheProcess) {
     QXT_SKIP_UNDER_EMULATOR("qemu-user catches every signal for the process it emulates, so the "
                             "kernel shows SIGXCPU caught whatever the emulated process asked");
-    start({dl()}, {kDl});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     signal(SIGXCPU, SIG_DFL);
     {
         TestThread t;
         LogCapture log;
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kDl, "Class_Isp", t.tid(), 1)) << log.dump();
-        EXPECT_TRUE(log.has_error(overrun_warning(getpid(), comm_of(getpid()), t.tid())))
-            << log.dump();
+        QXT_EXPECT_ERROR(log, overrun_warning(getpid(), comm_of(getpid()), t.tid()));
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kDl, t.tid()));
     }
     {

@@ -10,7 +10,6 @@
 #include "threads_support.h"
 
 using namespace qxt;
-using namespace qxt_threads;
 
 namespace {
 
@@ -26,10 +25,10 @@ struct StartLine {
 
 }  // namespace
 
-TEST(ThreadCrossProcess, RacingClientsNeverChargeMoreThanTheBudget) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr_domain(kRace, 1000, "1", {{"Class_R", kShare, 10}})}, {kRace});
-    if (HasFatalFailure()) return;
+using ThreadCrossProcess = qxt::SandboxTest;
+
+TEST_F(ThreadCrossProcess, RacingClientsNeverChargeMoreThanTheBudget) {
+    ASSERT_NO_FATAL_FAILURE(start({rr_domain(kRace, 1000, "1", {{"Class_R", kShare, 10}})}, {kRace}));
     auto *line = (StartLine *)mmap(nullptr, sizeof(StartLine), PROT_READ | PROT_WRITE,
                                    MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(MAP_FAILED, (void *)line);
@@ -96,10 +95,8 @@ TEST(ThreadCrossProcess, RacingClientsNeverChargeMoreThanTheBudget) {
     munmap(line, sizeof(StartLine));
 }
 
-TEST(ThreadCrossProcess, AdmissionAfterAllClientsDiedReturnsTheWholeBudget) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr_domain(kRace, 1000, "1", {{"Class_R", kShare, 10}})}, {kRace});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadCrossProcess, AdmissionAfterAllClientsDiedReturnsTheWholeBudget) {
+    ASSERT_NO_FATAL_FAILURE(start({rr_domain(kRace, 1000, "1", {{"Class_R", kShare, 10}})}, {kRace}));
     std::vector<pid_t> clients;
     for (int c = 0; c < 4; c++) {
         int fds[2];
@@ -125,10 +122,7 @@ TEST(ThreadCrossProcess, AdmissionAfterAllClientsDiedReturnsTheWholeBudget) {
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRace, "Class_R", t.tid(), 0)) << log.dump();
     for (pid_t c : clients)
-        EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [_QX_REALTIME_CheckProcessAlive] Process %d "
-                                         "doesn't exist. errnor=%s\n",
-                                         (int)c, errno_text(ESRCH).c_str())))
-            << log.dump();
+        QXT_EXPECT_ERROR(log, process_gone(c));
     EXPECT_EQ(kShare, d->s32UtilCurrent);
     EXPECT_EQ(1, live_slot_count(d));
     EXPECT_EQ(getpid(), d->s32ProcessIDList[0]);

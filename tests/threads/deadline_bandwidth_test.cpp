@@ -8,7 +8,6 @@
 #include "threads_support.h"
 
 using namespace qxt;
-using namespace qxt_threads;
 
 namespace {
 
@@ -28,10 +27,10 @@ struct DropLeakedBandwidth {
 
 }  // namespace
 
-TEST(DeadlineBandwidth, RemovingSleepingDeadlineThreadGivesItsBandwidthBackAtOnce) {
-    QXT_REQUIRE_SANDBOX();
-    start({bw_domain()}, {kBw});
-    if (HasFatalFailure()) return;
+using DeadlineBandwidth = qxt::SandboxTest;
+
+TEST_F(DeadlineBandwidth, RemovingSleepingDeadlineThreadGivesItsBandwidthBackAtOnce) {
+    ASSERT_NO_FATAL_FAILURE(start({bw_domain()}, {kBw}));
     rebuild_sched_domains();  // start from a kernel that holds no stray reservation
     DropLeakedBandwidth guard;
 
@@ -55,11 +54,10 @@ TEST(DeadlineBandwidth, RemovingSleepingDeadlineThreadGivesItsBandwidthBackAtOnc
                                                                       << log.dump();
         // The removal looks exactly as before: its own messages, nothing more.
         EXPECT_EQ(0, error_count(log)) << log.dump();
-        EXPECT_TRUE(log.has_info("[RT_Impl][Info] s32UtilCurrent in Domain(Domain_Bw) is 0.\n"))
-            << log.dump();
-        EXPECT_TRUE(log.has_info(format(
-            "[RT_Impl][DBG] [QX_REALTIME_RemoveThread] for pid=[%d] successfully.\n", (int)t.tid())))
-            << log.dump();
+        QXT_EXPECT_INFO(log, "[RT_Impl][Info] s32UtilCurrent in Domain(Domain_Bw) is 0.\n");
+        QXT_EXPECT_INFO(log,
+            format(
+            "[RT_Impl][DBG] [QX_REALTIME_RemoveThread] for pid=[%d] successfully.\n", (int)t.tid()));
         SchedInfo s = sched_of(t.tid());
         ASSERT_EQ((uint32_t)SCHED_OTHER, s.policy);
         ASSERT_EQ(5, s.nice);
@@ -74,11 +72,9 @@ TEST(DeadlineBandwidth, RemovingSleepingDeadlineThreadGivesItsBandwidthBackAtOnc
     EXPECT_EQ(200, map_domain_file(kBw)->s32UtilCurrent);
 }
 
-TEST(DeadlineBandwidth, AdmittingSleepingDeadlineThreadIntoRoundRobinDomainGivesItsBandwidthBack) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(DeadlineBandwidth, AdmittingSleepingDeadlineThreadIntoRoundRobinDomainGivesItsBandwidthBack) {
     const char kRr[] = "Domain_BwRr";
-    start({bw_domain(), rr_domain(kRr, 0, "0", {{"Class_Plain", 0, 20}})}, {kBw, kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({bw_domain(), rr_domain(kRr, 0, "0", {{"Class_Plain", 0, 20}})}, {kBw, kRr}));
     rebuild_sched_domains();
     DropLeakedBandwidth guard;
 
@@ -112,12 +108,10 @@ TEST(DeadlineBandwidth, AdmittingSleepingDeadlineThreadIntoRoundRobinDomainGives
     ASSERT_TRUE(set_other_nice(t.tid(), 0));
 }
 
-TEST(DeadlineBandwidth, RefusedRoundRobinAdmissionLeavesDeadlineThreadWithItsReservation) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(DeadlineBandwidth, RefusedRoundRobinAdmissionLeavesDeadlineThreadWithItsReservation) {
     const char kRr[] = "Domain_BwRr";
     // RT_Priority 0 is refused before any system call changes the policy.
-    start({rr_domain(kRr, 0, "0", {{"Class_Bad", 0, 0}})}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr_domain(kRr, 0, "0", {{"Class_Bad", 0, 0}})}, {kRr}));
     TestThread t;
     ASSERT_TRUE(set_deadline(t.tid(), 1000000, 10000000, 10000000));
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kRr, "Class_Bad", t.tid(), 0));

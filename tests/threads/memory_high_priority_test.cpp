@@ -5,7 +5,6 @@
 #include "threads_support.h"
 
 using namespace qxt;
-using namespace qxt_threads;
 
 namespace {
 
@@ -22,10 +21,10 @@ std::string exited(const char *op) {
 
 }  // namespace
 
-TEST(MemoryHighPriority, QueryLogsNotReadyWithCallersValueAndLeavesItInPlace) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr_domain("Domain_Rr", 500, "1", {{"Class_A", 100, 10}})}, {"Domain_Rr"});
-    if (HasFatalFailure()) return;
+using MemoryHighPriority = qxt::SandboxTest;
+
+TEST_F(MemoryHighPriority, QueryLogsNotReadyWithCallersValueAndLeavesItInPlace) {
+    ASSERT_NO_FATAL_FAILURE(start({rr_domain("Domain_Rr", 500, "1", {{"Class_A", 100, 10}})}, {"Domain_Rr"}));
     int32_t avail = 42;
     LogCapture log;
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_GetAvailableHighPriorityResource(&avail));
@@ -36,15 +35,12 @@ TEST(MemoryHighPriority, QueryLogsNotReadyWithCallersValueAndLeavesItInPlace) {
     avail = -7;
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_GetAvailableHighPriorityResource(&avail));
     EXPECT_EQ(-7, avail);
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] The "
-                              "function isn't ready. *ps32Avai=-7\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] The "
+                          "function isn't ready. *ps32Avai=-7\n");
 }
 
-TEST(MemoryHighPriority, EnableAndDisableInAnyOrderSucceedAndChangeNoSharedField) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr_domain("Domain_Rr", 500, "1", {{"Class_A", 100, 10}})}, {"Domain_Rr"});
-    if (HasFatalFailure()) return;
+TEST_F(MemoryHighPriority, EnableAndDisableInAnyOrderSucceedAndChangeNoSharedField) {
+    ASSERT_NO_FATAL_FAILURE(start({rr_domain("Domain_Rr", 500, "1", {{"Class_A", 100, 10}})}, {"Domain_Rr"}));
     TestThread t;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_Rr", "Class_A", t.tid(), 0));
     std::vector<uint8_t> domain_before = segment_bytes("Domain_Rr");
@@ -74,12 +70,10 @@ TEST(MemoryHighPriority, EnableAndDisableInAnyOrderSucceedAndChangeNoSharedField
     EXPECT_EQ(1, error_count(log)) << log.dump();
     EXPECT_EQ(17, (int)log.lines().size()) << log.dump();
     // The admitted thread is untouched.
-    EXPECT_EQ((uint32_t)SCHED_RR, sched_of(t.tid()).policy);
-    EXPECT_EQ("/Domain_Rr", cgroup_of(t.tid(), "cpuset"));
+    expect_placed(t.tid(), SCHED_RR, "/Domain_Rr");
 }
 
-TEST(MemoryHighPriority, CallsAnswerSuccessEvenBeforeAnyInit) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(MemoryHighPriority, CallsAnswerSuccessEvenBeforeAnyInit) {
     LogCapture log;
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_EnableMemoryHighPriority());
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_DisableMemoryHighPriority());
@@ -88,19 +82,16 @@ TEST(MemoryHighPriority, CallsAnswerSuccessEvenBeforeAnyInit) {
     EXPECT_EQ(42, avail);
     // At the default level 32 only the error-level report shows.
     EXPECT_EQ(1, (int)log.lines().size()) << log.dump();
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] The "
-                              "function isn't ready. *ps32Avai=42\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] The "
+                          "function isn't ready. *ps32Avai=42\n");
     EXPECT_FALSE(file_exists(RT_SHM_PREFIX "Global"));
 }
 
 // The query reads the caller's value for its report; a NULL pointer is refused rather than
 // dereferenced.
-TEST(MemoryHighPriority, QueryWithNullPointerIsRefusedWithoutCrash) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(MemoryHighPriority, QueryWithNullPointerIsRefusedWithoutCrash) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_GetAvailableHighPriorityResource(nullptr));
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] Arg is "
-                              "NULL.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] Arg is "
+                          "NULL.\n");
 }

@@ -7,21 +7,11 @@
 #include "threads_support.h"
 
 using namespace qxt;
-using namespace qxt_threads;
 
 namespace {
 
-const char kRr[] = "Domain_Rr";
-const char kDl[] = "Domain_Dl";
-const char kRemove[] = "QX_REALTIME_RemoveThread";
-
-std::string rr() {
-    return rr_domain(kRr, 1000, "1", {{"Class_A", 200, 10}, {"Class_B", 100, 20}});
-}
-
-std::string dl() {
-    return dl_domain(kDl, 1000, "1", {{"Class_Isp", 2000, 8000, 10000}});
-}
+std::string rr() { return rr_domain(kRr, 1000, "1", {{"Class_A", 200, 10}, {"Class_B", 100, 20}}); }
+std::string dl() { return dl_isp_domain(); }
 
 std::string removed(pid_t tid) {
     return format("[RT_Impl][DBG] [%s] for pid=[%d] successfully.\n", kRemove, (int)tid);
@@ -50,10 +40,10 @@ void expect_root_groups(pid_t tid) {
 
 }  // namespace
 
-TEST(ThreadRemoval, RemovingRrThreadRestoresFormerNiceValueAndReturnsCharge) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+using ThreadRemoval = qxt::SandboxTest;
+
+TEST_F(ThreadRemoval, RemovingRrThreadRestoresFormerNiceValueAndReturnsCharge) {
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     ASSERT_TRUE(set_other_nice(t.tid(), 5));
     SchedInfo before = sched_of(t.tid());
@@ -72,13 +62,11 @@ TEST(ThreadRemoval, RemovingRrThreadRestoresFormerNiceValueAndReturnsCharge) {
     EXPECT_FALSE(tasks_file_lists("/dev/cpuset/Domain_Rr/tasks", t.tid()));
     EXPECT_FALSE(tasks_file_lists("/dev/cpuacct/Domain_Rr/tasks", t.tid()));
 
-    EXPECT_TRUE(log.has_info(format("[RT_Impl][DBG] [%s]: pid=[%d] exists in [Domain_Rr].\n",
-                                    kRemove, (int)t.tid())))
-        << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] s32UtilCurrent in Domain(Domain_Rr) is 0.\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_info(removed(t.tid()))) << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_RemoveThread] exit, OK.\n")) << log.dump();
+    QXT_EXPECT_INFO(log, format("[RT_Impl][DBG] [%s]: pid=[%d] exists in [Domain_Rr].\n",
+                         kRemove, (int)t.tid()));
+    QXT_EXPECT_INFO(log, "[RT_Impl][Info] s32UtilCurrent in Domain(Domain_Rr) is 0.\n");
+    QXT_EXPECT_INFO(log, removed(t.tid()));
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_RemoveThread] exit, OK.\n");
     EXPECT_EQ(0, d->s32UtilCurrent);
     EXPECT_EQ(0, live_slot_count(d));
     EXPECT_EQ(1, d->s32ThreadNum);
@@ -86,10 +74,8 @@ TEST(ThreadRemoval, RemovingRrThreadRestoresFormerNiceValueAndReturnsCharge) {
     EXPECT_EQ(getpid(), d->s32ProcessIDList[0]);
 }
 
-TEST(ThreadRemoval, RemovingRrThreadRestoresItsFormerRrPriority) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadRemoval, RemovingRrThreadRestoresItsFormerRrPriority) {
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     ASSERT_TRUE(set_rr(t.tid(), 7));
     SchedInfo before = sched_of(t.tid());
@@ -105,10 +91,8 @@ TEST(ThreadRemoval, RemovingRrThreadRestoresItsFormerRrPriority) {
     EXPECT_EQ(0, map_domain_file(kRr)->s32UtilCurrent);
 }
 
-TEST(ThreadRemoval, RemovingDeadlineThreadRestoresFormerNiceValueAndReturnsCharge) {
-    QXT_REQUIRE_SANDBOX();
-    start({dl()}, {kDl});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadRemoval, RemovingDeadlineThreadRestoresFormerNiceValueAndReturnsCharge) {
+    ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     TestThread t;
     ASSERT_TRUE(set_other_nice(t.tid(), 5));
     SchedInfo before = sched_of(t.tid());
@@ -120,17 +104,14 @@ TEST(ThreadRemoval, RemovingDeadlineThreadRestoresFormerNiceValueAndReturnsCharg
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kDl, t.tid())) << log.dump();
     expect_same_sched(before, t.tid());
     expect_root_groups(t.tid());
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] s32UtilCurrent in Domain(Domain_Dl) is 0.\n"))
-        << log.dump();
-    EXPECT_TRUE(log.has_info(removed(t.tid()))) << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][Info] s32UtilCurrent in Domain(Domain_Dl) is 0.\n");
+    QXT_EXPECT_INFO(log, removed(t.tid()));
     EXPECT_EQ(0, error_count(log)) << log.dump();
     EXPECT_EQ(0, map_domain_file(kDl)->s32UtilCurrent);
 }
 
-TEST(ThreadRemoval, RemovingDeadlineThreadRestoresAFormerDeadlineReservation) {
-    QXT_REQUIRE_SANDBOX();
-    start({dl()}, {kDl});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadRemoval, RemovingDeadlineThreadRestoresAFormerDeadlineReservation) {
+    ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     TestThread t;
     // The thread already runs as a deadline task before the client admits it.
     ASSERT_TRUE(set_deadline(t.tid(), 1000000, 40000000, 50000000));
@@ -148,47 +129,37 @@ TEST(ThreadRemoval, RemovingDeadlineThreadRestoresAFormerDeadlineReservation) {
     expect_root_groups(t.tid());
 }
 
-TEST(ThreadRemoval, RemovingNeverAdmittedThreadIsNotExistAndChangesNothing) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadRemoval, RemovingNeverAdmittedThreadIsNotExistAndChangesNothing) {
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread admitted, stranger;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", admitted.tid(), 0));
     std::vector<uint8_t> before = segment_bytes(kRr);
     LogCapture log;
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_RemoveThread(kRr, stranger.tid()));
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [%s]: Thread [%d] doesn't exist in "
-                                     "[Domain_Rr].\n",
-                                     kRemove, (int)stranger.tid())))
-        << log.dump();
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_RemoveThread] exit, err=11.\n"))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s]: Thread [%d] doesn't exist in "
+                          "[Domain_Rr].\n",
+                          kRemove, (int)stranger.tid()));
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_RemoveThread] exit, err=11.\n");
     EXPECT_EQ(before, segment_bytes(kRr));
     EXPECT_EQ((uint32_t)SCHED_OTHER, sched_of(stranger.tid()).policy);
-    EXPECT_EQ((uint32_t)SCHED_RR, sched_of(admitted.tid()).policy);
-    EXPECT_EQ("/Domain_Rr", cgroup_of(admitted.tid(), "cpuset"));
+    expect_placed(admitted.tid(), SCHED_RR, "/Domain_Rr");
 }
 
-TEST(ThreadRemoval, RemovingTwiceReportsNotExistTheSecondTime) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadRemoval, RemovingTwiceReportsNotExistTheSecondTime) {
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kRr, t.tid()));
     LogCapture log;
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_RemoveThread(kRr, t.tid()));
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [%s]: Thread [%d] doesn't exist in "
-                                     "[Domain_Rr].\n",
-                                     kRemove, (int)t.tid())))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s]: Thread [%d] doesn't exist in "
+                          "[Domain_Rr].\n",
+                          kRemove, (int)t.tid()));
     EXPECT_EQ(0, map_domain_file(kRr)->s32UtilCurrent);
 }
 
-TEST(ThreadRemoval, RemovedSlotIsReusedByTheNextAdmission) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadRemoval, RemovedSlotIsReusedByTheNextAdmission) {
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread t1, t2;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t1.tid(), 0));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kRr, t1.tid()));
@@ -200,10 +171,8 @@ TEST(ThreadRemoval, RemovedSlotIsReusedByTheNextAdmission) {
     EXPECT_EQ(100, d->s32UtilCurrent);
 }
 
-TEST(ThreadRemoval, RemovingFromDomainSpanningEveryCpuLeavesCpusetAndResetsCpuacct) {
-    QXT_REQUIRE_SANDBOX();
-    start({rr_domain("Domain_All", 500, "0-1", {{"Class_A", 100, 10}})}, {"Domain_All"});
-    if (HasFatalFailure()) return;
+TEST_F(ThreadRemoval, RemovingFromDomainSpanningEveryCpuLeavesCpusetAndResetsCpuacct) {
+    ASSERT_NO_FATAL_FAILURE(start({rr_domain("Domain_All", 500, "0-1", {{"Class_A", 100, 10}})}, {"Domain_All"}));
     // A cpuset of the client's own: a removal that wrote the root cpuset would take the thread
     // out of it.
     std::string cpus = file_exists("/dev/cpuset/cpus") ? "cpus" : "cpuset.cpus";
@@ -227,14 +196,12 @@ TEST(ThreadRemoval, RemovingFromDomainSpanningEveryCpuLeavesCpusetAndResetsCpuac
     EXPECT_EQ(0, map_domain_file("Domain_All")->s32UtilCurrent);
 }
 
-TEST(ThreadRemoval, ReapingDeadClientWithThreeThreadsFreesAllThreeAndLowersChargeBySum) {
-    QXT_REQUIRE_SANDBOX();
+TEST_F(ThreadRemoval, ReapingDeadClientWithThreeThreadsFreesAllThreeAndLowersChargeBySum) {
     // The client is forked while this process runs the survivor thread, and then starts threads
     // of its own: qemu-user 7.2 aborts there (an assertion in its CPU loop), whatever the library.
     QXT_SKIP_UNDER_EMULATOR("qemu-user 7.2 aborts when the forked child of a multi-threaded "
                             "process creates threads");
-    start({rr()}, {kRr});
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread survivor;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_B", survivor.tid(), 0));
 
@@ -269,25 +236,20 @@ TEST(ThreadRemoval, ReapingDeadClientWithThreeThreadsFreesAllThreeAndLowersCharg
     TestThread newcomer;
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", newcomer.tid(), 0)) << log.dump();
-    EXPECT_TRUE(log.has_error(format("[RT_Impl][Err] [_QX_REALTIME_CheckProcessAlive] Process %d "
-                                     "doesn't exist. errnor=%s\n",
-                                     (int)client, errno_text(ESRCH).c_str())))
-        << log.dump();
+    QXT_EXPECT_ERROR(log, process_gone(client));
     for (pid_t tid : tids) {
-        EXPECT_TRUE(log.has_info(format(
-            "[RT_Impl][DBG] [QX_REALTIME_RemoveKilledThread] for pid=[%d] successfully.\n", (int)tid)))
-            << log.dump();
+        QXT_EXPECT_INFO(log,
+            format(
+            "[RT_Impl][DBG] [QX_REALTIME_RemoveKilledThread] for pid=[%d] successfully.\n", (int)tid));
         EXPECT_EQ(nullptr, live_slot(d, tid));
     }
-    EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_RemoveKilledThread] exit, OK.\n"))
-        << log.dump();
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_RemoveKilledThread] exit, OK.\n");
     // 600 + 100 - 500 reaped + 200 new.
     EXPECT_EQ(300, d->s32UtilCurrent);
     EXPECT_EQ(live_util_sum(d), d->s32UtilCurrent);
     EXPECT_EQ(2, live_slot_count(d));
     EXPECT_EQ(4, d->s32ThreadNum);
     // The survivor is untouched by the reaping.
-    EXPECT_EQ((uint32_t)SCHED_RR, sched_of(survivor.tid()).policy);
-    EXPECT_EQ("/Domain_Rr", cgroup_of(survivor.tid(), "cpuset"));
+    expect_placed(survivor.tid(), SCHED_RR, "/Domain_Rr");
     EXPECT_NE(nullptr, live_slot(d, survivor.tid()));
 }

@@ -23,7 +23,7 @@
 
 #include "hardening_support.h"
 
-using namespace hard;
+using namespace qxt;
 
 namespace {
 

@@ -12,29 +12,23 @@
 
 #include "test_support.h"
 
-namespace qxt_threads {
+namespace qxt {
+
+// The suite's round-robin and deadline domains (each test file configures its own classes).
+constexpr char kRr[] = "Domain_Rr", kDl[] = "Domain_Dl";
+// The thread operations, as their messages name them.
+constexpr char kAdd[] = "QX_REALTIME_AddThread";
+constexpr char kLite[] = "QX_REALTIME_AddThread_Lite";
+constexpr char kRemove[] = "QX_REALTIME_RemoveThread";
+constexpr char kUpdate[] = "QX_REALTIME_UpdateThreadUtil";
 
 // Capacity units of one busy core in every configuration of this suite; the budget of all
 // domains is 2 CPUs x 1000 x 100 % = 2000.
 constexpr int kCapPerCore = 1000;
 
-struct RrClass {
-    std::string name;
-    int util;
-    int priority;
-};
-struct DlClass {
-    std::string name;
-    int runtime_us;
-    int deadline_us;
-    int period_us;
-};
 
-// One domain object of a configuration (no surrounding braces).
-std::string rr_domain(const std::string &name, int util, const std::string &cpuset,
-                      const std::vector<RrClass> &classes);
-std::string dl_domain(const std::string &name, int util, const std::string &cpuset,
-                      const std::vector<DlClass> &classes);
+// The deadline domain kDl on CPU 1 with one class, Class_Isp: 2 ms every 10 ms, deadline 8 ms.
+std::string dl_isp_domain();
 
 // Installs a configuration with the given domain objects (joined by commas), initialises the
 // library at debug level 64 (so info and debug messages reach the log) and creates the domains.
@@ -53,6 +47,9 @@ QX_REALTIME_THREAD_t *live_slot(QX_REALTIME_DOMAIN_t *pstDomain, pid_t tid);
 int live_slot_count(QX_REALTIME_DOMAIN_t *pstDomain);
 // Sum of Util over the in-use slots.
 int live_util_sum(QX_REALTIME_DOMAIN_t *pstDomain);
+// The in-use record of tid holds this share and reservation; *rec (when asked) is the record.
+void expect_record(QX_REALTIME_DOMAIN_t *pstDomain, pid_t tid, int util, int runtime_us,
+                   int deadline_us, int period_us, QX_REALTIME_THREAD_t **rec = nullptr);
 // The class record of a name, or nullptr.
 QX_REALTIME_CLASS_t *class_record(QX_REALTIME_DOMAIN_t *pstDomain, const std::string &name);
 // The policy saved in a slot's stSavedAttr.
@@ -63,16 +60,21 @@ bool set_other_nice(pid_t tid, int nice);
 bool set_rr(pid_t tid, int priority);
 bool set_deadline(pid_t tid, uint64_t runtime_ns, uint64_t deadline_ns, uint64_t period_ns);
 
+// The error that closes a refused admission of tid into cls with the given result code.
+std::string add_failed(pid_t tid, const char *cls, unsigned code);
+// The error of an operation given a null pointer.
+std::string arg_is_null(const char *op);
+
+// The error of the liveness check for a process that is gone.
+std::string process_gone(pid_t pid);
+// The kernel runs tid under policy, in the cpuset group (as /proc shows it, e.g. "/Domain_Rr").
+void expect_placed(pid_t tid, uint32_t policy, const std::string &cpuset_group);
+
 // Number of captured lines at the error priority.
 int error_count(const qxt::LogCapture &log);
 
-// A thread id that no thread has: a child process that has already been reaped.
-pid_t vanished_tid();
 
 
-// The text of an errno value as the library prints it.
-std::string errno_text(int err);
-
-}  // namespace qxt_threads
+}  // namespace qxt
 
 #endif

@@ -11,7 +11,7 @@
 
 #include "test_support.h"
 
-namespace qxt_mon {
+namespace qxt {
 
 // Hands one text to each reader of a counter file, in order: the reader that opens `target` gets
 // the next text and then end of file. Every text travels through a pipe of its own: when a reader
@@ -74,12 +74,6 @@ bool bind_over(const std::string &source, const std::string &target, std::string
 // Points a domain's cpuacct statistics path at another file (in the shared record).
 void set_cpuacct_stat_path(const std::string &domain, const std::string &path);
 
-// Configuration snippets (JSON object members, without the surrounding braces).
-std::string rr_domain(const std::string &name, int util, const std::string &cpuset,
-                      const std::string &cls, int class_util, int prio);
-std::string dl_domain(const std::string &name, int util, const std::string &cpuset,
-                      const std::string &cls, int runtime_us, int deadline_us, int period_us);
-
 // Writes the configuration (Enabled, CapPerCore cap, Reservation 80, BudgetCpuNum 2) and inits.
 // Returns the result of QX_REALTIME_Init.
 uint32_t start_framework(const std::string &domains, int cap = 1024, int enabled = 1,
@@ -89,7 +83,7 @@ uint32_t start_framework(const std::string &domains, int cap = 1024, int enabled
 std::vector<std::string> forms(const qxt::LogCapture &log, bool drop_debug = true);
 // Only the error-level lines.
 std::vector<std::string> error_forms(const qxt::LogCapture &log);
-std::string join(const std::vector<std::string> &lines);
+std::string join_lines(const std::vector<std::string> &lines);
 
 // One sample of the one-domain mode: "[RT_Impl][Err] %5.2f %% (budget %5.2f%%) %s\n".
 struct Sample {
@@ -103,20 +97,6 @@ std::vector<Sample> samples_of(const std::vector<std::string> &forms);
 
 // The line the one-domain mode prints for the given usage and budget.
 std::string sample_line(double usage, double budget, bool over);
-
-// A real thread of this process that spins for spin_ms and then sleeps for sleep_ms, until stopped.
-class DutyThread {
-public:
-    DutyThread(int spin_ms, int sleep_ms);
-    ~DutyThread();
-    pid_t tid() const { return tid_; }
-    void stop();
-
-private:
-    std::atomic<bool> stop_{false};
-    std::atomic<pid_t> tid_{0};
-    std::thread thread_;
-};
 
 // Held while a test keeps a core busy: such tests of concurrent runs (ctest -j) take turns
 // instead of sharing the cores and measuring each other. A lock file outside the sandbox, so that
@@ -136,6 +116,6 @@ private:
     std::string why_;
 };
 
-}  // namespace qxt_mon
+}  // namespace qxt
 
 #endif

@@ -18,7 +18,7 @@
 #include <algorithm>
 #include <atomic>
 
-namespace hard {
+namespace qxt {
 
 const char kRr[] = "Domain_HardRr";
 const char kDl[] = "Domain_HardDl";
@@ -179,12 +179,9 @@ std::string ChildResult::describe() const {
 }
 
 ChildResult run_child(const std::function<std::string()> &fn, int timeout_s) {
-    ChildResult r;
     int fds[2];
-    if (pipe(fds) != 0) {
-        r.text = "pipe failed";
-        return r;
-    }
+    if (pipe(fds) != 0) return ChildResult{false, -1, 0, "pipe failed"};
+    ChildResult r;
     fflush(nullptr);
     pid_t pid = fork();
     if (pid == 0) {
@@ -373,29 +370,13 @@ std::string admit_remove_and_check(const std::string &domain, pid_t foreign_tid,
     return out;
 }
 
-std::vector<std::string> list_dir(const std::string &dir) {
-    std::vector<std::string> out;
-    DIR *d = opendir(dir.c_str());
-    if (d == nullptr) return out;
-    while (struct dirent *e = readdir(d)) {
-        std::string name = e->d_name;
-        if (name != "." && name != "..") out.push_back(name);
-    }
-    closedir(d);
-    std::sort(out.begin(), out.end());
-    return out;
-}
-
 std::vector<std::string> library_files() {
     std::vector<std::string> out;
     for (const char *dir : {"/dev/shm/realtime", "/data/vendor/realtime"})
-        for (const std::string &name : list_dir(dir)) out.push_back(std::string(dir) + "/" + name);
+        for (const std::string &name : files_in(dir)) out.push_back(std::string(dir) + "/" + name);
     return out;
 }
 
-void rebuild_sched_domains() {
-    qxt::rebuild_sched_domains();
-}
 
 std::string syscall_name(long nr) {
 #define QXT_SYSCALL(name) \
@@ -479,4 +460,4 @@ double now_s() {
     return (double)ts.tv_sec + (double)ts.tv_nsec / 1e9;
 }
 
-}  // namespace hard
+}  // namespace qxt

@@ -17,18 +17,19 @@
 
 #include "test_support.h"
 
-namespace hard {
+// Whether a sanitizer is in the build: gcc defines a macro, clang answers __has_feature.
+#if defined(__has_feature)
+#define QXT_HAS_FEATURE(feature) __has_feature(feature)
+#else
+#define QXT_HAS_FEATURE(feature) 0
+#endif
+
+namespace qxt {
 
 // Sanitizer builds fork a large process image, many times more slowly: the long loops of the
 // corrupted-file suite run a share of their cases there, so that every case stays in its time.
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__) || QXT_HAS_FEATURE(address_sanitizer)
 constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
 #else
 constexpr bool kSanitized = false;
 #endif
@@ -36,20 +37,14 @@ constexpr bool kSanitized = false;
 // ThreadSanitizer builds: the memory-safety suites (corrupted files, hostile arguments) fork the
 // instrumented image hundreds of times, which there takes longer than a case may run; they run
 // in the plain and the ASan/UBSan builds, and ThreadSanitizer is for races.
-#if defined(__SANITIZE_THREAD__)
-constexpr bool kThreadSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
+#if defined(__SANITIZE_THREAD__) || QXT_HAS_FEATURE(thread_sanitizer)
 constexpr bool kThreadSanitized = true;
 #else
 constexpr bool kThreadSanitized = false;
 #endif
-#else
-constexpr bool kThreadSanitized = false;
-#endif
-#define HARD_SKIP_UNDER_TSAN()                                                                 \
+#define QXT_SKIP_UNDER_TSAN()                                                                 \
     do {                                                                                       \
-        if (hard::kThreadSanitized)                                                            \
+        if (qxt::kThreadSanitized)                                                            \
             GTEST_SKIP() << "memory-safety suite, run in the plain and ASan/UBSan builds: "    \
                             "under ThreadSanitizer its hundreds of forks outlast the case";    \
     } while (0)
@@ -140,12 +135,10 @@ std::string admit_remove_and_check(const std::string &domain, pid_t foreign_tid,
 bool process_dead(pid_t pid);
 
 // Names of the entries of a directory, sorted ("" entries never).
-std::vector<std::string> list_dir(const std::string &dir);
 // Both library directories, each entry prefixed with its directory.
 std::vector<std::string> library_files();
 
 // Rebuilds the kernel's sched domains: drops deadline bandwidth that no task holds any more.
-void rebuild_sched_domains();
 
 // A short text for a syscall number (its name for the usual ones).
 std::string syscall_name(long nr);
@@ -153,6 +146,6 @@ std::string syscall_name(long nr);
 // Monotonic seconds.
 double now_s();
 
-}  // namespace hard
+}  // namespace qxt
 
 #endif

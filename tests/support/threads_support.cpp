@@ -1,5 +1,6 @@
 #include "threads_support.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <string.h>
@@ -10,35 +11,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace qxt_threads {
+namespace qxt {
 
-std::string rr_domain(const std::string &name, int util, const std::string &cpuset,
-                      const std::vector<RrClass> &classes) {
-    std::string text = qxt::format("    \"%s\": {\n        \"Util\": %d,\n        \"Cpuset\": \"%s\"",
-                                   name.c_str(), util, cpuset.c_str());
-    for (const RrClass &c : classes)
-        text += qxt::format(",\n        \"%s\": {\n            \"Util\": %d,\n"
-                            "            \"RT_Priority\": %d\n        }",
-                            c.name.c_str(), c.util, c.priority);
-    return text + "\n    }";
-}
-
-std::string dl_domain(const std::string &name, int util, const std::string &cpuset,
-                      const std::vector<DlClass> &classes) {
-    std::string text = qxt::format("    \"%s\": {\n        \"Util\": %d,\n        \"Cpuset\": \"%s\"",
-                                   name.c_str(), util, cpuset.c_str());
-    for (const DlClass &c : classes)
-        text += qxt::format(",\n        \"%s\": {\n            \"DL_RuntimeUs\": %d,\n"
-                            "            \"DL_DeadlineUs\": %d,\n            \"DL_PeriodUs\": %d\n"
-                            "        }",
-                            c.name.c_str(), c.runtime_us, c.deadline_us, c.period_us);
-    return text + "\n    }";
+std::string dl_isp_domain() {
+    return dl_domain(kDl, 1000, "1", {{"Class_Isp", 2000, 8000, 10000}});
 }
 
 void start(const std::vector<std::string> &domain_objects,
            std::initializer_list<const char *> create) {
-    std::string domains;
-    for (const std::string &d : domain_objects) domains += (domains.empty() ? "" : ",\n") + d;
+    std::string domains = qxt::join_domains(domain_objects);
     // DbgLevel 4: errors, info and debug messages all reach the log.
     qxt::install_config("threads", qxt::config_with(1, kCapPerCore, 4, 100, 2, domains));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
@@ -82,6 +63,17 @@ int live_util_sum(QX_REALTIME_DOMAIN_t *pstDomain) {
     return sum;
 }
 
+void expect_record(QX_REALTIME_DOMAIN_t *pstDomain, pid_t tid, int util, int runtime_us,
+                   int deadline_us, int period_us, QX_REALTIME_THREAD_t **rec) {
+    QX_REALTIME_THREAD_t *found = live_slot(pstDomain, tid);
+    if (rec != nullptr) *rec = found;
+    ASSERT_NE(nullptr, found) << "no record of " << tid;
+    EXPECT_EQ(util, found->Util);
+    EXPECT_EQ(runtime_us, found->RuntimeUs);
+    EXPECT_EQ(deadline_us, found->DeadlineUs);
+    EXPECT_EQ(period_us, found->PeriodUs);
+}
+
 QX_REALTIME_CLASS_t *class_record(QX_REALTIME_DOMAIN_t *pstDomain, const std::string &name) {
     for (int i = 0; i < pstDomain->s32ClassNum; i++) {
         auto *pstClass = (QX_REALTIME_CLASS_t *)((char *)pstDomain + pstDomain->s32ClassStartOffset +
@@ -97,33 +89,45 @@ uint32_t saved_policy(const QX_REALTIME_THREAD_t *pstThread) {
     return attr.sched_policy;
 }
 
-static bool set_attr(pid_t tid, uint32_t policy, int nice, uint32_t priority) {
-    struct qx_sched_attr attr;
-    memset(&attr, 0, sizeof(attr));
-    attr.size = sizeof(attr);
-    attr.sched_policy = policy;
-    attr.sched_nice = nice;
-    attr.sched_priority = priority;
+static bool set_attr(pid_t tid, uint32_t policy, uint32_t priority, uint64_t runtime_ns = 0,
+                     uint64_t deadline_ns = 0, uint64_t period_ns = 0) {
+    // size, policy, flags, nice, priority, runtime, deadline, period (utilisation clamps unused)
+    struct qx_sched_attr attr = {sizeof(attr), policy,    0, 0, priority, runtime_ns,
+                                 deadline_ns,  period_ns, 0, 0};
     return syscall(SYS_sched_setattr, tid, &attr, 0) == 0;
 }
 
 bool set_other_nice(pid_t tid, int nice) {
-    return set_attr(tid, SCHED_OTHER, 0, 0) && setpriority(PRIO_PROCESS, (id_t)tid, nice) == 0;
+    return set_attr(tid, SCHED_OTHER, 0) && setpriority(PRIO_PROCESS, (id_t)tid, nice) == 0;
 }
 
 bool set_rr(pid_t tid, int priority) {
-    return set_attr(tid, SCHED_RR, 0, (uint32_t)priority);
+    return set_attr(tid, SCHED_RR, (uint32_t)priority);
 }
 
 bool set_deadline(pid_t tid, uint64_t runtime_ns, uint64_t deadline_ns, uint64_t period_ns) {
-    struct qx_sched_attr attr;
-    memset(&attr, 0, sizeof(attr));
-    attr.size = sizeof(attr);
-    attr.sched_policy = SCHED_DEADLINE;
-    attr.sched_runtime = runtime_ns;
-    attr.sched_deadline = deadline_ns;
-    attr.sched_period = period_ns;
-    return syscall(SYS_sched_setattr, tid, &attr, 0) == 0;
+    return set_attr(tid, SCHED_DEADLINE, 0, runtime_ns, deadline_ns, period_ns);
+}
+
+std::string add_failed(pid_t tid, const char *cls, unsigned code) {
+    return format("[RT_Impl][Err] [QX_REALTIME_AddThread] Add pid = [%d] to Thread at Class = [%s] "
+                  "failed. ret is %u\n",
+                  (int)tid, cls, code);
+}
+
+std::string arg_is_null(const char *op) {
+    return format("[RT_Impl][Err] [%s] Arg is NULL.\n", op);
+}
+
+std::string process_gone(pid_t pid) {
+    return format("[RT_Impl][Err] [_QX_REALTIME_CheckProcessAlive] Process %d doesn't exist. "
+                  "errnor=%s\n",
+                  (int)pid, errno_text(ESRCH).c_str());
+}
+
+void expect_placed(pid_t tid, uint32_t policy, const std::string &cpuset_group) {
+    EXPECT_EQ(policy, sched_of(tid).policy) << "thread " << tid;
+    EXPECT_EQ(cpuset_group, cgroup_of(tid, "cpuset")) << "thread " << tid;
 }
 
 int error_count(const qxt::LogCapture &log) {
@@ -132,16 +136,6 @@ int error_count(const qxt::LogCapture &log) {
     return n;
 }
 
-pid_t vanished_tid() {
-    pid_t pid = fork();
-    if (pid == 0) _exit(0);
-    int status;
-    waitpid(pid, &status, 0);
-    return pid;
-}
 
-std::string errno_text(int err) {
-    return strerror(err);
-}
 
-}  // namespace qxt_threads
+}  // namespace qxt

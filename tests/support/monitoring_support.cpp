@@ -13,7 +13,7 @@
 #include <algorithm>
 #include <chrono>
 
-namespace qxt_mon {
+namespace qxt {
 
 using qxt::format;
 
@@ -181,34 +181,6 @@ void set_cpuacct_stat_path(const std::string &domain, const std::string &path) {
     strncpy(rec->pszCpuacctPathStat, path.c_str(), RT_PATH_LEN - 1);
 }
 
-std::string rr_domain(const std::string &name, int util, const std::string &cpuset,
-                      const std::string &cls, int class_util, int prio) {
-    return format(
-        "    \"%s\": {\n"
-        "        \"Util\": %d,\n"
-        "        \"Cpuset\": \"%s\",\n"
-        "        \"%s\": {\n"
-        "            \"PerThreadUtil\": %d,\n"
-        "            \"RT_Priority\": %d\n"
-        "        }\n"
-        "    }",
-        name.c_str(), util, cpuset.c_str(), cls.c_str(), class_util, prio);
-}
-
-std::string dl_domain(const std::string &name, int util, const std::string &cpuset,
-                      const std::string &cls, int runtime_us, int deadline_us, int period_us) {
-    return format(
-        "    \"%s\": {\n"
-        "        \"Util\": %d,\n"
-        "        \"Cpuset\": \"%s\",\n"
-        "        \"%s\": {\n"
-        "            \"DL_RuntimeUs\": %d,\n"
-        "            \"DL_DeadlineUs\": %d,\n"
-        "            \"DL_PeriodUs\": %d\n"
-        "        }\n"
-        "    }",
-        name.c_str(), util, cpuset.c_str(), cls.c_str(), runtime_us, deadline_us, period_us);
-}
 
 uint32_t start_framework(const std::string &domains, int cap, int enabled, int dbg_level) {
     qxt::install_config("mon", qxt::config_with(enabled, cap, dbg_level, 80, 2, domains));
@@ -232,7 +204,7 @@ std::vector<std::string> error_forms(const qxt::LogCapture &log) {
     return out;
 }
 
-std::string join(const std::vector<std::string> &lines) {
+std::string join_lines(const std::vector<std::string> &lines) {
     std::string out;
     for (const std::string &line : lines) out += "  |" + line;
     return out;
@@ -290,28 +262,6 @@ std::string sample_line(double usage, double budget, bool over) {
                   over ? "Overbudget" : "");
 }
 
-DutyThread::DutyThread(int spin_ms, int sleep_ms) {
-    thread_ = std::thread([this, spin_ms, sleep_ms] {
-        tid_ = (pid_t)syscall(SYS_gettid);
-        while (!stop_.load()) {
-            auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(spin_ms);
-            while (std::chrono::steady_clock::now() < until && !stop_.load()) {
-            }
-            if (sleep_ms > 0) usleep((useconds_t)sleep_ms * 1000u);
-        }
-    });
-    while (tid_.load() == 0) usleep(100);
-}
-
-DutyThread::~DutyThread() {
-    stop();
-}
-
-void DutyThread::stop() {
-    stop_ = true;
-    if (thread_.joinable()) thread_.join();
-}
-
 BusyCpuTurn::BusyCpuTurn() {
     const char *path = nullptr;
     for (const char *candidate : {"/run/lock/qxrt_busy_cpu.lock", "/tmp/qxrt_busy_cpu.lock"}) {
@@ -343,4 +293,4 @@ BusyCpuTurn::~BusyCpuTurn() {
     if (fd_ >= 0) close(fd_);
 }
 
-}  // namespace qxt_mon
+}  // namespace qxt

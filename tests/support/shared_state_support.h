@@ -12,11 +12,8 @@
 
 #include "test_support.h"
 
-namespace shared_state {
+namespace qxt {
 
-inline std::string tid_text() {
-    return std::to_string(qx_gettid());
-}
 
 // "[RT_Impl][Info] [func][PID=..][TID=..] " for messages of this thread.
 inline std::string info_head(const char *func) {
@@ -30,18 +27,9 @@ inline bool fd_is_open(int fd) {
     return fd >= 0 && fcntl(fd, F_GETFD) != -1;
 }
 
-inline int open_fd_count() {
-    int n = 0;
-    DIR *dir = opendir("/proc/self/fd");
-    if (dir == nullptr) return -1;
-    while (struct dirent *e = readdir(dir))
-        if (e->d_name[0] != '.') n++;
-    closedir(dir);
-    return n;
-}
 
 // Whether [addr, addr + RT_SHM_SIZE) is still mapped in this process.
-inline bool is_mapped(void *addr) {
+inline bool segment_mapped(const void *addr) {
     return qxt::range_mapped(addr, RT_SHM_SIZE);
 }
 
@@ -57,6 +45,6 @@ inline off_t file_size(const std::string &path) {
     return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
 }
 
-}  // namespace shared_state
+}  // namespace qxt
 
 #endif

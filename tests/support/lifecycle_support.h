@@ -12,11 +12,8 @@
 
 #include "test_support.h"
 
-namespace lifecycle {
+namespace qxt {
 
-inline std::string tid_text() {
-    return std::to_string(qx_gettid());
-}
 
 // A system scope with the given values and no domains.
 inline std::string system_config(int enabled, int util, int dbg_level) {
@@ -47,11 +44,33 @@ inline bool process_mutex_is_free() {
     return true;
 }
 
+// The error of a "Global" lock file that cannot be opened, errno printed as why.
+inline std::string global_flock_open_failed(const char *why) {
+    return format("[RT_Impl][Err] [_QX_REALTIME_GetFlock][PID=%d][TID=%s] flock open "
+                  "(/data/vendor/realtime/flock_rt_Global) return -1, errno=%s\n",
+                  getpid(), tid_text().c_str(), why);
+}
+
+// Neither the "Global" lock nor the process mutex is left held.
+inline void expect_locks_free() {
+    EXPECT_TRUE(central_lock_is_free());
+    EXPECT_TRUE(process_mutex_is_free());
+}
+
+// rt-0.json with the given system scope, the library initialised on it, and the central record
+// mapped for checking.
+inline void init_and_map(int enabled, int util, int dbg_level, QX_REALTIME_CENTRAL_t **central) {
+    write_file("/vendor/etc/realtime/rt-0.json", system_config(enabled, util, dbg_level));
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
+    *central = map_central_file();
+    ASSERT_NE(nullptr, *central);
+}
+
 // The per-process log file name for this process's top object.
 inline std::string own_log_file() {
     return std::string(RT_LOG_FILE_PREFIX) + std::to_string((int32_t)(intptr_t)pstTop);
 }
 
-}  // namespace lifecycle
+}  // namespace qxt
 
 #endif

@@ -9,7 +9,7 @@
 
 #include "test_support.h"
 
-namespace qxt_cli {
+namespace qxt {
 
 namespace {
 std::string slurp_and_remove(const char *path) {
@@ -60,4 +60,4 @@ void start_shipped_domains() {
     ASSERT_EQ(camera.status, 0) << camera.err;
 }
 
-}  // namespace qxt_cli
+}  // namespace qxt

@@ -5,7 +5,9 @@
 #include <string>
 #include <vector>
 
-namespace qxt_cli {
+#include "test_support.h"
+
+namespace qxt {
 
 struct Result {
     int status;  // exit status, or 128 + signal
@@ -16,6 +18,12 @@ struct Result {
 // rtctl ARGS..., with stdout and stderr kept apart.
 Result rtctl(const std::vector<std::string> &args);
 
+// The base of the tests on the shipped configuration: it needs the sandbox and 2 CPUs.
+class ShippedConfigTest : public SandboxTest {
+protected:
+    ShippedConfigTest() : SandboxTest(2, "the shipped configuration needs 2 CPUs") {}
+};
+
 // The shipped configuration installed as /vendor/etc/realtime/rt-0.json.
 void install_shipped_config();
 
@@ -23,6 +31,6 @@ void install_shipped_config();
 // each by its own rtctl process. Fails the calling test (fatally) when a step fails.
 void start_shipped_domains();
 
-}  // namespace qxt_cli
+}  // namespace qxt
 
 #endif
