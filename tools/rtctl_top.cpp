@@ -323,10 +323,14 @@ int run_screen(const TopOptions &o) {
     endwin();
     fflush(stdout);
     stop = true;
-    if (o.count != 0 && shown >= o.count) worker.join();  // it has stopped producing
+    if (o.count != 0 && shown >= o.count)
+        worker.join();  // it has stopped producing
+    else
+        worker.detach();
     // Otherwise the worker may be inside a sampling sleep of the library; it holds no lock there
-    // and only reads, so the process ends without waiting for it. Ending here also spares the
-    // screen's memory, which ncurses keeps to the end, from the leak checker of sanitizer builds.
+    // and only reads, so the process ends without waiting for it (detached: a thread that ends
+    // meanwhile is no leak to a sanitizer). Ending here also spares the screen's memory, which
+    // ncurses keeps to the end, from the leak checker of sanitizer builds.
     _exit(0);
 }
 #endif
