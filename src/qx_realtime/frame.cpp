@@ -1,5 +1,5 @@
-// Library frame: diagnostics (levels, the two message forms, emission) and the lifecycle
-// (QX_REALTIME_Init, QX_REALTIME_Deinit, QX_REALTIME_SetDebugLevel, QX_REALTIME_SelfTest).
+// Library frame: the lifecycle (QX_REALTIME_Init, QX_REALTIME_Deinit, QX_REALTIME_SetDebugLevel,
+// QX_REALTIME_SelfTest). The process-wide state and the diagnostics are in diagnostics.cpp.
 #include <fcntl.h>
 #include <pthread.h>
 #include <stdarg.h>
@@ -7,105 +7,6 @@
 #include <sys/file.h>
 
 #include "qx_realtime_internal.h"
-
-// ---- process-wide state ----
-
-FILE *rtlog = NULL;
-pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-char strerrBuf[128];
-char u8JsonPath[RT_JSON_PATH_LEN];
-
-uint32_t _u32DbgLevel = RT_DBG_LEVEL_DEFAULT;
-QX_REALTIME_TOP_t *pstTop = NULL;
-const char *pstJsonPath = NULL;
-
-// ---- diagnostics ----
-
-const char *qx_errno_text(void) {
-    // The returned pointer is what is printed (it may be a static string, not strerrBuf).
-    return qx_strerror(errno, strerrBuf, sizeof(strerrBuf));
-}
-
-uint32_t qx_dbg_level_from_config(int32_t s32DbgLevel) {
-    switch (s32DbgLevel) {
-        case 0: return 0;
-        case 1: return 16;
-        case 3: return 48;
-        case 4: return 64;
-        case 5: return 80;
-        case 6: return 240;
-        case 7: return 241;
-        default: return 32;
-    }
-}
-
-// Formats into buf when it fits, else into a heap block; the caller frees *heap.
-__attribute__((format(printf, 4, 0))) static const char *qx_vformat(char *buf, size_t size, char **heap,
-                                                                 const char *fmt, va_list ap) {
-    va_list copy;
-    va_copy(copy, ap);
-    int n = vsnprintf(buf, size, fmt, copy);
-    va_end(copy);
-    *heap = NULL;
-    if (n < 0) return NULL;
-    if ((size_t)n < size) return buf;
-    *heap = (char *)malloc((size_t)n + 1);
-    if (*heap == NULL) return buf;  // the cut text is better than nothing
-    vsnprintf(*heap, (size_t)n + 1, fmt, ap);
-    return *heap;
-}
-
-// Writes the Android form: "<ERR>func[line]: " or "<INFO>" in front of the file form.
-static void qx_android_line(int prio, const char *func, int line, const char *text) {
-    char prefix[160];
-    if (prio == QX_LOG_PRIO_ERROR)
-        snprintf(prefix, sizeof(prefix), "<ERR>%s[%d]: ", func, line);
-    else
-        snprintf(prefix, sizeof(prefix), "<INFO>");
-    size_t prefix_len = strlen(prefix);
-    size_t text_len = strlen(text);
-    char buf[640];
-    char *out = buf;
-    if (prefix_len + text_len + 1 > sizeof(buf)) {
-        out = (char *)malloc(prefix_len + text_len + 1);
-        if (out == NULL) return;
-    }
-    memcpy(out, prefix, prefix_len);
-    memcpy(out + prefix_len, text, text_len + 1);
-    qx_platform_log(prio, out);
-    if (out != buf) free(out);
-}
-
-void qx_log_emit(int kind, const char *func, int line, const char *fmt, ...) {
-    char buf[512];
-    char *heap = NULL;
-    va_list ap;
-    va_start(ap, fmt);
-    const char *text = qx_vformat(buf, sizeof(buf), &heap, fmt, ap);
-    va_end(ap);
-    if (text == NULL) return;
-
-    // The level is read afresh at each step.
-    if (_u32DbgLevel == RT_DBG_LEVEL_FILE && rtlog != NULL) {
-        fputs(text, rtlog);
-        fflush(rtlog);
-    }
-    if (kind == QX_MSG_ERR) {
-        if (_u32DbgLevel >= RT_DBG_LEVEL_ERR)
-            qx_android_line(QX_LOG_PRIO_ERROR, func, line, text);
-    } else {
-        if (_u32DbgLevel >= RT_DBG_LEVEL_INFO)
-            qx_android_line(QX_LOG_PRIO_INFO, func, line, text);
-    }
-    free(heap);
-}
-
-void qx_trace_line(const char *func, int line) {
-    if (_u32DbgLevel < RT_DBG_LEVEL_TRACE) return;
-    char buf[160];
-    snprintf(buf, sizeof(buf), "<INFO>>>>%s[%d] \n", func, line);
-    qx_platform_log(QX_LOG_PRIO_INFO, buf);
-}
 
 // ---- lifecycle ----
 
@@ -118,33 +19,13 @@ uint32_t _QX_REALTIME_GetCapability(void) {
                 RT_ERRNO_STR);
         return RT_ERR_SYSTEM;
     }
-    char *pszLine = (char *)malloc(RT_PATH_LEN);
+    char *pszLine = (char *)malloc(QX_CFG_SCAN_LINE_LEN);
     if (pszLine == NULL) return fclose(pFile) != 0 ? RT_ERR_SYSTEM : RT_ERR_NULL;
 
-    int32_t s32Cap = 0, s32Enabled = 0, s32DbgLevel = 0;
-    uint32_t u32Found = 0;
-    while (u32Found != 7 && fgets(pszLine, RT_PATH_LEN, pFile) != NULL) {
-        int32_t *ps32Value;
-        uint32_t u32Bit;
-        if (strstr(pszLine, "\"Util\":") != NULL) {
-            ps32Value = &s32Cap;
-            u32Bit = 1;
-        } else if (strstr(pszLine, "\"Enabled\":") != NULL) {
-            ps32Value = &s32Enabled;
-            u32Bit = 2;
-        } else if (strstr(pszLine, "\"DbgLevel\":") != NULL) {
-            ps32Value = &s32DbgLevel;
-            u32Bit = 4;
-        } else {
-            continue;
-        }
-        char *pszSave = NULL;
-        strtok_r(pszLine, ":", &pszSave);
-        char *pszValue = strtok_r(NULL, ",", &pszSave);
-        *ps32Value = pszValue != NULL ? atoi(pszValue) : 0;
-        u32Found |= u32Bit;
-    }
-
+    qx_startup_scan_t stScan;
+    qx_config_scan_startup(pFile, pszLine, &stScan);
+    int32_t s32Cap = stScan.as32Value[0], s32Enabled = stScan.as32Value[1],
+            s32DbgLevel = stScan.as32Value[2];
     pstTop->s32CapPerCore = s32Cap;
     pstTop->s32DbgLevel = s32DbgLevel;
     pstTop->Enabled = (uint32_t)s32Enabled;
