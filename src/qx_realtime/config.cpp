@@ -41,16 +41,9 @@ static const char kParsingScope[] = "_QX_REALTIME_ParsingScope";
 static const char kTokParsing[] = "_QX_JSMN_TokParsing";
 static const char kJsonParser[] = "_QX_REALTIME_JsonParser";
 
-uint32_t _QX_REALTIME_FileReader(const char *pszPath, char **ppszText) {
-    if (pszPath == NULL || ppszText == NULL) {
-        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", __func__);
-        return RT_ERR_INVALID_PARAM;
-    }
-    FILE *pFile = fopen(pszPath, "r");
-    if (pFile == NULL) {
-        RT_LOGE("[RT_Impl][Err] [%s] Failed to open %s: %s.\n", __func__, pszPath, RT_ERRNO_STR);
-        return RT_ERR_SYSTEM;
-    }
+static const char kFileReader[] = "_QX_REALTIME_FileReader";
+
+uint32_t qx_config_read_stream(FILE *pFile, const char *pszPath, char **ppszText) {
     char *pszLine = (char *)calloc(1, RT_READ_LINE);
     char *pszText = (char *)calloc(1, RT_READ_INIT);
     if (pszLine == NULL || pszText == NULL) {
@@ -69,11 +62,12 @@ uint32_t _QX_REALTIME_FileReader(const char *pszPath, char **ppszText) {
         if (uLen + RT_READ_LINE >= uSize) {
             uSize *= 2;
             char *pszGrown = (char *)realloc(pszText, uSize);
-            RT_LOGI("[RT_Impl][Info] [%s]: The file [%s] is realloc to [%d] bytes.\n", __func__,
+            RT_LOGI("[RT_Impl][Info] [%s]: The file [%s] is realloc to [%d] bytes.\n", kFileReader,
                     pszPath, (int)uSize);
             if (pszGrown == NULL) {
-                RT_LOGE("[RT_Impl][Err] [%s]: The file [%s] is > [%d] bytes, realloc failed.\n",
-                        __func__, pszPath, (int)uSize);
+                RT_LOGE_AS(kFileReader,
+                           "[RT_Impl][Err] [%s]: The file [%s] is > [%d] bytes, realloc failed.\n",
+                           kFileReader, pszPath, (int)uSize);
                 // The old text is not released on this path, as the reader has always done;
                 // the caller is handed no text and never sees it.
                 *ppszText = NULL;
@@ -86,6 +80,19 @@ uint32_t _QX_REALTIME_FileReader(const char *pszPath, char **ppszText) {
     *ppszText = pszText;
     free(pszLine);
     return fclose(pFile) != 0 ? RT_ERR_SYSTEM : RT_SUCCESS;
+}
+
+uint32_t _QX_REALTIME_FileReader(const char *pszPath, char **ppszText) {
+    if (pszPath == NULL || ppszText == NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", __func__);
+        return RT_ERR_INVALID_PARAM;
+    }
+    FILE *pFile = fopen(pszPath, "r");
+    if (pFile == NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] Failed to open %s: %s.\n", __func__, pszPath, RT_ERRNO_STR);
+        return RT_ERR_SYSTEM;
+    }
+    return qx_config_read_stream(pFile, pszPath, ppszText);
 }
 
 int _QX_JSMN_TokEqual(const char *pszJson, const jsmntok_t *pstTok, const char *pszKey) {

@@ -375,6 +375,8 @@ uint32_t _QX_REALTIME_GetCapability(void);
 // ---------------------------------------------------------------------------------------------
 
 uint32_t _QX_REALTIME_FileReader(const char *pszPath, char **ppszText);
+// The whole-file reader on an open stream, which it closes; the messages name pszPath.
+uint32_t qx_config_read_stream(FILE *pFile, const char *pszPath, char **ppszText);
 
 // One parse of a configuration text for one domain: the records it fills and where the walk
 // stands. Passed explicitly so that a parse depends on nothing but its arguments; the linter
