@@ -33,14 +33,16 @@ static constexpr uint64_t PS_DL_DEADLINE = qx_key_bit(QX_CFG_KEY_DL_DEADLINE);
 static constexpr uint64_t PS_DL_RUNTIME = qx_key_bit(QX_CFG_KEY_DL_RUNTIME);
 static constexpr uint64_t PS_DL_PERIOD = qx_key_bit(QX_CFG_KEY_DL_PERIOD);
 static constexpr uint64_t PS_DESCRIPTION = qx_key_bit(QX_CFG_KEY_DESCRIPTION);
-static_assert(PS_UTIL == 0x10 && PS_DESCRIPTION == 0x4000 && PS_CPUSET == 0x200,
+static_assert(PS_UTIL == 0x10 && PS_RESERVATION == 0x20 && PS_DBGLEVEL == 0x40 &&
+                  PS_ENABLED == 0x80 && PS_BUDGETCPUNUM == 0x100 && PS_CPUSET == 0x200 &&
+                  PS_RT_PRIORITY == 0x400 && PS_DL_DEADLINE == 0x800 && PS_DL_RUNTIME == 0x1000 &&
+                  PS_DL_PERIOD == 0x2000 && PS_DESCRIPTION == 0x4000,
               "the status word is shown in messages: its bits never move");
 
 static const char kParsingString[] = "_QX_REALTIME_ParsingString";
 static const char kParsingScope[] = "_QX_REALTIME_ParsingScope";
 static const char kTokParsing[] = "_QX_JSMN_TokParsing";
 static const char kJsonParser[] = "_QX_REALTIME_JsonParser";
-
 static const char kFileReader[] = "_QX_REALTIME_FileReader";
 
 uint32_t qx_config_read_stream(FILE *pFile, const char *pszPath, char **ppszText) {
