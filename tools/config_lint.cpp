@@ -5,8 +5,10 @@
 //      file that only happens to tokenize is still refused, with its line and column;
 //   2. the file as a person reads it: scopes nested as written, keys checked against their scope,
 //      values against their type and range, domains against the budget and this machine;
-//   3. the file as the library reads it: the flat, prefix-driven scope walk of the parser and the
-//      line scan of QX_REALTIME_Init, whose results must agree with pass 2.
+//   3. the file as the library reads it: the library's own token walk and the line scan of
+//      QX_REALTIME_Init (config_lint_library.cpp), whose results must agree with pass 2; where
+//      they part, the text that makes them part is found in document order.
+// Scopes, keys and sizes come from the library's config_schema.h.
 #include "config_lint.h"
 
 #include <ctype.h>
@@ -21,6 +23,8 @@
 #include <algorithm>
 #include <map>
 #include <set>
+
+#include "qx_realtime_internal.h"
 
 namespace qxrt_lint {
 
@@ -261,47 +265,57 @@ private:
 // ---------------------------------------------------------------------------------------------
 // Keys
 
-// The parser's key table, in its order; "Util" and "PerThreadUtil" are one key.
-enum Key {
-    kUtil,
-    kReservation,
-    kEnabled,
-    kDbgLevel,
-    kBudgetCpuNum,
-    kCpuset,
-    kRtPriority,
-    kDlDeadline,
-    kDlRuntime,
-    kDlPeriod,
-    kDescription,
-    kUnknown
-};
+// The library's key table (config_schema.h); "Util" and "PerThreadUtil" are one key.
+typedef qx_cfg_key_t Key;
+constexpr Key kUtil = QX_CFG_KEY_UTIL;
+constexpr Key kReservation = QX_CFG_KEY_RESERVATION;
+constexpr Key kEnabled = QX_CFG_KEY_ENABLED;
+constexpr Key kDbgLevel = QX_CFG_KEY_DBG_LEVEL;
+constexpr Key kBudgetCpuNum = QX_CFG_KEY_BUDGET_CPU_NUM;
+constexpr Key kCpuset = QX_CFG_KEY_CPUSET;
+constexpr Key kRtPriority = QX_CFG_KEY_RT_PRIORITY;
+constexpr Key kDlDeadline = QX_CFG_KEY_DL_DEADLINE;
+constexpr Key kDlRuntime = QX_CFG_KEY_DL_RUNTIME;
+constexpr Key kDlPeriod = QX_CFG_KEY_DL_PERIOD;
+constexpr Key kDescription = QX_CFG_KEY_DESCRIPTION;
+constexpr Key kUnknown = QX_CFG_KEY_COUNT;
+
+const qx_cfg_key_name_t *key_entry(const std::string &name) {
+    for (const qx_cfg_key_name_t &k : kQxCfgKeys)
+        if (name == k.pszName) return &k;
+    return nullptr;
+}
 
 Key key_of(const std::string &name) {
-    static const std::map<std::string, Key> table = {
-        {"Util", kUtil},           {"PerThreadUtil", kUtil},  {"Reservation", kReservation},
-        {"Enabled", kEnabled},     {"DbgLevel", kDbgLevel},   {"BudgetCpuNum", kBudgetCpuNum},
-        {"Cpuset", kCpuset},       {"RT_Priority", kRtPriority}, {"DL_DeadlineUs", kDlDeadline},
-        {"DL_RuntimeUs", kDlRuntime}, {"DL_PeriodUs", kDlPeriod}, {"_description", kDescription},
-    };
-    auto it = table.find(name);
-    return it == table.end() ? kUnknown : it->second;
+    const qx_cfg_key_name_t *k = key_entry(name);
+    return k == nullptr ? kUnknown : k->eKey;
 }
 
-bool is_system_key(Key k) {
-    return k == kUtil || k == kReservation || k == kEnabled || k == kDbgLevel || k == kBudgetCpuNum;
+// Whether the key's value is taken in the scope; "_description" is no value.
+bool taken_in(Key k, uint32_t scope) {
+    if (k == kDescription || k == kUnknown) return false;
+    for (const qx_cfg_key_name_t &e : kQxCfgKeys)
+        if (e.eKey == k) return (e.u32Scopes & scope) != 0;
+    return false;
 }
-bool is_class_key(Key k) {
-    return k == kUtil || k == kRtPriority || k == kDlDeadline || k == kDlRuntime || k == kDlPeriod;
-}
+bool is_system_key(Key k) { return taken_in(k, QX_CFG_IN_SYSTEM); }
+bool is_class_key(Key k) { return taken_in(k, QX_CFG_IN_CLASS); }
+
+// Sizes of the records that hold what a file says.
+constexpr size_t kNameMax = QX_CFG_NAME_LEN - 1;
+constexpr size_t kCpusetMax = QX_CFG_CPUSET_LEN - 1;
 
 enum Prefix { kNoPrefix, kSystemPrefix, kDomainPrefix, kClassPrefix };
 
+bool has_prefix(const std::string &s, const char *prefix) {
+    return s.compare(0, strlen(prefix), prefix) == 0;
+}
+
 // Scopes are told apart by these prefixes only, exactly as the parser does.
 Prefix prefix_of(const std::string &s) {
-    if (s.size() >= 7 && s.compare(0, 7, "System_") == 0) return kSystemPrefix;
-    if (s.size() >= 7 && s.compare(0, 7, "Domain_") == 0) return kDomainPrefix;
-    if (s.size() >= 6 && s.compare(0, 6, "Class_") == 0) return kClassPrefix;
+    if (has_prefix(s, QX_CFG_PREFIX_SYSTEM)) return kSystemPrefix;
+    if (has_prefix(s, QX_CFG_PREFIX_DOMAIN)) return kDomainPrefix;
+    if (has_prefix(s, QX_CFG_PREFIX_CLASS)) return kClassPrefix;
     return kNoPrefix;
 }
 
@@ -310,10 +324,8 @@ std::string num(long long v) { return std::to_string(v); }
 
 // A key that a person probably meant, for unknown keys that differ only in case.
 std::string suggestion_for(const std::string &name) {
-    for (const char *k : {"Util", "PerThreadUtil", "Reservation", "Enabled", "DbgLevel",
-                          "BudgetCpuNum", "Cpuset", "RT_Priority", "DL_DeadlineUs", "DL_RuntimeUs",
-                          "DL_PeriodUs", "_description"}) {
-        if (strcasecmp(k, name.c_str()) == 0) return k;
+    for (const qx_cfg_key_name_t &k : kQxCfgKeys) {
+        if (strcasecmp(k.pszName, name.c_str()) == 0) return k.pszName;
     }
     return "";
 }
@@ -361,12 +373,23 @@ public:
             return finish();
         }
         collect(root);
-        walk_like_parser(root, nullptr, false);
+        find_text_read_out_of_place(root, nullptr, false);
         check_system();
         for (DomainInfo &d : domains_) check_domain(d);
         check_budget_and_count();
         check_startup_scan();
+        check_library_reading();
         return finish();
+    }
+
+    // The file as written (pass 2's model only); false when it is not one strict JSON object.
+    bool written(Reading *out) {
+        JsonParser parser(text_);
+        Node root;
+        if (!parser.parse(&root) || root.kind != Node::kObject) return false;
+        collect(root);
+        *out = model_reading();
+        return true;
     }
 
 private:
@@ -400,27 +423,30 @@ private:
 
     void check_name(const Node &key, const char *what) {
         const std::string &name = key.text;
-        if (name.size() > 63)
+        if (name.size() > kNameMax)
             error(key.line,
                   std::string(what) + " name " + quoted(name.substr(0, 20) + "...") + " has " +
-                      num((long long)name.size()) + " characters; records keep at most 63",
-                  "shorten the name to 63 characters or fewer");
+                      num((long long)name.size()) + " characters; records keep at most " +
+                      num(kNameMax),
+                  "shorten the name to " + num(kNameMax) + " characters or fewer");
         if (name.find('/') != std::string::npos || name.find('\\') != std::string::npos)
             error(key.line, std::string(what) + " name " + quoted(name) +
                                 " contains a path separator; the name is also a file and cgroup name",
                   "use letters, digits and '_'");
         if (std::string(what) == "domain") {
+            // The paths domain creation makes from the name.
             static const char *const kPaths[][2] = {
-                {"/dev/shm/realtime/rt_", ""},          {"/data/vendor/realtime/flock_rt_", ""},
-                {"/dev/cpuset/", "/tasks"},             {"/dev/cpuset/", "/cpus"},
-                {"/dev/cpuacct/", "/tasks"},            {"/dev/cpuacct/", "/cpuacct.stat"},
+                {RT_SHM_PREFIX, ""},          {RT_FLOCK_PREFIX, ""},
+                {RT_CPUSET_ROOT, "/tasks"},   {RT_CPUSET_ROOT, "/cpus"},
+                {RT_CPUACCT_ROOT, "/tasks"},  {RT_CPUACCT_ROOT, "/cpuacct.stat"},
             };
             for (const auto &p : kPaths) {
                 std::string path = std::string(p[0]) + name + p[1];
-                if (path.size() >= 128) {
+                if (path.size() >= QX_CFG_PATH_LEN) {
                     error(key.line,
                           "the path " + quoted(std::string(p[0]) + "<name>" + p[1]) + " of this domain is " +
-                              num((long long)path.size()) + " characters; paths must stay below 128",
+                              num((long long)path.size()) + " characters; paths must stay below " +
+                              num(QX_CFG_PATH_LEN),
                           "shorten the domain name");
                     break;
                 }
@@ -691,15 +717,84 @@ private:
         d.classes.push_back(c);
     }
 
-    // ---- pass 3a: the parser's flat walk ----
+    // ---- pass 3: the file as the library reads it ----
 
-    // The parser visits every string, key or value, in document order and switches scope on the
-    // prefixes; a key therefore belongs to whatever scope key came last, wherever it is nested.
-    // Keys that sit directly in a scope object were checked in pass 2; here come the rest: keys
-    // at the top level or inside an unknown object, and string values that act as keys.
-    std::string scope_ = "";  // the parser's current scope key, "" before the first one
+    // The model of pass 2 in the terms of the library's records: what the library should read.
+    static long long value_of(const std::map<Key, Member> &m, Key k) {
+        auto it = m.find(k);
+        if (it == m.end()) return 0;
+        return it->second.has_int ? it->second.number : kNotANumber;
+    }
 
-    void walk_like_parser(const Node &node, const Node *owner_key, bool owner_is_scope) {
+    ClassReading class_reading(const ClassInfo &c) const {
+        ClassReading r;
+        r.name = c.name;
+        r.line = c.line;
+        r.util = value_of(c.keys, kUtil);
+        r.rt_priority = value_of(c.keys, kRtPriority);
+        r.dl_runtime = value_of(c.keys, kDlRuntime);
+        r.dl_deadline = value_of(c.keys, kDlDeadline);
+        r.dl_period = value_of(c.keys, kDlPeriod);
+        // The runtime makes a deadline class: the Util and RT_Priority read before it go to 0.
+        const Member *rt = get(c.keys, kDlRuntime);
+        const Member *util = get(c.keys, kUtil), *prio = get(c.keys, kRtPriority);
+        if (rt != nullptr && util != nullptr && util->key->pos < rt->key->pos) r.util = 0;
+        if (rt != nullptr && prio != nullptr && prio->key->pos < rt->key->pos) r.rt_priority = 0;
+        return r;
+    }
+
+    Reading model_reading() const {
+        Reading r;
+        r.system_line = system_line_;
+        r.cap_per_core = value_of(system_, kUtil);
+        r.reservation = value_of(system_, kReservation);
+        r.dbg_level = value_of(system_, kDbgLevel);
+        r.budget_cpu_num = value_of(system_, kBudgetCpuNum);
+        r.enabled = value_of(system_, kEnabled);
+        if (r.enabled != kNotANumber) r.enabled &= 0xFF;  // the record keeps 8 bits
+        std::set<std::string> seen;
+        for (const DomainInfo &d : domains_) {
+            if (!seen.insert(d.name).second) continue;  // both objects go to one record
+            DomainReading dr;
+            dr.name = d.name;
+            dr.line = d.line;
+            dr.found = true;
+            dr.util = value_of(d.keys, kUtil);
+            const Member *cpuset = get(d.keys, kCpuset);
+            if (cpuset != nullptr) dr.cpuset = cpuset->value->text.substr(0, kCpusetMax);
+            for (const ClassInfo &c : d.classes) {
+                dr.classes.push_back(class_reading(c));
+                if (get(c.keys, kRtPriority)) dr.sched_type |= 1;
+                if (get(c.keys, kDlRuntime)) dr.sched_type |= 2;
+            }
+            r.domains.push_back(dr);
+        }
+        return r;
+    }
+
+    // The library's own reader over the text, compared with the model. Where an error has been
+    // reported, it explains the difference; a file that looked right but reads otherwise is a trap
+    // the checks above missed, and is reported as it is.
+    void check_library_reading() {
+        for (const Diagnostic &d : out_)
+            if (d.severity == Severity::kError) return;
+        Reading model = model_reading();
+        std::vector<std::string> names;
+        for (const DomainReading &d : model.domains) names.push_back(d.name);
+        for (const Difference &d : compare_readings(model, library_reading(text_, names)))
+            error(d.line, d.what,
+                  "write each value inside the object of its scope, and no text that the reader "
+                  "takes as a scope or a key elsewhere");
+    }
+
+    // Where the reading and the file part, the text that makes them part, in document order: the
+    // parser visits every string, key or value, and switches scope on the prefixes; a key
+    // therefore belongs to whatever scope key came last, wherever it is nested. Keys that sit
+    // directly in a scope object were checked in pass 2; here come the rest: keys at the top
+    // level or inside an unknown object, and string values that act as keys.
+    std::string scope_ = "";  // the current scope key, "" before the first one
+
+    void find_text_read_out_of_place(const Node &node, const Node *owner_key, bool owner_is_scope) {
         if (node.kind == Node::kObject) {
             for (size_t i = 0; i < node.keys.size(); i++) {
                 const Node &k = node.keys[i];
@@ -723,10 +818,10 @@ private:
                                   "move it into the object it belongs to, or remove it");
                     }
                 }
-                walk_like_parser(node.values[i], &k, p != kNoPrefix);
+                find_text_read_out_of_place(node.values[i], &k, p != kNoPrefix);
             }
         } else if (node.kind == Node::kArray) {
-            for (const Node &v : node.values) walk_like_parser(v, owner_key, false);
+            for (const Node &v : node.values) find_text_read_out_of_place(v, owner_key, false);
         } else if (node.kind == Node::kString) {
             Prefix p = prefix_of(node.text);
             if (p != kNoPrefix) {
@@ -797,8 +892,9 @@ private:
                   "the System_ scope has no \"DbgLevel\"; the start-up scan then reads the whole "
                   "file and the last \"Util\": line wins",
                   "add \"DbgLevel\": 2 on a line of its own");
-        else if (dbg->has_int && (dbg->number < 0 || dbg->number > 7))
-            error(dbg->value->line, "\"DbgLevel\" is " + num(dbg->number) + "; it takes 0..7",
+        else if (dbg->has_int && (dbg->number < 0 || dbg->number > QX_CFG_DBG_LEVEL_MAX))
+            error(dbg->value->line, "\"DbgLevel\" is " + num(dbg->number) + "; it takes 0.." +
+                                        num(QX_CFG_DBG_LEVEL_MAX),
                   "write \"DbgLevel\": 2 (errors only) or 4 (info)");
 
         const Member *res = sys(kReservation);
@@ -823,9 +919,9 @@ private:
             error(line, "the Cpuset of " + quoted(d.name) + " is empty: the domain gets no CPU", fix_all);
             return;
         }
-        if (t.size() > 15)
-            error(line, "the Cpuset " + quoted(t) + " is longer than 15 characters; the record keeps " +
-                            quoted(t.substr(0, 15)),
+        if (t.size() > kCpusetMax)
+            error(line, "the Cpuset " + quoted(t) + " is longer than " + num(kCpusetMax) +
+                            " characters; the record keeps " + quoted(t.substr(0, kCpusetMax)),
                   "use the range form a-b");
         std::vector<long> cpus;
         bool grammar = true;
@@ -868,9 +964,9 @@ private:
                 if (comma == std::string::npos) break;
                 start = comma + 1;
             }
-            if (grammar && cpus.size() > 8)
+            if (grammar && cpus.size() > QX_CFG_CPU_LIST_MAX)
                 error(line, "the Cpuset " + quoted(t) + " lists " + num((long long)cpus.size()) +
-                                " CPUs; a list holds at most 8",
+                                " CPUs; a list holds at most " + num(QX_CFG_CPU_LIST_MAX),
                       "use the range form a-b");
         }
         if (!grammar) {
@@ -887,8 +983,10 @@ private:
                       fix_all);
                 break;
             }
-            if (n > 31) {
-                error(line, "CPU " + num(n) + " does not fit the 32-bit CPU mask", "use CPUs 0-31");
+            if (n >= QX_CFG_CPU_MASK_BITS) {
+                error(line, "CPU " + num(n) + " does not fit the " + num(QX_CFG_CPU_MASK_BITS) +
+                                "-bit CPU mask",
+                      "use CPUs 0-" + num(QX_CFG_CPU_MASK_BITS - 1));
                 break;
             }
         }
@@ -1077,9 +1175,10 @@ private:
         for (const DomainInfo &d : domains_) {
             if (names.count(d.name)) continue;  // a domain counts once
             names.insert(d.name);
-            if (names.size() == 25)
+            if (names.size() == QX_CFG_MAX_DOMAINS + 1)
                 error(d.line,
-                      quoted(d.name) + " is the 25th domain; the central record has room for 24",
+                      quoted(d.name) + " is the " + num(QX_CFG_MAX_DOMAINS + 1) +
+                          "th domain; the central record has room for " + num(QX_CFG_MAX_DOMAINS),
                       "merge or remove domains");
             const Member *u = get(d.keys, kUtil);
             if (u && u->has_int) total += u->number;
@@ -1097,43 +1196,19 @@ private:
 
     // ---- pass 3b: the start-up line scan of QX_REALTIME_Init ----
 
-    // Done as QX_REALTIME_Init does it: lines of at most 127 bytes, the first of "Util",
-    // "Enabled" and "DbgLevel" found in a line, the text after its first ':' up to ',' through
-    // atoi, until all three were seen.
+    // QX_REALTIME_Init reads lines of at most 127 bytes, takes the first of "Util", "Enabled" and
+    // "DbgLevel" found in a line, the text after its first ':' up to ',' through atoi, until all
+    // three were seen; the scan itself is the library's.
     void check_startup_scan() {
         if (!system_present_) return;
+        // The library's own scan; a key it saw has a line.
+        const StartupReading scan = library_startup_reading(text_);
         struct Seen {
-            bool found = false;
-            int value = 0;
-            int line = 0;
+            bool found;
+            long long value;
+            int line;
         } seen[3];
-        const char *const keys[3] = {"\"Util\":", "\"Enabled\":", "\"DbgLevel\":"};
-        int line = 1;
-        unsigned found = 0;
-        size_t i = 0;
-        while (found != 7 && i < text_.size()) {
-            size_t end = i;
-            while (end < text_.size() && end - i < 127 && text_[end] != '\n') end++;
-            if (end < text_.size() && text_[end] == '\n' && end - i < 127) end++;
-            std::string piece = text_.substr(i, end - i);
-            int piece_line = line;
-            for (size_t k = i; k < end; k++)
-                if (text_[k] == '\n') line++;
-            i = end;
-            int which = -1;
-            for (int k = 0; k < 3 && which < 0; k++)
-                if (piece.find(keys[k]) != std::string::npos) which = k;
-            if (which < 0) continue;
-            std::vector<char> buf(piece.begin(), piece.end());
-            buf.push_back('\0');
-            char *save = nullptr;
-            strtok_r(buf.data(), ":", &save);
-            char *value = strtok_r(nullptr, ",", &save);
-            seen[which].found = true;
-            seen[which].value = value ? atoi(value) : 0;
-            seen[which].line = piece_line;
-            found |= 1u << which;
-        }
+        for (int k = 0; k < 3; k++) seen[k] = Seen{scan.line[k] != 0, scan.value[k], scan.line[k]};
         const Key wanted[3] = {kUtil, kEnabled, kDbgLevel};
         const char *const names[3] = {"Util", "Enabled", "DbgLevel"};
         int last_system_line = 0;
@@ -1241,6 +1316,71 @@ private:
 std::vector<Diagnostic> lint_text(const std::string &text, const Options &options) {
     Linter linter(text, options);
     return linter.run();
+}
+
+bool written_reading(const std::string &text, Reading *out) {
+    Linter linter(text, Options());
+    return linter.written(out);
+}
+
+std::vector<Difference> compare_readings(const Reading &written, const Reading &library) {
+    std::vector<Difference> out;
+    auto value = [&](int line, const std::string &what, long long w, long long l) {
+        if (w == kNotANumber || w == l) return;
+        out.push_back(Difference{line, "the library reads " + what + " as " + num(l) + ", not " +
+                                           num(w) + " as written"});
+    };
+    int sys = written.system_line;
+    value(sys, "the System_ \"Util\"", written.cap_per_core, library.cap_per_core);
+    value(sys, "\"Reservation\"", written.reservation, library.reservation);
+    value(sys, "\"DbgLevel\"", written.dbg_level, library.dbg_level);
+    value(sys, "\"Enabled\"", written.enabled, library.enabled);
+    value(sys, "\"BudgetCpuNum\"", written.budget_cpu_num, library.budget_cpu_num);
+    static const char *const kSchedType[] = {"no scheduling type", "round-robin", "deadline",
+                                             "both round-robin and deadline"};
+    for (size_t i = 0; i < written.domains.size(); i++) {
+        const DomainReading &w = written.domains[i];
+        const DomainReading *l = i < library.domains.size() && library.domains[i].name == w.name
+                                     ? &library.domains[i]
+                                     : nullptr;
+        if (l == nullptr || !l->found) {
+            out.push_back(Difference{w.line, "the library does not find the domain " + quoted(w.name)});
+            continue;
+        }
+        std::string dn = quoted(w.name);
+        value(w.line, "the Util of " + dn, w.util, l->util);
+        if (w.cpuset != l->cpuset)
+            out.push_back(Difference{w.line, "the library reads the Cpuset of " + dn + " as " +
+                                                 quoted(l->cpuset) + ", not " + quoted(w.cpuset) +
+                                                 " as written"});
+        if (w.sched_type != l->sched_type && w.sched_type >= 0 && w.sched_type <= 3 &&
+            l->sched_type >= 0 && l->sched_type <= 3)
+            out.push_back(Difference{w.line, "the library reads " + dn + " as " +
+                                                 kSchedType[l->sched_type] + ", not " +
+                                                 kSchedType[w.sched_type] + " as written"});
+        if (w.classes.size() != l->classes.size()) {
+            out.push_back(Difference{w.line, "the library reads " + num((long long)l->classes.size()) +
+                                                 " classes into " + dn + ", not " +
+                                                 num((long long)w.classes.size()) + " as written"});
+            continue;
+        }
+        for (size_t c = 0; c < w.classes.size(); c++) {
+            const ClassReading &wc = w.classes[c], &lc = l->classes[c];
+            if (wc.name != lc.name) {
+                out.push_back(Difference{wc.line, "the library reads class " + num((long long)c + 1) +
+                                                      " of " + dn + " as " + quoted(lc.name) +
+                                                      ", not " + quoted(wc.name) + " as written"});
+                continue;
+            }
+            std::string cn = " of " + quoted(wc.name);
+            value(wc.line, "the Util" + cn, wc.util, lc.util);
+            value(wc.line, "the RT_Priority" + cn, wc.rt_priority, lc.rt_priority);
+            value(wc.line, "the DL_RuntimeUs" + cn, wc.dl_runtime, lc.dl_runtime);
+            value(wc.line, "the DL_DeadlineUs" + cn, wc.dl_deadline, lc.dl_deadline);
+            value(wc.line, "the DL_PeriodUs" + cn, wc.dl_period, lc.dl_period);
+        }
+    }
+    return out;
 }
 
 std::string format_diagnostic(const std::string &file, const Diagnostic &d) {

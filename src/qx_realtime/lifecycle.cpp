@@ -16,33 +16,13 @@ uint32_t _QX_REALTIME_GetCapability(void) {
                 RT_ERRNO_STR);
         return RT_ERR_SYSTEM;
     }
-    char *pszLine = (char *)malloc(RT_PATH_LEN);
+    char *pszLine = (char *)malloc(QX_CFG_SCAN_LINE_LEN);
     if (pszLine == NULL) return fclose(pFile) != 0 ? RT_ERR_SYSTEM : RT_ERR_NULL;
 
-    int32_t s32Cap = 0, s32Enabled = 0, s32DbgLevel = 0;
-    uint32_t u32Found = 0;
-    while (u32Found != 7 && fgets(pszLine, RT_PATH_LEN, pFile) != NULL) {
-        int32_t *ps32Value;
-        uint32_t u32Bit;
-        if (strstr(pszLine, "\"Util\":") != NULL) {
-            ps32Value = &s32Cap;
-            u32Bit = 1;
-        } else if (strstr(pszLine, "\"Enabled\":") != NULL) {
-            ps32Value = &s32Enabled;
-            u32Bit = 2;
-        } else if (strstr(pszLine, "\"DbgLevel\":") != NULL) {
-            ps32Value = &s32DbgLevel;
-            u32Bit = 4;
-        } else {
-            continue;
-        }
-        char *pszSave = NULL;
-        strtok_r(pszLine, ":", &pszSave);
-        char *pszValue = strtok_r(NULL, ",", &pszSave);
-        *ps32Value = pszValue != NULL ? atoi(pszValue) : 0;
-        u32Found |= u32Bit;
-    }
-
+    qx_startup_scan_t stScan;
+    qx_config_scan_startup(pFile, pszLine, &stScan);
+    int32_t s32Cap = stScan.as32Value[0], s32Enabled = stScan.as32Value[1],
+            s32DbgLevel = stScan.as32Value[2];
     pstTop->s32CapPerCore = s32Cap;
     pstTop->s32DbgLevel = s32DbgLevel;
     pstTop->Enabled = (uint32_t)s32Enabled;

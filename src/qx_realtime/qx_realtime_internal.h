@@ -18,6 +18,7 @@
 
 #include "../platform/platform.h"
 #include "qx_realtime.h"
+#include "config_schema.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -28,11 +29,11 @@ extern "C" {
 // ---------------------------------------------------------------------------------------------
 
 #define RT_SHM_SIZE 16384
-#define RT_MAX_DOMAIN 24
+#define RT_MAX_DOMAIN QX_CFG_MAX_DOMAINS
 #define RT_MAX_DOMAIN_MAP 8
-#define RT_NAME_LEN 64
-#define RT_PATH_LEN 128
-#define RT_CPUSET_LEN 16
+#define RT_NAME_LEN QX_CFG_NAME_LEN
+#define RT_PATH_LEN QX_CFG_PATH_LEN
+#define RT_CPUSET_LEN QX_CFG_CPUSET_LEN
 #define RT_PROCESS_ID_LIST_NUM 80
 #define RT_DOMAIN_HEADER_SIZE 1100
 #define RT_JSON_PATH_LEN 64
@@ -233,12 +234,12 @@ void qx_log_emit(int kind, const char *func, int line, const char *fmt, ...)
 // The level is tested before any argument is evaluated: a suppressed message formats nothing and
 // makes no system call.
 #define RT_LOGE(...) RT_LOGE_AS(__func__, __VA_ARGS__)
-// An error whose Android form names another function than the one it is written in: a part of an
-// operation split into a function of its own reports in the operation's name.
+// An error reported under the name of the step it belongs to, from a helper of that step: the
+// Android form names the reporting function, and splitting a step into helpers must not change it.
 #define RT_LOGE_AS(func, ...)                                                   \
     do {                                                                        \
         if (qx_log_wanted(RT_DBG_LEVEL_ERR))                                    \
-            qx_log_emit(QX_MSG_ERR, func, __LINE__, __VA_ARGS__);               \
+            qx_log_emit(QX_MSG_ERR, (func), __LINE__, __VA_ARGS__);             \
     } while (0)
 #define RT_LOGI(...)                                                            \
     do {                                                                        \
@@ -369,6 +370,37 @@ uint32_t _QX_REALTIME_GetCapability(void);
 // ---------------------------------------------------------------------------------------------
 
 uint32_t _QX_REALTIME_FileReader(const char *pszPath, char **ppszText);
+// The whole-file reader on an open stream, which it closes; the messages name pszPath.
+uint32_t qx_config_read_stream(FILE *pFile, const char *pszPath, char **ppszText);
+
+// One parse of a configuration text for one domain: the records it fills and where the walk
+// stands. Passed explicitly so that a parse depends on nothing but its arguments; the linter
+// runs the reader on records of its own.
+typedef struct {
+    QX_REALTIME_DOMAIN_t *pstDomain;  // the record being built (RT_SHM_SIZE bytes)
+    QX_REALTIME_TOP_t *pstTop;        // receives the System_ values; pstTop->pstCentral the lists
+    const char *pszJson;              // the whole text
+    const jsmntok_t *pstTokEnd;       // one past the last token jsmn produced; NULL: unbounded
+    uint64_t u64Status;               // the ParsingStatus word
+    uint8_t bFound;                   // the wanted domain's key was seen
+    uint8_t bCentralListFull;         // the central lists had no room for the domain
+} qx_parse_ctx_t;
+
+// Tokenizes pstCtx->pszJson, walks it into the records and applies the checks of a whole parse;
+// the messages name pszJsonPath. RT_SUCCESS, RT_ERR_INVALID_PARAM or RT_ERR_SYSTEM.
+uint32_t qx_config_parse_text(qx_parse_ctx_t *pstCtx, const char *pszJsonPath);
+// Walks the token and everything below it; returns the number of tokens consumed.
+int qx_config_walk(qx_parse_ctx_t *pstCtx, const jsmntok_t *pstTok);
+
+// The start-up line scan: lines of at most 127 characters, each holding one of the keys of
+// kQxCfgStartupKeys; the value after its first ':' up to ',' through atoi, until all three were
+// seen. as64Offset: where the line each value came from starts (bytes from the start).
+typedef struct {
+    int32_t as32Value[3];  // Util, Enabled, DbgLevel
+    int64_t as64Offset[3];
+    uint32_t u32Found;     // bit n: key n was seen
+} qx_startup_scan_t;
+void qx_config_scan_startup(FILE *pFile, char *pszLine, qx_startup_scan_t *pstScan);
 uint32_t _QX_REALTIME_JsonParser(const char *pszJsonPath, QX_REALTIME_DOMAIN_t *pstDomain);
 int _QX_JSMN_TokParsing(QX_REALTIME_DOMAIN_t *pstDomain, const char *pszJson, jsmntok_t *pstTok,
                         uint64_t *pu64ParsingStatus, uint8_t *pbFound);

@@ -181,3 +181,33 @@ TEST(RtctlLint, BadCpuCountIsAUsageError) {
     EXPECT_EQ(r.status, 2);
     EXPECT_NE(r.err.find("usage: rtctl [-v] lint [--cpus N] FILE"), std::string::npos) << r.err;
 }
+
+// The linter links the library's reader from the core archive; rtctl must still be a client of
+// the shared library: every operation imported from it, nothing of the library defined in rtctl
+// for other objects to bind to.
+TEST(RtctlLint, RtctlTakesEveryLibraryOperationFromTheSharedLibrary) {
+    std::string command = std::string(QXRT_NM) + " -D " + QXRT_RTCTL + " 2>&1";
+    FILE *pipe = popen(command.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    std::string all;
+    char line[512];
+    while (fgets(line, sizeof(line), pipe) != nullptr) all += line;
+    ASSERT_EQ(pclose(pipe), 0) << all;
+    std::istringstream in(all);
+    std::string row;
+    bool imports_init = false;
+    while (std::getline(in, row)) {
+        std::istringstream words(row);
+        std::vector<std::string> w;
+        for (std::string x; words >> x;) w.push_back(x);
+        if (w.size() < 2) continue;
+        const std::string &type = w[w.size() - 2], &name = w.back();
+        bool library = name.rfind("QX_REALTIME_", 0) == 0 || name.rfind("_QX_", 0) == 0 ||
+                       name.rfind("jsmn_", 0) == 0 || name == "rtlog" || name == "mutex" ||
+                       name == "strerrBuf" || name == "u8JsonPath";
+        if (!library) continue;
+        EXPECT_EQ(type, "U") << row;
+        if (name == "QX_REALTIME_Init") imports_init = true;
+    }
+    EXPECT_TRUE(imports_init) << all;
+}

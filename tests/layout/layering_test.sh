@@ -8,7 +8,7 @@
 set -euo pipefail
 nm=$1
 shift
-order=(diagnostics shared_state lifecycle config cgroup_files domains threads monitoring)
+order=(diagnostics shared_state config lifecycle cgroup_files domains threads monitoring)
 declare -A rank=() owner=()
 for i in "${!order[@]}"; do rank[${order[$i]}]=$i; done
 
