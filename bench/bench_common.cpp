@@ -46,7 +46,8 @@ bool bench_setup() {
     }
     std::ofstream("/vendor/etc/realtime/rt-bench.json") << kConfig;
     std::ofstream(QX_HOST_PROPERTY_DIR "/" RT_PROP_CFG_NAME) << "bench";
-    if (QX_REALTIME_Init(0) != RT_SUCCESS || QX_REALTIME_CreateDomain("Domain_BenchRR") != RT_SUCCESS ||
+    if (QX_REALTIME_Init(0) != RT_SUCCESS ||
+        QX_REALTIME_CreateDomain("Domain_BenchRR") != RT_SUCCESS ||
         QX_REALTIME_CreateDomain("Domain_BenchDL") != RT_SUCCESS) {
         fprintf(stderr, "set-up failed\n");
         return false;

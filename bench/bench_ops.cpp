@@ -31,7 +31,8 @@ BENCHMARK(BM_AddRemoveDeadline)->Unit(benchmark::kMicrosecond);
 static void BM_QueryBudget(benchmark::State &state) {
     QX_REALTIME_UTIL_t util = {1, 0, 0, 0};
     int32_t left = 0;
-    for (auto _ : state) benchmark::DoNotOptimize(QX_REALTIME_QueryBudget("Domain_BenchRR", &util, &left));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(QX_REALTIME_QueryBudget("Domain_BenchRR", &util, &left));
 }
 BENCHMARK(BM_QueryBudget)->Unit(benchmark::kMicrosecond);
 
@@ -52,7 +53,8 @@ static int count_evaluation() {
     return ++g_evaluated;
 }
 static void BM_SuppressedInfoMessage(benchmark::State &state) {
-    for (auto _ : state) RT_LOGI("[RT_Impl][Info] [%s] %d %ld\n", "bench", count_evaluation(), qx_gettid());
+    for (auto _ : state)
+        RT_LOGI("[RT_Impl][Info] [%s] %d %ld\n", "bench", count_evaluation(), qx_gettid());
     if (g_evaluated != 0) state.SkipWithError("a suppressed message evaluated its arguments");
 }
 BENCHMARK(BM_SuppressedInfoMessage);

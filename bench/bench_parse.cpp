@@ -27,7 +27,8 @@ std::string config_of(size_t bytes, bool wide) {
                       "\": { \"Util\": 1, \"Cpuset\": \"0\", \"Class_A\": { \"Util\": 1, "
                       "\"RT_Priority\": 10 } },\n";
     }
-    std::string domain = "    \"Domain_BenchBig\": {\n        \"Util\": 1,\n        \"Cpuset\": \"0-1\",\n";
+    std::string domain =
+        "    \"Domain_BenchBig\": {\n        \"Util\": 1,\n        \"Cpuset\": \"0-1\",\n";
     if (wide) domain += filler;
     domain += "        \"Class_Work\": { \"Util\": 1, \"RT_Priority\": 10 }\n    }\n}\n";
     return std::string(kHead) + (wide ? "" : filler) + domain;

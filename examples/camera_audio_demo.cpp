@@ -56,19 +56,30 @@ void client_logger(int, const char *, const char *message) {
 
 const char *result_name(uint32_t code) {
     switch (code) {
-    case RT_SUCCESS: return "RT_SUCCESS";
-    case RT_ERR_FAILED: return "RT_ERR_FAILED";
-    case RT_ERR_INVALID_PARAM: return "RT_ERR_INVALID_PARAM";
-    case RT_ERR_OVER_BUDGET: return "RT_ERR_OVER_BUDGET";
-    case RT_ERR_NULL: return "RT_ERR_NULL";
-    case RT_ERR_NOT_EXIST: return "RT_ERR_NOT_EXIST";
-    case RT_ERR_SYSTEM: return "RT_ERR_SYSTEM";
-    case RT_ERR_SCHED_SETATTR: return "RT_ERR_SCHED_SETATTR";
-    default: return "unknown result";
+    case RT_SUCCESS:
+        return "RT_SUCCESS";
+    case RT_ERR_FAILED:
+        return "RT_ERR_FAILED";
+    case RT_ERR_INVALID_PARAM:
+        return "RT_ERR_INVALID_PARAM";
+    case RT_ERR_OVER_BUDGET:
+        return "RT_ERR_OVER_BUDGET";
+    case RT_ERR_NULL:
+        return "RT_ERR_NULL";
+    case RT_ERR_NOT_EXIST:
+        return "RT_ERR_NOT_EXIST";
+    case RT_ERR_SYSTEM:
+        return "RT_ERR_SYSTEM";
+    case RT_ERR_SCHED_SETATTR:
+        return "RT_ERR_SCHED_SETATTR";
+    default:
+        return "unknown result";
     }
 }
 
-pid_t gettid_now() { return (pid_t)syscall(SYS_gettid); }
+pid_t gettid_now() {
+    return (pid_t)syscall(SYS_gettid);
+}
 
 // ---- workload threads ----
 
@@ -237,18 +248,30 @@ std::string policy_of(pid_t tid) {
         return std::string("(sched_getattr: ") + strerror(errno) + ")";
     char buf[160];
     switch (a.sched_policy) {
-    case 0: snprintf(buf, sizeof(buf), "SCHED_OTHER nice %d", a.sched_nice); break;
-    case 1: snprintf(buf, sizeof(buf), "SCHED_FIFO priority %u", a.sched_priority); break;
-    case 2: snprintf(buf, sizeof(buf), "SCHED_RR priority %u", a.sched_priority); break;
-    case 3: snprintf(buf, sizeof(buf), "SCHED_BATCH nice %d", a.sched_nice); break;
-    case 5: snprintf(buf, sizeof(buf), "SCHED_IDLE"); break;
+    case 0:
+        snprintf(buf, sizeof(buf), "SCHED_OTHER nice %d", a.sched_nice);
+        break;
+    case 1:
+        snprintf(buf, sizeof(buf), "SCHED_FIFO priority %u", a.sched_priority);
+        break;
+    case 2:
+        snprintf(buf, sizeof(buf), "SCHED_RR priority %u", a.sched_priority);
+        break;
+    case 3:
+        snprintf(buf, sizeof(buf), "SCHED_BATCH nice %d", a.sched_nice);
+        break;
+    case 5:
+        snprintf(buf, sizeof(buf), "SCHED_IDLE");
+        break;
     case 6:
         snprintf(buf, sizeof(buf), "SCHED_DEADLINE runtime/deadline/period %llu/%llu/%llu us",
                  (unsigned long long)(a.sched_runtime / 1000),
                  (unsigned long long)(a.sched_deadline / 1000),
                  (unsigned long long)(a.sched_period / 1000));
         break;
-    default: snprintf(buf, sizeof(buf), "policy %u", a.sched_policy); break;
+    default:
+        snprintf(buf, sizeof(buf), "policy %u", a.sched_policy);
+        break;
     }
     return buf;
 }

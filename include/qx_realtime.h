@@ -32,14 +32,14 @@ extern "C" {
 #endif
 
 /* Result codes: one flat set of unsigned 32-bit values. */
-#define RT_SUCCESS            0u  /* success */
-#define RT_ERR_FAILED         4u  /* setup failure: lock file, init mode, config path, segment */
-#define RT_ERR_INVALID_PARAM  8u  /* bad argument or configuration value (NULL, priority, triple) */
-#define RT_ERR_OVER_BUDGET    9u  /* admission refused: the domain's budget would be exceeded */
-#define RT_ERR_NULL          10u  /* missing object: domain, class, record, central segment */
-#define RT_ERR_NOT_EXIST     11u  /* thread, class or process not present; no room for a record */
-#define RT_ERR_SYSTEM        12u  /* a system or file operation failed; buffer too small */
-#define RT_ERR_SCHED_SETATTR 14u  /* the kernel refused the scheduling attributes */
+#define RT_SUCCESS 0u            /* success */
+#define RT_ERR_FAILED 4u         /* setup failure: lock file, init mode, config path, segment */
+#define RT_ERR_INVALID_PARAM 8u  /* bad argument or configuration value (NULL, priority, triple) */
+#define RT_ERR_OVER_BUDGET 9u    /* admission refused: the domain's budget would be exceeded */
+#define RT_ERR_NULL 10u          /* missing object: domain, class, record, central segment */
+#define RT_ERR_NOT_EXIST 11u     /* thread, class or process not present; no room for a record */
+#define RT_ERR_SYSTEM 12u        /* a system or file operation failed; buffer too small */
+#define RT_ERR_SCHED_SETATTR 14u /* the kernel refused the scheduling attributes */
 
 /* Utilisation record passed by clients: capacity units, then microseconds. */
 typedef struct {
@@ -67,10 +67,10 @@ typedef struct {
 } QX_REALTIME_THREAD_t;
 
 /* Exported process-wide objects. */
-QX_REALTIME_API extern FILE *rtlog;               /* per-process log file, open only at debug level 241 */
-QX_REALTIME_API extern pthread_mutex_t mutex;     /* the process mutex taken by every operation */
-QX_REALTIME_API extern char strerrBuf[128];       /* text of errno for the last message that showed one */
-QX_REALTIME_API extern char u8JsonPath[64];       /* configuration path chosen by QX_REALTIME_Init(0) */
+QX_REALTIME_API extern FILE *rtlog; /* per-process log file, open only at debug level 241 */
+QX_REALTIME_API extern pthread_mutex_t mutex; /* the process mutex taken by every operation */
+QX_REALTIME_API extern char strerrBuf[128]; /* text of errno for the last message that showed one */
+QX_REALTIME_API extern char u8JsonPath[64]; /* configuration path chosen by QX_REALTIME_Init(0) */
 
 /* ---- Lifecycle ---- */
 
@@ -119,8 +119,9 @@ QX_REALTIME_API int32_t QX_REALTIME_DeleteDomain(const char *pszDomainName);
 /* RT_SUCCESS when the demand fits; RT_ERR_INVALID_PARAM (deadline triple, negative utilisation,
  * NULL name); RT_ERR_OVER_BUDGET; RT_ERR_NULL (NULL record or output, unknown domain, no central
  * segment); RT_ERR_FAILED. *ps32UtilLeft = UtilMax - UtilCurrent whenever the domain was found. */
-QX_REALTIME_API uint32_t QX_REALTIME_QueryBudget(const char *pszDomainName, QX_REALTIME_UTIL_t *pstUtil,
-                                 int32_t *ps32UtilLeft);
+QX_REALTIME_API uint32_t QX_REALTIME_QueryBudget(const char *pszDomainName,
+                                                 QX_REALTIME_UTIL_t *pstUtil,
+                                                 int32_t *ps32UtilLeft);
 /* Microseconds per second on one core for a DMIPS demand (32-bit product, wraps above 4294).
  * RT_SUCCESS; RT_ERR_INVALID_PARAM (capability 0, demand above it); RT_ERR_NULL. */
 QX_REALTIME_API uint32_t QX_REALTIME_DmipsToUs(uint32_t u32Dmips, uint32_t *u32MiscroSec);
@@ -141,12 +142,13 @@ QX_REALTIME_API uint32_t QX_REALTIME_DmipsToUs(uint32_t u32Dmips, uint32_t *u32M
  * gets the policy and the groups, and its record is kept under thread id 0 (RT_ERR_NOT_EXIST,
  * since /proc/0 does not exist). Always pass a real thread id (gettid()). */
 QX_REALTIME_API uint32_t QX_REALTIME_AddThread(const char *pszDomainName, const char *pszClassName,
-                               int32_t s32Tid, uint8_t bDlOverrun);
+                                               int32_t s32Tid, uint8_t bDlOverrun);
 /* As QX_REALTIME_AddThread with the caller's parameters and no budget check;
  * RT_ERR_NULL for a NULL pstUtil. */
-QX_REALTIME_API uint32_t QX_REALTIME_AddThread_Lite(const char *pszDomainName, const char *pszClassName,
-                                    QX_REALTIME_UTIL_t *pstUtil, int32_t s32Tid,
-                                    uint8_t bDlOverrun);
+QX_REALTIME_API uint32_t QX_REALTIME_AddThread_Lite(const char *pszDomainName,
+                                                    const char *pszClassName,
+                                                    QX_REALTIME_UTIL_t *pstUtil, int32_t s32Tid,
+                                                    uint8_t bDlOverrun);
 /* Restores the attributes saved at admission and the root groups.
  * RT_SUCCESS; RT_ERR_NULL (unknown domain); RT_ERR_NOT_EXIST (thread not admitted);
  * RT_ERR_SYSTEM (cgroup move); RT_ERR_SCHED_SETATTR; RT_ERR_INVALID_PARAM (NULL name). */
@@ -154,8 +156,8 @@ QX_REALTIME_API uint32_t QX_REALTIME_RemoveThread(const char *pszDomainName, int
 /* RT_SUCCESS; RT_ERR_NULL (NULL record, unknown domain); RT_ERR_NOT_EXIST; RT_ERR_INVALID_PARAM;
  * RT_ERR_OVER_BUDGET; RT_ERR_SYSTEM; RT_ERR_SCHED_SETATTR. In a deadline domain s32Util is
  * overwritten with the converted utilisation. */
-QX_REALTIME_API uint32_t QX_REALTIME_UpdateThreadUtil(const char *pszDomainName, QX_REALTIME_UTIL_t *pstUtil,
-                                      int32_t s32Tid);
+QX_REALTIME_API uint32_t QX_REALTIME_UpdateThreadUtil(const char *pszDomainName,
+                                                      QX_REALTIME_UTIL_t *pstUtil, int32_t s32Tid);
 /* Reserved for a future memory resource: RT_SUCCESS (the query logs that it is not ready and
  * leaves *ps32Avai as it is; a NULL pointer gets RT_ERR_INVALID_PARAM). */
 QX_REALTIME_API uint32_t QX_REALTIME_EnableMemoryHighPriority(void);
@@ -167,8 +169,9 @@ QX_REALTIME_API uint32_t QX_REALTIME_GetAvailableHighPriorityResource(int32_t *p
 /* Samples a domain's (or, for a name beginning with "All", every domain's) CPU usage.
  * RT_SUCCESS; RT_ERR_NULL (unknown domain, no central segment); RT_ERR_SYSTEM (first readings);
  * RT_ERR_INVALID_PARAM (NULL name); RT_ERR_FAILED (central lock file). */
-QX_REALTIME_API uint32_t QX_REALTIME_GetDomainCpuUsage(const char *pszDomainName, uint32_t u32IntervalMs,
-                                       uint32_t u32SampleNum);
+QX_REALTIME_API uint32_t QX_REALTIME_GetDomainCpuUsage(const char *pszDomainName,
+                                                       uint32_t u32IntervalMs,
+                                                       uint32_t u32SampleNum);
 /* Prints a domain's records and the kernel's task lists, or (for "All...") every live thread.
  * RT_SUCCESS; RT_ERR_NULL (unknown domain, no central segment); RT_ERR_INVALID_PARAM (NULL
  * name); RT_ERR_FAILED (central lock file). */

@@ -37,9 +37,9 @@ namespace {
 
 struct Node {
     enum Kind { kObject, kArray, kString, kNumber, kLiteral } kind = kLiteral;
-    size_t pos = 0;    // offset of the first character (the opening quote of a string)
-    int line = 1;      // line of pos
-    std::string text;  // strings: the raw bytes between the quotes; primitives: as written
+    size_t pos = 0;            // offset of the first character (the opening quote of a string)
+    int line = 1;              // line of pos
+    std::string text;          // strings: the raw bytes between the quotes; primitives: as written
     std::vector<Node> keys;    // objects: member keys, in order
     std::vector<Node> values;  // objects: member values; arrays: elements
 };
@@ -84,7 +84,8 @@ private:
         return false;
     }
     void skip_ws() {
-        while (i_ < s_.size() && (s_[i_] == ' ' || s_[i_] == '\t' || s_[i_] == '\n' || s_[i_] == '\r'))
+        while (i_ < s_.size() &&
+               (s_[i_] == ' ' || s_[i_] == '\t' || s_[i_] == '\n' || s_[i_] == '\r'))
             i_++;
     }
     std::string shown(size_t pos) const {
@@ -118,9 +119,10 @@ private:
                 return true;
             }
         }
-        return fail(i_, "expected a value (a number, a \"string\", an object or an array), found " +
-                            shown(i_),
-                    "quote text values and write numbers without quotes");
+        return fail(
+            i_,
+            "expected a value (a number, a \"string\", an object or an array), found " + shown(i_),
+            "quote text values and write numbers without quotes");
     }
 
     bool object(Node *out, int depth) {
@@ -144,7 +146,8 @@ private:
             if (!string(&key)) return false;
             skip_ws();
             if (i_ >= s_.size() || s_[i_] != ':')
-                return fail(i_, "expected ':' after the key \"" + key.text + "\", found " + shown(i_),
+                return fail(i_,
+                            "expected ':' after the key \"" + key.text + "\", found " + shown(i_),
                             "write \"" + key.text + "\": value");
             i_++;
             skip_ws();
@@ -210,7 +213,8 @@ private:
             if (c == '\n')
                 return fail(open, "a string is not closed on its line", "add the closing quote");
             if (c < 0x20)
-                return fail(i_, "a control character inside a string", "write it as an escape (\\t)");
+                return fail(i_, "a control character inside a string",
+                            "write it as an escape (\\t)");
             if (c == '\\') {
                 if (i_ + 1 >= s_.size()) break;
                 char e = s_[i_ + 1];
@@ -298,8 +302,12 @@ bool taken_in(Key k, uint32_t scope) {
         if (e.eKey == k) return (e.u32Scopes & scope) != 0;
     return false;
 }
-bool is_system_key(Key k) { return taken_in(k, QX_CFG_IN_SYSTEM); }
-bool is_class_key(Key k) { return taken_in(k, QX_CFG_IN_CLASS); }
+bool is_system_key(Key k) {
+    return taken_in(k, QX_CFG_IN_SYSTEM);
+}
+bool is_class_key(Key k) {
+    return taken_in(k, QX_CFG_IN_CLASS);
+}
 
 // Sizes of the records that hold what a file says.
 constexpr size_t kNameMax = QX_CFG_NAME_LEN - 1;
@@ -319,8 +327,12 @@ Prefix prefix_of(const std::string &s) {
     return kNoPrefix;
 }
 
-std::string quoted(const std::string &s) { return "\"" + s + "\""; }
-std::string num(long long v) { return std::to_string(v); }
+std::string quoted(const std::string &s) {
+    return "\"" + s + "\"";
+}
+std::string num(long long v) {
+    return std::to_string(v);
+}
 
 // A key that a person probably meant, for unknown keys that differ only in case.
 std::string suggestion_for(const std::string &name) {
@@ -430,23 +442,24 @@ private:
                       num(kNameMax),
                   "shorten the name to " + num(kNameMax) + " characters or fewer");
         if (name.find('/') != std::string::npos || name.find('\\') != std::string::npos)
-            error(key.line, std::string(what) + " name " + quoted(name) +
-                                " contains a path separator; the name is also a file and cgroup name",
+            error(key.line,
+                  std::string(what) + " name " + quoted(name) +
+                      " contains a path separator; the name is also a file and cgroup name",
                   "use letters, digits and '_'");
         if (std::string(what) == "domain") {
             // The paths domain creation makes from the name.
             static const char *const kPaths[][2] = {
-                {RT_SHM_PREFIX, ""},          {RT_FLOCK_PREFIX, ""},
-                {RT_CPUSET_ROOT, "/tasks"},   {RT_CPUSET_ROOT, "/cpus"},
-                {RT_CPUACCT_ROOT, "/tasks"},  {RT_CPUACCT_ROOT, "/cpuacct.stat"},
+                {RT_SHM_PREFIX, ""},         {RT_FLOCK_PREFIX, ""},
+                {RT_CPUSET_ROOT, "/tasks"},  {RT_CPUSET_ROOT, "/cpus"},
+                {RT_CPUACCT_ROOT, "/tasks"}, {RT_CPUACCT_ROOT, "/cpuacct.stat"},
             };
             for (const auto &p : kPaths) {
                 std::string path = std::string(p[0]) + name + p[1];
                 if (path.size() >= QX_CFG_PATH_LEN) {
                     error(key.line,
-                          "the path " + quoted(std::string(p[0]) + "<name>" + p[1]) + " of this domain is " +
-                              num((long long)path.size()) + " characters; paths must stay below " +
-                              num(QX_CFG_PATH_LEN),
+                          "the path " + quoted(std::string(p[0]) + "<name>" + p[1]) +
+                              " of this domain is " + num((long long)path.size()) +
+                              " characters; paths must stay below " + num(QX_CFG_PATH_LEN),
                           "shorten the domain name");
                     break;
                 }
@@ -492,8 +505,9 @@ private:
             return;
         case Node::kObject:
         case Node::kArray:
-            error(value.line, quoted(k) + " must be a number, not an " +
-                                  (value.kind == Node::kObject ? "object" : "array"),
+            error(value.line,
+                  quoted(k) + " must be a number, not an " +
+                      (value.kind == Node::kObject ? "object" : "array"),
                   "write " + quoted(k) + ": 0");
             return;
         case Node::kNumber:
@@ -510,7 +524,8 @@ private:
         errno = 0;
         long long v = strtoll(value.text.c_str(), nullptr, 10);
         if (errno != 0 || v < INT32_MIN || v > INT32_MAX) {
-            error(value.line, quoted(k) + " = " + value.text + " does not fit a signed 32-bit integer",
+            error(value.line,
+                  quoted(k) + " = " + value.text + " does not fit a signed 32-bit integer",
                   "use a smaller value");
             return;
         }
@@ -559,7 +574,8 @@ private:
                     error(k.line,
                           "domain " + quoted(k.text) + " is declared twice (first on line " +
                               num(seen->second) +
-                              "); the parser reads both into one record and appends the classes twice",
+                              "); the parser reads both into one record and appends the classes "
+                              "twice",
                           "merge the two objects into one");
                 } else {
                     domain_lines[k.text] = k.line;
@@ -807,10 +823,11 @@ private:
                         std::string where =
                             owner_key ? "inside " + quoted(owner_key->text) : "at the top level";
                         if (scope_.empty())
-                            error(k.line,
-                                  "the key " + quoted(k.text) + " " + where +
-                                      " comes before any scope and is ignored",
-                                  "move it into the System_, Domain_ or Class_ object it belongs to");
+                            error(
+                                k.line,
+                                "the key " + quoted(k.text) + " " + where +
+                                    " comes before any scope and is ignored",
+                                "move it into the System_, Domain_ or Class_ object it belongs to");
                         else
                             error(k.line,
                                   "the key " + quoted(k.text) + " " + where +
@@ -868,7 +885,8 @@ private:
             error(system_line_, "the System_ scope has no \"Enabled\"; the framework stays off",
                   "add \"Enabled\": 1 on a line of its own");
         else if (en->has_int && en->number == 0)
-            warning(en->value->line, "\"Enabled\" is 0: every operation returns success and does nothing",
+            warning(en->value->line,
+                    "\"Enabled\" is 0: every operation returns success and does nothing",
                     "write \"Enabled\": 1 to turn the framework on");
         else if (en->has_int && en->number != 1)
             error(en->value->line,
@@ -893,8 +911,9 @@ private:
                   "file and the last \"Util\": line wins",
                   "add \"DbgLevel\": 2 on a line of its own");
         else if (dbg->has_int && (dbg->number < 0 || dbg->number > QX_CFG_DBG_LEVEL_MAX))
-            error(dbg->value->line, "\"DbgLevel\" is " + num(dbg->number) + "; it takes 0.." +
-                                        num(QX_CFG_DBG_LEVEL_MAX),
+            error(dbg->value->line,
+                  "\"DbgLevel\" is " + num(dbg->number) + "; it takes 0.." +
+                      num(QX_CFG_DBG_LEVEL_MAX),
                   "write \"DbgLevel\": 2 (errors only) or 4 (info)");
 
         const Member *res = sys(kReservation);
@@ -903,7 +922,8 @@ private:
                   "\"Reservation\" is " + num(res->number) + "; it is a percentage, 0..100",
                   "write a percentage such as 80");
         const Member *cpus = sys(kBudgetCpuNum);
-        if (cpus != nullptr && cpus->has_int && (cpus->number < 1 || cpus->number > options_.cpu_count))
+        if (cpus != nullptr && cpus->has_int &&
+            (cpus->number < 1 || cpus->number > options_.cpu_count))
             error(cpus->value->line,
                   "\"BudgetCpuNum\" is " + num(cpus->number) + "; this machine has " +
                       num(options_.cpu_count) + " CPUs",
@@ -914,14 +934,17 @@ private:
         if (m.value->kind != Node::kString) return;  // reported by record()
         const std::string &t = m.value->text;
         int line = m.value->line;
-        std::string fix_all = "write CPUs of this machine, e.g. \"0-" + num(options_.cpu_count - 1) + "\"";
+        std::string fix_all =
+            "write CPUs of this machine, e.g. \"0-" + num(options_.cpu_count - 1) + "\"";
         if (t.empty()) {
-            error(line, "the Cpuset of " + quoted(d.name) + " is empty: the domain gets no CPU", fix_all);
+            error(line, "the Cpuset of " + quoted(d.name) + " is empty: the domain gets no CPU",
+                  fix_all);
             return;
         }
         if (t.size() > kCpusetMax)
-            error(line, "the Cpuset " + quoted(t) + " is longer than " + num(kCpusetMax) +
-                            " characters; the record keeps " + quoted(t.substr(0, kCpusetMax)),
+            error(line,
+                  "the Cpuset " + quoted(t) + " is longer than " + num(kCpusetMax) +
+                      " characters; the record keeps " + quoted(t.substr(0, kCpusetMax)),
                   "use the range form a-b");
         std::vector<long> cpus;
         bool grammar = true;
@@ -937,7 +960,9 @@ private:
             if (!parse_cpu(t.substr(0, dash), &a) || !parse_cpu(t.substr(dash + 1), &b)) {
                 grammar = false;
             } else if (b == 0) {
-                error(line, "the Cpuset " + quoted(t) + " ends its range at CPU 0, which the parser refuses",
+                error(line,
+                      "the Cpuset " + quoted(t) +
+                          " ends its range at CPU 0, which the parser refuses",
                       "write \"0\" for CPU 0 alone");
                 return;
             } else if (a > b) {
@@ -952,12 +977,16 @@ private:
             for (;;) {
                 size_t comma = t.find(',', start);
                 long n = 0;
-                if (!parse_cpu(t.substr(start, comma == std::string::npos ? std::string::npos : comma - start), &n)) {
+                if (!parse_cpu(t.substr(start, comma == std::string::npos ? std::string::npos
+                                                                          : comma - start),
+                               &n)) {
                     grammar = false;
                     break;
                 }
                 if (std::find(cpus.begin(), cpus.end(), n) != cpus.end()) {
-                    error(line, "the Cpuset " + quoted(t) + " lists CPU " + num(n) + " twice; it is counted twice",
+                    error(line,
+                          "the Cpuset " + quoted(t) + " lists CPU " + num(n) +
+                              " twice; it is counted twice",
                           "list each CPU once");
                 }
                 cpus.push_back(n);
@@ -965,27 +994,31 @@ private:
                 start = comma + 1;
             }
             if (grammar && cpus.size() > QX_CFG_CPU_LIST_MAX)
-                error(line, "the Cpuset " + quoted(t) + " lists " + num((long long)cpus.size()) +
-                                " CPUs; a list holds at most " + num(QX_CFG_CPU_LIST_MAX),
+                error(line,
+                      "the Cpuset " + quoted(t) + " lists " + num((long long)cpus.size()) +
+                          " CPUs; a list holds at most " + num(QX_CFG_CPU_LIST_MAX),
                       "use the range form a-b");
         }
         if (!grammar) {
-            error(line, "the Cpuset " + quoted(t) +
-                            " is neither a range a-b nor a list a,b,c of CPU numbers",
+            error(line,
+                  "the Cpuset " + quoted(t) +
+                      " is neither a range a-b nor a list a,b,c of CPU numbers",
                   fix_all);
             return;
         }
         for (long n : cpus) {
             if (n >= options_.cpu_count) {
-                error(line, "the Cpuset " + quoted(t) + " names CPU " + num(n) + ", which this machine (" +
-                                num(options_.cpu_count) + " CPUs, 0-" + num(options_.cpu_count - 1) +
-                                ") does not have",
+                error(line,
+                      "the Cpuset " + quoted(t) + " names CPU " + num(n) +
+                          ", which this machine (" + num(options_.cpu_count) + " CPUs, 0-" +
+                          num(options_.cpu_count - 1) + ") does not have",
                       fix_all);
                 break;
             }
             if (n >= QX_CFG_CPU_MASK_BITS) {
-                error(line, "CPU " + num(n) + " does not fit the " + num(QX_CFG_CPU_MASK_BITS) +
-                                "-bit CPU mask",
+                error(line,
+                      "CPU " + num(n) + " does not fit the " + num(QX_CFG_CPU_MASK_BITS) +
+                          "-bit CPU mask",
                       "use CPUs 0-" + num(QX_CFG_CPU_MASK_BITS - 1));
                 break;
             }
@@ -997,14 +1030,16 @@ private:
         const Member *cpuset = get(d.keys, kCpuset);
         if (util == nullptr)
             error(d.line,
-                  quoted(d.name) + " has no \"Util\"; the parser then never registers it in the "
-                                   "central list of domains and budgets",
+                  quoted(d.name) +
+                      " has no \"Util\"; the parser then never registers it in the "
+                      "central list of domains and budgets",
                   "add \"Util\": N above its classes (0 means no limit, round-robin only)");
         else if (util->has_int && util->number < 0)
             error(util->value->line, "the Util of " + quoted(d.name) + " is negative",
                   "write 0 for no limit, or a positive budget");
         if (cpuset == nullptr)
-            error(d.line, quoted(d.name) + " has no \"Cpuset\"; its creation fails on the CPU count",
+            error(d.line,
+                  quoted(d.name) + " has no \"Cpuset\"; its creation fails on the CPU count",
                   "add \"Cpuset\": \"0-" + num(options_.cpu_count - 1) + "\" above its classes");
         else
             check_cpuset(d, *cpuset);
@@ -1020,7 +1055,8 @@ private:
             bool has_rr = get(c.keys, kRtPriority) != nullptr;
             bool has_dl = get(c.keys, kDlRuntime) != nullptr;
             if (has_rr && has_dl) {
-                error(c.line, "the class " + quoted(c.name) + " has both RT_Priority and DL_RuntimeUs",
+                error(c.line,
+                      "the class " + quoted(c.name) + " has both RT_Priority and DL_RuntimeUs",
                       "keep RT_Priority for round-robin or the DL_ keys for deadline");
                 continue;
             }
@@ -1028,10 +1064,13 @@ private:
                 bool partial = get(c.keys, kDlDeadline) || get(c.keys, kDlPeriod);
                 error(c.line,
                       partial ? "the class " + quoted(c.name) +
-                                    " has no \"DL_RuntimeUs\"; without it the class is not a deadline class"
+                                    " has no \"DL_RuntimeUs\"; without it the class is not a "
+                                    "deadline class"
                               : "the class " + quoted(c.name) +
-                                    " has neither RT_Priority nor DL_RuntimeUs; its threads cannot be scheduled",
-                      partial ? "add \"DL_RuntimeUs\"" : "add \"RT_Priority\" (1..99) or the three DL_ keys");
+                                    " has neither RT_Priority nor DL_RuntimeUs; its threads cannot "
+                                    "be scheduled",
+                      partial ? "add \"DL_RuntimeUs\""
+                              : "add \"RT_Priority\" (1..99) or the three DL_ keys");
                 continue;
             }
             rr = rr || has_rr;
@@ -1042,17 +1081,18 @@ private:
             } else if (has_rr != first_is_rr) {
                 error(c.line,
                       quoted(d.name) + " mixes round-robin and deadline classes (" +
-                          quoted(first_typed->name) + " is " + (first_is_rr ? "RT_Priority" : "DL_") +
-                          ", " + quoted(c.name) + " is " + (has_rr ? "RT_Priority" : "DL_") +
-                          "); its creation is refused",
+                          quoted(first_typed->name) + " is " +
+                          (first_is_rr ? "RT_Priority" : "DL_") + ", " + quoted(c.name) + " is " +
+                          (has_rr ? "RT_Priority" : "DL_") + "); its creation is refused",
                       "put round-robin and deadline classes into separate domains");
             }
         }
         bool deadline_domain = dl && !rr;
         if (deadline_domain && util != nullptr && util->has_int && util->number == 0)
             error(util->value->line,
-                  "the deadline domain " + quoted(d.name) + " has Util 0; only a round-robin domain may "
-                                                            "go without a budget",
+                  "the deadline domain " + quoted(d.name) +
+                      " has Util 0; only a round-robin domain may "
+                      "go without a budget",
                   "give it a budget, e.g. \"Util\": " + num(cap_per_core()));
 
         long long domain_util = util && util->has_int ? util->number : 0;
@@ -1079,16 +1119,19 @@ private:
         const Member *util = get(c.keys, kUtil);
         if (util == nullptr) {
             if (domain_util > 0)
-                warning(c.line, "the class " + quoted(c.name) +
-                                    " has no \"Util\"; its threads are admitted without being charged",
+                warning(c.line,
+                        "the class " + quoted(c.name) +
+                            " has no \"Util\"; its threads are admitted without being charged",
                         "add \"Util\": N (units per thread)");
         } else if (util->has_int && util->number < 0) {
-            error(util->value->line, "the Util of " + quoted(c.name) + " is negative; admission refuses it",
+            error(util->value->line,
+                  "the Util of " + quoted(c.name) + " is negative; admission refuses it",
                   "write 0 or more");
         } else if (util->has_int && domain_util > 0 && util->number > domain_util) {
             error(util->value->line,
-                  "one thread of " + quoted(c.name) + " (Util " + num(util->number) + ") is more than " +
-                      quoted(d.name) + "'s whole budget (" + num(domain_util) + "); every admission is refused",
+                  "one thread of " + quoted(c.name) + " (Util " + num(util->number) +
+                      ") is more than " + quoted(d.name) + "'s whole budget (" + num(domain_util) +
+                      "); every admission is refused",
                   "lower the class's Util or raise the domain's");
         }
     }
@@ -1103,10 +1146,12 @@ private:
                         " is ignored; admission charges DL_RuntimeUs x Util-per-core / DL_PeriodUs",
                     "remove it");
         bool complete = true;
-        for (auto pair : {std::make_pair(dlm, "DL_DeadlineUs"), std::make_pair(per, "DL_PeriodUs")}) {
+        for (auto pair :
+             {std::make_pair(dlm, "DL_DeadlineUs"), std::make_pair(per, "DL_PeriodUs")}) {
             if (pair.first == nullptr) {
-                error(c.line, "the deadline class " + quoted(c.name) + " has no " + quoted(pair.second) +
-                                  "; it reads as 0 and every admission is refused",
+                error(c.line,
+                      "the deadline class " + quoted(c.name) + " has no " + quoted(pair.second) +
+                          "; it reads as 0 and every admission is refused",
                       std::string("add ") + quoted(pair.second));
                 complete = false;
             }
@@ -1123,23 +1168,25 @@ private:
                           " us; above 2147483 us the value in nanoseconds wraps",
                       "use at most 2147483 us");
             if (m->number < 1)
-                error(m->value->line, quoted(m->key->text) + " must be at least 1 us", "use a positive value");
+                error(m->value->line, quoted(m->key->text) + " must be at least 1 us",
+                      "use a positive value");
         }
         if (!complete) return;
         long long r = rt->number, dd = dlm->number, p = per->number;
         if (!(r <= dd && dd <= p))
             error(c.line,
-                  "the deadline parameters of " + quoted(c.name) + " are out of order: DL_RuntimeUs " +
-                      num(r) + ", DL_DeadlineUs " + num(dd) + ", DL_PeriodUs " + num(p) +
-                      "; admission needs runtime <= deadline <= period",
+                  "the deadline parameters of " + quoted(c.name) +
+                      " are out of order: DL_RuntimeUs " + num(r) + ", DL_DeadlineUs " + num(dd) +
+                      ", DL_PeriodUs " + num(p) + "; admission needs runtime <= deadline <= period",
                   "reorder the values so that DL_RuntimeUs <= DL_DeadlineUs <= DL_PeriodUs");
         else if (domain_util > 0 && p > 0) {
             uint32_t cost = (uint32_t)((uint32_t)r * (uint32_t)cap_per_core()) / (uint32_t)p;
             if ((long long)cost > domain_util)
                 error(c.line,
-                      "one thread of " + quoted(c.name) + " costs " + num(cost) + " units (runtime x " +
-                          num(cap_per_core()) + " / period), more than " + quoted(d.name) +
-                          "'s whole budget (" + num(domain_util) + "); every admission is refused",
+                      "one thread of " + quoted(c.name) + " costs " + num(cost) +
+                          " units (runtime x " + num(cap_per_core()) + " / period), more than " +
+                          quoted(d.name) + "'s whole budget (" + num(domain_util) +
+                          "); every admission is refused",
                       "shorten DL_RuntimeUs or raise the domain's Util");
         }
     }
@@ -1165,12 +1212,13 @@ private:
                       "with Util 0 can be created",
                       "add \"BudgetCpuNum\": " + num(options_.cpu_count));
         }
-        bool budget_known = res && res->has_int && cpus && cpus->has_int && sys(kUtil) &&
-                            sys(kUtil)->has_int;
+        bool budget_known =
+            res && res->has_int && cpus && cpus->has_int && sys(kUtil) && sys(kUtil)->has_int;
         uint32_t limit = 0;
         if (budget_known)
             limit = (uint32_t)((uint32_t)cpus->number * (uint32_t)cap_per_core() *
-                               (uint32_t)res->number) / 100u;
+                               (uint32_t)res->number) /
+                    100u;
         bool reported = false;
         for (const DomainInfo &d : domains_) {
             if (names.count(d.name)) continue;  // a domain counts once
@@ -1187,8 +1235,9 @@ private:
                 error(d.line,
                       "the domains' Util adds up to " + num(total) + " with " + quoted(d.name) +
                           ", above the budget BudgetCpuNum x Util x Reservation / 100 = " +
-                          num(cpus->number) + " x " + num(cap_per_core()) + " x " + num(res->number) +
-                          " / 100 = " + num(limit) + "; its creation, and every one after it, fails",
+                          num(cpus->number) + " x " + num(cap_per_core()) + " x " +
+                          num(res->number) + " / 100 = " + num(limit) +
+                          "; its creation, and every one after it, fails",
                       "lower the domains' Util, or raise Reservation or BudgetCpuNum");
             }
         }
@@ -1251,7 +1300,8 @@ private:
             error(key_line,
                   "the start-up scan of QX_REALTIME_Init reads " + quoted(names[k]) + " as " +
                       num(seen[k].value) +
-                      (seen[k].found ? " from line " + num(seen[k].line) : std::string(" (not found)")) +
+                      (seen[k].found ? " from line " + num(seen[k].line)
+                                     : std::string(" (not found)")) +
                       ", not " + num(m->number) + " from this line",
                   "give \"Util\", \"Enabled\" and \"DbgLevel\" each a line of their own at the "
                   "start of the System_ scope, above every other line containing \"Util\":");
@@ -1265,7 +1315,8 @@ private:
             size_t pos = 0;
             while (pos < text_.size() && l < last_system_line) {
                 size_t nl = text_.find('\n', pos);
-                std::string t = text_.substr(pos, nl == std::string::npos ? std::string::npos : nl - pos);
+                std::string t =
+                    text_.substr(pos, nl == std::string::npos ? std::string::npos : nl - pos);
                 if (t.find("\"Util\":") != std::string::npos && l != cap->key->line) {
                     error(l,
                           "this line contains \"Util\": before the System_ scope's \"Util\", "
@@ -1344,7 +1395,8 @@ std::vector<Difference> compare_readings(const Reading &written, const Reading &
                                      ? &library.domains[i]
                                      : nullptr;
         if (l == nullptr || !l->found) {
-            out.push_back(Difference{w.line, "the library does not find the domain " + quoted(w.name)});
+            out.push_back(
+                Difference{w.line, "the library does not find the domain " + quoted(w.name)});
             continue;
         }
         std::string dn = quoted(w.name);
@@ -1359,7 +1411,8 @@ std::vector<Difference> compare_readings(const Reading &written, const Reading &
                                                  kSchedType[l->sched_type] + ", not " +
                                                  kSchedType[w.sched_type] + " as written"});
         if (w.classes.size() != l->classes.size()) {
-            out.push_back(Difference{w.line, "the library reads " + num((long long)l->classes.size()) +
+            out.push_back(Difference{w.line, "the library reads " +
+                                                 num((long long)l->classes.size()) +
                                                  " classes into " + dn + ", not " +
                                                  num((long long)w.classes.size()) + " as written"});
             continue;
@@ -1367,9 +1420,10 @@ std::vector<Difference> compare_readings(const Reading &written, const Reading &
         for (size_t c = 0; c < w.classes.size(); c++) {
             const ClassReading &wc = w.classes[c], &lc = l->classes[c];
             if (wc.name != lc.name) {
-                out.push_back(Difference{wc.line, "the library reads class " + num((long long)c + 1) +
-                                                      " of " + dn + " as " + quoted(lc.name) +
-                                                      ", not " + quoted(wc.name) + " as written"});
+                out.push_back(Difference{wc.line, "the library reads class " +
+                                                      num((long long)c + 1) + " of " + dn + " as " +
+                                                      quoted(lc.name) + ", not " + quoted(wc.name) +
+                                                      " as written"});
                 continue;
             }
             std::string cn = " of " + quoted(wc.name);

@@ -256,8 +256,8 @@ void Checker::check_central() {
                          ? "sized to 16384 bytes; call QX_REALTIME_Init to restore the settings"
                          : str("could not size it: %s", strerror(errno));
         }
-        found(RT_CENTRAL_NAME, str("the central segment is %lld bytes, not %d",
-                                   (long long)st.st_size, RT_SHM_SIZE),
+        found(RT_CENTRAL_NAME,
+              str("the central segment is %lld bytes, not %d", (long long)st.st_size, RT_SHM_SIZE),
               action);
     }
     if ((st.st_mode & 0777) != 0666) {
@@ -265,8 +265,8 @@ void Checker::check_central() {
         if (repair_)
             action = chmod(path.c_str(), 0666) == 0 ? "mode set to 0666"
                                                     : str("could not chmod: %s", strerror(errno));
-        found(RT_CENTRAL_NAME, str("the central segment has mode %04o, not 0666", st.st_mode & 0777),
-              action);
+        found(RT_CENTRAL_NAME,
+              str("the central segment has mode %04o, not 0666", st.st_mode & 0777), action);
     }
 }
 
@@ -452,8 +452,9 @@ void Checker::check_groups(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
                             : "moved to the root groups";
             else
                 action = str("could not %s%s", moved ? "" : "move it to the root groups",
-                             normal ? "" : (moved ? "set it to normal scheduling"
-                                                  : " nor set it to normal scheduling"));
+                             normal ? ""
+                                    : (moved ? "set it to normal scheduling"
+                                             : " nor set it to normal scheduling"));
         }
         found(name,
               str("thread %d is in the domain's groups%s without a record", tid,

@@ -40,12 +40,12 @@ constexpr int kExitUsage = 2;
 
 // ---- log sink ----
 
-FILE *g_log_out = stderr;         // where the library's messages go for this invocation
-bool g_print = true;              // print them at all (not while a report is only captured)
+FILE *g_log_out = stderr;          // where the library's messages go for this invocation
+bool g_print = true;               // print them at all (not while a report is only captured)
 std::string *g_capture = nullptr;  // also keep them here (a report read back for --json, top)
-bool g_report = false;            // the messages are this command's report (dump, usage)
-bool g_log_muted = false;         // set around calls whose messages are not the operator's business
-bool g_line_open = false;         // the last message had no line end (a list printed piecewise)
+bool g_report = false;             // the messages are this command's report (dump, usage)
+bool g_log_muted = false;  // set around calls whose messages are not the operator's business
+bool g_line_open = false;  // the last message had no line end (a list printed piecewise)
 
 bool starts_with(const std::string &s, const char *prefix) {
     return s.compare(0, strlen(prefix), prefix) == 0;
@@ -123,15 +123,24 @@ void plain_logger(int, const char *, const char *message) {
 
 const char *result_name(uint32_t code) {
     switch (code) {
-    case RT_SUCCESS: return "RT_SUCCESS";
-    case RT_ERR_FAILED: return "RT_ERR_FAILED";
-    case RT_ERR_INVALID_PARAM: return "RT_ERR_INVALID_PARAM";
-    case RT_ERR_OVER_BUDGET: return "RT_ERR_OVER_BUDGET";
-    case RT_ERR_NULL: return "RT_ERR_NULL";
-    case RT_ERR_NOT_EXIST: return "RT_ERR_NOT_EXIST";
-    case RT_ERR_SYSTEM: return "RT_ERR_SYSTEM";
-    case RT_ERR_SCHED_SETATTR: return "RT_ERR_SCHED_SETATTR";
-    default: return "unknown result";
+    case RT_SUCCESS:
+        return "RT_SUCCESS";
+    case RT_ERR_FAILED:
+        return "RT_ERR_FAILED";
+    case RT_ERR_INVALID_PARAM:
+        return "RT_ERR_INVALID_PARAM";
+    case RT_ERR_OVER_BUDGET:
+        return "RT_ERR_OVER_BUDGET";
+    case RT_ERR_NULL:
+        return "RT_ERR_NULL";
+    case RT_ERR_NOT_EXIST:
+        return "RT_ERR_NOT_EXIST";
+    case RT_ERR_SYSTEM:
+        return "RT_ERR_SYSTEM";
+    case RT_ERR_SCHED_SETATTR:
+        return "RT_ERR_SCHED_SETATTR";
+    default:
+        return "unknown result";
     }
 }
 
@@ -139,7 +148,8 @@ const char *result_name(uint32_t code) {
 int finish(const char *command, uint32_t code) {
     close_open_line();
     fflush(stdout);
-    if (code != RT_SUCCESS) fprintf(stderr, "rtctl: %s: %s (%u)\n", command, result_name(code), code);
+    if (code != RT_SUCCESS)
+        fprintf(stderr, "rtctl: %s: %s (%u)\n", command, result_name(code), code);
     return (int)(code & 0xFFu);
 }
 
@@ -175,8 +185,8 @@ struct Command {
     const char *json;      // the shape of the --json document (nullptr: no --json)
     int min_args;
     int max_args;
-    unsigned options;     // kOpt* bits
-    bool output_is_log;   // the library's messages are this command's output: print them on stdout
+    unsigned options;    // kOpt* bits
+    bool output_is_log;  // the library's messages are this command's output: print them on stdout
     Handler run;
 };
 
@@ -233,19 +243,22 @@ struct NumberParser {
     void s32(const std::string &text, const char *label, int32_t *out) {
         if (ok && !parse_s32(text, out)) {
             ok = false;
-            usage_error(cmd, std::string(label) + ": '" + text + "' is not a signed 32-bit integer");
+            usage_error(cmd,
+                        std::string(label) + ": '" + text + "' is not a signed 32-bit integer");
         }
     }
     void u32(const std::string &text, const char *label, uint32_t *out) {
         if (ok && !parse_u32(text, out)) {
             ok = false;
-            usage_error(cmd, std::string(label) + ": '" + text +
-                                 "' is not an unsigned 32-bit integer");
+            usage_error(cmd,
+                        std::string(label) + ": '" + text + "' is not an unsigned 32-bit integer");
         }
     }
 };
 
-const Command *cmd_of(const char *name) { return find_command(name); }
+const Command *cmd_of(const char *name) {
+    return find_command(name);
+}
 
 // ---- debug level of one invocation ----
 
@@ -291,8 +304,13 @@ void restore_stored_level(const char *command) {
 
 // Every --json document starts with the command and its result.
 void json_head(rtctl::Json &j, const char *command, uint32_t code) {
-    j.begin_object().key("command").value(command).key("result").value((int64_t)code)
-        .key("result_name").value(result_name(code));
+    j.begin_object()
+        .key("command")
+        .value(command)
+        .key("result")
+        .value((int64_t)code)
+        .key("result_name")
+        .value(result_name(code));
 }
 
 void json_print(rtctl::Json &j) {
@@ -331,7 +349,9 @@ int run_init(const char *name, const Args &a) {
     return finish(name, QX_REALTIME_Init(mode));
 }
 
-int run_deinit(const char *name, const Args &) { return finish(name, QX_REALTIME_Deinit()); }
+int run_deinit(const char *name, const Args &) {
+    return finish(name, QX_REALTIME_Deinit());
+}
 
 int run_debug_level(const char *name, const Args &a) {
     NumberParser p(cmd_of(name));
@@ -341,7 +361,9 @@ int run_debug_level(const char *name, const Args &a) {
     return finish(name, QX_REALTIME_SetDebugLevel(level));
 }
 
-int run_self_test(const char *name, const Args &) { return finish(name, QX_REALTIME_SelfTest()); }
+int run_self_test(const char *name, const Args &) {
+    return finish(name, QX_REALTIME_SelfTest());
+}
 
 // The configuration path is chosen per process by QX_REALTIME_Init; a process that merely
 // attached to the shared state has none, and its CreateDomain could not read the file. So create
@@ -390,8 +412,8 @@ int run_add(const char *name, const Args &a) {
     int32_t tid = 0;
     p.s32(a.pos[2], "TID", &tid);
     if (!p.ok) return kExitUsage;
-    return finish(name, QX_REALTIME_AddThread(a.pos[0].c_str(), a.pos[1].c_str(), tid,
-                                              a.overrun ? 1 : 0));
+    return finish(
+        name, QX_REALTIME_AddThread(a.pos[0].c_str(), a.pos[1].c_str(), tid, a.overrun ? 1 : 0));
 }
 
 bool parse_util(NumberParser &p, const std::vector<std::string> &pos, size_t first,
@@ -409,8 +431,8 @@ int run_add_lite(const char *name, const Args &a) {
     QX_REALTIME_UTIL_t util = {0, 0, 0, 0};
     p.s32(a.pos[2], "TID", &tid);
     if (!parse_util(p, a.pos, 3, &util)) return kExitUsage;
-    return finish(name, QX_REALTIME_AddThread_Lite(a.pos[0].c_str(), a.pos[1].c_str(), &util,
-                                                   tid, a.overrun ? 1 : 0));
+    return finish(name, QX_REALTIME_AddThread_Lite(a.pos[0].c_str(), a.pos[1].c_str(), &util, tid,
+                                                   a.overrun ? 1 : 0));
 }
 
 int run_remove(const char *name, const Args &a) {
@@ -452,7 +474,9 @@ int run_budget(const char *name, const Args &a) {
         json_print(j);
     } else if (left != kUnset) {
         printf("%s: utilisation left %d (demand %d)%s\n", a.pos[0].c_str(), left, util.s32Util,
-               rc == RT_SUCCESS ? "" : rc == RT_ERR_OVER_BUDGET ? ", does not fit" : ", refused");
+               rc == RT_SUCCESS           ? ""
+               : rc == RT_ERR_OVER_BUDGET ? ", does not fit"
+                                          : ", refused");
     }
     return finish(name, rc);
 }
@@ -481,7 +505,9 @@ int run_dmips(const char *name, const Args &a) {
 }
 
 // The library selects its all-domains mode by the first three characters of the name.
-bool names_all(const std::string &domain) { return domain.compare(0, 3, "All") == 0; }
+bool names_all(const std::string &domain) {
+    return domain.compare(0, 3, "All") == 0;
+}
 
 int run_usage(const char *name, const Args &a) {
     NumberParser p(cmd_of(name));
@@ -505,10 +531,9 @@ int run_usage(const char *name, const Args &a) {
     int status = -1;
     if (!a.svg.empty()) {
         std::string error;
-        std::string title = (report.all ? std::string("CPU usage of every domain")
-                                        : "CPU usage of " + domain) +
-                            " against its budget, one sample every " + std::to_string(interval) +
-                            " ms";
+        std::string title =
+            (report.all ? std::string("CPU usage of every domain") : "CPU usage of " + domain) +
+            " against its budget, one sample every " + std::to_string(interval) + " ms";
         if (!rtctl::write_usage_svg(a.svg, report, interval, title, &error)) {
             fprintf(stderr, "rtctl: usage: cannot write %s: %s\n", a.svg.c_str(), error.c_str());
             status = 1;
@@ -517,8 +542,14 @@ int run_usage(const char *name, const Args &a) {
     if (a.json) {
         rtctl::Json j;
         json_head(j, name, rc);
-        j.key("domain").value(domain).key("all").value(report.all)
-            .key("interval_ms").value((int64_t)interval).key("sample_count").value((int64_t)samples);
+        j.key("domain")
+            .value(domain)
+            .key("all")
+            .value(report.all)
+            .key("interval_ms")
+            .value((int64_t)interval)
+            .key("sample_count")
+            .value((int64_t)samples);
         rtctl::usage_to_json(j, report);
         json_print(j);
     }
@@ -579,7 +610,8 @@ int run_lint(const char *, const Args &a) {
     if (!a.cpus.empty()) {
         uint32_t cpus = 0;
         if (!parse_u32(a.cpus, &cpus) || cpus < 1 || cpus > 4096)
-            return usage_error(cmd_of("lint"), "--cpus: '" + a.cpus + "' is not a CPU count (1..4096)");
+            return usage_error(cmd_of("lint"),
+                               "--cpus: '" + a.cpus + "' is not a CPU count (1..4096)");
         options.cpu_count = (int)cpus;
     }
     const std::string &path = a.pos[0];
@@ -598,15 +630,16 @@ int run_lint(const char *, const Args &a) {
         else
             warnings++;
     }
-    printf("%s: %d error%s, %d warning%s\n", path.c_str(), errors, errors == 1 ? "" : "s",
-           warnings, warnings == 1 ? "" : "s");
+    printf("%s: %d error%s, %d warning%s\n", path.c_str(), errors, errors == 1 ? "" : "s", warnings,
+           warnings == 1 ? "" : "s");
     return errors > 0 ? 1 : 0;
 }
 
 const char kJsonUsage[] =
     "  {\"command\":\"usage\", \"result\":0, \"result_name\":\"RT_SUCCESS\", \"domain\":\"All\",\n"
     "   \"all\":true, \"interval_ms\":500, \"sample_count\":6,\n"
-    "   \"settings\":[{\"name\":\"Domain_Audio\", \"util\":512, \"percent\":50.00}, ...],  (All only)\n"
+    "   \"settings\":[{\"name\":\"Domain_Audio\", \"util\":512, \"percent\":50.00}, ...],  (All "
+    "only)\n"
     "   \"total_util\":{\"value\":1536, \"percent\":150.00},                         (All only)\n"
     "   \"util_budget\":{\"cap_per_core\":1024, \"budget_cpu_num\":2, \"reservation\":80,\n"
     "                  \"value\":1638, \"percent\":159.96},                       (All only)\n"
@@ -638,7 +671,10 @@ int run_check(const char *name, const Args &a) {
     std::vector<rtcheck::Finding> findings = rtcheck::run(a.repair, &error);
     size_t repaired = 0;
     for (const rtcheck::Finding &f : findings) repaired += f.repaired() ? 1 : 0;
-    int status = !error.empty() ? 1 : findings.empty() ? 0 : a.repair && repaired == findings.size() ? 0 : 1;
+    int status = !error.empty()                            ? 1
+                 : findings.empty()                        ? 0
+                 : a.repair && repaired == findings.size() ? 0
+                                                           : 1;
     if (a.json) {
         rtctl::Json j;
         j.begin_object().key("command").value(name).key("status").value((int64_t)status);
@@ -754,13 +790,13 @@ const Command kCommands[] = {
      "the kernel reports for it. q quits; --count N ends after N refreshes. When stdout is not a\n"
      "terminal it prints one plain-text block per refresh instead.",
      nullptr, 0, 0, kOptCount | kOptInterval, false, run_top},
-    {"mem-enable", "", "QX_REALTIME_EnableMemoryHighPriority (reserved, does nothing).", nullptr,
-     0, 0, 0, false, run_mem_enable},
-    {"mem-disable", "", "QX_REALTIME_DisableMemoryHighPriority (reserved, does nothing).",
-     nullptr, 0, 0, 0, false, run_mem_disable},
+    {"mem-enable", "", "QX_REALTIME_EnableMemoryHighPriority (reserved, does nothing).", nullptr, 0,
+     0, 0, false, run_mem_enable},
+    {"mem-disable", "", "QX_REALTIME_DisableMemoryHighPriority (reserved, does nothing).", nullptr,
+     0, 0, 0, false, run_mem_disable},
     {"mem-available", "[VALUE]",
-     "QX_REALTIME_GetAvailableHighPriorityResource with *ps32Avai = VALUE (default 0).", nullptr,
-     0, 1, 0, false, run_mem_available},
+     "QX_REALTIME_GetAvailableHighPriorityResource with *ps32Avai = VALUE (default 0).", nullptr, 0,
+     1, 0, false, run_mem_available},
     {"check", "[--json] [--repair]",
      "Checks every domain against its records and the kernel, under their lock files:\n"
      "charges without a record, records of dead processes or threads, threads in a domain's\n"
@@ -798,8 +834,9 @@ const struct {
      "too. The level stored in the shared settings (read by every\n"
      "process that attaches later) is put back afterwards, except\n"
      "by debug-level, whose job it is to store one"},
-    {"--json", "one JSON document on stdout (list, budget, dmips, usage,\n"
-               "dump); rtctl COMMAND --help shows its shape"},
+    {"--json",
+     "one JSON document on stdout (list, budget, dmips, usage,\n"
+     "dump); rtctl COMMAND --help shows its shape"},
     {"--version", "the version of rtctl and of the library it was built with"},
     {"--man", "this help as a manual page (troff)"},
     {"-h, --help", "this text; rtctl COMMAND --help explains one command"},
@@ -853,17 +890,22 @@ std::string roff(const std::string &text) {
 }
 
 // Help text keeps its line breaks in the manual (.nf), as it was written for 80 columns.
-void man_block(const std::string &text) { printf(".nf\n%s\n.fi\n", roff(text).c_str()); }
+void man_block(const std::string &text) {
+    printf(".nf\n%s\n.fi\n", roff(text).c_str());
+}
 
 void print_man() {
     printf(".TH RTCTL 1 \"\" \"libqxt_realtime_hal %s\" \"User Commands\"\n", QX_REALTIME_VERSION);
     printf(".SH NAME\nrtctl \\- operate the realtime framework of libqxt_realtime_hal\n");
-    printf(".SH SYNOPSIS\n.B rtctl\n[\\fB\\-v\\fR] \\fICOMMAND\\fR [\\fIARGS\\fR...]\n.br\n"
-           ".B rtctl\n\\fB\\-\\-help\\fR | \\fICOMMAND\\fR \\fB\\-\\-help\\fR | \\fB\\-\\-version\\fR\n");
+    printf(
+        ".SH SYNOPSIS\n.B rtctl\n[\\fB\\-v\\fR] \\fICOMMAND\\fR [\\fIARGS\\fR...]\n.br\n"
+        ".B rtctl\n\\fB\\-\\-help\\fR | \\fICOMMAND\\fR \\fB\\-\\-help\\fR | "
+        "\\fB\\-\\-version\\fR\n");
     printf(".SH DESCRIPTION\n");
     man_block(kDescription);
-    printf(".PP\nEvery call is its own process working on the shared state, so a thread admitted\n"
-           "from one shell can be dumped from another.\n");
+    printf(
+        ".PP\nEvery call is its own process working on the shared state, so a thread admitted\n"
+        "from one shell can be dumped from another.\n");
     printf(".SH OPTIONS\n");
     for (const auto &o : kGlobalOptions) {
         printf(".TP\n.B %s\n", roff(o.name).c_str());
@@ -881,19 +923,23 @@ void print_man() {
     }
     printf(".SH EXIT STATUS\n");
     man_block(kResultCodes);
-    printf(".SH FILES\n.TP\n/vendor/etc/realtime/rt\\-*.json\nthe configuration\n"
-           ".TP\n/dev/shm/realtime/, /data/vendor/realtime/\nshared segments and lock files\n"
-           ".TP\n/dev/cpuset/, /dev/cpuacct/\nthe domains' control groups (cgroup v1)\n");
-    printf(".SH EXAMPLES\n.nf\nrtctl init\nrtctl create Domain_Audio\n"
-           "rtctl add Domain_Audio Class_Render 4242\nrtctl top\n"
-           "rtctl usage All 500 20 \\-\\-svg usage.svg\nrtctl \\-\\-json dump Domain_Audio\n.fi\n");
+    printf(
+        ".SH FILES\n.TP\n/vendor/etc/realtime/rt\\-*.json\nthe configuration\n"
+        ".TP\n/dev/shm/realtime/, /data/vendor/realtime/\nshared segments and lock files\n"
+        ".TP\n/dev/cpuset/, /dev/cpuacct/\nthe domains' control groups (cgroup v1)\n");
+    printf(
+        ".SH EXAMPLES\n.nf\nrtctl init\nrtctl create Domain_Audio\n"
+        "rtctl add Domain_Audio Class_Render 4242\nrtctl top\n"
+        "rtctl usage All 500 20 \\-\\-svg usage.svg\nrtctl \\-\\-json dump Domain_Audio\n.fi\n");
 }
 
 // Arguments that look like negative numbers are values, not options: getopt would read "-5"
 // as the option 5. They are hidden from getopt behind this mark and restored afterwards.
 const char kNumberMark = '\x1f';
 
-bool is_negative_number(const char *arg) { return arg[0] == '-' && isdigit((unsigned char)arg[1]); }
+bool is_negative_number(const char *arg) {
+    return arg[0] == '-' && isdigit((unsigned char)arg[1]);
+}
 
 }  // namespace
 
@@ -901,14 +947,18 @@ int main(int argc, char **argv) {
     qx_log_sink::set(plain_logger);
 
     enum { kJson = 256, kVersion, kMan, kOverrun, kCpus, kSvg, kCount, kInterval, kRepair };
-    static const struct option kLong[] = {
-        {"help", no_argument, nullptr, 'h'},       {"verbose", no_argument, nullptr, 'v'},
-        {"json", no_argument, nullptr, kJson},     {"version", no_argument, nullptr, kVersion},
-        {"man", no_argument, nullptr, kMan},       {"overrun", no_argument, nullptr, kOverrun},
-        {"cpus", required_argument, nullptr, kCpus}, {"svg", required_argument, nullptr, kSvg},
-        {"count", required_argument, nullptr, kCount},
-        {"interval", required_argument, nullptr, kInterval},
-        {"repair", no_argument, nullptr, kRepair}, {nullptr, 0, nullptr, 0}};
+    static const struct option kLong[] = {{"help", no_argument, nullptr, 'h'},
+                                          {"verbose", no_argument, nullptr, 'v'},
+                                          {"json", no_argument, nullptr, kJson},
+                                          {"version", no_argument, nullptr, kVersion},
+                                          {"man", no_argument, nullptr, kMan},
+                                          {"overrun", no_argument, nullptr, kOverrun},
+                                          {"cpus", required_argument, nullptr, kCpus},
+                                          {"svg", required_argument, nullptr, kSvg},
+                                          {"count", required_argument, nullptr, kCount},
+                                          {"interval", required_argument, nullptr, kInterval},
+                                          {"repair", no_argument, nullptr, kRepair},
+                                          {nullptr, 0, nullptr, 0}};
 
     std::vector<std::string> marked;
     marked.reserve((size_t)argc);
@@ -928,17 +978,46 @@ int main(int argc, char **argv) {
     int c;
     while ((c = getopt_long(argc, av.data(), ":hv", kLong, nullptr)) != -1) {
         switch (c) {
-        case 'h': want_help = true; break;
-        case 'v': args.verbose = true; break;
-        case kJson: args.json = true; given |= kOptJson; break;
-        case kVersion: want_version = true; break;
-        case kMan: want_man = true; break;
-        case kOverrun: args.overrun = true; given |= kOptOverrun; break;
-        case kCpus: args.cpus = optarg; given |= kOptCpus; break;
-        case kSvg: args.svg = optarg; given |= kOptSvg; break;
-        case kCount: args.count = optarg; given |= kOptCount; break;
-        case kInterval: args.interval = optarg; given |= kOptInterval; break;
-        case kRepair: args.repair = true; given |= kOptRepair; break;
+        case 'h':
+            want_help = true;
+            break;
+        case 'v':
+            args.verbose = true;
+            break;
+        case kJson:
+            args.json = true;
+            given |= kOptJson;
+            break;
+        case kVersion:
+            want_version = true;
+            break;
+        case kMan:
+            want_man = true;
+            break;
+        case kOverrun:
+            args.overrun = true;
+            given |= kOptOverrun;
+            break;
+        case kCpus:
+            args.cpus = optarg;
+            given |= kOptCpus;
+            break;
+        case kSvg:
+            args.svg = optarg;
+            given |= kOptSvg;
+            break;
+        case kCount:
+            args.count = optarg;
+            given |= kOptCount;
+            break;
+        case kInterval:
+            args.interval = optarg;
+            given |= kOptInterval;
+            break;
+        case kRepair:
+            args.repair = true;
+            given |= kOptRepair;
+            break;
         case ':':
             return usage_error(nullptr, std::string(av[(size_t)optind - 1]) + " needs a value");
         default:
@@ -979,8 +1058,9 @@ int main(int argc, char **argv) {
     static const struct {
         unsigned bit;
         const char *name;
-    } kOptionNames[] = {{kOptOverrun, "--overrun"}, {kOptCpus, "--cpus"},   {kOptSvg, "--svg"},
-                        {kOptJson, "--json"},       {kOptCount, "--count"}, {kOptInterval, "--interval"},
+    } kOptionNames[] = {{kOptOverrun, "--overrun"}, {kOptCpus, "--cpus"},
+                        {kOptSvg, "--svg"},         {kOptJson, "--json"},
+                        {kOptCount, "--count"},     {kOptInterval, "--interval"},
                         {kOptRepair, "--repair"}};
     for (const auto &o : kOptionNames)
         if ((given & o.bit) != 0 && (cmd->options & o.bit) == 0)
@@ -988,7 +1068,8 @@ int main(int argc, char **argv) {
     if ((int)args.pos.size() < cmd->min_args)
         return usage_error(cmd, std::string(cmd->name) + ": missing argument");
     if ((int)args.pos.size() > cmd->max_args)
-        return usage_error(cmd, "too many arguments, from '" + args.pos[(size_t)cmd->max_args] + "' on");
+        return usage_error(cmd,
+                           "too many arguments, from '" + args.pos[(size_t)cmd->max_args] + "' on");
 
     if (cmd->output_is_log) {
         g_log_out = stdout;

@@ -98,7 +98,8 @@ UsageReport parse_usage(const std::string &text, const std::string &domain, bool
                 continue;
             }
             int used = 0;
-            if (sscanf(rest.c_str(), " Util Setting:%lld (%lf%%)%n", &a, &pct, &used) == 2 && used > 0) {
+            if (sscanf(rest.c_str(), " Util Setting:%lld (%lf%%)%n", &a, &pct, &used) == 2 &&
+                used > 0) {
                 r.settings.push_back(UtilSetting{name, a, pct});
                 continue;
             }
@@ -115,8 +116,8 @@ UsageReport parse_usage(const std::string &text, const std::string &domain, bool
             r.util_budget = d;
             r.util_budget_percent = pct;
             continue;
-        } else if (sscanf(line.c_str(), "CPU usage of RT tasks in Realtime Framework: %lf%%", &pct) ==
-                   1) {
+        } else if (sscanf(line.c_str(), "CPU usage of RT tasks in Realtime Framework: %lf%%",
+                          &pct) == 1) {
             current.has_rt_total = true;
             current.rt_total = pct;
             r.samples.push_back(current);
@@ -160,11 +161,16 @@ bool set_thread_field(DumpThread *t, const std::string &label, int64_t v) {
     static const struct {
         const char *label;
         int64_t DumpThread::*field;
-    } kFields[] = {{"ThreadIdx", &DumpThread::slot},      {"ClassIdx", &DumpThread::class_index},
-                   {"Alive", &DumpThread::alive},         {"ProcessID", &DumpThread::process_id},
-                   {"Pid", &DumpThread::tid},             {"Util", &DumpThread::util},
-                   {"Priority", &DumpThread::priority},   {"DeadlineUs", &DumpThread::deadline_us},
-                   {"RuntimeUs", &DumpThread::runtime_us}, {"PeriodUs", &DumpThread::period_us}};
+    } kFields[] = {{"ThreadIdx", &DumpThread::slot},
+                   {"ClassIdx", &DumpThread::class_index},
+                   {"Alive", &DumpThread::alive},
+                   {"ProcessID", &DumpThread::process_id},
+                   {"Pid", &DumpThread::tid},
+                   {"Util", &DumpThread::util},
+                   {"Priority", &DumpThread::priority},
+                   {"DeadlineUs", &DumpThread::deadline_us},
+                   {"RuntimeUs", &DumpThread::runtime_us},
+                   {"PeriodUs", &DumpThread::period_us}};
     for (const auto &f : kFields) {
         if (label == f.label) {
             t->*(f.field) = v;
@@ -334,11 +340,21 @@ Json &Json::value(const std::string &v) {
     out_ += '"';
     for (unsigned char c : v) {
         switch (c) {
-        case '"': out_ += "\\\""; break;
-        case '\\': out_ += "\\\\"; break;
-        case '\n': out_ += "\\n"; break;
-        case '\t': out_ += "\\t"; break;
-        case '\r': out_ += "\\r"; break;
+        case '"':
+            out_ += "\\\"";
+            break;
+        case '\\':
+            out_ += "\\\\";
+            break;
+        case '\n':
+            out_ += "\\n";
+            break;
+        case '\t':
+            out_ += "\\t";
+            break;
+        case '\r':
+            out_ += "\\r";
+            break;
         default:
             if (c < 0x20) {
                 char buf[8];
@@ -389,24 +405,51 @@ void usage_to_json(Json &j, const UsageReport &r) {
     if (r.all) {
         j.key("settings").begin_array();
         for (const UtilSetting &s : r.settings)
-            j.begin_object().key("name").value(s.name).key("util").value(s.util)
-                .key("percent").value(s.percent).end_object();
+            j.begin_object()
+                .key("name")
+                .value(s.name)
+                .key("util")
+                .value(s.util)
+                .key("percent")
+                .value(s.percent)
+                .end_object();
         j.end_array();
         if (r.has_totals) {
-            j.key("total_util").begin_object().key("value").value(r.total_util)
-                .key("percent").value(r.total_util_percent).end_object();
-            j.key("util_budget").begin_object().key("cap_per_core").value(r.cap_per_core)
-                .key("budget_cpu_num").value(r.budget_cpu_num)
-                .key("reservation").value(r.reservation).key("value").value(r.util_budget)
-                .key("percent").value(r.util_budget_percent).end_object();
+            j.key("total_util")
+                .begin_object()
+                .key("value")
+                .value(r.total_util)
+                .key("percent")
+                .value(r.total_util_percent)
+                .end_object();
+            j.key("util_budget")
+                .begin_object()
+                .key("cap_per_core")
+                .value(r.cap_per_core)
+                .key("budget_cpu_num")
+                .value(r.budget_cpu_num)
+                .key("reservation")
+                .value(r.reservation)
+                .key("value")
+                .value(r.util_budget)
+                .key("percent")
+                .value(r.util_budget_percent)
+                .end_object();
         }
     }
     j.key("samples").begin_array();
     for (const UsageSample &s : r.samples) {
         j.begin_object().key("domains").begin_array();
         for (const DomainSample &d : s.domains)
-            j.begin_object().key("name").value(d.name).key("usage_percent").value(d.usage)
-                .key("budget_percent").value(d.budget).key("over_budget").value(d.over_budget)
+            j.begin_object()
+                .key("name")
+                .value(d.name)
+                .key("usage_percent")
+                .value(d.usage)
+                .key("budget_percent")
+                .value(d.budget)
+                .key("over_budget")
+                .value(d.over_budget)
                 .end_object();
         j.end_array();
         if (s.has_rt_total) j.key("rt_total_percent").value(s.rt_total);
@@ -435,18 +478,47 @@ void dump_to_json(Json &j, const DomainDump &d) {
     j.end_array();
     j.key("classes").begin_array();
     for (const DumpClass &c : d.classes)
-        j.begin_object().key("index").value(c.index).key("name").value(c.name)
-            .key("util_per_thread").value(c.util_per_thread).key("rt_priority").value(c.rt_priority)
-            .key("dl_deadline_us").value(c.dl_deadline_us).key("dl_runtime_us").value(c.dl_runtime_us)
-            .key("dl_period_us").value(c.dl_period_us).end_object();
+        j.begin_object()
+            .key("index")
+            .value(c.index)
+            .key("name")
+            .value(c.name)
+            .key("util_per_thread")
+            .value(c.util_per_thread)
+            .key("rt_priority")
+            .value(c.rt_priority)
+            .key("dl_deadline_us")
+            .value(c.dl_deadline_us)
+            .key("dl_runtime_us")
+            .value(c.dl_runtime_us)
+            .key("dl_period_us")
+            .value(c.dl_period_us)
+            .end_object();
     j.end_array();
     j.key("threads").begin_array();
     for (const DumpThread &t : d.threads)
-        j.begin_object().key("slot").value(t.slot).key("class_index").value(t.class_index)
-            .key("alive").value(t.alive).key("process_id").value(t.process_id).key("tid").value(t.tid)
-            .key("util").value(t.util).key("priority").value(t.priority)
-            .key("deadline_us").value(t.deadline_us).key("runtime_us").value(t.runtime_us)
-            .key("period_us").value(t.period_us).end_object();
+        j.begin_object()
+            .key("slot")
+            .value(t.slot)
+            .key("class_index")
+            .value(t.class_index)
+            .key("alive")
+            .value(t.alive)
+            .key("process_id")
+            .value(t.process_id)
+            .key("tid")
+            .value(t.tid)
+            .key("util")
+            .value(t.util)
+            .key("priority")
+            .value(t.priority)
+            .key("deadline_us")
+            .value(t.deadline_us)
+            .key("runtime_us")
+            .value(t.runtime_us)
+            .key("period_us")
+            .value(t.period_us)
+            .end_object();
     j.end_array();
     j.key("messages").strings(d.messages);
 }
@@ -456,9 +528,18 @@ void dump_all_to_json(Json &j, const AllDump &d) {
     for (const ListedDomain &dom : d.domains) {
         j.begin_object().key("name").value(dom.name).key("threads").begin_array();
         for (const ListedThread &t : dom.threads) {
-            j.begin_object().key("process_id").value(t.process_id).key("program").value(t.program)
-                .key("tid").value(t.tid).key("thread").value(t.thread)
-                .key("class").value(t.class_name).end_object();
+            j.begin_object()
+                .key("process_id")
+                .value(t.process_id)
+                .key("program")
+                .value(t.program)
+                .key("tid")
+                .value(t.tid)
+                .key("thread")
+                .value(t.thread)
+                .key("class")
+                .value(t.class_name)
+                .end_object();
         }
         j.end_array().end_object();
     }
@@ -474,12 +555,23 @@ std::string xml_escape(const std::string &s) {
     std::string out;
     for (char c : s) {
         switch (c) {
-        case '&': out += "&amp;"; break;
-        case '<': out += "&lt;"; break;
-        case '>': out += "&gt;"; break;
-        case '"': out += "&quot;"; break;
-        case '\'': out += "&apos;"; break;
-        default: out += c;
+        case '&':
+            out += "&amp;";
+            break;
+        case '<':
+            out += "&lt;";
+            break;
+        case '>':
+            out += "&gt;";
+            break;
+        case '"':
+            out += "&quot;";
+            break;
+        case '\'':
+            out += "&apos;";
+            break;
+        default:
+            out += c;
         }
     }
     return out;
@@ -536,14 +628,15 @@ bool write_usage_svg(const std::string &path, const UsageReport &r, uint32_t int
       << " data-interval-ms=\"" << interval_ms << "\" data-samples=\"" << n << "\">\n"
       << "<title>" << xml_escape(title) << "</title>\n"
       << "<rect x=\"0\" y=\"0\" width=\"" << W << "\" height=\"" << H << "\" fill=\"white\"/>\n"
-      << "<text x=\"" << left << "\" y=\"22\" font-size=\"14\">" << xml_escape(title) << "</text>\n";
+      << "<text x=\"" << left << "\" y=\"22\" font-size=\"14\">" << xml_escape(title)
+      << "</text>\n";
     // Axes, grid and labels.
     for (int k = 0; k <= 4; k++) {
         double v = ymax * k / 4.0;
         o << "<line x1=\"" << left << "\" y1=\"" << fmt(1, Y(v)) << "\" x2=\"" << left + pw
           << "\" y2=\"" << fmt(1, Y(v)) << "\" stroke=\"#dddddd\"/>\n"
-          << "<text x=\"" << left - 6 << "\" y=\"" << fmt(1, Y(v) + 4)
-          << "\" text-anchor=\"end\">" << fmt(0, v, true) << "</text>\n";
+          << "<text x=\"" << left - 6 << "\" y=\"" << fmt(1, Y(v) + 4) << "\" text-anchor=\"end\">"
+          << fmt(0, v, true) << "</text>\n";
     }
     o << "<line x1=\"" << left << "\" y1=\"" << upper << "\" x2=\"" << left << "\" y2=\""
       << upper + ph << "\" stroke=\"black\"/>\n"
@@ -556,8 +649,9 @@ bool write_usage_svg(const std::string &path, const UsageReport &r, uint32_t int
           << "</text>\n";
     o << "<text x=\"" << left + pw / 2 << "\" y=\"" << H - 12
       << "\" text-anchor=\"middle\">time (s)</text>\n"
-      << "<text x=\"16\" y=\"" << upper + ph / 2 << "\" text-anchor=\"middle\" transform=\"rotate(-90 16 "
-      << upper + ph / 2 << ")\">CPU usage (% of one core)</text>\n";
+      << "<text x=\"16\" y=\"" << upper + ph / 2
+      << "\" text-anchor=\"middle\" transform=\"rotate(-90 16 " << upper + ph / 2
+      << ")\">CPU usage (% of one core)</text>\n";
     // One usage line and one dashed budget line per domain; samples over budget in red.
     for (size_t s = 0; s < series.size(); s++) {
         const Series &se = series[s];

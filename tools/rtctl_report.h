@@ -17,9 +17,9 @@ namespace rtctl {
 // ---- CPU usage ----
 
 struct DomainSample {
-    std::string name;       // the domain (one-domain mode: the requested name)
-    double usage = 0;       // percent of one core
-    double budget = 0;      // percent of one core
+    std::string name;   // the domain (one-domain mode: the requested name)
+    double usage = 0;   // percent of one core
+    double budget = 0;  // percent of one core
     bool over_budget = false;
 };
 

@@ -66,19 +66,31 @@ std::string kernel_policy(int64_t tid) {
         uint64_t runtime, deadline, period;
     } attr;
     memset(&attr, 0, sizeof(attr));
-    if (syscall(SYS_sched_getattr, (pid_t)tid, &attr, (unsigned)sizeof(attr), 0u) != 0) return "gone";
+    if (syscall(SYS_sched_getattr, (pid_t)tid, &attr, (unsigned)sizeof(attr), 0u) != 0)
+        return "gone";
     char buf[96];
     switch (attr.policy) {
-    case 0: snprintf(buf, sizeof(buf), "OTHER nice %d", attr.nice); break;
-    case 1: snprintf(buf, sizeof(buf), "FIFO %u", attr.priority); break;
-    case 2: snprintf(buf, sizeof(buf), "RR %u", attr.priority); break;
-    case 3: snprintf(buf, sizeof(buf), "BATCH"); break;
-    case 5: snprintf(buf, sizeof(buf), "IDLE"); break;
+    case 0:
+        snprintf(buf, sizeof(buf), "OTHER nice %d", attr.nice);
+        break;
+    case 1:
+        snprintf(buf, sizeof(buf), "FIFO %u", attr.priority);
+        break;
+    case 2:
+        snprintf(buf, sizeof(buf), "RR %u", attr.priority);
+        break;
+    case 3:
+        snprintf(buf, sizeof(buf), "BATCH");
+        break;
+    case 5:
+        snprintf(buf, sizeof(buf), "IDLE");
+        break;
     case 6:
         snprintf(buf, sizeof(buf), "DL %llu/%llu/%llu us", (unsigned long long)attr.runtime / 1000,
                  (unsigned long long)attr.deadline / 1000, (unsigned long long)attr.period / 1000);
         break;
-    default: snprintf(buf, sizeof(buf), "policy %u", attr.policy);
+    default:
+        snprintf(buf, sizeof(buf), "policy %u", attr.policy);
     }
     return buf;
 }
@@ -101,8 +113,8 @@ Snapshot collect(uint32_t interval_ms) {
     Snapshot s;
     auto start = std::chrono::steady_clock::now();
     uint32_t rc = 0;
-    std::string text = capture_report(
-        [&] { return QX_REALTIME_GetDomainCpuUsage("All", interval_ms, 1); }, &rc);
+    std::string text =
+        capture_report([&] { return QX_REALTIME_GetDomainCpuUsage("All", interval_ms, 1); }, &rc);
     // Without a framework the sampler returns at once; keep the pace all the same.
     auto spent = std::chrono::steady_clock::now() - start;
     if (spent < std::chrono::milliseconds(interval_ms))
@@ -161,11 +173,16 @@ Snapshot collect(uint32_t interval_ms) {
 
 std::string result_text(uint32_t rc) {
     switch (rc) {
-    case RT_ERR_FAILED: return "RT_ERR_FAILED (4)";
-    case RT_ERR_INVALID_PARAM: return "RT_ERR_INVALID_PARAM (8)";
-    case RT_ERR_NULL: return "RT_ERR_NULL (10): no framework here yet (rtctl init)";
-    case RT_ERR_SYSTEM: return "RT_ERR_SYSTEM (12)";
-    default: return "result " + std::to_string(rc);
+    case RT_ERR_FAILED:
+        return "RT_ERR_FAILED (4)";
+    case RT_ERR_INVALID_PARAM:
+        return "RT_ERR_INVALID_PARAM (8)";
+    case RT_ERR_NULL:
+        return "RT_ERR_NULL (10): no framework here yet (rtctl init)";
+    case RT_ERR_SYSTEM:
+        return "RT_ERR_SYSTEM (12)";
+    default:
+        return "result " + std::to_string(rc);
     }
 }
 
@@ -303,7 +320,7 @@ int run_screen(const TopOptions &o) {
             } else {
                 std::vector<Line> lines = render(current, o, seq, COLS, true);
                 for (size_t i = 0; i < lines.size() && (int)i < LINES; i++) {
-                    int attr = lines[i].kind == 1 ? A_BOLD
+                    int attr = lines[i].kind == 1   ? A_BOLD
                                : lines[i].kind == 2 ? (colors ? COLOR_PAIR(1) | A_BOLD : A_BOLD)
                                                     : A_NORMAL;
                     attron(attr);

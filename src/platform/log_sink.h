@@ -38,7 +38,8 @@ struct Adapter<void (*)(const Data *, const char *)> {
 template <typename Message>
 struct Adapter<void (*)(const Message *)> {
     static void call(const Message *log_message) {
-        if (Sink sink = current()) sink(log_message->priority, log_message->tag, log_message->message);
+        if (Sink sink = current())
+            sink(log_message->priority, log_message->tag, log_message->message);
     }
 };
 

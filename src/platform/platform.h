@@ -40,11 +40,11 @@ struct qx_sched_attr {
 // The fixed places the library works in on a device, the same on every build (tests and the demo
 // run in tools/rt_sandbox, which mounts private copies at exactly these paths). Every path of the
 // library is built from these.
-#define QX_SHM_DIR "/dev/shm/realtime/"         // segments (tmpfs)
-#define QX_DATA_DIR "/data/vendor/realtime/"    // lock files, per-process log files
-#define QX_CONFIG_DIR "/vendor/etc/realtime/"   // configuration files (read only)
-#define QX_CPUSET_MOUNT "/dev/cpuset/"          // cgroup v1 cpuset hierarchy
-#define QX_CPUACCT_MOUNT "/dev/cpuacct/"        // cgroup v1 cpuacct hierarchy
+#define QX_SHM_DIR "/dev/shm/realtime/"        // segments (tmpfs)
+#define QX_DATA_DIR "/data/vendor/realtime/"   // lock files, per-process log files
+#define QX_CONFIG_DIR "/vendor/etc/realtime/"  // configuration files (read only)
+#define QX_CPUSET_MOUNT "/dev/cpuset/"         // cgroup v1 cpuset hierarchy
+#define QX_CPUACCT_MOUNT "/dev/cpuacct/"       // cgroup v1 cpuacct hierarchy
 
 // Writes one already formatted line to the Android log with tag "<QXT>".
 void qx_platform_log(int prio, const char *text);

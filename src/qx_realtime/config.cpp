@@ -195,9 +195,8 @@ static void qx_open_class(qx_parse_ctx_t *pstCtx, const char *pszText, int s32Le
     int32_t s32Offset = pstDomain->s32NextOffset;
     if (s32Offset < RT_DOMAIN_HEADER_SIZE || s32Offset % 4 != 0 ||
         s32Offset > RT_SHM_SIZE - RT_CLASS_SIZE) {
-        RT_LOGE_AS(kParsingString,
-                   "[RT_Impl][Err] [%s] No room for class [%.*s] in domain [%s].\n", kParsingString,
-                   s32Len, pszText, pstDomain->szName);
+        RT_LOGE_AS(kParsingString, "[RT_Impl][Err] [%s] No room for class [%.*s] in domain [%s].\n",
+                   kParsingString, s32Len, pszText, pstDomain->szName);
         pstCtx->u64Status = 0;
         return;
     }
@@ -220,11 +219,12 @@ static void qx_take_string(qx_parse_ctx_t *pstCtx, const char *pszText, int s32L
             RT_SNPRINTF(pstDomain->pszCpuset, "%.*s", s32Len, pszText);
             _QX_REALTIME_ParseCpuSelection(pstDomain->pszCpuset, &pstDomain->s32CpuNum,
                                            &pstDomain->u32CpuMask);
-            RT_LOGI("[RT_Impl][Info] [%s] Domain [%s] Cpuset = [%s] , CpuNum = [%d], CpuMask = "
-                    "[0x%x], CapabilityPerCore = %d, CapabilityReservation = %d%%\n",
-                    kParsingString, pstDomain->szName, pstDomain->pszCpuset,
-                    pstDomain->s32CpuNum, pstDomain->u32CpuMask, pstCtx->pstTop->s32CapPerCore,
-                    pstCtx->pstTop->s32UtilReservation);
+            RT_LOGI(
+                "[RT_Impl][Info] [%s] Domain [%s] Cpuset = [%s] , CpuNum = [%d], CpuMask = "
+                "[0x%x], CapabilityPerCore = %d, CapabilityReservation = %d%%\n",
+                kParsingString, pstDomain->szName, pstDomain->pszCpuset, pstDomain->s32CpuNum,
+                pstDomain->u32CpuMask, pstCtx->pstTop->s32CapPerCore,
+                pstCtx->pstTop->s32UtilReservation);
             pstCtx->u64Status &= ~PS_CPUSET;
         }
         return;
@@ -426,9 +426,8 @@ static int qx_take_dl_period(qx_parse_ctx_t *pstCtx, int32_t s32Value) {
 // A primitive for which no key of its scope is due.
 static void qx_unknown_system(const qx_parse_ctx_t *pstCtx, const char *pszText, int s32Len) {
     // "_description" does not silence this one.
-    RT_LOGE_AS(kParsingScope,
-               "[RT_Impl][Err] [%s] Unknown System: [%.*s]; ParsingStatus=[%llu]\n", kParsingScope,
-               s32Len, pszText, (unsigned long long)pstCtx->u64Status);
+    RT_LOGE_AS(kParsingScope, "[RT_Impl][Err] [%s] Unknown System: [%.*s]; ParsingStatus=[%llu]\n",
+               kParsingScope, s32Len, pszText, (unsigned long long)pstCtx->u64Status);
 }
 
 static void qx_unknown_domain(const qx_parse_ctx_t *pstCtx, const char *pszText, int s32Len) {
@@ -459,8 +458,8 @@ typedef struct {
 } qx_scope_rule_t;
 
 static const qx_value_rule_t kSystemValues[] = {
-    {PS_UTIL, qx_take_cap_per_core},     {PS_RESERVATION, qx_take_reservation},
-    {PS_DBGLEVEL, qx_take_dbg_level},    {PS_ENABLED, qx_take_enabled},
+    {PS_UTIL, qx_take_cap_per_core},           {PS_RESERVATION, qx_take_reservation},
+    {PS_DBGLEVEL, qx_take_dbg_level},          {PS_ENABLED, qx_take_enabled},
     {PS_BUDGETCPUNUM, qx_take_budget_cpu_num},
 };
 static const qx_value_rule_t kDomainValues[] = {
@@ -558,17 +557,17 @@ static int qx_walk_open(qx_walk_stack_t *pstStack, const jsmntok_t *pstTok) {
 static int qx_walk_leaf(qx_parse_ctx_t *pstCtx, const jsmntok_t *pstTok) {
     if (pstCtx->pstTokEnd != NULL && pstTok >= pstCtx->pstTokEnd) return 0;
     switch (pstTok->type) {
-        case JSMN_OBJECT:
-        case JSMN_ARRAY:
-            return 1;
-        case JSMN_STRING:
-            _QX_REALTIME_ParsingString(pstCtx, pstTok);
-            return 1;
-        case JSMN_PRIMITIVE:
-            _QX_REALTIME_ParsingScope(pstCtx, pstTok);
-            return 1;
-        default:
-            return 0;
+    case JSMN_OBJECT:
+    case JSMN_ARRAY:
+        return 1;
+    case JSMN_STRING:
+        _QX_REALTIME_ParsingString(pstCtx, pstTok);
+        return 1;
+    case JSMN_PRIMITIVE:
+        _QX_REALTIME_ParsingScope(pstCtx, pstTok);
+        return 1;
+    default:
+        return 0;
     }
 }
 
@@ -667,9 +666,8 @@ static int qx_tokenize(const char *pszJson, jsmntok_t **ppstToks, uint32_t *pu32
     *ppstToks = NULL;
     *pu32Ret = RT_SUCCESS;
     if (pstToks == NULL) {
-        RT_LOGE_AS(kJsonParser,
-                   "[RT_Impl][Err] [%s] Failed to malloc tok size=%d*%d: %s.\n", kJsonParser,
-                   (int)sizeof(jsmntok_t), RT_TOK_COUNT_INIT, RT_ERRNO_STR);
+        RT_LOGE_AS(kJsonParser, "[RT_Impl][Err] [%s] Failed to malloc tok size=%d*%d: %s.\n",
+                   kJsonParser, (int)sizeof(jsmntok_t), RT_TOK_COUNT_INIT, RT_ERRNO_STR);
         *pu32Ret = RT_ERR_SYSTEM;
         return 0;
     }
@@ -725,9 +723,8 @@ uint32_t qx_config_parse_text(qx_parse_ctx_t *pstCtx, const char *pszJsonPath) {
     }
     if (pstCtx->bCentralListFull) u32Ret = RT_ERR_INVALID_PARAM;
     if (!pstCtx->bFound) {
-        RT_LOGE_AS(kJsonParser,
-                   "[RT_Impl][Err] Failed to find Domain[%s] in Json[%s].\n", pstDomain->szName,
-                   pszJsonPath);
+        RT_LOGE_AS(kJsonParser, "[RT_Impl][Err] Failed to find Domain[%s] in Json[%s].\n",
+                   pstDomain->szName, pszJsonPath);
         u32Ret = RT_ERR_INVALID_PARAM;
     }
     free(pstToks);

@@ -51,11 +51,11 @@ typedef enum {
 } qx_cfg_key_t;
 
 typedef struct {
-    const char *pszName;    // matched whole and case-sensitively
+    const char *pszName;  // matched whole and case-sensitively
     qx_cfg_key_t eKey;
-    uint64_t u64Bit;        // the key's bit in the reader's status word (shown in its messages)
-    uint32_t u32Scopes;     // QX_CFG_IN_*: where the value is taken; "_description" is taken
-                            // everywhere and silences complaints for the rest of its scope
+    uint64_t u64Bit;     // the key's bit in the reader's status word (shown in its messages)
+    uint32_t u32Scopes;  // QX_CFG_IN_*: where the value is taken; "_description" is taken
+                         // everywhere and silences complaints for the rest of its scope
 } qx_cfg_key_name_t;
 
 #ifdef __cplusplus

@@ -24,20 +24,29 @@ const char *qx_errno_text(void) {
 
 uint32_t qx_dbg_level_from_config(int32_t s32DbgLevel) {
     switch (s32DbgLevel) {
-        case 0: return 0;
-        case 1: return 16;
-        case 3: return 48;
-        case 4: return 64;
-        case 5: return 80;
-        case 6: return 240;
-        case 7: return 241;
-        default: return 32;
+    case 0:
+        return 0;
+    case 1:
+        return 16;
+    case 3:
+        return 48;
+    case 4:
+        return 64;
+    case 5:
+        return 80;
+    case 6:
+        return 240;
+    case 7:
+        return 241;
+    default:
+        return 32;
     }
 }
 
 // Formats into buf when it fits, else into a heap block; the caller frees *heap.
-__attribute__((format(printf, 4, 0))) static const char *qx_vformat(char *buf, size_t size, char **heap,
-                                                                 const char *fmt, va_list ap) {
+__attribute__((format(printf, 4, 0))) static const char *qx_vformat(char *buf, size_t size,
+                                                                    char **heap, const char *fmt,
+                                                                    va_list ap) {
     va_list copy;
     va_copy(copy, ap);
     int n = vsnprintf(buf, size, fmt, copy);
@@ -87,11 +96,9 @@ void qx_log_emit(int kind, const char *func, int line, const char *fmt, ...) {
         fflush(rtlog);
     }
     if (kind == QX_MSG_ERR) {
-        if (_u32DbgLevel >= RT_DBG_LEVEL_ERR)
-            qx_android_line(QX_LOG_PRIO_ERROR, func, line, text);
+        if (_u32DbgLevel >= RT_DBG_LEVEL_ERR) qx_android_line(QX_LOG_PRIO_ERROR, func, line, text);
     } else {
-        if (_u32DbgLevel >= RT_DBG_LEVEL_INFO)
-            qx_android_line(QX_LOG_PRIO_INFO, func, line, text);
+        if (_u32DbgLevel >= RT_DBG_LEVEL_INFO) qx_android_line(QX_LOG_PRIO_INFO, func, line, text);
     }
     free(heap);
 }
@@ -102,4 +109,3 @@ void qx_trace_line(const char *func, int line) {
     snprintf(buf, sizeof(buf), "<INFO>>>>%s[%d] \n", func, line);
     qx_platform_log(QX_LOG_PRIO_INFO, buf);
 }
-

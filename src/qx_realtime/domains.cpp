@@ -96,8 +96,8 @@ static int qx_map_domain(const char *kName, const char *pszDomainName, void **pp
             *ps32Status = QX_LOOKUP_UNFINISHED;
             return 0;
         }
-        RT_LOGE("[RT_Impl][Err] [%s] %s is %lld bytes, not %d: refused.\n", kName, szPath,
-                s64Size, RT_SHM_SIZE);
+        RT_LOGE("[RT_Impl][Err] [%s] %s is %lld bytes, not %d: refused.\n", kName, szPath, s64Size,
+                RT_SHM_SIZE);
         *ps32Status = QX_LOOKUP_BROKEN;
         return 0;
     }
@@ -109,23 +109,23 @@ static int qx_map_domain(const char *kName, const char *pszDomainName, void **pp
     if (pstTop->u32DomainMapNum >= RT_MAX_DOMAIN_MAP) {
         // The table has room for 8 mappings; a further domain is refused, never written
         // past the table.
-        RT_LOGE("[RT_Impl][Err] [%s] Can't map domain [%s]: this process maps at most %d "
-                "domains.\n",
-                kName, pszDomainName, RT_MAX_DOMAIN_MAP);
+        RT_LOGE(
+            "[RT_Impl][Err] [%s] Can't map domain [%s]: this process maps at most %d "
+            "domains.\n",
+            kName, pszDomainName, RT_MAX_DOMAIN_MAP);
         return 0;
     }
     qx_mapping stMap;
     *ppvAddr = NULL;
     if (!stMap.map(stShm.get())) {
-        RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] mmap fails\n", kName, getpid(),
-                qx_gettid());
+        RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] mmap fails\n", kName, getpid(), qx_gettid());
         // The lookup goes on to the lock file; the descriptor stays open.
         *ps32ShmFd = stShm.release();
         return 1;
     }
     // Only a finished, sound domain enters the table.
-    *ps32Status = qx_check_segment(kName, pszDomainName, (QX_REALTIME_DOMAIN_t *)stMap.get(),
-                                   stShm.get());
+    *ps32Status =
+        qx_check_segment(kName, pszDomainName, (QX_REALTIME_DOMAIN_t *)stMap.get(), stShm.get());
     if (*ps32Status != QX_LOOKUP_FOUND) return 0;
     QX_REALTIME_DOMAIN_MAP_t *pstEntry = &pstTop->astDomainMap[pstTop->u32DomainMapNum];
     *ppstEntry = pstEntry;
@@ -149,8 +149,7 @@ QX_REALTIME_DOMAIN_t *qx_find_domain(const char *pszDomainName, int32_t *pFlockF
     if (pszDomainName == NULL) return NULL;
     if (pstTop == NULL || pstTop->pstCentral == NULL) {
         if (_QX_REALTIME_GetCentralShm() != RT_SUCCESS) {
-            RT_LOGE("[RT_Impl][Err] %s (%d), can't get existing central data\n", kName,
-                    __LINE__);
+            RT_LOGE("[RT_Impl][Err] %s (%d), can't get existing central data\n", kName, __LINE__);
             return NULL;
         }
     }
@@ -172,8 +171,7 @@ QX_REALTIME_DOMAIN_t *qx_find_domain(const char *pszDomainName, int32_t *pFlockF
         if (pstTop->astDomainMap[i].pvDomainAddr != NULL &&
             strcmp(pstTop->astDomainMap[i].szDomainName, pszDomainName) == 0) {
             pvAddr = pstTop->astDomainMap[i].pvDomainAddr;
-            *ps32Status = qx_check_segment(kName, pszDomainName,
-                                           (QX_REALTIME_DOMAIN_t *)pvAddr,
+            *ps32Status = qx_check_segment(kName, pszDomainName, (QX_REALTIME_DOMAIN_t *)pvAddr,
                                            pstTop->astDomainMap[i].s32ShmFd);
             if (*ps32Status != QX_LOOKUP_FOUND) return NULL;
             break;
@@ -197,14 +195,14 @@ QX_REALTIME_DOMAIN_t *qx_find_domain(const char *pszDomainName, int32_t *pFlockF
     return (QX_REALTIME_DOMAIN_t *)pvAddr;
 }
 
-QX_REALTIME_DOMAIN_t *_QX_REALTIME_GetDomainFromName(const char *pszDomainName,
-                                                     int32_t *pFlockFd) {
+QX_REALTIME_DOMAIN_t *_QX_REALTIME_GetDomainFromName(const char *pszDomainName, int32_t *pFlockFd) {
     int s32Status = QX_LOOKUP_FAILED;
     QX_REALTIME_DOMAIN_t *pstDomain = qx_find_domain(pszDomainName, pFlockFd, &s32Status);
     if (s32Status == QX_LOOKUP_UNFINISHED)
-        RT_LOGE("[RT_Impl][Err] [%s] Domain [%s] is being created, or its creator died before "
-                "it was done: refused.\n",
-                "_QX_REALTIME_GetDomainFromName", pszDomainName);
+        RT_LOGE(
+            "[RT_Impl][Err] [%s] Domain [%s] is being created, or its creator died before "
+            "it was done: refused.\n",
+            "_QX_REALTIME_GetDomainFromName", pszDomainName);
     return pstDomain;
 }
 
@@ -284,7 +282,8 @@ static uint32_t qx_create_domain_impl(QX_REALTIME_DOMAIN_t *pstDomain) {
         const char *pszTail;
     } astPaths[] = {
         {"pszCpusetPathRoot", pstDomain->pszCpusetPathRoot, RT_CPUSET_ROOT, pszName},
-        {"pszCpusetPathTasks", pstDomain->pszCpusetPathTasks, pstDomain->pszCpusetPathRoot, "/tasks"},
+        {"pszCpusetPathTasks", pstDomain->pszCpusetPathTasks, pstDomain->pszCpusetPathRoot,
+         "/tasks"},
         {"pszCpuacctPathRoot", pstDomain->pszCpuacctPathRoot, RT_CPUACCT_ROOT, pszName},
         {"pszCpuacctPathTasks", pstDomain->pszCpuacctPathTasks, pstDomain->pszCpuacctPathRoot,
          "/tasks"},
@@ -305,11 +304,13 @@ static uint32_t qx_create_domain_impl(QX_REALTIME_DOMAIN_t *pstDomain) {
                         (uint32_t)pstTop->s32UtilReservation / 100u;
     int32_t s32Total = pstTop->pstCentral->s32UtilTotal;
     if ((uint32_t)s32Total > u32Limit) {
-        RT_LOGE("[RT_Impl][Err] [%s] The total utilization (%d) of all domains overflows, %s fails\n",
-                kImpl, s32Total, pszName);
-        RT_LOGE("[RT_Impl][Err] [%s] It shouldn't exceed (CapPerCore * BudgetCpuNums  * "
-                "CapResrvation)=(%d * %d * %d%%)\n",
-                kImpl, pstTop->s32CapPerCore, pstTop->s32BudgetCpuNum, pstTop->s32UtilReservation);
+        RT_LOGE(
+            "[RT_Impl][Err] [%s] The total utilization (%d) of all domains overflows, %s fails\n",
+            kImpl, s32Total, pszName);
+        RT_LOGE(
+            "[RT_Impl][Err] [%s] It shouldn't exceed (CapPerCore * BudgetCpuNums  * "
+            "CapResrvation)=(%d * %d * %d%%)\n",
+            kImpl, pstTop->s32CapPerCore, pstTop->s32BudgetCpuNum, pstTop->s32UtilReservation);
         return RT_ERR_FAILED;
     }
 
@@ -354,9 +355,10 @@ static int qx_creation_wanted(const char *kName, const char *pszDomainName) {
     char szShmPath[RT_PATH_LEN];
     if (RT_FORMAT_PATH(szShmPath, "%s%s", RT_SHM_PREFIX, pszDomainName) < 0) return QX_CREATE_NEW;
     if (s32Found == QX_LOOKUP_UNFINISHED) {
-        RT_LOGE("[RT_Impl][Err] [%s]: Domain [%s] was left half-created by a process that died: "
-                "created again.\n",
-                kName, pszDomainName);
+        RT_LOGE(
+            "[RT_Impl][Err] [%s]: Domain [%s] was left half-created by a process that died: "
+            "created again.\n",
+            kName, pszDomainName);
         unlink(szShmPath);
         return QX_CREATE_NEW;
     }
@@ -380,8 +382,7 @@ static void qx_start_domain_record(QX_REALTIME_DOMAIN_t *pstDomain, const char *
 
 // Enters a created domain in this process's mapping table. Write, count, then test: the order of
 // the table's bookkeeping is kept as designed.
-static uint32_t qx_enter_created_domain(const char *pszDomainName, int32_t s32ShmFd,
-                                        void *pvAddr) {
+static uint32_t qx_enter_created_domain(const char *pszDomainName, int32_t s32ShmFd, void *pvAddr) {
     uint32_t u32Index = pstTop->u32DomainMapNum;
     QX_REALTIME_DOMAIN_MAP_t *pstEntry = NULL;
     if (u32Index < RT_MAX_DOMAIN_MAP) {
@@ -392,8 +393,9 @@ static uint32_t qx_enter_created_domain(const char *pszDomainName, int32_t s32Sh
         pstTop->u32DomainMapNum = u32Index + 1;
     }
     if (u32Index + 1 < RT_MAX_DOMAIN_MAP) return RT_SUCCESS;
-    RT_LOGE_AS("QX_REALTIME_CreateDomain", "[RT_Impl][Err] Domain number (%d) in the process shouldn't more than %d\n",
-            (int)(u32Index + 1), RT_MAX_DOMAIN_MAP);
+    RT_LOGE_AS("QX_REALTIME_CreateDomain",
+               "[RT_Impl][Err] Domain number (%d) in the process shouldn't more than %d\n",
+               (int)(u32Index + 1), RT_MAX_DOMAIN_MAP);
     // The entry stays, but without its address: no later lookup may hand out a mapping that the
     // creation's undo releases.
     if (pstEntry != NULL) {
@@ -542,9 +544,10 @@ uint32_t _QX_REALTIME_GetAllDomainInfo(void) {
             RT_LOGE("[RT_Impl][Err] [%s] pstDomain is NULL.\n", kName);
             continue;
         }
-        RT_LOGE("[RT_Impl][Err] ============================ Domain: [%s] "
-                "===========================\n",
-                qx_name_of(pstDomain->szName).sz);
+        RT_LOGE(
+            "[RT_Impl][Err] ============================ Domain: [%s] "
+            "===========================\n",
+            qx_name_of(pstDomain->szName).sz);
         int32_t s32Threads = qx_domain_thread_num(pstDomain);
         for (int32_t j = 0; j < s32Threads; j++) {
             QX_REALTIME_THREAD_t *pstThread = qx_domain_thread(pstDomain, j);
@@ -563,9 +566,9 @@ uint32_t _QX_REALTIME_GetAllDomainInfo(void) {
                 }
                 char *pszSlash = strrchr(szArgv0, '/');
                 const char *pszProgram = pszSlash != NULL ? pszSlash + 1 : szArgv0;
-                char *pszComm = qx_read_whole(
-                    szPath, RT_FORMAT_PATH(szPath, "/proc/%d/task/%d/comm", pstThread->ProcessID,
-                                           pstThread->Pid));
+                char *pszComm =
+                    qx_read_whole(szPath, RT_FORMAT_PATH(szPath, "/proc/%d/task/%d/comm",
+                                                         pstThread->ProcessID, pstThread->Pid));
                 if (pszComm != NULL && pszComm[0] != '\0') {
                     qx_strip_last(pszComm);
                     RT_LOGE("[RT_Impl][Err] [%5d]%-45s [%5d]%-16s %s\n", pstThread->ProcessID,
@@ -574,8 +577,8 @@ uint32_t _QX_REALTIME_GetAllDomainInfo(void) {
                 free(pszComm);
                 free(pszCmd);
             } else {
-                char *pszComm = qx_read_whole(
-                    szPath, RT_FORMAT_PATH(szPath, "/proc/%d/comm", pstThread->Pid));
+                char *pszComm =
+                    qx_read_whole(szPath, RT_FORMAT_PATH(szPath, "/proc/%d/comm", pstThread->Pid));
                 if (pszComm == NULL) return RT_ERR_SYSTEM;  // deliberately unlike the branch above
                 if (pszComm[0] != '\0') {
                     qx_strip_last(pszComm);
@@ -689,26 +692,29 @@ uint32_t _QX_REALTIME_CheckOverUtil(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32
         }
     } else if (pstDomain->u32SchedType == RT_SCHED_TYPE_DEADLINE) {
         if (!(s32DeadlineUs >= s32RuntimeUs && s32PeriodUs >= s32DeadlineUs)) {
-            RT_LOGE("[RT_Impl][Err] [%s] Invalid Deadline parameter: (should) DlPeriodUs=%d >= "
-                    "DlDeadlineUs=%d >= DlRuntimeUs=%d.\n",
-                    __func__, s32PeriodUs, s32DeadlineUs, s32RuntimeUs);
+            RT_LOGE(
+                "[RT_Impl][Err] [%s] Invalid Deadline parameter: (should) DlPeriodUs=%d >= "
+                "DlDeadlineUs=%d >= DlRuntimeUs=%d.\n",
+                __func__, s32PeriodUs, s32DeadlineUs, s32RuntimeUs);
             return RT_ERR_INVALID_PARAM;
         }
         int32_t s32Cap = pstTop->s32CapPerCore;
-        *ps32Util = s32PeriodUs == 0
-                        ? 0
-                        : (int32_t)(((uint32_t)s32RuntimeUs * (uint32_t)s32Cap) /
-                                    (uint32_t)s32PeriodUs);
-        RT_LOGI("[RT_Impl][Info] Get converted Util=[%d] from DlRuntimeUs=[%d], DlPeriodUs=[%d], "
-                "s32CapPerCore=[%d].\n",
-                *ps32Util, s32RuntimeUs, s32PeriodUs, s32Cap);
+        *ps32Util =
+            s32PeriodUs == 0
+                ? 0
+                : (int32_t)(((uint32_t)s32RuntimeUs * (uint32_t)s32Cap) / (uint32_t)s32PeriodUs);
+        RT_LOGI(
+            "[RT_Impl][Info] Get converted Util=[%d] from DlRuntimeUs=[%d], DlPeriodUs=[%d], "
+            "s32CapPerCore=[%d].\n",
+            *ps32Util, s32RuntimeUs, s32PeriodUs, s32Cap);
     }
     int64_t s64After = (int64_t)pstDomain->s32UtilCurrent - s32OrigUtil + *ps32Util;
     if (pstDomain->s32UtilMax >= 1 && s64After > pstDomain->s32UtilMax) {
-        RT_LOGE("[RT_Impl][Err] [%s] Domain[%s] over s32Util: new Util is %d, original Util is "
-                "%d,domain current total Util is %d, max. domain Util is %d\n",
-                __func__, qx_name_of(pstDomain->szName).sz, *ps32Util, s32OrigUtil,
-                pstDomain->s32UtilCurrent, pstDomain->s32UtilMax);
+        RT_LOGE(
+            "[RT_Impl][Err] [%s] Domain[%s] over s32Util: new Util is %d, original Util is "
+            "%d,domain current total Util is %d, max. domain Util is %d\n",
+            __func__, qx_name_of(pstDomain->szName).sz, *ps32Util, s32OrigUtil,
+            pstDomain->s32UtilCurrent, pstDomain->s32UtilMax);
         return RT_ERR_OVER_BUDGET;
     }
     return RT_SUCCESS;
@@ -757,7 +763,7 @@ uint32_t QX_REALTIME_DmipsToUs(uint32_t u32Dmips, uint32_t *u32MiscroSec) {
     {
         qx_mutex_hold stHold;
         if (_QX_REALTIME_GetCentralAndTop(&s32Central) != RT_SUCCESS)
-            return RT_ERR_NULL;  // whatever the code was: unlike the budget query, kept
+            return RT_ERR_NULL;       // whatever the code was: unlike the budget query, kept
         qx_fd stCentral(s32Central);  // only the attach was wanted: closed before the unlock
     }
     if (!qx_enabled()) return RT_SUCCESS;

@@ -12,8 +12,7 @@ uint32_t _QX_REALTIME_GetCapability(void) {
     static const char kName[] = "_QX_REALTIME_GetCapability";
     FILE *pFile = fopen(pstJsonPath, "r");
     if (pFile == NULL) {
-        RT_LOGE("[RT_Impl][Err] [%s] Can't open %s, errno=%s\n", kName, pstJsonPath,
-                RT_ERRNO_STR);
+        RT_LOGE("[RT_Impl][Err] [%s] Can't open %s, errno=%s\n", kName, pstJsonPath, RT_ERRNO_STR);
         return RT_ERR_SYSTEM;
     }
     char *pszLine = (char *)malloc(QX_CFG_SCAN_LINE_LEN);
@@ -92,7 +91,7 @@ static uint32_t qx_init_locked(const char *kName, uint32_t u32Mode) {
     uint32_t u32Cap = _QX_REALTIME_GetCapability();
     if (u32Cap != RT_SUCCESS) {
         RT_LOGE_AS(kName, "[RT_Impl][Err] [%s] _QX_REALTIME_GetCapability() return %d\n", kName,
-                (int)u32Cap);
+                   (int)u32Cap);
         return RT_ERR_INVALID_PARAM;
     }
 
@@ -141,7 +140,8 @@ static uint32_t qx_unlink_central_lock(const char *kName) {
         RT_LOGI("[RT_Impl][Info] [%s] unlink %s has been unlinked, errno=%s\n", kName, szPath,
                 RT_ERRNO_STR);
     } else {
-        RT_LOGE_AS(kName, "[RT_Impl][Err] [%s] unlink %s fails, errno=%s\n", kName, szPath, RT_ERRNO_STR);
+        RT_LOGE_AS(kName, "[RT_Impl][Err] [%s] unlink %s fails, errno=%s\n", kName, szPath,
+                   RT_ERRNO_STR);
     }
     return RT_SUCCESS;
 }

@@ -147,8 +147,7 @@ static uint32_t qx_sample_all_domains(uint32_t u32IntervalMs, uint32_t u32Sample
     for (int32_t i = 0; i < s32Num; i++) {
         qx_name_t stName = qx_name_of(pstCentral->szDomainNameList[i]);
         int32_t s32Setting = pstCentral->s32DomainUtilList[i];
-        afBudget[i] =
-            qx_budget_percent((float)(int32_t)((uint32_t)s32Setting * 100u), fDivisor);
+        afBudget[i] = qx_budget_percent((float)(int32_t)((uint32_t)s32Setting * 100u), fDivisor);
         RT_LOGE("[RT_Impl][Err] [%-30s] Util Setting:%6d (%5.2f%%)\n", stName.sz, s32Setting,
                 (double)(afBudget[i] * (float)qx_cpu_count()));
         QX_REALTIME_DOMAIN_t *pstDomain = qx_sampler_lookup(stName.sz);
@@ -265,11 +264,11 @@ static void qx_dump_classes_and_threads(QX_REALTIME_DOMAIN_t *pstDomain) {
     int32_t s32Classes = qx_domain_class_num(pstDomain);
     for (int32_t i = 0; i < s32Classes; i++) {
         QX_REALTIME_CLASS_t *pstClass = qx_domain_class(pstDomain, i);
-        RT_LOGE("[RT_Impl][Err] -------- Class[%2d]: [%s], ClassUtil/thread = [%d], RT_Priority = "
-                "[%d], DL_DeadlineUs = [%d], DL_RuntimeUs = [%d], DL_PeriodUs = [%d];--------\n",
-                i, qx_name_of(pstClass->szClassName).sz, pstClass->s32Util,
-                pstClass->s32RtPriority, pstClass->s32DlDeadlineUs, pstClass->s32DlRuntimeUs,
-                pstClass->s32DlPeriodUs);
+        RT_LOGE(
+            "[RT_Impl][Err] -------- Class[%2d]: [%s], ClassUtil/thread = [%d], RT_Priority = "
+            "[%d], DL_DeadlineUs = [%d], DL_RuntimeUs = [%d], DL_PeriodUs = [%d];--------\n",
+            i, qx_name_of(pstClass->szClassName).sz, pstClass->s32Util, pstClass->s32RtPriority,
+            pstClass->s32DlDeadlineUs, pstClass->s32DlRuntimeUs, pstClass->s32DlPeriodUs);
     }
     RT_LOGE("[RT_Impl][Err] ==============================\n");
     int32_t s32Threads = qx_domain_thread_num(pstDomain);
@@ -327,8 +326,8 @@ uint32_t QX_REALTIME_DumpDomainInfo(const char *pszDomainName) {
     *stCentral.slot() = s32Central;
     stCentral.lock();
     qx_lock_file stDomainFile;
-    QX_REALTIME_DOMAIN_t *pstDomain = _QX_REALTIME_GetDomainFromName(pszDomainName,
-                                                                     stDomainFile.slot());
+    QX_REALTIME_DOMAIN_t *pstDomain =
+        _QX_REALTIME_GetDomainFromName(pszDomainName, stDomainFile.slot());
     if (pstDomain == NULL) {
         RT_LOGE("[RT_Impl][Err] [%s] pstDomain is NULL for [%s].\n", kName, pszDomainName);
         stCentral.release();

@@ -128,7 +128,6 @@ typedef struct {
     QX_REALTIME_DOMAIN_MAP_t astDomainMap[RT_MAX_DOMAIN_MAP];
 } QX_REALTIME_TOP_t;
 
-
 // The byte layout is a cross-process format: pin every offset and size.
 #define RT_ASSERT_AT(type, field, off) \
     static_assert(offsetof(type, field) == (off), #type "." #field " offset")
@@ -236,15 +235,15 @@ void qx_log_emit(int kind, const char *func, int line, const char *fmt, ...)
 #define RT_LOGE(...) RT_LOGE_AS(__func__, __VA_ARGS__)
 // An error reported under the name of the step it belongs to, from a helper of that step: the
 // Android form names the reporting function, and splitting a step into helpers must not change it.
-#define RT_LOGE_AS(func, ...)                                                   \
-    do {                                                                        \
-        if (qx_log_wanted(RT_DBG_LEVEL_ERR))                                    \
-            qx_log_emit(QX_MSG_ERR, (func), __LINE__, __VA_ARGS__);             \
+#define RT_LOGE_AS(func, ...)                                       \
+    do {                                                            \
+        if (qx_log_wanted(RT_DBG_LEVEL_ERR))                        \
+            qx_log_emit(QX_MSG_ERR, (func), __LINE__, __VA_ARGS__); \
     } while (0)
-#define RT_LOGI(...)                                                            \
-    do {                                                                        \
-        if (qx_log_wanted(RT_DBG_LEVEL_INFO))                                   \
-            qx_log_emit(QX_MSG_INFO, __func__, __LINE__, __VA_ARGS__);          \
+#define RT_LOGI(...)                                                   \
+    do {                                                               \
+        if (qx_log_wanted(RT_DBG_LEVEL_INFO))                          \
+            qx_log_emit(QX_MSG_INFO, __func__, __LINE__, __VA_ARGS__); \
     } while (0)
 #define RT_LOGD(...) RT_LOGI(__VA_ARGS__)
 
@@ -254,14 +253,14 @@ const char *qx_errno_text(void);
 
 // Entry trace of an exported function, with the Android-only ">>>" line at level 240 and above.
 void qx_trace_line(const char *func, int line);
-#define RT_ENTER(name)                                                                      \
-    do {                                                                                    \
-        if (qx_log_wanted(RT_DBG_LEVEL_INFO)) {                                             \
-            qx_log_emit(QX_MSG_INFO, __func__, __LINE__,                                    \
-                        "[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld;\n", name, getpid(),     \
-                        qx_gettid());                                                       \
-            qx_trace_line(name, __LINE__);                                                  \
-        }                                                                                   \
+#define RT_ENTER(name)                                                                   \
+    do {                                                                                 \
+        if (qx_log_wanted(RT_DBG_LEVEL_INFO)) {                                          \
+            qx_log_emit(QX_MSG_INFO, __func__, __LINE__,                                 \
+                        "[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld;\n", name, getpid(), \
+                        qx_gettid());                                                    \
+            qx_trace_line(name, __LINE__);                                               \
+        }                                                                                \
     } while (0)
 #define RT_ENTER_ARGPID(name, tid)                                                          \
     do {                                                                                    \
@@ -269,25 +268,25 @@ void qx_trace_line(const char *func, int line);
             RT_ENTER(name);                                                                 \
         } else if (qx_log_wanted(RT_DBG_LEVEL_INFO)) {                                      \
             qx_log_emit(QX_MSG_INFO, __func__, __LINE__,                                    \
-                        "[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld; argPid=[%d].\n", name,  \
+                        "[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld; argPid=[%d].\n", name, \
                         getpid(), qx_gettid(), (int)(tid));                                 \
             qx_trace_line(name, __LINE__);                                                  \
         }                                                                                   \
     } while (0)
 // A NULL argument ends the operation before any lock is taken.
-#define RT_REQUIRE_ARG(name, arg)                                       \
-    do {                                                                \
-        if ((arg) == NULL) {                                            \
-            RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", name);        \
-            return RT_ERR_INVALID_PARAM;                                \
-        }                                                               \
+#define RT_REQUIRE_ARG(name, arg)                                \
+    do {                                                         \
+        if ((arg) == NULL) {                                     \
+            RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", name); \
+            return RT_ERR_INVALID_PARAM;                         \
+        }                                                        \
     } while (0)
-#define RT_EXIT(name, ret)                                                                  \
-    do {                                                                                    \
-        if ((ret) == RT_SUCCESS)                                                            \
-            RT_LOGD("[RT_Impl][DBG] [%s] exit, OK.\n", name);                               \
-        else                                                                                \
-            RT_LOGD("[RT_Impl][DBG] [%s] exit, err=%u.\n", name, (unsigned)(ret));          \
+#define RT_EXIT(name, ret)                                                         \
+    do {                                                                           \
+        if ((ret) == RT_SUCCESS)                                                   \
+            RT_LOGD("[RT_Impl][DBG] [%s] exit, OK.\n", name);                      \
+        else                                                                       \
+            RT_LOGD("[RT_Impl][DBG] [%s] exit, err=%u.\n", name, (unsigned)(ret)); \
     } while (0)
 
 // A 64-byte name field of a shared record, copied and terminated for printing: a corrupted
@@ -349,7 +348,6 @@ int qx_fd_is_short(int32_t s32Fd, long long *ps64Size);
 // Whether this process's central mapping is whole; if not, says so in an error message.
 int qx_central_intact(const char *pszOp);
 
-
 // Record access with bounds checks against the segment: NULL when the record would not lie
 // wholly inside the 16384 bytes (a corrupted or hostile segment never makes us read past it).
 QX_REALTIME_CLASS_t *qx_domain_class(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Index);
@@ -398,7 +396,7 @@ int qx_config_walk(qx_parse_ctx_t *pstCtx, const jsmntok_t *pstTok);
 typedef struct {
     int32_t as32Value[3];  // Util, Enabled, DbgLevel
     int64_t as64Offset[3];
-    uint32_t u32Found;     // bit n: key n was seen
+    uint32_t u32Found;  // bit n: key n was seen
 } qx_startup_scan_t;
 void qx_config_scan_startup(FILE *pFile, char *pszLine, qx_startup_scan_t *pstScan);
 uint32_t _QX_REALTIME_JsonParser(const char *pszJsonPath, QX_REALTIME_DOMAIN_t *pstDomain);
@@ -413,29 +411,33 @@ void _QX_REALTIME_ParseCpuSelection(const char *pszCpuSelection, int32_t *ps32Cp
 // Domains
 // ---------------------------------------------------------------------------------------------
 
-QX_REALTIME_DOMAIN_t *_QX_REALTIME_GetDomainFromName(const char *pszDomainName,
-                                                     int32_t *pFlockFd);
+QX_REALTIME_DOMAIN_t *_QX_REALTIME_GetDomainFromName(const char *pszDomainName, int32_t *pFlockFd);
 
 // The lookup with its outcome told apart: a domain that does not exist, one whose creation never
 // finished (left by a creator that died, or under way in another process), one whose segment or
 // record another process damaged, or another failure (its message already given).
-enum { QX_LOOKUP_FOUND = 0, QX_LOOKUP_MISSING, QX_LOOKUP_UNFINISHED, QX_LOOKUP_BROKEN,
-       QX_LOOKUP_FAILED };
-QX_REALTIME_DOMAIN_t *qx_find_domain(const char *pszDomainName, int32_t *pFlockFd,
-                                     int *ps32Status);
+enum {
+    QX_LOOKUP_FOUND = 0,
+    QX_LOOKUP_MISSING,
+    QX_LOOKUP_UNFINISHED,
+    QX_LOOKUP_BROKEN,
+    QX_LOOKUP_FAILED
+};
+QX_REALTIME_DOMAIN_t *qx_find_domain(const char *pszDomainName, int32_t *pFlockFd, int *ps32Status);
 
 // A domain name names files and directories: 1 to 63 characters (the record's name field), no
 // '/', and neither "." nor "..", so that it can never lead out of the directories it is used in.
 #define RT_DOMAIN_NAME_MAX (RT_NAME_LEN - 1)
 int qx_domain_name_ok(const char *pszName);
-#define RT_REQUIRE_DOMAIN_NAME(name, arg)                                                       \
-    do {                                                                                        \
-        if (!qx_domain_name_ok(arg)) {                                                          \
-            RT_LOGE("[RT_Impl][Err] [%s] Invalid domain name: it must be 1 to 63 characters, "  \
-                    "not \".\" or \"..\", without '/'.\n",                                     \
-                    name);                                                                      \
-            return RT_ERR_INVALID_PARAM;                                                        \
-        }                                                                                       \
+#define RT_REQUIRE_DOMAIN_NAME(name, arg)                                                  \
+    do {                                                                                   \
+        if (!qx_domain_name_ok(arg)) {                                                     \
+            RT_LOGE(                                                                       \
+                "[RT_Impl][Err] [%s] Invalid domain name: it must be 1 to 63 characters, " \
+                "not \".\" or \"..\", without '/'.\n",                                     \
+                name);                                                                     \
+            return RT_ERR_INVALID_PARAM;                                                   \
+        }                                                                                  \
     } while (0)
 
 // The smallest deadline reservation the kernel accepts: 1024 ns every 4 s. Its bandwidth rounds

@@ -1,5 +1,6 @@
-// Cross-process shared state: the process-wide state, the bounded formatter, domain names, lock files, the 16384-byte segments, the
-// attach path to the central segment, and bounds-checked access to records inside a segment.
+// Cross-process shared state: the process-wide state, the bounded formatter, domain names, lock
+// files, the 16384-byte segments, the attach path to the central segment, and bounds-checked access
+// to records inside a segment.
 #include <fcntl.h>
 #include <pthread.h>
 #include <stdarg.h>
@@ -73,8 +74,8 @@ uint32_t _QX_REALTIME_GetFlock(const char *pszName, int32_t *ps32Fd) {
                 __func__, getpid(), qx_gettid(), szPath, fd);
         // The umask must not narrow the mode: every client process needs the file.
         if (chmod(szPath, 0666) != 0) {
-            RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] chmod(%s,%d) fails, errno=%s\n",
-                    __func__, getpid(), qx_gettid(), szPath, 0666, RT_ERRNO_STR);
+            RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] chmod(%s,%d) fails, errno=%s\n", __func__,
+                    getpid(), qx_gettid(), szPath, 0666, RT_ERRNO_STR);
             return RT_ERR_SYSTEM;
         }
         return RT_SUCCESS;
@@ -85,8 +86,9 @@ uint32_t _QX_REALTIME_GetFlock(const char *pszName, int32_t *ps32Fd) {
         fd = open(szPath, O_RDWR | O_NOFOLLOW);
         *ps32Fd = fd;
         if (fd >= 0) {
-            RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] flock open (%s) return %d, open existed.\n",
-                    __func__, getpid(), qx_gettid(), szPath, fd);
+            RT_LOGI(
+                "[RT_Impl][Info] [%s][PID=%d][TID=%ld] flock open (%s) return %d, open existed.\n",
+                __func__, getpid(), qx_gettid(), szPath, fd);
             return RT_SUCCESS;
         }
     }
@@ -117,8 +119,8 @@ uint32_t _QX_REALTIME_SharedMemoryAlloc(const char *pszName, int32_t *ps32ShmFd,
         RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] path=%s create success, shmFd=%d\n",
                 __func__, getpid(), qx_gettid(), szPath, fd);
         if (chmod(szPath, mode) != 0) {
-            RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] chmod(%s,%d) fails, errno=%s\n",
-                    __func__, getpid(), qx_gettid(), szPath, (int)mode, RT_ERRNO_STR);
+            RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] chmod(%s,%d) fails, errno=%s\n", __func__,
+                    getpid(), qx_gettid(), szPath, (int)mode, RT_ERRNO_STR);
             return RT_ERR_SYSTEM;
         }
         bNewCreate = 1;
@@ -127,8 +129,9 @@ uint32_t _QX_REALTIME_SharedMemoryAlloc(const char *pszName, int32_t *ps32ShmFd,
             fd = open(szPath, O_RDWR | O_NOFOLLOW);
             *ps32ShmFd = fd;
             if (fd >= 0)
-                RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] open %s an existed shared memory=%d\n",
-                        __func__, getpid(), qx_gettid(), szPath, fd);
+                RT_LOGI(
+                    "[RT_Impl][Info] [%s][PID=%d][TID=%ld] open %s an existed shared memory=%d\n",
+                    __func__, getpid(), qx_gettid(), szPath, fd);
         }
         if (fd < 0) {
             RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] shm_open (%s) return %d, errno=%s\n",
@@ -302,8 +305,7 @@ int32_t qx_domain_class_num(const QX_REALTIME_DOMAIN_t *pstDomain) {
 }
 
 int32_t qx_domain_thread_num(const QX_REALTIME_DOMAIN_t *pstDomain) {
-    return qx_clamp_count(pstDomain->s32ThreadNum, pstDomain->s32ThreadStartOffset,
-                          RT_THREAD_SIZE);
+    return qx_clamp_count(pstDomain->s32ThreadNum, pstDomain->s32ThreadStartOffset, RT_THREAD_SIZE);
 }
 
 int32_t qx_domain_pid_list_num(const QX_REALTIME_DOMAIN_t *pstDomain) {

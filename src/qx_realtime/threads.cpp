@@ -52,8 +52,9 @@ uint32_t _QX_REALTIME_SetSchedAttr(QX_REALTIME_DOMAIN_t *pstDomain, QX_REALTIME_
         }
         int32_t s32Prio = pstClass->s32RtPriority;
         if ((uint32_t)s32Prio - 1u >= 99u) {
-            RT_LOGE("[RT_Impl][Err] [%s]: Rt priority = [%d] is invalid. It should between 1 to 99.\n",
-                    __func__, s32Prio);
+            RT_LOGE(
+                "[RT_Impl][Err] [%s]: Rt priority = [%d] is invalid. It should between 1 to 99.\n",
+                __func__, s32Prio);
             return RT_ERR_INVALID_PARAM;
         }
         stAttr.sched_policy = RT_SCHED_RR;
@@ -64,11 +65,12 @@ uint32_t _QX_REALTIME_SetSchedAttr(QX_REALTIME_DOMAIN_t *pstDomain, QX_REALTIME_
                 __func__);
     }
     if (qx_sched_setattr(s32Tid, &stAttr, 0) == -1) {
-        RT_LOGE("[RT_Impl][Err] [%s] _QX_REALTMIE_SchedSetAttr failed to set the sched for pid=%d, "
-                "policy=%u, priority=%u, runtime=%llu, deadline=%llu, period=%llu, errno=%s\n",
-                __func__, s32Tid, stAttr.sched_policy, stAttr.sched_priority,
-                (unsigned long long)stAttr.sched_runtime, (unsigned long long)stAttr.sched_deadline,
-                (unsigned long long)stAttr.sched_period, RT_ERRNO_STR);
+        RT_LOGE(
+            "[RT_Impl][Err] [%s] _QX_REALTMIE_SchedSetAttr failed to set the sched for pid=%d, "
+            "policy=%u, priority=%u, runtime=%llu, deadline=%llu, period=%llu, errno=%s\n",
+            __func__, s32Tid, stAttr.sched_policy, stAttr.sched_priority,
+            (unsigned long long)stAttr.sched_runtime, (unsigned long long)stAttr.sched_deadline,
+            (unsigned long long)stAttr.sched_period, RT_ERRNO_STR);
         return RT_ERR_SCHED_SETATTR;
     }
     return RT_SUCCESS;
@@ -103,12 +105,18 @@ uint32_t _QX_GetThreadByPid(QX_REALTIME_DOMAIN_t *pstDomain, QX_REALTIME_CLASS_t
 
 // What the process-id step found out about a thread, with the system calls done and the messages
 // not yet given: admission asks before it changes anything and reports where the step stands.
-enum { QX_OWNER_FOUND = 0, QX_OWNER_NO_PGID, QX_OWNER_NO_OPEN, QX_OWNER_NO_READ, QX_OWNER_NO_TGID,
-       QX_OWNER_SILENT };
+enum {
+    QX_OWNER_FOUND = 0,
+    QX_OWNER_NO_PGID,
+    QX_OWNER_NO_OPEN,
+    QX_OWNER_NO_READ,
+    QX_OWNER_NO_TGID,
+    QX_OWNER_SILENT
+};
 typedef struct {
-    int s32What;          // QX_OWNER_*
-    int s32Errno;         // errno of the failed call
-    int32_t s32ProcessID; // the thread group, 0 for a pgid of 0, else as the caller had it
+    int s32What;           // QX_OWNER_*
+    int s32Errno;          // errno of the failed call
+    int32_t s32ProcessID;  // the thread group, 0 for a pgid of 0, else as the caller had it
     char szPath[80];
 } qx_owner_t;
 
@@ -280,15 +288,16 @@ uint32_t _QX_AddThreadDataAtHead(QX_REALTIME_DOMAIN_t *pstDomain, QX_REALTIME_CL
                                  const QX_REALTIME_UTIL_t *pstUtil, int32_t s32Tid,
                                  int32_t s32ProcessID, const uint8_t *stSavedAttr) {
     if (pstDomain == NULL || pstClass == NULL || pstUtil == NULL) {
-        RT_LOGE("[RT_Impl][Err] [%s] pstClass (%p) or pstUtil (%p) should not be NULL.\n",
-                __func__, (const void *)pstClass, (const void *)pstUtil);
+        RT_LOGE("[RT_Impl][Err] [%s] pstClass (%p) or pstUtil (%p) should not be NULL.\n", __func__,
+                (const void *)pstClass, (const void *)pstUtil);
         return RT_ERR_NULL;
     }
     int32_t s32Slot;
     if (!qx_pick_slot(pstDomain, &s32Slot)) {
-        RT_LOGE("[RT_Impl][Err] [%s] shared memory size (%d Byte) is too small. "
-                "sizeof(QX_REALTIME_THREAD_t)=%d\n",
-                __func__, RT_SHM_SIZE, RT_THREAD_SIZE);
+        RT_LOGE(
+            "[RT_Impl][Err] [%s] shared memory size (%d Byte) is too small. "
+            "sizeof(QX_REALTIME_THREAD_t)=%d\n",
+            __func__, RT_SHM_SIZE, RT_THREAD_SIZE);
         return RT_ERR_NOT_EXIST;
     }
     if (s32Slot == pstDomain->s32ThreadNum) {
@@ -400,8 +409,7 @@ static int qx_book(QX_REALTIME_DOMAIN_t *pstDomain, QX_REALTIME_CLASS_t *pstClas
             (QX_REALTIME_THREAD_t *)((char *)pstDomain + pstDomain->s32ThreadStartOffset +
                                      RT_THREAD_SIZE * s32Slot);
         memcpy(pstBooking->au8OldSlot, pstThread, sizeof(pstBooking->au8OldSlot));
-        (void)_QX_AddThreadDataAtHead(pstDomain, pstClass, pstUtil, s32Tid, s32ProcessID,
-                                      pu8Saved);
+        (void)_QX_AddThreadDataAtHead(pstDomain, pstClass, pstUtil, s32Tid, s32ProcessID, pu8Saved);
         pstBooking->pstThread = pstThread;
     }
     pstBooking->s32Charge = pstUtil->s32Util;
@@ -453,9 +461,10 @@ static void qx_warn_overrun_signal(const char *pszOp, int32_t s32ProcessID, int3
             szComm[strcspn(szComm, "\n")] = '\0';
         }
     }
-    RT_LOGE("[RT_Impl][Err] [%s] Process %d (%s) neither catches nor ignores SIGXCPU: the first "
-            "runtime overrun of thread %d will kill it.\n",
-            pszOp, s32Pid, szComm, s32Tid);
+    RT_LOGE(
+        "[RT_Impl][Err] [%s] Process %d (%s) neither catches nor ignores SIGXCPU: the first "
+        "runtime overrun of thread %d will kill it.\n",
+        pszOp, s32Pid, szComm, s32Tid);
 }
 
 // Applies the policy and moves the thread into the domain's groups (admission steps 13 to 15).
@@ -490,8 +499,7 @@ static uint32_t qx_admit_in_kernel(const char *pszOp, QX_REALTIME_DOMAIN_t *pstD
         _QX_WriteS32ToPath(s32Tid, pstDomain->pszCpuacctPathTasks) != RT_SUCCESS)
         pszMoveTo = pstDomain->pszCpuacctPathTasks;
     if (pszMoveTo != NULL) {
-        RT_LOGE("[RT_Impl][Err] [%s] Move pid = [%d] to [%s] failed.\n", pszOp, s32Tid,
-                pszMoveTo);
+        RT_LOGE("[RT_Impl][Err] [%s] Move pid = [%d] to [%s] failed.\n", pszOp, s32Tid, pszMoveTo);
         return RT_ERR_SYSTEM;
     }
     return RT_SUCCESS;
@@ -520,8 +528,8 @@ static uint32_t qx_admit_locked(const char *pszOp, QX_REALTIME_DOMAIN_t *pstDoma
     if (pstLiteUtil == NULL) {
         // The class record's own field: in a deadline domain it takes the converted value.
         u32Ret = _QX_REALTIME_CheckOverUtil(pstDomain, pstClass->s32DlRuntimeUs,
-                                            pstClass->s32DlDeadlineUs,
-                                            pstClass->s32DlPeriodUs, &pstClass->s32Util, 0);
+                                            pstClass->s32DlDeadlineUs, pstClass->s32DlPeriodUs,
+                                            &pstClass->s32Util, 0);
         if (u32Ret != RT_SUCCESS) return u32Ret;
     }
     struct qx_sched_attr stSaved;
@@ -549,8 +557,8 @@ static uint32_t qx_admit_locked(const char *pszOp, QX_REALTIME_DOMAIN_t *pstDoma
     int bListFull = !qx_book(pstDomain, pstClass, &stUtil, s32Tid, stOwner.s32ProcessID,
                              bOwnerKnown, au8Saved, &stBooking);
 
-    u32Ret = qx_admit_in_kernel(pszOp, pstDomain, pstClass, &stUtil, s32Tid, bDlOverrun != 0,
-                                &stSaved);
+    u32Ret =
+        qx_admit_in_kernel(pszOp, pstDomain, pstClass, &stUtil, s32Tid, bDlOverrun != 0, &stSaved);
     if (u32Ret != RT_SUCCESS) {
         qx_unbook(pstDomain, &stBooking);
         return u32Ret;
@@ -567,15 +575,16 @@ static uint32_t qx_admit_locked(const char *pszOp, QX_REALTIME_DOMAIN_t *pstDoma
     }
     if (stBooking.pstThread == NULL) {
         // Says why, as the store does when it finds no room.
-        (void)_QX_AddThreadDataAtHead(pstDomain, pstClass, &stUtil, s32Tid,
-                                      stOwner.s32ProcessID, au8Saved);
-        RT_LOGE("[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = [%s] failed.\n",
-                pszOp, s32Tid, pszClassName);
+        (void)_QX_AddThreadDataAtHead(pstDomain, pstClass, &stUtil, s32Tid, stOwner.s32ProcessID,
+                                      au8Saved);
+        RT_LOGE("[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = [%s] failed.\n", pszOp,
+                s32Tid, pszClassName);
         u32Ret = RT_ERR_NOT_EXIST;
     }
     if (bDlOverrun != 0 && pstDomain->u32SchedType == RT_SCHED_TYPE_DEADLINE)
         qx_warn_overrun_signal(pszOp, stOwner.s32ProcessID, s32Tid);
-    if (u32Ret == RT_SUCCESS) RT_LOGD("[RT_Impl][DBG] [%s] for [%d] successfully.\n", pszOp, s32Tid);
+    if (u32Ret == RT_SUCCESS)
+        RT_LOGD("[RT_Impl][DBG] [%s] for [%d] successfully.\n", pszOp, s32Tid);
     return u32Ret;
 }
 
@@ -606,8 +615,9 @@ static uint32_t qx_add_thread(const char *pszOp, const char *pszDomainName,
 
     if (u32Ret != RT_SUCCESS) {
         if (pstLiteUtil == NULL)
-            RT_LOGE("[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = [%s] failed. ret is %d\n",
-                    pszOp, s32Tid, pszClassName, (int)u32Ret);
+            RT_LOGE(
+                "[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = [%s] failed. ret is %d\n",
+                pszOp, s32Tid, pszClassName, (int)u32Ret);
         else
             RT_LOGE("[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = [%s] failed.\n", pszOp,
                     s32Tid, pszClassName);
@@ -617,8 +627,8 @@ static uint32_t qx_add_thread(const char *pszOp, const char *pszDomainName,
     return u32Ret;
 }
 
-uint32_t QX_REALTIME_AddThread(const char *pszDomainName, const char *pszClassName,
-                               int32_t s32Tid, uint8_t bDlOverrun) {
+uint32_t QX_REALTIME_AddThread(const char *pszDomainName, const char *pszClassName, int32_t s32Tid,
+                               uint8_t bDlOverrun) {
     static const char kName[] = "QX_REALTIME_AddThread";
     RT_ENTER_ARGPID(kName, s32Tid);
     if (pszDomainName == NULL || pszClassName == NULL) {
@@ -763,17 +773,17 @@ static uint32_t qx_update_locked(const char *kName, QX_REALTIME_DOMAIN_t *pstDom
         return RT_ERR_NOT_EXIST;
     }
     RT_LOGD("[RT_Impl][DBG] [%s]: pid=[%d] exists in RT.\n", kName, s32Tid);
-    uint32_t u32Ret = _QX_REALTIME_CheckOverUtil(pstDomain, pstUtil->DlRuntimeUs,
-                                                 pstUtil->DlDeadlineUs, pstUtil->DlPeriodUs,
-                                                 &pstUtil->s32Util, pstThread->Util);
+    uint32_t u32Ret =
+        _QX_REALTIME_CheckOverUtil(pstDomain, pstUtil->DlRuntimeUs, pstUtil->DlDeadlineUs,
+                                   pstUtil->DlPeriodUs, &pstUtil->s32Util, pstThread->Util);
     if (u32Ret != RT_SUCCESS) return u32Ret;
     if (pstDomain->u32SchedType == RT_SCHED_TYPE_DEADLINE) {
         u32Ret = qx_update_deadline(kName, pstDomain, pstThread, pstUtil, s32Tid);
         if (u32Ret != RT_SUCCESS) return u32Ret;
     }
     // The charge and the record change together, before the message (see the removal).
-    pstDomain->s32UtilCurrent = qx_wrap_add(
-        qx_wrap_sub(pstDomain->s32UtilCurrent, pstThread->Util), pstUtil->s32Util);
+    pstDomain->s32UtilCurrent =
+        qx_wrap_add(qx_wrap_sub(pstDomain->s32UtilCurrent, pstThread->Util), pstUtil->s32Util);
     pstThread->Util = pstUtil->s32Util;
     pstThread->DeadlineUs = pstUtil->DlDeadlineUs;
     pstThread->RuntimeUs = pstUtil->DlRuntimeUs;

@@ -11,8 +11,8 @@
 #include "cli_support.h"
 #include "test_support.h"
 
-using qxt::rtctl;
 using qxt::Result;
+using qxt::rtctl;
 
 namespace {
 
@@ -35,7 +35,8 @@ protected:
                                    const std::vector<std::string> &repairs) {
         Result found = rtctl({"check"});
         EXPECT_EQ(found.status, 1) << found.out << found.err;
-        for (const std::string &w : what) EXPECT_TRUE(contains(found.out, w)) << w << "\n" << found.out;
+        for (const std::string &w : what)
+            EXPECT_TRUE(contains(found.out, w)) << w << "\n" << found.out;
         Result fixed = rtctl({"check", "--repair"});
         EXPECT_EQ(fixed.status, 0) << fixed.out << fixed.err;
         for (const std::string &r : repairs)
@@ -109,7 +110,8 @@ TEST_F(RtctlCheck, RealTimeThreadInADomainGroupWithoutARecordIsReleased) {
     qxt::write_file("/dev/cpuacct/Domain_Audio/tasks", std::to_string(t.tid()));
     ASSERT_EQ(qxt::cgroup_of(t.tid(), "cpuacct"), "/Domain_Audio");
     expect_found_and_repaired(
-        {qxt::format("thread %d is in the domain's groups and real-time without a record", t.tid())},
+        {qxt::format("thread %d is in the domain's groups and real-time without a record",
+                     t.tid())},
         {"moved to the root groups, back to normal scheduling"});
     EXPECT_EQ(qxt::sched_of(t.tid()).policy, (uint32_t)SCHED_OTHER);
     EXPECT_EQ(qxt::cgroup_of(t.tid(), "cpuacct"), "/");
@@ -148,11 +150,10 @@ TEST_F(RtctlCheck, HalfCreatedDomainIsRemovedAndCanBeCreatedAgain) {
 TEST_F(RtctlCheck, WrittenOverPathsAndModesAreRestored) {
     strcpy(audio_->pszCpuacctPathTasks, "/tmp/elsewhere");
     ASSERT_EQ(chmod("/dev/shm/realtime/rt_Domain_Camera", 0666), 0);
-    expect_found_and_repaired(
-        {"Domain_Audio: pszCpuacctPathTasks is \"/tmp/elsewhere\", not "
-         "\"/dev/cpuacct/Domain_Audio/tasks\"\n",
-         "Domain_Camera: its segment has mode 0666, not 0660\n"},
-        {"set to \"/dev/cpuacct/Domain_Audio/tasks\"", "mode set to 0660"});
+    expect_found_and_repaired({"Domain_Audio: pszCpuacctPathTasks is \"/tmp/elsewhere\", not "
+                               "\"/dev/cpuacct/Domain_Audio/tasks\"\n",
+                               "Domain_Camera: its segment has mode 0666, not 0660\n"},
+                              {"set to \"/dev/cpuacct/Domain_Audio/tasks\"", "mode set to 0660"});
     qxt::TestThread t;
     EXPECT_EQ(QX_REALTIME_AddThread("Domain_Audio", "Class_Render", t.tid(), 0), RT_SUCCESS);
     EXPECT_EQ(QX_REALTIME_RemoveThread("Domain_Audio", t.tid()), RT_SUCCESS);
@@ -179,7 +180,8 @@ TEST_F(RtctlCheck, JsonListsTheFindingsAndTheRepairs) {
     EXPECT_TRUE(contains(fixed.out, "\"action\":\"s32UtilCurrent set to 0\"")) << fixed.out;
     Result clean = rtctl({"check", "--json"});
     EXPECT_EQ(clean.status, 0);
-    EXPECT_TRUE(contains(clean.out, "\"consistent\":true,\"error\":null,\"findings\":[]")) << clean.out;
+    EXPECT_TRUE(contains(clean.out, "\"consistent\":true,\"error\":null,\"findings\":[]"))
+        << clean.out;
 }
 
 // A repair that can't be done says "could not" and the check ends with status 1: a planted
@@ -189,11 +191,13 @@ TEST_F(RtctlCheck, RepairThatFailsEndsWithStatusOne) {
     ASSERT_EQ(mkdir("/dev/shm/realtime/rt_Domain_Camera", 0700), 0);
     Result fixed = rtctl({"check", "--repair"});
     EXPECT_EQ(fixed.status, 1) << fixed.out << fixed.err;
-    EXPECT_TRUE(contains(fixed.out, "Domain_Camera: its segment is not a regular file\n")) << fixed.out;
+    EXPECT_TRUE(contains(fixed.out, "Domain_Camera: its segment is not a regular file\n"))
+        << fixed.out;
     EXPECT_TRUE(contains(fixed.out, "could not unlink: Is a directory")) << fixed.out;
     Result json = rtctl({"check", "--repair", "--json"});
     EXPECT_EQ(json.status, 1) << json.out;
-    EXPECT_TRUE(contains(json.out, "\"status\":1,\"repair\":true,\"consistent\":false")) << json.out;
+    EXPECT_TRUE(contains(json.out, "\"status\":1,\"repair\":true,\"consistent\":false"))
+        << json.out;
     ASSERT_EQ(rmdir("/dev/shm/realtime/rt_Domain_Camera"), 0);
 }
 
@@ -204,10 +208,12 @@ TEST_F(RtctlCheck, CentralSegmentThatIsNoRegularFileIsRemoved) {
     ASSERT_EQ(mkfifo("/dev/shm/realtime/rt_Global", 0666), 0);
     Result found = rtctl({"check"});
     EXPECT_EQ(found.status, 1) << found.out << found.err;
-    EXPECT_TRUE(contains(found.out, "Global: the central segment is not a regular file\n")) << found.out;
+    EXPECT_TRUE(contains(found.out, "Global: the central segment is not a regular file\n"))
+        << found.out;
     Result fixed = rtctl({"check", "--repair"});
     EXPECT_EQ(fixed.status, 0) << fixed.out << fixed.err;
-    EXPECT_TRUE(contains(fixed.out, "    repaired: removed; call QX_REALTIME_Init (rtctl init) to make it anew"))
+    EXPECT_TRUE(contains(
+        fixed.out, "    repaired: removed; call QX_REALTIME_Init (rtctl init) to make it anew"))
         << fixed.out;
     struct stat st;
     EXPECT_EQ(lstat("/dev/shm/realtime/rt_Global", &st), -1);

@@ -32,7 +32,8 @@ std::vector<std::string> files_in(const std::string &dir, const std::string &suf
     while (struct dirent *e = readdir(d)) {
         std::string n = e->d_name;
         if (n == "." || n == "..") continue;
-        if (n.size() < suffix.size() || n.compare(n.size() - suffix.size(), suffix.size(), suffix) != 0)
+        if (n.size() < suffix.size() ||
+            n.compare(n.size() - suffix.size(), suffix.size(), suffix) != 0)
             continue;
         out.push_back(dir + "/" + n);
     }
@@ -52,7 +53,8 @@ std::vector<std::string> all_cases() {
 // The names after every "Domain_ quote, each once, as the parser may meet them (keys or values).
 std::vector<std::string> domain_names_in(const std::string &text) {
     std::vector<std::string> out;
-    for (size_t p = text.find("\"Domain_"); p != std::string::npos; p = text.find("\"Domain_", p + 1)) {
+    for (size_t p = text.find("\"Domain_"); p != std::string::npos;
+         p = text.find("\"Domain_", p + 1)) {
         size_t end = text.find('"', p + 1);
         if (end == std::string::npos) break;
         std::string name = text.substr(p + 1, end - p - 1);
@@ -79,8 +81,10 @@ Reading library_itself(const std::string &text, const std::vector<std::string> &
 
     std::unique_ptr<QX_REALTIME_CENTRAL_t, FreeDeleter> central(
         (QX_REALTIME_CENTRAL_t *)calloc(1, sizeof(QX_REALTIME_CENTRAL_t)));
-    std::unique_ptr<QX_REALTIME_TOP_t, FreeDeleter> top((QX_REALTIME_TOP_t *)calloc(1, sizeof(QX_REALTIME_TOP_t)));
-    std::unique_ptr<QX_REALTIME_DOMAIN_t, FreeDeleter> domain((QX_REALTIME_DOMAIN_t *)malloc(RT_SHM_SIZE));
+    std::unique_ptr<QX_REALTIME_TOP_t, FreeDeleter> top(
+        (QX_REALTIME_TOP_t *)calloc(1, sizeof(QX_REALTIME_TOP_t)));
+    std::unique_ptr<QX_REALTIME_DOMAIN_t, FreeDeleter> domain(
+        (QX_REALTIME_DOMAIN_t *)malloc(RT_SHM_SIZE));
     top->pstCentral = central.get();
     QX_REALTIME_TOP_t *saved_top = pstTop;
     uint32_t saved_level = _u32DbgLevel;
@@ -104,7 +108,8 @@ Reading library_itself(const std::string &text, const std::vector<std::string> &
         r.sched_type = (int)d->u32SchedType;
         for (int32_t i = 0; i < d->s32ClassNum; i++) {
             const QX_REALTIME_CLASS_t *c =
-                (const QX_REALTIME_CLASS_t *)((const char *)d + d->s32ClassStartOffset + i * RT_CLASS_SIZE);
+                (const QX_REALTIME_CLASS_t *)((const char *)d + d->s32ClassStartOffset +
+                                              i * RT_CLASS_SIZE);
             ClassReading cr;
             cr.name = std::string(c->szClassName, strnlen(c->szClassName, RT_NAME_LEN));
             cr.util = c->s32Util;
@@ -145,16 +150,20 @@ std::string differences(const Reading &a, const Reading &b, bool compare_found) 
         const DomainReading &x = a.domains[i], &y = b.domains[i];
         std::string n = x.name + " ";
         if (x.name != y.name) o << "domain " << i << ": " << x.name << " vs " << y.name << "\n";
-        if (compare_found) field(n + "found", x.found, y.found);
-        else if (y.found && !x.found) o << n << "read by the library but not found by the linter\n";
+        if (compare_found)
+            field(n + "found", x.found, y.found);
+        else if (y.found && !x.found)
+            o << n << "read by the library but not found by the linter\n";
         field(n + "Util", x.util, y.util);
-        if (x.cpuset != y.cpuset) o << n << "Cpuset: \"" << x.cpuset << "\" vs \"" << y.cpuset << "\"\n";
+        if (x.cpuset != y.cpuset)
+            o << n << "Cpuset: \"" << x.cpuset << "\" vs \"" << y.cpuset << "\"\n";
         field(n + "sched type", x.sched_type, y.sched_type);
         field(n + "classes", (long long)x.classes.size(), (long long)y.classes.size());
         for (size_t c = 0; c < x.classes.size() && c < y.classes.size(); c++) {
             const ClassReading &p = x.classes[c], &q = y.classes[c];
             std::string cn = n + p.name + " ";
-            if (p.name != q.name) o << n << "class " << c << ": " << p.name << " vs " << q.name << "\n";
+            if (p.name != q.name)
+                o << n << "class " << c << ": " << p.name << " vs " << q.name << "\n";
             field(cn + "Util", p.util, q.util);
             field(cn + "RT_Priority", p.rt_priority, q.rt_priority);
             field(cn + "DL_RuntimeUs", p.dl_runtime, q.dl_runtime);
@@ -177,9 +186,9 @@ std::string case_name(const ::testing::TestParamInfo<std::string> &info) {
     std::string p = info.param;
     std::string dir = p.substr(0, p.rfind('/'));
     std::string base = p.substr(p.rfind('/') + 1);
-    std::string tag = dir.find("fuzz") != std::string::npos ? "fuzz_"
+    std::string tag = dir.find("fuzz") != std::string::npos          ? "fuzz_"
                       : dir.find("lint_corpus") != std::string::npos ? "lint_"
-                                                                       : "shipped_";
+                                                                     : "shipped_";
     std::string out = tag + base;
     for (char &c : out)
         if (!isalnum((unsigned char)c)) c = '_';

@@ -47,7 +47,8 @@ std::vector<std::string> corpus_names() {
     if (dir == nullptr) return names;
     while (struct dirent *e = readdir(dir)) {
         std::string n = e->d_name;
-        if (n.size() > 5 && n.compare(n.size() - 5, 5, ".json") == 0) names.push_back(n.substr(0, n.size() - 5));
+        if (n.size() > 5 && n.compare(n.size() - 5, 5, ".json") == 0)
+            names.push_back(n.substr(0, n.size() - 5));
     }
     closedir(dir);
     std::sort(names.begin(), names.end());
@@ -86,13 +87,16 @@ TEST_P(LintCorpus, ReportsExactlyTheExpectedDiagnosticsOnTheirLines) {
         EXPECT_EQ(found[i].line, expected[i].line) << describe(found);
         EXPECT_EQ(found[i].severity, expected[i].severity) << describe(found);
         EXPECT_NE(found[i].message.find(expected[i].fragment), std::string::npos)
-            << "expected \"" << expected[i].fragment << "\" in:\n" << describe(found);
+            << "expected \"" << expected[i].fragment << "\" in:\n"
+            << describe(found);
         EXPECT_FALSE(found[i].fix.empty()) << describe(found);
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(Files, LintCorpus, ::testing::ValuesIn(corpus_names()),
-                         [](const ::testing::TestParamInfo<std::string> &info) { return info.param; });
+                         [](const ::testing::TestParamInfo<std::string> &info) {
+                             return info.param;
+                         });
 
 TEST(Lint, ShippedConfigurationsAreClean) {
     for (const char *name : {"rt-0.json", "rt_verify_only.json"}) {
@@ -124,10 +128,12 @@ TEST(Lint, ReportFormatNamesFileLineSeverityAndFix) {
 }
 
 TEST(Lint, MalformedJsonGivesLineAndColumnOfTheFirstError) {
-    std::vector<Diagnostic> found = lint_for_two_cpus("{\n  \"System_A\": {\n    \"Util\": 12 13\n  }\n}\n");
+    std::vector<Diagnostic> found =
+        lint_for_two_cpus("{\n  \"System_A\": {\n    \"Util\": 12 13\n  }\n}\n");
     ASSERT_EQ(found.size(), 1u) << describe(found);
     EXPECT_EQ(found[0].line, 3);
-    EXPECT_NE(found[0].message.find("malformed JSON at column 16"), std::string::npos) << found[0].message;
+    EXPECT_NE(found[0].message.find("malformed JSON at column 16"), std::string::npos)
+        << found[0].message;
 }
 
 TEST(Lint, TheWholeFileMustBeOneObject) {
@@ -141,9 +147,10 @@ TEST(RtctlLint, ErrorsExitOneAndArePrintedOnePerLine) {
     qxt::Result r = qxt::rtctl({"lint", "--cpus", "2", path});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out,
-              path + ":15: error: domain key \"Cpuset\" comes after the class \"Class_Render\" of "
-                     "\"Domain_Audio\"; the parser reads it as a key of the last class before it "
-                     "(fix: move \"Cpuset\" above \"Class_Render\")\n" +
+              path +
+                  ":15: error: domain key \"Cpuset\" comes after the class \"Class_Render\" of "
+                  "\"Domain_Audio\"; the parser reads it as a key of the last class before it "
+                  "(fix: move \"Cpuset\" above \"Class_Render\")\n" +
                   path + ": 1 error, 0 warnings\n");
 }
 
@@ -165,7 +172,8 @@ TEST(RtctlLint, ShippedConfigurationLintsCleanOnThisMachine) {
 TEST(RtctlLint, UnreadableFileIsAnError) {
     qxt::Result r = qxt::rtctl({"lint", "/nonexistent/rt-9.json"});
     EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "/nonexistent/rt-9.json: error: cannot read the file: No such file or directory\n");
+    EXPECT_EQ(r.out,
+              "/nonexistent/rt-9.json: error: cannot read the file: No such file or directory\n");
 }
 
 TEST(RtctlLint, LintingTouchesNoSharedState) {

@@ -323,7 +323,8 @@ TEST_F(RtctlLoaded, UsageSvgIsValidAndCarriesThePrintedSamples) {
         std::istringstream points(m[4].str());
         std::vector<std::pair<double, double>> xy;
         std::string p;
-        while (points >> p) xy.push_back({atof(p.c_str()), atof(p.substr(p.find(',') + 1).c_str())});
+        while (points >> p)
+            xy.push_back({atof(p.c_str()), atof(p.substr(p.find(',') + 1).c_str())});
         ASSERT_EQ(xy.size(), got.size()) << name;
         for (size_t i = 1; i < xy.size(); i++) {
             EXPECT_GT(xy[i].first, xy[i - 1].first);
@@ -392,8 +393,9 @@ TEST_F(RtctlLoaded, TopInATerminalShowsDomainsThreadsAndOverBudgetAndQuitsOnQ) {
 #ifndef QXRT_RTCTL_HAS_CURSES
     GTEST_SKIP() << "rtctl was built without ncurses (none for this target): top prints plain text";
 #endif
-    QXT_SKIP_UNDER_EMULATOR("the tmux run of rtctl top under qemu-user fails for a reason not yet "
-                            "found; the native builds test it");
+    QXT_SKIP_UNDER_EMULATOR(
+        "the tmux run of rtctl top under qemu-user fails for a reason not yet "
+        "found; the native builds test it");
     qxt::TestThread busy(6, 4);  // about 60 % of one core
     ASSERT_EQ(rtctl({"add", "Domain_Audio", "Class_Mix", std::to_string(busy.tid())}).status, 0);
     const std::string tmux = "tmux -S /tmp/qxrt_tmux_" + std::to_string(getpid()) + " ";
@@ -413,10 +415,12 @@ TEST_F(RtctlLoaded, TopInATerminalShowsDomainsThreadsAndOverBudgetAndQuitsOnQ) {
     // and the last one read is what the assertions below report).
     std::regex header("rtctl top - libqxt_realtime_hal " QX_REALTIME_VERSION
                       " - every 0\\.3 s - refresh ([3-9]|[1-9][0-9]+) - q quits");
-    std::regex audio(R"(\nDomain_Audio +RR +1 +100 +100 \[[#!| ]*![#!| ]*\] +\d+\.\d% /   9\.8% OVER\n)");
+    std::regex audio(
+        R"(\nDomain_Audio +RR +1 +100 +100 \[[#!| ]*![#!| ]*\] +\d+\.\d% /   9\.8% OVER\n)");
     std::regex thread("\n    tid " + std::to_string(busy.tid()) + " +" + own_comm() +
                       R"( +Class_Mix +RR 80\n)");
-    std::regex camera(R"(\nDomain_Camera +DEADLINE +0-1 +1024 +0 \[[#| ]+\] +\d+\.\d% / 100\.0%\n)");
+    std::regex camera(
+        R"(\nDomain_Camera +DEADLINE +0-1 +1024 +0 \[[#| ]+\] +\d+\.\d% / 100\.0%\n)");
     auto shows_all = [&](const std::string &text) {
         return std::regex_search(text, header) && std::regex_search(text, audio) &&
                std::regex_search(text, thread) && std::regex_search(text, camera);

@@ -8,15 +8,15 @@
 #include "cli_support.h"
 #include "test_support.h"
 
-using qxt::rtctl;
 using qxt::Result;
+using qxt::rtctl;
 
 namespace {
 
 const char *const kAllCommands[] = {
-    "init",   "deinit",  "debug-level", "self-test",  "create",      "delete",        "list",
-    "add",    "add-lite", "remove",     "update",     "budget",      "dmips",         "usage",
-    "dump",   "mem-enable", "mem-disable", "mem-available", "check", "top", "lint"};
+    "init", "deinit",     "debug-level", "self-test",     "create", "delete", "list",
+    "add",  "add-lite",   "remove",      "update",        "budget", "dmips",  "usage",
+    "dump", "mem-enable", "mem-disable", "mem-available", "check",  "top",    "lint"};
 
 bool contains(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
@@ -24,7 +24,8 @@ bool contains(const std::string &text, const std::string &part) {
 
 int count_of(const std::string &text, const std::string &part) {
     int n = 0;
-    for (size_t pos = text.find(part); pos != std::string::npos; pos = text.find(part, pos + 1)) n++;
+    for (size_t pos = text.find(part); pos != std::string::npos; pos = text.find(part, pos + 1))
+        n++;
     return n;
 }
 
@@ -176,8 +177,8 @@ TEST_F(RtctlWithDomains, AddAppliesTheClassPolicyAndRemoveRestoresTheThread) {
 
 TEST_F(RtctlWithDomains, AddLiteAppliesTheGivenDeadlineParameters) {
     qxt::TestThread t(true);  // runnable, so its bandwidth goes back at once on removal
-    Result r = rtctl({"add-lite", "Domain_Camera", "Class_Isp", std::to_string(t.tid()), "0", "9000",
-                   "3000", "20000"});
+    Result r = rtctl({"add-lite", "Domain_Camera", "Class_Isp", std::to_string(t.tid()), "0",
+                      "9000", "3000", "20000"});
     ASSERT_EQ(r.status, 0) << r.err;
     qxt::SchedInfo s = qxt::sched_of(t.tid());
     EXPECT_EQ(s.policy, (uint32_t)SCHED_DEADLINE);
@@ -291,7 +292,8 @@ TEST_F(RtctlWithDomains, DumpPrintsTheDomainRecordAndItsThreadsOnStdout) {
 TEST_F(RtctlWithDomains, DumpOfAnUnknownDomainExitsNull) {
     Result r = rtctl({"dump", "Domain_Nowhere"});
     EXPECT_EQ(r.status, 10);
-    EXPECT_TRUE(contains(r.out, "[QX_REALTIME_DumpDomainInfo] pstDomain is NULL for [Domain_Nowhere].\n"))
+    EXPECT_TRUE(
+        contains(r.out, "[QX_REALTIME_DumpDomainInfo] pstDomain is NULL for [Domain_Nowhere].\n"))
         << r.out;
 }
 
@@ -315,7 +317,8 @@ TEST_F(RtctlWithDomains, VerboseShowsInfoMessagesOfThatInvocationOnly) {
     EXPECT_EQ(verbose.status, 0);
     EXPECT_TRUE(contains(verbose.err, "[RT_Impl][Info] Total Used Util for all processes=1536\n"))
         << verbose.err;
-    EXPECT_TRUE(contains(verbose.err, "[RT_Impl][DBG] [QX_REALTIME_GetAllDomainName]")) << verbose.err;
+    EXPECT_TRUE(contains(verbose.err, "[RT_Impl][DBG] [QX_REALTIME_GetAllDomainName]"))
+        << verbose.err;
     EXPECT_EQ(verbose.out, "Domain_Audio\nDomain_Camera\n");
 }
 

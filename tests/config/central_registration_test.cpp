@@ -2,8 +2,8 @@
 // lists, and the refusal of a 25th domain without writing past them.
 #include "config_suite.h"
 
-using qxt::LogCapture;
 using qxt::format;
+using qxt::LogCapture;
 using namespace qxt_config;
 
 namespace {
@@ -107,8 +107,9 @@ TEST_F(CentralRegistrationTest, A25thDistinctDomainIsRefusedWithoutWritingPastTh
     DomainRecord refused("Domain_D24");
     LogCapture log;
     EXPECT_EQ(parse_text(text, refused), RT_ERR_INVALID_PARAM);
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParsingScope] Domain [Domain_D24] "
-                              "can't be recorded: the central data holds at most 24 domains.\n"))
+    EXPECT_TRUE(
+        log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParsingScope] Domain [Domain_D24] "
+                      "can't be recorded: the central data holds at most 24 domains.\n"))
         << log.dump();
     EXPECT_EQ(log.count_containing("Failed to find"), 0) << log.dump();
     EXPECT_EQ(central->s32DomainNum, 24);
@@ -132,9 +133,10 @@ TEST_F(CentralRegistrationTest, A25thDistinctDomainIsRefusedWithoutWritingPastTh
 TEST_F(CentralRegistrationTest, A25thDomainIsRefusedByCreationAndLeavesNoSegment) {
     std::string domains;
     for (int i = 0; i < 25; i++)
-        domains += format("%s    \"%s\": {\"Util\": 0, \"Cpuset\": \"0\", \"Class_C\": "
-                          "{\"Util\": 0, \"RT_Priority\": 1}}",
-                          i ? ",\n" : "", domain_name(i).c_str());
+        domains += format(
+            "%s    \"%s\": {\"Util\": 0, \"Cpuset\": \"0\", \"Class_C\": "
+            "{\"Util\": 0, \"RT_Priority\": 1}}",
+            i ? ",\n" : "", domain_name(i).c_str());
     qxt::install_config("full", qxt::config_with(1, 1024, 2, 80, 2, domains));
     ASSERT_EQ(QX_REALTIME_Init(0), RT_SUCCESS);
     // Creation lists each domain; eight fit this process's table, the others are listed before
@@ -143,8 +145,9 @@ TEST_F(CentralRegistrationTest, A25thDomainIsRefusedByCreationAndLeavesNoSegment
     ASSERT_EQ(pstTop->pstCentral->s32DomainNum, 24);
     LogCapture log;
     EXPECT_NE(QX_REALTIME_CreateDomain("Domain_D24"), RT_SUCCESS);
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParsingScope] Domain [Domain_D24] "
-                              "can't be recorded: the central data holds at most 24 domains.\n"))
+    EXPECT_TRUE(
+        log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParsingScope] Domain [Domain_D24] "
+                      "can't be recorded: the central data holds at most 24 domains.\n"))
         << log.dump();
     EXPECT_FALSE(qxt::file_exists(RT_SHM_PREFIX "Domain_D24"));
     EXPECT_EQ(pstTop->pstCentral->s32DomainNum, 24);

@@ -25,9 +25,10 @@ std::string text_of_size(size_t size) {
 }
 
 std::string realloc_line(const std::string &path, int size) {
-    return qxt::format("[RT_Impl][Info] [_QX_REALTIME_FileReader]: The file [%s] is realloc to "
-                       "[%d] bytes.\n",
-                       path.c_str(), size);
+    return qxt::format(
+        "[RT_Impl][Info] [_QX_REALTIME_FileReader]: The file [%s] is realloc to "
+        "[%d] bytes.\n",
+        path.c_str(), size);
 }
 
 class FileReaderTest : public ::testing::Test {
@@ -127,9 +128,9 @@ TEST_F(FileReaderTest, MissingFileIsASystemErrorWithTheOpenFailure) {
     char *raw = nullptr;
     EXPECT_EQ(_QX_REALTIME_FileReader(path.c_str(), &raw), RT_ERR_SYSTEM);
     EXPECT_EQ(raw, nullptr);
-    EXPECT_TRUE(log.has_error(qxt::format(
-        "[RT_Impl][Err] [_QX_REALTIME_FileReader] Failed to open %s: %s.\n", path.c_str(),
-        errno_text(ENOENT).c_str())))
+    EXPECT_TRUE(log.has_error(
+        qxt::format("[RT_Impl][Err] [_QX_REALTIME_FileReader] Failed to open %s: %s.\n",
+                    path.c_str(), errno_text(ENOENT).c_str())))
         << log.dump();
 }
 
@@ -140,8 +141,8 @@ TEST_F(FileReaderTest, UnreadablePathIsASystemErrorWithTheOpenFailure) {
     LogCapture log;
     char *raw = nullptr;
     EXPECT_EQ(_QX_REALTIME_FileReader(path.c_str(), &raw), RT_ERR_SYSTEM);
-    EXPECT_TRUE(log.has_error(qxt::format(
-        "[RT_Impl][Err] [_QX_REALTIME_FileReader] Failed to open %s: %s.\n", path.c_str(),
-        errno_text(ENOTDIR).c_str())))
+    EXPECT_TRUE(log.has_error(
+        qxt::format("[RT_Impl][Err] [_QX_REALTIME_FileReader] Failed to open %s: %s.\n",
+                    path.c_str(), errno_text(ENOTDIR).c_str())))
         << log.dump();
 }

@@ -5,8 +5,8 @@
 
 #include "config_suite.h"
 
-using qxt::LogCapture;
 using qxt::format;
+using qxt::LogCapture;
 using namespace qxt_config;
 
 namespace {
@@ -41,7 +41,8 @@ std::string domain_with_classes(int classes) {
 }
 
 std::string grow_line(int from, int to) {
-    return format("[RT_Impl][DBG] Prev Tok count = %d is not enough, enlarge it to %d.\n", from, to);
+    return format("[RT_Impl][DBG] Prev Tok count = %d is not enough, enlarge it to %d.\n", from,
+                  to);
 }
 
 }  // namespace
@@ -169,8 +170,9 @@ TEST_F(ConfigParserTest, MisspeltClassKeyWithoutDescriptionIsComplainedAbout) {
         "Class_X": {"RT_Prioirty": 5}}})",
                          domain),
               RT_SUCCESS);
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParsingString] Unknown str: "
-                              "'RT_Prioirty'; ParsingStatus=[4].\n"))
+    EXPECT_TRUE(
+        log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParsingString] Unknown str: "
+                      "'RT_Prioirty'; ParsingStatus=[4].\n"))
         << log.dump();
     EXPECT_TRUE(log.has_error(
         "[RT_Impl][Err] [_QX_REALTIME_ParsingScope] Unknown Class: [5]; ParsingStatus=[4].\n"))
@@ -200,8 +202,9 @@ TEST_F(ConfigParserTest, DescriptionSilencesUnknownDomainValues) {
     LogCapture log;
     ASSERT_EQ(parse_text(R"({"Domain_A": {"Util": 100, "Cpuset": "0", "Spare": 3}})", domain),
               RT_SUCCESS);
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParsingScope] Unknown Domain: [3]; "
-                              "ParsingStatus = [2]\n"))
+    EXPECT_TRUE(
+        log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParsingScope] Unknown Domain: [3]; "
+                      "ParsingStatus = [2]\n"))
         << log.dump();
 
     DomainRecord quiet("Domain_Q");
@@ -222,8 +225,9 @@ TEST_F(ConfigParserTest, DomainKeyAfterAClassIsTakenAsAClassKey) {
                          domain),
               RT_SUCCESS);
     // Cpuset in the class scope: complained about, the domain keeps none.
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParsingString] Unknown str: '0-1'; "
-                              "ParsingStatus=[516].\n"))
+    EXPECT_TRUE(
+        log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParsingString] Unknown str: '0-1'; "
+                      "ParsingStatus=[516].\n"))
         << log.dump();
     EXPECT_STREQ(domain->pszCpuset, "");
     EXPECT_EQ(domain->s32CpuNum, 0);
@@ -233,8 +237,9 @@ TEST_F(ConfigParserTest, DomainKeyAfterAClassIsTakenAsAClassKey) {
     EXPECT_EQ(domain->s32UtilMax, 0);
     EXPECT_EQ(pstTop->pstCentral->s32DomainNum, 0);
     // A value no class key asked for: the Cpuset bit still pending shows in the status.
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParsingScope] Unknown Class: [9]; "
-                              "ParsingStatus=[548].\n"))
+    EXPECT_TRUE(
+        log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParsingScope] Unknown Class: [9]; "
+                      "ParsingStatus=[548].\n"))
         << log.dump();
 }
 
@@ -248,11 +253,13 @@ TEST_F(ConfigParserTest, DomainWhoseCpusetFollowsItsClassFailsCreationOnTheCpuCo
     ASSERT_EQ(QX_REALTIME_Init(0), RT_SUCCESS);
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_CreateDomain("Domain_Late"), RT_ERR_FAILED);
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParsingString] Unknown str: '0'; "
-                              "ParsingStatus=[516].\n"))
+    EXPECT_TRUE(
+        log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParsingString] Unknown str: '0'; "
+                      "ParsingStatus=[516].\n"))
         << log.dump();
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [QX_REALTIME_CreateDomain_Impl] Domain [Domain_Late] "
-                              "Cpuset = [] CpuMask = [0x0], CpuNum = [0]\n"))
+    EXPECT_TRUE(
+        log.has_error("[RT_Impl][Err] [QX_REALTIME_CreateDomain_Impl] Domain [Domain_Late] "
+                      "Cpuset = [] CpuMask = [0x0], CpuNum = [0]\n"))
         << log.dump();
     EXPECT_FALSE(qxt::file_exists(RT_SHM_PREFIX "Domain_Late"));
 }
@@ -346,7 +353,7 @@ TEST_F(ConfigParserTest, SystemValuesGoToTheTopObjectAndTheCentralRecord) {
     EXPECT_EQ(pstTop->s32BudgetCpuNum, 5);
     EXPECT_EQ(central->s32BudgetCpuNum, 5);
     EXPECT_EQ(pstTop->s32DbgLevel, 6);
-    EXPECT_EQ(central->s32DbgLevel, 4);       // the parser writes DbgLevel to pstTop only
+    EXPECT_EQ(central->s32DbgLevel, 4);          // the parser writes DbgLevel to pstTop only
     EXPECT_EQ(_u32DbgLevel, RT_DBG_LEVEL_INFO);  // and does not change the running level
     EXPECT_EQ(pstTop->Enabled, 3u);
     EXPECT_EQ(central->u8Enabled, 1);  // Enabled too
@@ -431,8 +438,9 @@ TEST_F(ConfigParserTest, NumbersWrittenAsStringsOrLiteralsAreNotTakenAsNumbers) 
     EXPECT_TRUE(log.has_info("[RT_Impl][Info] (Global)  BudgetCpuNum = [0].\n")) << log.dump();
     EXPECT_EQ(domain->s32UtilMax, 0);
     EXPECT_EQ(pstTop->pstCentral->s32DomainNum, 1);  // false is a number to the parser: 0
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParsingString] Unknown str: '90'; "
-                              "ParsingStatus=[1028].\n"))
+    EXPECT_TRUE(
+        log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParsingString] Unknown str: '90'; "
+                      "ParsingStatus=[1028].\n"))
         << log.dump();
     EXPECT_EQ(domain.cls(0)->s32RtPriority, 0);
     EXPECT_EQ(domain.cls(1)->s32DlRuntimeUs, 0);
@@ -479,12 +487,15 @@ TEST_F(ConfigParserTest, DeadlineRuntimeClearsTheClassUtilAndPriority) {
     EXPECT_EQ(domain.cls(0)->s32DlPeriodUs, 3000);
     EXPECT_EQ(domain->u32SchedType, RT_SCHED_TYPE_DEADLINE);
     EXPECT_TRUE(log.has_info("[RT_Impl][Info] Domain [Domain_A] is set as DEADLINE.\n"));
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] Domain [Domain_A] Class [Class_X] DL_RuntimeUs = "
-                             "[1000].\n"));
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] Domain [Domain_A] Class [Class_X] DL_DeadlineUs = "
-                             "[2000].\n"));
-    EXPECT_TRUE(log.has_info("[RT_Impl][Info] Domain [Domain_A] Class [Class_X] DL_PeriodUs = "
-                             "[3000].\n"));
+    EXPECT_TRUE(
+        log.has_info("[RT_Impl][Info] Domain [Domain_A] Class [Class_X] DL_RuntimeUs = "
+                     "[1000].\n"));
+    EXPECT_TRUE(
+        log.has_info("[RT_Impl][Info] Domain [Domain_A] Class [Class_X] DL_DeadlineUs = "
+                     "[2000].\n"));
+    EXPECT_TRUE(
+        log.has_info("[RT_Impl][Info] Domain [Domain_A] Class [Class_X] DL_PeriodUs = "
+                     "[3000].\n"));
 }
 
 TEST_F(ConfigParserTest, CpusetOfSixteenOrMoreCharactersIsKeptToFifteen) {
@@ -510,7 +521,8 @@ TEST_F(ConfigParserTest, RefusedCpuRangeLeavesTheDomainWithoutCpus) {
     DomainRecord domain("Domain_A");
     LogCapture log;
     ASSERT_EQ(parse_text(R"({"Domain_A": {"Util": 100, "Cpuset": "0-0"}})", domain), RT_SUCCESS);
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParseCpuSelection] 0-0 parsing error.\n"))
+    EXPECT_TRUE(
+        log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParseCpuSelection] 0-0 parsing error.\n"))
         << log.dump();
     EXPECT_STREQ(domain->pszCpuset, "0-0");
     EXPECT_EQ(domain->s32CpuNum, 0);
@@ -567,9 +579,9 @@ TEST_F(ConfigParserTest, UnknownStringOf200CharactersIsReportedWhole) {
     std::string value(200, 'v');
     DomainRecord domain("Domain_A");
     LogCapture log;
-    ASSERT_EQ(parse_text("{\"Domain_A\": {\"Class_X\": {\"RT_Priority\": \"" + value + "\"}}}",
-                         domain),
-              RT_SUCCESS);
+    ASSERT_EQ(
+        parse_text("{\"Domain_A\": {\"Class_X\": {\"RT_Priority\": \"" + value + "\"}}}", domain),
+        RT_SUCCESS);
     EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParsingString] Unknown str: '" + value +
                               "'; ParsingStatus=[1028].\n"))
         << log.dump();
@@ -588,12 +600,13 @@ TEST_F(ConfigParserTest, MixedRoundRobinAndDeadlineClassesAreRefused) {
               RT_ERR_INVALID_PARAM);
     EXPECT_EQ(domain->u32SchedType, RT_SCHED_TYPE_BOTH);
     EXPECT_TRUE(log.has_info("[RT_Impl][Info] Domain [Domain_M] is set as RR.\n")) << log.dump();
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParsingScope] Undefined behavior! The "
-                              "domain is already set as RR, and SHOULD NOT be set as DEADLINE.\n"))
+    EXPECT_TRUE(
+        log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParsingScope] Undefined behavior! The "
+                      "domain is already set as RR, and SHOULD NOT be set as DEADLINE.\n"))
         << log.dump();
-    EXPECT_TRUE(log.has_error(format(
-        "[RT_Impl][Err] Please check [%s], the sched type of domain[Domain_M] is wrong.\n",
-        path.c_str())))
+    EXPECT_TRUE(log.has_error(
+        format("[RT_Impl][Err] Please check [%s], the sched type of domain[Domain_M] is wrong.\n",
+               path.c_str())))
         << log.dump();
     EXPECT_EQ(log.count_containing("Failed to find"), 0) << log.dump();
 }
@@ -608,12 +621,13 @@ TEST_F(ConfigParserTest, DeadlineThenRoundRobinClassesAreRefused) {
                          domain, &path),
               RT_ERR_INVALID_PARAM);
     EXPECT_EQ(domain->u32SchedType, RT_SCHED_TYPE_BOTH);
-    EXPECT_TRUE(log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParsingScope] Undefined behavior! The "
-                              "domain is already set as DEADLINE, and SHOULD NOT be set as RR.\n"))
+    EXPECT_TRUE(
+        log.has_error("[RT_Impl][Err] [_QX_REALTIME_ParsingScope] Undefined behavior! The "
+                      "domain is already set as DEADLINE, and SHOULD NOT be set as RR.\n"))
         << log.dump();
-    EXPECT_TRUE(log.has_error(format(
-        "[RT_Impl][Err] Please check [%s], the sched type of domain[Domain_M] is wrong.\n",
-        path.c_str())))
+    EXPECT_TRUE(log.has_error(
+        format("[RT_Impl][Err] Please check [%s], the sched type of domain[Domain_M] is wrong.\n",
+               path.c_str())))
         << log.dump();
 }
 
@@ -655,8 +669,8 @@ TEST_F(ConfigParserTest, TruncatedJsonIsReportedAsDomainNotFound) {
 }
 
 TEST_F(ConfigParserTest, MalformedJsonIsReportedAsDomainNotFound) {
-    for (const char *text : {R"({"Domain_A": {"Util": 100]})", R"({"Domain_A": {"Util": "1}})",
-                             "]", "{\"Domain_A\": {\"Util\": 100, \"Cpuset\": \"0\"}}}}"}) {
+    for (const char *text : {R"({"Domain_A": {"Util": 100]})", R"({"Domain_A": {"Util": "1}})", "]",
+                             "{\"Domain_A\": {\"Util\": 100, \"Cpuset\": \"0\"}}}}"}) {
         DomainRecord domain("Domain_A");
         std::string path;
         LogCapture log;
@@ -680,9 +694,9 @@ TEST_F(ConfigParserTest, MissingFileIsASystemError) {
     const std::string path = "/vendor/etc/realtime/rt-missing.json";
     LogCapture log;
     EXPECT_EQ(_QX_REALTIME_JsonParser(path.c_str(), domain.get()), RT_ERR_SYSTEM);
-    EXPECT_TRUE(log.has_error(format(
-        "[RT_Impl][Err] [_QX_REALTIME_FileReader] Failed to open %s: %s.\n", path.c_str(),
-        errno_text(ENOENT).c_str())))
+    EXPECT_TRUE(
+        log.has_error(format("[RT_Impl][Err] [_QX_REALTIME_FileReader] Failed to open %s: %s.\n",
+                             path.c_str(), errno_text(ENOENT).c_str())))
         << log.dump();
     EXPECT_TRUE(log.has_error(
         format("[RT_Impl][Err] [_QX_REALTIME_JsonParser] Read %s failed.\n", path.c_str())))
@@ -695,9 +709,9 @@ TEST_F(ConfigParserTest, UnreadableFileIsASystemError) {
     const std::string path = write_config("{}") + "/below-a-file.json";
     LogCapture log;
     EXPECT_EQ(_QX_REALTIME_JsonParser(path.c_str(), domain.get()), RT_ERR_SYSTEM);
-    EXPECT_TRUE(log.has_error(format(
-        "[RT_Impl][Err] [_QX_REALTIME_FileReader] Failed to open %s: %s.\n", path.c_str(),
-        errno_text(ENOTDIR).c_str())))
+    EXPECT_TRUE(
+        log.has_error(format("[RT_Impl][Err] [_QX_REALTIME_FileReader] Failed to open %s: %s.\n",
+                             path.c_str(), errno_text(ENOTDIR).c_str())))
         << log.dump();
     EXPECT_TRUE(log.has_error(
         format("[RT_Impl][Err] [_QX_REALTIME_JsonParser] Read %s failed.\n", path.c_str())))
@@ -771,7 +785,8 @@ TEST_F(ConfigParserTest, WalkCountsTheTokensOfEachShape) {
 }
 
 TEST_F(ConfigParserTest, WalkOfASubtreeCountsOnlyThatSubtree) {
-    const char *json = "{\"Domain_A\": {\"Util\": 5, \"Class_X\": {\"RT_Priority\": 7}}, \"Domain_B\": {}}";
+    const char *json =
+        "{\"Domain_A\": {\"Util\": 5, \"Class_X\": {\"RT_Priority\": 7}}, \"Domain_B\": {}}";
     jsmn_parser parser;
     jsmn_init(&parser);
     jsmntok_t toks[32];

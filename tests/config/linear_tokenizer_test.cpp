@@ -61,8 +61,8 @@ std::vector<std::string> files_of(const std::string &dir, const std::string &suf
     if (d == nullptr) return out;
     while (dirent *e = readdir(d)) {
         std::string n = e->d_name;
-        if (n.size() >= suffix.size() && n.compare(n.size() - suffix.size(), suffix.size(), suffix) == 0 &&
-            n[0] != '.')
+        if (n.size() >= suffix.size() &&
+            n.compare(n.size() - suffix.size(), suffix.size(), suffix) == 0 && n[0] != '.')
             out.push_back(dir + "/" + n);
     }
     closedir(d);
@@ -94,7 +94,8 @@ TEST(LinearTokenizer, SameAsStockOnRandomTexts) {
 
 TEST(LinearTokenizer, SameAsStockOnDeepAndWideDocuments) {
     std::string wide = "{";
-    for (int i = 0; i < 5000; i++) wide += (i ? ", \"k" : "\"k") + std::to_string(i) + "\": " + std::to_string(i);
+    for (int i = 0; i < 5000; i++)
+        wide += (i ? ", \"k" : "\"k") + std::to_string(i) + "\": " + std::to_string(i);
     expect_same(wide + "}", "one object, 5000 members");
     expect_same(wide, "one object, 5000 members, never closed");
     std::string deep;

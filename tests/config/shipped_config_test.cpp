@@ -23,7 +23,8 @@ protected:
             DomainRecord domain(name);
             LogCapture log;
             EXPECT_EQ(_QX_REALTIME_JsonParser(path.c_str(), domain.get()), RT_SUCCESS)
-                << name << "\n" << log.dump();
+                << name << "\n"
+                << log.dump();
             int errors = 0;
             for (const qxt::LogLine &line : log.lines())
                 if (line.priority == QX_LOG_PRIO_ERROR) errors++;

@@ -68,8 +68,14 @@ std::string invalid_name_error(const char *op) {
 // file outside the library's directories (or another domain's, once cut): every operation that
 // takes a domain name refuses it before it touches any file, the central lock file included.
 TEST_F(BadInputTest, NamesThatCouldLeaveTheirDirectoryAreRefusedBeforeAnyFile) {
-    const std::string names[] = {"Domain_" + std::string(193, 'x'), std::string(64, 'D'), "",
-                                 ".", "..", "evil/../../../../tmp/x", "/abs", "Domain_A/",
+    const std::string names[] = {"Domain_" + std::string(193, 'x'),
+                                 std::string(64, 'D'),
+                                 "",
+                                 ".",
+                                 "..",
+                                 "evil/../../../../tmp/x",
+                                 "/abs",
+                                 "Domain_A/",
                                  "../Domain_A"};
     QX_REALTIME_UTIL_t util = {1, 0, 0, 0};
     int32_t left = -7;

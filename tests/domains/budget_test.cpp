@@ -44,9 +44,10 @@ TEST_F(QueryBudgetTest, DemandThatFitsSucceedsAndGetsTheBudgetLeft) {
 TEST_F(QueryBudgetTest, DemandAboveTheBudgetLeftIsRefusedAndStillGetsIt) {
     domain_with_60_of_100_used();
     expect_answer("Domain_Q", {41, 0, 0, 0}, RT_ERR_OVER_BUDGET, 40);
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Domain[Domain_Q] over "
-                          "s32Util: new Util is 41, original Util is 0,domain current total "
-                          "Util is 60, max. domain Util is 100\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Domain[Domain_Q] over "
+                     "s32Util: new Util is 41, original Util is 0,domain current total "
+                     "Util is 60, max. domain Util is 100\n");
     QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_QueryBudget] fails.\n");
     EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_QueryBudget] exit, err=9.\n"));
 }
@@ -57,13 +58,13 @@ TEST_F(QueryBudgetTest, QueryReleasesBothLockFiles) {
     int32_t left = 0;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_QueryBudget("Domain_Q", &util, &left));
     EXPECT_EQ(0, qxt::run_in_child([] {
-        for (const char *path : {"/data/vendor/realtime/flock_rt_Global",
-                                 "/data/vendor/realtime/flock_rt_Domain_Q"}) {
-            int fd = open(path, O_RDWR);
-            if (fd < 0 || flock(fd, LOCK_EX | LOCK_NB) != 0) return 1;
-        }
-        return 0;
-    }));
+                  for (const char *path : {"/data/vendor/realtime/flock_rt_Global",
+                                           "/data/vendor/realtime/flock_rt_Domain_Q"}) {
+                      int fd = open(path, O_RDWR);
+                      if (fd < 0 || flock(fd, LOCK_EX | LOCK_NB) != 0) return 1;
+                  }
+                  return 0;
+              }));
 }
 
 TEST_F(QueryBudgetTest, DeadlineDemandIsConvertedToUnits) {
@@ -81,9 +82,10 @@ TEST_F(QueryBudgetTest, BadDeadlineParametersAreRefusedAndTheBudgetLeftIsWritten
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_Dl")) << log.dump();
     // The deadline comes before the runtime.
     expect_answer("Domain_Dl", {0, 500, 1000, 4000}, RT_ERR_INVALID_PARAM, 512);
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
-                          "parameter: (should) DlPeriodUs=4000 >= DlDeadlineUs=500 >= "
-                          "DlRuntimeUs=1000.\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
+                     "parameter: (should) DlPeriodUs=4000 >= DlDeadlineUs=500 >= "
+                     "DlRuntimeUs=1000.\n");
 }
 
 TEST_F(QueryBudgetTest, DomainWithoutBudgetAdmitsAnyDemandAndReportsZeroLeft) {
@@ -169,8 +171,9 @@ protected:
 TEST_F(DmipsTest, HalfTheCapabilityIsHalfASecondPerSecond) {
     with_capability(1000);
     expect_us(500, 500000);
-    QXT_EXPECT_INFO(log, "[RT_Impl][Info] [QX_REALTIME_DmipsToUs] dmips=500 us=500000, "
-                         "SystemCapability=1000\n");
+    QXT_EXPECT_INFO(log,
+                    "[RT_Impl][Info] [QX_REALTIME_DmipsToUs] dmips=500 us=500000, "
+                    "SystemCapability=1000\n");
 }
 
 TEST_F(DmipsTest, RemainderIsDropped) {
@@ -199,16 +202,18 @@ TEST_F(DmipsTest, DemandAboveTheCapabilityIsRefusedWithZero) {
     with_capability(1000);
     EXPECT_EQ(0u, convert(1001));
     EXPECT_EQ(RT_ERR_INVALID_PARAM, last_ret);
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_DmipsToUs] u32Dmips (1001) should be "
-                          "less than systemCapability (1000)\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [QX_REALTIME_DmipsToUs] u32Dmips (1001) should be "
+                     "less than systemCapability (1000)\n");
 }
 
 TEST_F(DmipsTest, ZeroCapabilityIsRefusedWithZero) {
     with_capability(0);
     EXPECT_EQ(0u, convert(1));
     EXPECT_EQ(RT_ERR_INVALID_PARAM, last_ret);
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_DmipsToUs] SystemCpapbility should not "
-                          "be 0\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [QX_REALTIME_DmipsToUs] SystemCpapbility should not "
+                     "be 0\n");
 }
 
 TEST_F(DmipsTest, NullOutputIsRefused) {

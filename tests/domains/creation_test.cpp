@@ -13,8 +13,9 @@ using namespace qxt;
 
 namespace {
 
-const char kSkipped[] = "[RT_Impl][Info] [QX_REALTIME_CreateDomain]: Domain [%s] is already "
-                        "created, skipped.\n";
+const char kSkipped[] =
+    "[RT_Impl][Info] [QX_REALTIME_CreateDomain]: Domain [%s] is already "
+    "created, skipped.\n";
 
 std::string skipped(const std::string &domain) {
     return qxt::format(kSkipped, domain.c_str());
@@ -62,8 +63,8 @@ TEST_F(CreateDomainTest, CreationWritesTheCpuListThatTheKernelReadsBack) {
     EXPECT_EQ(last_cpu(), first_line(cpus));
     EXPECT_EQ("0", first_line(mems));
     // The messages name the file that was written.
-    QXT_EXPECT_INFO(log, qxt::format("[RT_Impl][Info] %s is set to %s.\n", cpus.c_str(),
-                         last_cpu().c_str()));
+    QXT_EXPECT_INFO(
+        log, qxt::format("[RT_Impl][Info] %s is set to %s.\n", cpus.c_str(), last_cpu().c_str()));
     QXT_EXPECT_INFO(log, qxt::format("[RT_Impl][Info] %s is set to 0.\n", mems.c_str()));
 }
 
@@ -76,8 +77,9 @@ TEST_F(CreateDomainTest, HostWithPrefixedCpusetFilesGetsThePrefixedNames) {
     EXPECT_EQ(last_cpu(), first_line("/dev/cpuset/Domain_A/cpuset.cpus"));
     EXPECT_EQ("0", first_line("/dev/cpuset/Domain_A/cpuset.mems"));
     EXPECT_FALSE(qxt::file_exists("/dev/cpuset/Domain_A/mems"));
-    QXT_EXPECT_INFO(log, qxt::format(
-        "[RT_Impl][Info] /dev/cpuset/Domain_A/cpuset.cpus is set to %s.\n", last_cpu().c_str()));
+    QXT_EXPECT_INFO(log,
+                    qxt::format("[RT_Impl][Info] /dev/cpuset/Domain_A/cpuset.cpus is set to %s.\n",
+                                last_cpu().c_str()));
     QXT_EXPECT_INFO(log, "[RT_Impl][Info] /dev/cpuset/Domain_A/cpuset.mems is set to 0.\n");
 }
 
@@ -86,15 +88,15 @@ TEST_F(CreateDomainTest, CreationReportsTheFivePathsOfTheDomain) {
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_A")) << log.dump();
 
     QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_CreateDomain_Impl] enter: pid=" +
-                         std::to_string(getpid()) + ", tid=" + std::to_string(getpid()) +
-                         ";\n");
+                             std::to_string(getpid()) + ", tid=" + std::to_string(getpid()) +
+                             ";\n");
     EXPECT_TRUE(log.has_info("[RT_Impl][DBG] pszCpusetPathRoot is /dev/cpuset/Domain_A\n"));
     EXPECT_TRUE(log.has_info("[RT_Impl][DBG] pszCpusetPathTasks is /dev/cpuset/Domain_A/tasks\n"));
     EXPECT_TRUE(log.has_info("[RT_Impl][DBG] pszCpuacctPathRoot is /dev/cpuacct/Domain_A\n"));
     EXPECT_TRUE(
         log.has_info("[RT_Impl][DBG] pszCpuacctPathTasks is /dev/cpuacct/Domain_A/tasks\n"));
-    EXPECT_TRUE(log.has_info(
-        "[RT_Impl][DBG] pszCpuacctPathStat is /dev/cpuacct/Domain_A/cpuacct.stat\n"));
+    EXPECT_TRUE(
+        log.has_info("[RT_Impl][DBG] pszCpuacctPathStat is /dev/cpuacct/Domain_A/cpuacct.stat\n"));
     EXPECT_TRUE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_CreateDomain_Impl] exit, OK.\n"));
 
     QX_REALTIME_DOMAIN_t *domain = qxt::map_domain_file("Domain_A");
@@ -183,17 +185,17 @@ TEST_F(CreateDomainTest, DisabledFrameworkCreatesNothing) {
 
 // 1024 x 4 x 80 / 100 = 3276 units for all domains together.
 std::string budget_config() {
-    return qxt::config_with(1, 1024, 4, 80, 4,
-                            join_domains({rr_domain("Domain_Big", 1276, "0"),
-                                  rr_domain("Domain_Bigger", 2000, "0"),
-                                  rr_domain("Domain_One", 1, "0"),
-                                  rr_domain("Domain_Other", 1, "0")}));
+    return qxt::config_with(
+        1, 1024, 4, 80, 4,
+        join_domains({rr_domain("Domain_Big", 1276, "0"), rr_domain("Domain_Bigger", 2000, "0"),
+                      rr_domain("Domain_One", 1, "0"), rr_domain("Domain_Other", 1, "0")}));
 }
 
 std::string overflow_message(int total, const std::string &domain) {
-    return qxt::format("[RT_Impl][Err] [QX_REALTIME_CreateDomain_Impl] The total utilization (%d) "
-                       "of all domains overflows, %s fails\n",
-                       total, domain.c_str());
+    return qxt::format(
+        "[RT_Impl][Err] [QX_REALTIME_CreateDomain_Impl] The total utilization (%d) "
+        "of all domains overflows, %s fails\n",
+        total, domain.c_str());
 }
 
 const char kLimitMessage[] =
@@ -216,7 +218,8 @@ TEST_F(CreateDomainTest, TotalEqualToTheBudgetPassesAndOneUnitMoreIsRefused) {
     EXPECT_EQ((std::vector<std::string>{"Domain_Big", "Domain_Bigger"}), mapped_names());
     EXPECT_EQ(nullptr, _QX_REALTIME_GetDomainFromName("Domain_One", nullptr));
     // No exit message on this way out.
-    EXPECT_EQ(2, log.count(QX_LOG_PRIO_INFO, "[RT_Impl][DBG] [QX_REALTIME_CreateDomain] exit, OK.\n"));
+    EXPECT_EQ(2,
+              log.count(QX_LOG_PRIO_INFO, "[RT_Impl][DBG] [QX_REALTIME_CreateDomain] exit, OK.\n"));
 }
 
 TEST_F(CreateDomainTest, RefusedDomainKeepsItsUnitsSoEveryLaterCreationIsRefused) {
@@ -239,9 +242,10 @@ TEST_F(CreateDomainTest, RefusedDomainKeepsItsUnitsSoEveryLaterCreationIsRefused
 
 TEST_F(CreateDomainTest, RefusalStandsWhenItsMessagesAreNotPrinted) {
     // DbgLevel 0: not even errors reach the log.
-    qxt::install_config("domains", qxt::config_with(1, 1024, 0, 80, 4,
-                                                     join_domains({rr_domain("Domain_Big", 3276, "0"),
-                                                           rr_domain("Domain_One", 1, "0")})));
+    qxt::install_config("domains",
+                        qxt::config_with(1, 1024, 0, 80, 4,
+                                         join_domains({rr_domain("Domain_Big", 3276, "0"),
+                                                       rr_domain("Domain_One", 1, "0")})));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     ASSERT_EQ(0u, _u32DbgLevel);
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_Big"));
@@ -286,8 +290,9 @@ TEST_F(CreateDomainTest, OnlyTheCpuCountIsCheckedNotWhetherTheCpusExist) {
 TEST_F(CreateDomainTest, ZeroUtilRoundRobinDomainIsCreated) {
     init_with(config_of({rr_domain("Domain_Zero", 0, "0")}));
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_Zero")) << log.dump();
-    QXT_EXPECT_INFO(log, "[RT_Impl][Info] [QX_REALTIME_CreateDomain_Impl] Domain_Zero Util is "
-                         "0, so skip and 'cpu' cgroup setting\n");
+    QXT_EXPECT_INFO(log,
+                    "[RT_Impl][Info] [QX_REALTIME_CreateDomain_Impl] Domain_Zero Util is "
+                    "0, so skip and 'cpu' cgroup setting\n");
     EXPECT_FALSE(log.has_info("[RT_Impl][DBG] [QX_REALTIME_CreateDomain_Impl] exit, OK.\n"));
     EXPECT_TRUE(segment_exists("Domain_Zero"));
     EXPECT_EQ((std::vector<std::string>{"Domain_Zero"}), mapped_names());
@@ -310,10 +315,11 @@ void fill_table(int created_last, int looked_up_last) {
     for (int i = 1; i <= created_last; i++)
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain(numbered_name(i).c_str())) << i;
     ASSERT_EQ(0, run_in_fresh_process([=] {
-        for (int i = created_last + 1; i <= looked_up_last; i++)
-            if (QX_REALTIME_CreateDomain(numbered_name(i).c_str()) != RT_SUCCESS) return i;
-        return 0;
-    }));
+                  for (int i = created_last + 1; i <= looked_up_last; i++)
+                      if (QX_REALTIME_CreateDomain(numbered_name(i).c_str()) != RT_SUCCESS)
+                          return i;
+                  return 0;
+              }));
     for (int i = created_last + 1; i <= looked_up_last; i++)
         ASSERT_NE(nullptr, _QX_REALTIME_GetDomainFromName(numbered_name(i).c_str(), nullptr)) << i;
     ASSERT_EQ((uint32_t)looked_up_last, pstTop->u32DomainMapNum);
@@ -331,8 +337,9 @@ TEST_F(CreateDomainTest, WithSixMappedDomainsCreationSucceeds) {
 TEST_F(CreateDomainTest, WithSevenMappedDomainsCreationIsRefused) {
     init_with(config_of(numbered_domains(1, 9)));
     fill_table(4, 7);
-    expect_creation_refused("Domain_8", RT_ERR_FAILED,
-                            "[RT_Impl][Err] Domain number (8) in the process shouldn't more than 8\n");
+    expect_creation_refused(
+        "Domain_8", RT_ERR_FAILED,
+        "[RT_Impl][Err] Domain number (8) in the process shouldn't more than 8\n");
 }
 
 TEST_F(CreateDomainTest, FailedEighthCreationKeepsItsSlotWithoutAnAddress) {
@@ -352,8 +359,9 @@ TEST_F(CreateDomainTest, FailedEighthCreationKeepsItsSlotWithoutAnAddress) {
     // Once another process has created it, this process's full table refuses it cleanly.
     ASSERT_EQ(0, run_in_fresh_process([] { return (int)QX_REALTIME_CreateDomain("Domain_8"); }));
     EXPECT_EQ(nullptr, _QX_REALTIME_GetDomainFromName("Domain_8", nullptr));
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_GetDomainFromName] Can't map domain "
-                          "[Domain_8]: this process maps at most 8 domains.\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [_QX_REALTIME_GetDomainFromName] Can't map domain "
+                     "[Domain_8]: this process maps at most 8 domains.\n");
     EXPECT_EQ(8u, pstTop->u32DomainMapNum);
     for (uint32_t i = 0; i < 7; i++) EXPECT_TRUE(is_mapped(pstTop->astDomainMap[i].pvDomainAddr));
 }
@@ -391,11 +399,13 @@ TEST_F(CreateDomainTest, MappingOfADomainCreatedAfterAFailedCreationIsFoundAgain
 TEST_F(CreateDomainTest, DomainThatExistsButCannotBeMappedIsSkippedUntouched) {
     init_with(config_of(numbered_domains(1, 9)));
     ASSERT_EQ(0, run_in_fresh_process([] {
-        for (int i = 5; i <= 9; i++)
-            if (QX_REALTIME_CreateDomain(numbered_name(i).c_str()) != RT_SUCCESS) return i;
-        return 0;
-    }));
-    for (int i = 1; i <= 4; i++) ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain(numbered_name(i).c_str()));
+                  for (int i = 5; i <= 9; i++)
+                      if (QX_REALTIME_CreateDomain(numbered_name(i).c_str()) != RT_SUCCESS)
+                          return i;
+                  return 0;
+              }));
+    for (int i = 1; i <= 4; i++)
+        ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain(numbered_name(i).c_str()));
     for (int i = 5; i <= 8; i++)
         ASSERT_NE(nullptr, _QX_REALTIME_GetDomainFromName(numbered_name(i).c_str(), nullptr));
     ASSERT_EQ(8u, pstTop->u32DomainMapNum);
@@ -422,10 +432,12 @@ TEST_F(CreateDomainTest, ExistingCgroupDirectoriesAreAccepted) {
     ASSERT_EQ(0, mkdir("/dev/cpuacct/Domain_A", 0700));
 
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_A")) << log.dump();
-    QXT_EXPECT_INFO(log, "[RT_Impl][Info] /dev/cpuacct/Domain_A already exists, mkdir failed "
-                         "as expected.\n");
-    QXT_EXPECT_INFO(log, "[RT_Impl][Info] /dev/cpuset/Domain_A already exists, mkdir failed "
-                         "as expected.\n");
+    QXT_EXPECT_INFO(log,
+                    "[RT_Impl][Info] /dev/cpuacct/Domain_A already exists, mkdir failed "
+                    "as expected.\n");
+    QXT_EXPECT_INFO(log,
+                    "[RT_Impl][Info] /dev/cpuset/Domain_A already exists, mkdir failed "
+                    "as expected.\n");
     EXPECT_EQ(0770u, qxt::file_mode("/dev/cpuset/Domain_A"));
     EXPECT_EQ(0770u, qxt::file_mode("/dev/cpuacct/Domain_A"));
     EXPECT_EQ(last_cpu(), first_line(cpuset_file("/dev/cpuset/Domain_A", "cpus")));
@@ -440,8 +452,8 @@ TEST_F(CreateDomainTest, MissingCpuacctHierarchyFailsEveryCreationAtMkdir) {
     for (const char *name : {"Domain_A", "Domain_B"}) {
         EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_CreateDomain(name)) << name;
         QXT_EXPECT_ERROR(log, qxt::format("[RT_Impl][Err] Can't mkdir /dev/cpuacct/%s, "
-                              "errno=%s.\n",
-                              name, errno_text(ENOENT).c_str()));
+                                          "errno=%s.\n",
+                                          name, errno_text(ENOENT).c_str()));
         EXPECT_FALSE(segment_exists(name)) << name;
         EXPECT_FALSE(qxt::file_exists(std::string("/dev/cpuset/") + name)) << name;
     }
@@ -450,7 +462,8 @@ TEST_F(CreateDomainTest, MissingCpuacctHierarchyFailsEveryCreationAtMkdir) {
 
 TEST_F(CreateDomainTest, UnknownDomainFailsAtTheParseAndLeavesNoSegment) {
     init_with(config_of({rr_domain("Domain_A", 100, "0")}));
-    expect_creation_refused("Domain_Nope", RT_ERR_INVALID_PARAM,
+    expect_creation_refused(
+        "Domain_Nope", RT_ERR_INVALID_PARAM,
         "[RT_Impl][Err] Failed to parse Json at [/vendor/etc/realtime/rt-domains.json].\n");
     EXPECT_FALSE(qxt::file_exists("/dev/cpuset/Domain_Nope"));
     EXPECT_EQ(0u, pstTop->u32DomainMapNum);

@@ -15,9 +15,9 @@ const char kFlockPath[] = "/data/vendor/realtime/flock_rt_Domain_A";
 class DeleteDomainTest : public DomainTest {
 protected:
     void create_a() {
-        init_with(config_of({rr_domain("Domain_A", 100, std::to_string(get_nprocs() - 1),
-                                       {{"Class_Rr", 10, 20}}),
-                             rr_domain("Domain_B", 100, "0"), rr_domain("Domain_C", 100, "0")}));
+        init_with(config_of(
+            {rr_domain("Domain_A", 100, std::to_string(get_nprocs() - 1), {{"Class_Rr", 10, 20}}),
+             rr_domain("Domain_B", 100, "0"), rr_domain("Domain_C", 100, "0")}));
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_A")) << log.dump();
     }
     // A budget query opens the domain's flock file, as every thread operation does.
@@ -46,8 +46,9 @@ TEST_F(DeleteDomainTest, DeletionRemovesTheMappingTheSegmentAndTheFlockFile) {
     EXPECT_EQ(0u, pstTop->u32DomainMapNum);
     EXPECT_FALSE(is_mapped(mapping));
     // Seen at the error level on purpose.
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_DeleteDomain] unlink "
-                          "/data/vendor/realtime/flock_rt_Domain_A success\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [QX_REALTIME_DeleteDomain] unlink "
+                     "/data/vendor/realtime/flock_rt_Domain_A success\n");
     QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_DeleteDomain] exit, OK.\n");
     // The control groups stay.
     EXPECT_TRUE(qxt::file_exists("/dev/cpuset/Domain_A"));
@@ -87,7 +88,8 @@ TEST_F(DeleteDomainTest, FlockFileThatCannotBeRemovedIsReportedAndTheDeletionSuc
 TEST_F(DeleteDomainTest, DeletingADomainWithAdmittedThreadsKeepsTheirAttributes) {
     create_a();
     qxt::TestThread thread;  // sleeps: harmless under SCHED_RR
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_A", "Class_Rr", thread.tid(), 0)) << log.dump();
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_A", "Class_Rr", thread.tid(), 0))
+        << log.dump();
     ASSERT_EQ(2u, qxt::sched_of(thread.tid()).policy);
     std::string cpuset_before = qxt::cgroup_of(thread.tid(), "cpuset");
 
@@ -123,8 +125,9 @@ TEST_F(DeleteDomainTest, DeletedDomainCanBeCreatedAgainWithoutCountingItTwice) {
     ASSERT_EQ((int32_t)RT_SUCCESS, QX_REALTIME_DeleteDomain("Domain_A"));
     log.clear();
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_A")) << log.dump();
-    EXPECT_FALSE(log.has_info("[RT_Impl][Info] [QX_REALTIME_CreateDomain]: Domain [Domain_A] is "
-                              "already created, skipped.\n"));
+    EXPECT_FALSE(
+        log.has_info("[RT_Impl][Info] [QX_REALTIME_CreateDomain]: Domain [Domain_A] is "
+                     "already created, skipped.\n"));
     QXT_EXPECT_INFO(log, "[RT_Impl][Info] [Domain_A] existed in central data\n");
     EXPECT_TRUE(segment_exists("Domain_A"));
     EXPECT_EQ(1, pstTop->pstCentral->s32DomainNum);

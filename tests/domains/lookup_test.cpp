@@ -15,10 +15,11 @@ protected:
     // Domains created by another process, so that this process has mapped none of them.
     void create_elsewhere(int first, int last) {
         ASSERT_EQ(0, run_in_fresh_process([=] {
-            for (int i = first; i <= last; i++)
-                if (QX_REALTIME_CreateDomain(numbered_name(i).c_str()) != RT_SUCCESS) return i;
-            return 0;
-        }));
+                      for (int i = first; i <= last; i++)
+                          if (QX_REALTIME_CreateDomain(numbered_name(i).c_str()) != RT_SUCCESS)
+                              return i;
+                      return 0;
+                  }));
     }
 };
 
@@ -42,15 +43,17 @@ TEST_F(LookupTest, LookingUpTheSameDomainTwiceMapsItOnce) {
     EXPECT_EQ(first, pstTop->astDomainMap[0].pvDomainAddr);
     EXPECT_STREQ("Domain_1", first->szName);
     EXPECT_EQ(1, log.count_containing("shm exists. mmap=")) << log.dump();
-    QXT_EXPECT_INFO(log, qxt::format(
-        "[RT_Impl][Info] [_QX_REALTIME_GetDomainFromName][PID=%d][TID=%ld] shm exists. mmap=%p, "
-        "s32ShmFd=%d\n",
-        getpid(), (long)syscall(SYS_gettid), (void *)first, pstTop->astDomainMap[0].s32ShmFd));
+    QXT_EXPECT_INFO(log,
+                    qxt::format("[RT_Impl][Info] [_QX_REALTIME_GetDomainFromName][PID=%d][TID=%ld] "
+                                "shm exists. mmap=%p, "
+                                "s32ShmFd=%d\n",
+                                getpid(), (long)syscall(SYS_gettid), (void *)first,
+                                pstTop->astDomainMap[0].s32ShmFd));
     // The flock files are opened, not locked: another process can take the lock.
     EXPECT_EQ(0, qxt::run_in_child([] {
-        int fd = open("/data/vendor/realtime/flock_rt_Domain_1", O_RDWR);
-        return fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0 ? 0 : 1;
-    }));
+                  int fd = open("/data/vendor/realtime/flock_rt_Domain_1", O_RDWR);
+                  return fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0 ? 0 : 1;
+              }));
     close(flock1);
     close(flock2);
 }
@@ -99,14 +102,16 @@ TEST_F(LookupTest, NinthDistinctDomainIsRefusedWithoutWritingPastTheTable) {
 
     int32_t flock_fd = -5;
     EXPECT_EQ(nullptr, _QX_REALTIME_GetDomainFromName("Domain_9", &flock_fd));
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_GetDomainFromName] Can't map domain "
-                          "[Domain_9]: this process maps at most 8 domains.\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [_QX_REALTIME_GetDomainFromName] Can't map domain "
+                     "[Domain_9]: this process maps at most 8 domains.\n");
     EXPECT_EQ(0, memcmp(&before, pstTop, sizeof(before))) << "the table is unchanged";
     EXPECT_EQ(fds_before, open_fd_count()) << "the segment's descriptor is closed again";
     EXPECT_EQ(-5, flock_fd);
     // The eight mapped domains still work.
     for (int i = 1; i <= 8; i++) {
-        QX_REALTIME_DOMAIN_t *domain = _QX_REALTIME_GetDomainFromName(numbered_name(i).c_str(), nullptr);
+        QX_REALTIME_DOMAIN_t *domain =
+            _QX_REALTIME_GetDomainFromName(numbered_name(i).c_str(), nullptr);
         ASSERT_NE(nullptr, domain) << i;
         EXPECT_EQ(numbered_name(i), domain->szName);
     }
@@ -119,7 +124,8 @@ TEST_F(LookupTest, NinthDistinctDomainIsRefusedWithoutWritingPastTheTable) {
 
 TEST_F(LookupTest, AllDomainNamesWithNullBufferOnlyLogs) {
     init_with(config_of(numbered_domains(1, 3)));
-    for (int i = 1; i <= 3; i++) ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain(numbered_name(i).c_str()));
+    for (int i = 1; i <= 3; i++)
+        ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain(numbered_name(i).c_str()));
     log.clear();
 
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_GetAllDomainName(nullptr, 192));
@@ -132,14 +138,17 @@ TEST_F(LookupTest, AllDomainNamesWithNullBufferOnlyLogs) {
 class AllDomainNamesTest : public LookupTest {
 protected:
     void SetUpInSandbox() override {
-        init_with(config_of({rr_domain("Domain_First", 10, "0"), rr_domain("Domain_Second", 20, "0"),
-                             rr_domain("Domain_Third", 30, "0")}));
+        init_with(
+            config_of({rr_domain("Domain_First", 10, "0"), rr_domain("Domain_Second", 20, "0"),
+                       rr_domain("Domain_Third", 30, "0")}));
         for (const char *name : {"Domain_First", "Domain_Second", "Domain_Third"})
             ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain(name));
         memset(buffer, 0xAA, sizeof(buffer));
         log.clear();
     }
-    std::string slot(int i) const { return std::string(buffer + 64 * i, strnlen(buffer + 64 * i, 64)); }
+    std::string slot(int i) const {
+        return std::string(buffer + 64 * i, strnlen(buffer + 64 * i, 64));
+    }
     bool slot_padded(int i) const {
         for (size_t j = slot(i).size(); j < 64; j++)
             if (buffer[64 * i + j] != 0) return false;
@@ -156,8 +165,9 @@ TEST_F(AllDomainNamesTest, ThreeDomainsInABufferOfTwoSlotsCopyTwoAndReportTheOve
     EXPECT_TRUE(slot_padded(1));
     for (int i = 128; i < 192; i++) ASSERT_EQ((char)0xAA, buffer[i]) << i;
     // This message has no line end.
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_GetAllDomainName] Buffer overflows: "
-                          "outlen=128, bufsize=128");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [QX_REALTIME_GetAllDomainName] Buffer overflows: "
+                     "outlen=128, bufsize=128");
     // Every domain up to the one that did not fit is listed.
     QXT_EXPECT_INFO(log, qxt::format("[RT_Impl][Info] %-30s=%6d\n", "Domain_Third", 30));
 }
@@ -245,8 +255,10 @@ protected:
 
 TEST_F(DomainInfoTest, ListingShowsEveryLiveThreadWithProgramThreadAndClass) {
     qxt::TestThread first, second;
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_A", "Class_Listed", first.tid(), 0)) << log.dump();
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_B", "Class_Other", second.tid(), 0)) << log.dump();
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_A", "Class_Listed", first.tid(), 0))
+        << log.dump();
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_B", "Class_Other", second.tid(), 0))
+        << log.dump();
     log.clear();
 
     EXPECT_EQ(RT_SUCCESS, _QX_REALTIME_GetAllDomainInfo());
@@ -304,7 +316,7 @@ TEST_F(DomainInfoTest, ThreadWithoutProcessIdIsListedByItsOwnName) {
     ASSERT_FALSE(comm.empty());
     comm.pop_back();
     QXT_EXPECT_ERROR(log, qxt::format("[RT_Impl][Err] [%5d]%-16s %s\n", (int)thread.tid(),
-                          comm.c_str(), "Class_Listed"));
+                                      comm.c_str(), "Class_Listed"));
 }
 
 TEST_F(DomainInfoTest, ExitedThreadWithoutProcessIdEndsTheListing) {

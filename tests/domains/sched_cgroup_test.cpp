@@ -28,9 +28,10 @@ struct Records {
 };
 
 std::string invalid_priority(int priority) {
-    return qxt::format("[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr]: Rt priority = [%d] is invalid. "
-                       "It should between 1 to 99.\n",
-                       priority);
+    return qxt::format(
+        "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr]: Rt priority = [%d] is invalid. "
+        "It should between 1 to 99.\n",
+        priority);
 }
 
 class SchedAttrTest : public DomainTest {};
@@ -71,8 +72,8 @@ TEST_F(SchedAttrTest, DeadlineWithoutOverrunNotificationSetsReclaim) {
     qxt::TestThread thread;  // sleeps; it exits while still DEADLINE, which frees its bandwidth
     Records records(RT_SCHED_TYPE_DEADLINE);
     QX_REALTIME_UTIL_t util = {0, 10000, 1000, 100000};
-    ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SetSchedAttr(&records.domain, &records.cls, &util,
-                                                    thread.tid(), 0))
+    ASSERT_EQ(RT_SUCCESS,
+              _QX_REALTIME_SetSchedAttr(&records.domain, &records.cls, &util, thread.tid(), 0))
         << log.dump();
     qxt::SchedInfo sched = qxt::sched_of(thread.tid());
     ASSERT_TRUE(sched.ok);
@@ -88,8 +89,8 @@ TEST_F(SchedAttrTest, DeadlineWithOverrunNotificationAddsTheOverrunFlag) {
     qxt::TestThread thread;
     Records records(RT_SCHED_TYPE_DEADLINE);
     QX_REALTIME_UTIL_t util = {0, 20000, 2000, 50000};
-    ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SetSchedAttr(&records.domain, &records.cls, &util,
-                                                    thread.tid(), 1))
+    ASSERT_EQ(RT_SUCCESS,
+              _QX_REALTIME_SetSchedAttr(&records.domain, &records.cls, &util, thread.tid(), 1))
         << log.dump();
     qxt::SchedInfo sched = qxt::sched_of(thread.tid());
     ASSERT_TRUE(sched.ok);
@@ -104,17 +105,20 @@ TEST_F(SchedAttrTest, RuntimeAbove2147483UsWrapsAndTheKernelRefusesIt) {
     qxt::TestThread thread;
     Records records(RT_SCHED_TYPE_DEADLINE);
     QX_REALTIME_UTIL_t util = {0, 3000000, 3000000, 3000000};
-    EXPECT_EQ(RT_ERR_SCHED_SETATTR, _QX_REALTIME_SetSchedAttr(&records.domain, &records.cls, &util,
-                                                              thread.tid(), 0));
+    EXPECT_EQ(RT_ERR_SCHED_SETATTR,
+              _QX_REALTIME_SetSchedAttr(&records.domain, &records.cls, &util, thread.tid(), 0));
     // 3000000 x 1000 taken as a signed 32-bit number, then sign-extended.
     uint64_t wrapped = (uint64_t)(int64_t)(int32_t)(uint32_t)3000000000u;
     EXPECT_EQ(18446744072414584320ull, wrapped);
-    QXT_EXPECT_ERROR(log, qxt::format(
-        "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr] _QX_REALTMIE_SchedSetAttr failed to set the "
-        "sched for pid=%d, policy=6, priority=0, runtime=%llu, deadline=%llu, period=%llu, "
-        "errno=%s\n",
-        (int)thread.tid(), (unsigned long long)wrapped, (unsigned long long)wrapped,
-        (unsigned long long)wrapped, errno_text(EINVAL).c_str()));
+    QXT_EXPECT_ERROR(
+        log,
+        qxt::format(
+            "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr] _QX_REALTMIE_SchedSetAttr failed to set "
+            "the "
+            "sched for pid=%d, policy=6, priority=0, runtime=%llu, deadline=%llu, period=%llu, "
+            "errno=%s\n",
+            (int)thread.tid(), (unsigned long long)wrapped, (unsigned long long)wrapped,
+            (unsigned long long)wrapped, errno_text(EINVAL).c_str()));
     EXPECT_EQ(0u, qxt::sched_of(thread.tid()).policy) << "the former attributes stay";
 }
 
@@ -133,8 +137,9 @@ TEST_F(SchedAttrTest, InvalidSchedTypePutsTheThreadBackToNormalScheduling) {
         EXPECT_EQ(0, sched.nice);
         EXPECT_EQ(0u, sched.priority);
     }
-    EXPECT_EQ(2, log.count(QX_LOG_PRIO_ERROR, "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr] invalid "
-                                              "scheduler type. It should be RR or Deadline.\n"))
+    EXPECT_EQ(2, log.count(QX_LOG_PRIO_ERROR,
+                           "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr] invalid "
+                           "scheduler type. It should be RR or Deadline.\n"))
         << log.dump();
 }
 
@@ -174,15 +179,16 @@ TEST_F(ControlFileTest, NumberIsWrittenInDecimal) {
 TEST_F(ControlFileTest, FileThatCannotBeOpenedIsReported) {
     EXPECT_EQ(RT_ERR_SYSTEM, _QX_WriteStrToPath("1", "/dev/shm/missing/probe"));
     QXT_EXPECT_ERROR(log, qxt::format("[RT_Impl][Err] [_QX_WriteStrToPath] Can't open "
-                          "/dev/shm/missing/probe, errno=%s\n",
-                          errno_text(ENOENT).c_str()));
+                                      "/dev/shm/missing/probe, errno=%s\n",
+                                      errno_text(ENOENT).c_str()));
     EXPECT_EQ(RT_ERR_SYSTEM, _QX_WriteS32ToPath(1, "/dev/shm/missing/probe"));
 }
 
 TEST_F(ControlFileTest, LiveThreadIdMovesTheThreadIntoTheGroup) {
     ASSERT_EQ(0, mkdir("/dev/cpuacct/Probe", 0770));
     qxt::TestThread thread;
-    EXPECT_EQ(RT_SUCCESS, _QX_WriteS32ToPath(thread.tid(), "/dev/cpuacct/Probe/tasks")) << log.dump();
+    EXPECT_EQ(RT_SUCCESS, _QX_WriteS32ToPath(thread.tid(), "/dev/cpuacct/Probe/tasks"))
+        << log.dump();
     EXPECT_EQ("/Probe", qxt::cgroup_of(thread.tid(), "cpuacct"));
     EXPECT_TRUE(qxt::tasks_file_lists("/dev/cpuacct/Probe/tasks", thread.tid()));
     EXPECT_EQ(RT_SUCCESS, _QX_WriteS32ToPath(thread.tid(), "/dev/cpuacct/tasks"));
@@ -194,8 +200,8 @@ TEST_F(ControlFileTest, DeadThreadIdIsRefusedWhenTheFileIsClosed) {
     for (const char *tasks : {"/dev/cpuset/tasks", "/dev/cpuacct/tasks"}) {
         EXPECT_EQ(RT_ERR_SYSTEM, _QX_WriteS32ToPath(gone, tasks));
         QXT_EXPECT_ERROR(log, qxt::format("[RT_Impl][Err] [_QX_WriteStrToPath] Can't close "
-                              "%s, errno=%s.\n",
-                              tasks, errno_text(ESRCH).c_str()));
+                                          "%s, errno=%s.\n",
+                                          tasks, errno_text(ESRCH).c_str()));
     }
 }
 
@@ -251,8 +257,8 @@ TEST_F(OverrideTest, DirectCallWritesTheNewListForTheKernel) {
     EXPECT_EQ(last, domain->pszCpuset);
     EXPECT_EQ(1, domain->s32CpuNum);
     EXPECT_EQ(1u << (get_nprocs() - 1), domain->u32CpuMask);
-    QXT_EXPECT_INFO(log, qxt::format("[RT_Impl][Info] %s is reset to %s.\n", cpus_file.c_str(),
-                         last.c_str()));
+    QXT_EXPECT_INFO(
+        log, qxt::format("[RT_Impl][Info] %s is reset to %s.\n", cpus_file.c_str(), last.c_str()));
     // The record is shared: every process sees the new list.
     EXPECT_EQ(last, qxt::map_domain_file("Domain_A")->pszCpuset);
 }
@@ -261,15 +267,17 @@ TEST_F(OverrideTest, NextAdmissionAppliesAChangedProperty) {
     create_domain();
     if (get_nprocs() < 2) GTEST_SKIP() << "needs a CPU other than 0";
     qxt::TestThread first, second;  // sleep: harmless under SCHED_RR
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_A", "Class_Rr", first.tid(), 0)) << log.dump();
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_A", "Class_Rr", first.tid(), 0))
+        << log.dump();
     EXPECT_EQ(all_cpus, first_line(cpus_file));
 
     std::string last = std::to_string(get_nprocs() - 1);
     qxt::set_property(kOverride, last);
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_A", "Class_Rr", second.tid(), 0)) << log.dump();
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_A", "Class_Rr", second.tid(), 0))
+        << log.dump();
     EXPECT_EQ(last, first_line(cpus_file));
-    QXT_EXPECT_INFO(log, qxt::format("[RT_Impl][Info] %s is reset to %s.\n", cpus_file.c_str(),
-                         last.c_str()));
+    QXT_EXPECT_INFO(
+        log, qxt::format("[RT_Impl][Info] %s is reset to %s.\n", cpus_file.c_str(), last.c_str()));
     // Narrower than the machine now: the admitted thread is moved into the domain's cpuset.
     EXPECT_EQ("/Domain_A", qxt::cgroup_of(second.tid(), "cpuset"));
     EXPECT_TRUE(qxt::tasks_file_lists("/dev/cpuset/Domain_A/tasks", second.tid()));

@@ -43,8 +43,7 @@ TEST_F(UntrustedFilesTest, SymlinkInPlaceOfADomainSegmentIsNeverFollowed) {
     std::string f = victim();
     ASSERT_EQ(0, symlink(f.c_str(), "/dev/shm/realtime/rt_Domain_A"));
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_CreateDomain("Domain_A"));
-    EXPECT_TRUE(log.count_containing("shm_open (/dev/shm/realtime/rt_Domain_A)") > 0)
-        << log.dump();
+    EXPECT_TRUE(log.count_containing("shm_open (/dev/shm/realtime/rt_Domain_A)") > 0) << log.dump();
     EXPECT_EQ((int)RT_ERR_NULL, query("Domain_A"));
     EXPECT_EQ((int32_t)RT_ERR_NULL, QX_REALTIME_DeleteDomain("Domain_A"));
     EXPECT_EQ("precious", qxt::read_file(f));
@@ -66,8 +65,8 @@ TEST_F(UntrustedFilesTest, DirectoryInPlaceOfADomainSegmentFailsTheCreation) {
     ASSERT_EQ(0, mkdir("/dev/shm/realtime/rt_Domain_A", 0770));
     log.clear();
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_CreateDomain("Domain_A"));
-    QXT_EXPECT_ERROR(log,
-        "[RT_Impl][Err] [QX_REALTIME_CreateDomain] shared memory initialization fails\n");
+    QXT_EXPECT_ERROR(
+        log, "[RT_Impl][Err] [QX_REALTIME_CreateDomain] shared memory initialization fails\n");
     EXPECT_EQ(0, log.count_containing("is already created, skipped.")) << log.dump();
 }
 
@@ -77,8 +76,8 @@ TEST_F(UntrustedFilesTest, FifoInPlaceOfADomainSegmentFailsTheCreationAndIsRemov
     log.clear();
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_CreateDomain("Domain_A"));
     QXT_EXPECT_ERROR(log, qxt::format("[RT_Impl][Err] [_QX_REALTIME_SharedMemoryAlloc] "
-                          "ftruncate fails, errno=%s\n",
-                          errno_text(EINVAL).c_str()));
+                                      "ftruncate fails, errno=%s\n",
+                                      errno_text(EINVAL).c_str()));
     EXPECT_FALSE(qxt::file_exists("/dev/shm/realtime/rt_Domain_A"));
     // With the FIFO gone the domain is created as usual.
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_A"));
@@ -102,9 +101,10 @@ TEST_F(UntrustedFilesTest, DomainSegmentCutShortUnderAMappingIsRefused) {
             return 3;
         if (QX_REALTIME_DumpDomainInfo("Domain_A") != RT_ERR_NULL) return 4;
         if (QX_REALTIME_DumpDomainInfo("All") != RT_SUCCESS) return 5;
-        return child_log.has_error("[RT_Impl][Err] [_QX_REALTIME_GetDomainFromName] "
-                                   "/dev/shm/realtime/rt_Domain_A is 0 bytes, not 16384: "
-                                   "refused.\n")
+        return child_log.has_error(
+                   "[RT_Impl][Err] [_QX_REALTIME_GetDomainFromName] "
+                   "/dev/shm/realtime/rt_Domain_A is 0 bytes, not 16384: "
+                   "refused.\n")
                    ? 0
                    : 6;
     });
@@ -126,9 +126,10 @@ TEST_F(UntrustedFilesTest, CentralSegmentCutShortUnderAMappingIsRefused) {
         if (QX_REALTIME_GetAllDomainName(names, sizeof(names)) != RT_ERR_NULL) return 2;
         if (QX_REALTIME_CreateDomain("Domain_B") != RT_ERR_NULL) return 3;
         if (QX_REALTIME_SetDebugLevel(4) != RT_ERR_NULL) return 4;
-        return child_log.has_error("[RT_Impl][Err] [QX_REALTIME_QueryBudget] "
-                                   "/dev/shm/realtime/rt_Global is 100 bytes, not 16384: "
-                                   "refused.\n")
+        return child_log.has_error(
+                   "[RT_Impl][Err] [QX_REALTIME_QueryBudget] "
+                   "/dev/shm/realtime/rt_Global is 100 bytes, not 16384: "
+                   "refused.\n")
                    ? 0
                    : 5;
     });
@@ -155,8 +156,8 @@ TEST_F(UntrustedFilesTest, RecordWithPlantedCgroupPathsIsRefused) {
         qxt::TestThread t;
         EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_AddThread("Domain_A", "Class_Rr", t.tid(), 0));
         QXT_EXPECT_ERROR(log, qxt::format("[RT_Impl][Err] [_QX_REALTIME_GetDomainFromName] "
-                              "Domain [Domain_A] is corrupted (%s): refused.\n",
-                              fields[i]));
+                                          "Domain [Domain_A] is corrupted (%s): refused.\n",
+                                          fields[i]));
         EXPECT_EQ(0u, qxt::sched_of(t.tid()).policy);
         EXPECT_EQ("precious", qxt::read_file(f));
         memcpy(targets[i], saved, RT_PATH_LEN);

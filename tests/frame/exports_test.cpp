@@ -20,7 +20,8 @@ struct Symbol {
 // The defined dynamic symbols of the built library, read with nm.
 std::map<std::string, Symbol> exported_symbols(std::string *error) {
     std::map<std::string, Symbol> out;
-    std::string command = std::string(QXRT_NM) + " -D --defined-only -S " + QXRT_SHARED_LIB + " 2>&1";
+    std::string command =
+        std::string(QXRT_NM) + " -D --defined-only -S " + QXRT_SHARED_LIB + " 2>&1";
     FILE *pipe = popen(command.c_str(), "r");
     if (pipe == nullptr) {
         *error = "cannot run nm";
@@ -117,7 +118,8 @@ TEST(Exports, EveryOperationOfThePublicHeaderIsExported) {
     std::string header = qxt::read_file(std::string(QXRT_SOURCE_DIR) + "/include/qx_realtime.h");
     ASSERT_FALSE(header.empty());
     std::regex fn("QX_REALTIME_API\\s+[A-Za-z0-9_]+\\s+\\**\\s*([A-Za-z0-9_]+)\\s*\\(");
-    std::regex obj("QX_REALTIME_API\\s+extern\\s+[A-Za-z0-9_]+\\s+\\**\\s*([A-Za-z0-9_]+)\\s*[\\[;]");
+    std::regex obj(
+        "QX_REALTIME_API\\s+extern\\s+[A-Za-z0-9_]+\\s+\\**\\s*([A-Za-z0-9_]+)\\s*[\\[;]");
     std::set<std::string> declared_functions, declared_objects;
     for (std::sregex_iterator it(header.begin(), header.end(), fn), end; it != end; ++it)
         declared_functions.insert((*it)[1].str());

@@ -92,7 +92,7 @@ TEST(DiagnosticsLog, Level241WithoutLogFileWritesOnlyToAndroidLog) {
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(2));
     EXPECT_EQ(1, log.count(QX_LOG_PRIO_ERROR, kUnknownMode)) << log.dump();
     QXT_EXPECT_INFO(log, qxt::format("[RT_Impl][DBG] [QX_REALTIME_Init] enter: pid=%d, tid=%s;\n",
-                         getpid(), tid_text().c_str()));
+                                     getpid(), tid_text().c_str()));
     QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_Init] exit, err=4.\n");
     EXPECT_EQ(nullptr, rtlog);
     EXPECT_TRUE(rtlog_files().empty());
@@ -102,7 +102,8 @@ TEST(DiagnosticsLog, AttachingAtDbgLevel7GivesLevel241WithoutLogFile) {
     QXT_REQUIRE_SANDBOX();
     install_level(7);
     // Another process initialises at DbgLevel 7 and gets its own log file.
-    ASSERT_EQ(0, qxt::run_in_child([] { return QX_REALTIME_Init(0) == RT_SUCCESS && rtlog ? 0 : 1; }));
+    ASSERT_EQ(0,
+              qxt::run_in_child([] { return QX_REALTIME_Init(0) == RT_SUCCESS && rtlog ? 0 : 1; }));
     ASSERT_EQ(1u, rtlog_files().size());
 
     LogCapture log;
@@ -112,10 +113,10 @@ TEST(DiagnosticsLog, AttachingAtDbgLevel7GivesLevel241WithoutLogFile) {
     EXPECT_EQ(241u, _u32DbgLevel);
     EXPECT_EQ(nullptr, rtlog);
     EXPECT_EQ(1u, rtlog_files().size());
-    QXT_EXPECT_INFO(log,
-        qxt::format(
-        "[RT_Impl][Info] [_QX_REALTIME_GetCentralShm][PID=%d][TID=%s] shm exists. mmap=%p, s32ShmFd=%d\n",
-        getpid(), tid_text().c_str(), (void *)pstTop->pstCentral, pstTop->s32ShmFd));
+    QXT_EXPECT_INFO(log, qxt::format("[RT_Impl][Info] [_QX_REALTIME_GetCentralShm][PID=%d][TID=%s] "
+                                     "shm exists. mmap=%p, s32ShmFd=%d\n",
+                                     getpid(), tid_text().c_str(), (void *)pstTop->pstCentral,
+                                     pstTop->s32ShmFd));
 }
 
 TEST(DiagnosticsLog, DbgLevel2And9AndNegativeAllGiveLevel32) {
@@ -158,10 +159,11 @@ TEST(DiagnosticsLog, Level64DeliversInfoAndDebugAtInfoPriorityWithoutTraceLine) 
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     QXT_EXPECT_INFO(log, qxt::format("[RT_Impl][DBG] [QX_REALTIME_Init] enter: pid=%d, tid=%s;\n",
-                         getpid(), tid_text().c_str()));
-    QXT_EXPECT_INFO(log,
-        "[RT_Impl][Info] [QX_REALTIME_Init] JsonPath is /vendor/etc/realtime/rt-frame.json\n");
-    QXT_EXPECT_INFO(log,
+                                     getpid(), tid_text().c_str()));
+    QXT_EXPECT_INFO(
+        log, "[RT_Impl][Info] [QX_REALTIME_Init] JsonPath is /vendor/etc/realtime/rt-frame.json\n");
+    QXT_EXPECT_INFO(
+        log,
         "[RT_Impl][Info] [_QX_REALTIME_GetCapability] CapPerCore = 1024, Enable=1, DbgLevel=4\n");
     QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_Init] exit, OK.\n");
     EXPECT_EQ(0, log.count_containing(">>>")) << log.dump();
@@ -178,10 +180,11 @@ TEST(DiagnosticsLog, TraceLineFollowsEntryMessageAtLevel240) {
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(2));
     std::vector<qxt::LogLine> lines = log.lines();
     ASSERT_GE(lines.size(), 2u) << log.dump();
-    EXPECT_EQ(qxt::format("<INFO>[RT_Impl][DBG] [QX_REALTIME_Init] enter: pid=%d, tid=%s;\n", getpid(),
-                          tid_text().c_str()),
+    EXPECT_EQ(qxt::format("<INFO>[RT_Impl][DBG] [QX_REALTIME_Init] enter: pid=%d, tid=%s;\n",
+                          getpid(), tid_text().c_str()),
               lines[0].message);
-    EXPECT_TRUE(std::regex_match(lines[1].message, std::regex("<INFO>>>>QX_REALTIME_Init\\[[0-9]+\\] \n")))
+    EXPECT_TRUE(
+        std::regex_match(lines[1].message, std::regex("<INFO>>>>QX_REALTIME_Init\\[[0-9]+\\] \n")))
         << lines[1].message;
     EXPECT_EQ(QX_LOG_PRIO_INFO, lines[1].priority);
     EXPECT_EQ("<QXT>", lines[1].tag);
@@ -194,7 +197,8 @@ TEST(DiagnosticsLog, LogFileAtDbgLevel7HoldsEveryMessageWhenTheCallReturns) {
     ASSERT_NE(nullptr, rtlog);
     std::string file = own_log_file();
     ASSERT_TRUE(qxt::file_exists(file)) << file;
-    EXPECT_EQ(std::vector<std::string>{file.substr(strlen("/data/vendor/realtime/"))}, rtlog_files());
+    EXPECT_EQ(std::vector<std::string>{file.substr(strlen("/data/vendor/realtime/"))},
+              rtlog_files());
     // Opened during Init: the exit message of that call is already on disk.
     std::string after_init = qxt::read_file(file);
     EXPECT_EQ("[RT_Impl][DBG] [QX_REALTIME_Init] exit, OK.\n", after_init);
@@ -205,9 +209,10 @@ TEST(DiagnosticsLog, LogFileAtDbgLevel7HoldsEveryMessageWhenTheCallReturns) {
     std::string expected_tail =
         qxt::format("[RT_Impl][DBG] [QX_REALTIME_Init] enter: pid=%d, tid=%s;\n", getpid(),
                     tid_text().c_str()) +
-        qxt::format("[RT_Impl][Info] [_QX_REALTIME_GetFlock][PID=%d][TID=%s] flock open "
-                    "(/data/vendor/realtime/flock_rt_Global) return FD, open existed.\n",
-                    getpid(), tid_text().c_str()) +
+        qxt::format(
+            "[RT_Impl][Info] [_QX_REALTIME_GetFlock][PID=%d][TID=%s] flock open "
+            "(/data/vendor/realtime/flock_rt_Global) return FD, open existed.\n",
+            getpid(), tid_text().c_str()) +
         kUnknownMode + "[RT_Impl][DBG] [QX_REALTIME_Init] exit, err=4.\n";
     std::string content = qxt::read_file(file);
     content = std::regex_replace(content, std::regex("return [0-9]+, open existed"),
@@ -250,8 +255,9 @@ TEST(DiagnosticsLog, ErrorAndroidFormNamesFunctionAndStableLine) {
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(2));
     std::vector<qxt::LogLine> lines = log.lines();
     ASSERT_EQ(2u, lines.size()) << log.dump();
-    std::regex re("<ERR>QX_REALTIME_Init\\[([0-9]+)\\]: \\[RT_Impl\\]\\[Err\\] \\[QX_REALTIME_Init\\] "
-                  "Unknown init mode: \\[2\\]\\.\n");
+    std::regex re(
+        "<ERR>QX_REALTIME_Init\\[([0-9]+)\\]: \\[RT_Impl\\]\\[Err\\] \\[QX_REALTIME_Init\\] "
+        "Unknown init mode: \\[2\\]\\.\n");
     std::smatch m0, m1;
     ASSERT_TRUE(std::regex_match(lines[0].message, m0, re)) << lines[0].message;
     ASSERT_TRUE(std::regex_match(lines[1].message, m1, re)) << lines[1].message;

@@ -40,7 +40,8 @@ struct Scratch {
         if (!S_ISREG(st.st_mode)) return path + " is no longer a regular file";
         std::string now = qxt::read_file(path);
         if (now.size() != content.size())
-            return qxt::format("%s changed size: %zu bytes, was %zu", path.c_str(), now.size(), content.size());
+            return qxt::format("%s changed size: %zu bytes, was %zu", path.c_str(), now.size(),
+                               content.size());
         if (now != content) return path + " changed its bytes";
         return "";
     }
@@ -93,13 +94,15 @@ std::vector<std::string> listing(const char *dir) {
 // return. Init comes late, just before CreateDomain, which needs it in the calling process.
 std::string every_operation(pid_t foreign_tid) {
     std::string codes;
-    auto note = [&codes](const char *what, uint32_t rc) { codes += qxt::format("%s=%u ", what, rc); };
+    auto note = [&codes](const char *what, uint32_t rc) {
+        codes += qxt::format("%s=%u ", what, rc);
+    };
     // Each call is announced on stderr first: a crash report names the call that died.
-#define note(what, call)                                            \
-    do {                                                            \
-        fprintf(stderr, "hardening: calling %s\n", what);           \
-        fflush(stderr);                                             \
-        note(what, call);                                           \
+#define note(what, call)                                  \
+    do {                                                  \
+        fprintf(stderr, "hardening: calling %s\n", what); \
+        fflush(stderr);                                   \
+        note(what, call);                                 \
     } while (0)
     char names[RT_NAME_LEN * RT_MAX_DOMAIN];
     note("SelfTest", QX_REALTIME_SelfTest());
@@ -144,7 +147,8 @@ std::string every_operation(pid_t foreign_tid) {
 
 // What may be in the library's directories after every_operation: the configuration's segments
 // and lock files, per-process log files and what the case planted. Anything else, or a segment
-// grown past 16384 bytes, is reported. Also the private /tmp and /dev/shm itself must hold nothing new.
+// grown past 16384 bytes, is reported. Also the private /tmp and /dev/shm itself must hold nothing
+// new.
 std::string unexpected_files(const std::vector<std::string> &tmp_before,
                              const std::vector<std::string> &shm_before,
                              const std::vector<std::string> &planted) {
@@ -165,7 +169,8 @@ std::string unexpected_files(const std::vector<std::string> &tmp_before,
         bool was_planted = std::find(planted.begin(), planted.end(), f) != planted.end();
         if (!S_ISREG(st.st_mode) && !was_planted)
             out += f + " is not a regular file\n";
-        else if (S_ISREG(st.st_mode) && f.rfind("/dev/shm/realtime/", 0) == 0 && st.st_size > RT_SHM_SIZE)
+        else if (S_ISREG(st.st_mode) && f.rfind("/dev/shm/realtime/", 0) == 0 &&
+                 st.st_size > RT_SHM_SIZE)
             out += qxt::format("%s holds %lld bytes\n", f.c_str(), (long long)st.st_size);
     }
     if (listing("/tmp") != tmp_before) out += "/tmp changed\n";
@@ -178,7 +183,8 @@ std::string unexpected_files(const std::vector<std::string> &tmp_before,
 std::string private_tmp() {
     static bool done = false;
     if (done) return "";
-    if (mount("hard_tmp", "/tmp", "tmpfs", 0, "mode=1777") != 0) return "cannot mount a private /tmp";
+    if (mount("hard_tmp", "/tmp", "tmpfs", 0, "mode=1777") != 0)
+        return "cannot mount a private /tmp";
     done = true;
     return "";
 }
@@ -318,7 +324,8 @@ int32_t peek32(const std::string &path, size_t offset) {
 const std::string kRrPath = std::string(RT_SHM_PREFIX) + kRr;
 const std::string kGlobalPath = RT_SHM_PREFIX "Global";
 
-const std::vector<int32_t> kExtremes = {0, -1, INT32_MIN, INT32_MAX, 16383, 16384, 16380, 1101, 3, -96};
+const std::vector<int32_t> kExtremes = {0,     -1,    INT32_MIN, INT32_MAX, 16383,
+                                        16384, 16380, 1101,      3,         -96};
 const std::vector<int32_t> kExtremesSanitized = {0, -1, INT32_MIN, INT32_MAX, 16384, 1101};
 
 void summary(const char *what, int cases, int crashes, double t0) {
@@ -350,10 +357,22 @@ void run_fields(const char *what, const std::string &path, const std::vector<Fie
     summary(what, cases, crashes, t0);
 }
 
-#define CENTRAL_FIELD(f) Field{#f, offsetof(QX_REALTIME_CENTRAL_t, f)}
-#define DOMAIN_FIELD(f) Field{#f, offsetof(QX_REALTIME_DOMAIN_t, f)}
-#define CLASS_FIELD(f) Field{#f, offsetof(QX_REALTIME_CLASS_t, f)}
-#define THREAD_FIELD(f) Field{#f, offsetof(QX_REALTIME_THREAD_t, f)}
+#define CENTRAL_FIELD(f)                       \
+    Field {                                    \
+#f, offsetof(QX_REALTIME_CENTRAL_t, f) \
+    }
+#define DOMAIN_FIELD(f)                       \
+    Field {                                   \
+#f, offsetof(QX_REALTIME_DOMAIN_t, f) \
+    }
+#define CLASS_FIELD(f)                       \
+    Field {                                  \
+#f, offsetof(QX_REALTIME_CLASS_t, f) \
+    }
+#define THREAD_FIELD(f)                       \
+    Field {                                   \
+#f, offsetof(QX_REALTIME_THREAD_t, f) \
+    }
 
 // Deadline bandwidth is one pool for the whole machine: whatever a failing case left booked is
 // dropped on the way out, so that the deadline tests running beside these are not starved.
@@ -473,7 +492,11 @@ TEST_F(HardeningCorruptedFiles, NameClimbingOutOfTheDirectoriesTouchesNothing) {
         std::function<uint32_t()> fn;
     };
     const std::vector<Call> calls = {
-        {"QX_REALTIME_CreateDomain", [&] { (void)QX_REALTIME_Init(0); return QX_REALTIME_CreateDomain(kEvil); }},
+        {"QX_REALTIME_CreateDomain",
+         [&] {
+             (void)QX_REALTIME_Init(0);
+             return QX_REALTIME_CreateDomain(kEvil);
+         }},
         {"QX_REALTIME_DeleteDomain", [&] { return (uint32_t)QX_REALTIME_DeleteDomain(kEvil); }},
         {"QX_REALTIME_QueryBudget",
          [&] {
@@ -481,26 +504,30 @@ TEST_F(HardeningCorruptedFiles, NameClimbingOutOfTheDirectoriesTouchesNothing) {
              int32_t left;
              return QX_REALTIME_QueryBudget(kEvil, &u, &left);
          }},
-        {"QX_REALTIME_AddThread", [&] { return QX_REALTIME_AddThread(kEvil, kRrClass, start_sleeper(), 0); }},
+        {"QX_REALTIME_AddThread",
+         [&] { return QX_REALTIME_AddThread(kEvil, kRrClass, start_sleeper(), 0); }},
         {"QX_REALTIME_AddThread_Lite",
          [&] {
              QX_REALTIME_UTIL_t u = {1, 0, 0, 0};
              return QX_REALTIME_AddThread_Lite(kEvil, kRrClass, &u, start_sleeper(), 0);
          }},
-        {"QX_REALTIME_RemoveThread", [&] { return QX_REALTIME_RemoveThread(kEvil, start_sleeper()); }},
+        {"QX_REALTIME_RemoveThread",
+         [&] { return QX_REALTIME_RemoveThread(kEvil, start_sleeper()); }},
         {"QX_REALTIME_UpdateThreadUtil",
          [&] {
              QX_REALTIME_UTIL_t u = {1, 0, 0, 0};
              return QX_REALTIME_UpdateThreadUtil(kEvil, &u, start_sleeper());
          }},
-        {"QX_REALTIME_GetDomainCpuUsage", [&] { return QX_REALTIME_GetDomainCpuUsage(kEvil, 1, 1); }},
+        {"QX_REALTIME_GetDomainCpuUsage",
+         [&] { return QX_REALTIME_GetDomainCpuUsage(kEvil, 1, 1); }},
         {"QX_REALTIME_DumpDomainInfo", [&] { return QX_REALTIME_DumpDomainInfo(kEvil); }},
     };
     int cases = 0, crashes = 0;
     for (const Call &call : calls) {
         ChildResult r = run_child([&] {
             uint32_t rc = call.fn();
-            return rc == RT_ERR_INVALID_PARAM ? std::string() : qxt::format("returned %u, not 8", rc);
+            return rc == RT_ERR_INVALID_PARAM ? std::string()
+                                              : qxt::format("returned %u, not 8", rc);
         });
         cases++;
         crashes += !r.normal_exit;
@@ -535,45 +562,53 @@ TEST_F(HardeningCorruptedFiles, CgroupPathsOfARecordAimedAtAForeignFile) {
             &scratch);
         cases++;
         crashes += r.crashed;
-        EXPECT_EQ("", r.problems) << "tasks paths aimed at " << scratch.path << " (" << which << ")";
+        EXPECT_EQ("", r.problems) << "tasks paths aimed at " << scratch.path << " (" << which
+                                  << ")";
         qxt::write_file(scratch.path, scratch.content);
     }
     summary("cgroup paths aimed at a foreign file", cases, crashes, t0);
 }
 
 TEST_F(HardeningCorruptedFiles, ExtremeValuesInCentralRecord) {
-    run_fields("central record", kGlobalPath,
-               {CENTRAL_FIELD(s32BudgetCpuNum), CENTRAL_FIELD(s32UtilTotal), CENTRAL_FIELD(s32CapPerCore),
-                CENTRAL_FIELD(s32UtilReservation), CENTRAL_FIELD(s32DbgLevel), CENTRAL_FIELD(u8Enabled),
-                CENTRAL_FIELD(s32DomainNum), CENTRAL_FIELD(s32DomainUtilList)},
-               [] { return (size_t)0; });
+    run_fields(
+        "central record", kGlobalPath,
+        {CENTRAL_FIELD(s32BudgetCpuNum), CENTRAL_FIELD(s32UtilTotal), CENTRAL_FIELD(s32CapPerCore),
+         CENTRAL_FIELD(s32UtilReservation), CENTRAL_FIELD(s32DbgLevel), CENTRAL_FIELD(u8Enabled),
+         CENTRAL_FIELD(s32DomainNum), CENTRAL_FIELD(s32DomainUtilList)},
+        [] { return (size_t)0; });
 }
 
 TEST_F(HardeningCorruptedFiles, ExtremeValuesInDomainRecord) {
     run_fields("domain record", kRrPath,
-               {DOMAIN_FIELD(s32NextOffset), DOMAIN_FIELD(s32ClassStartOffset), DOMAIN_FIELD(s32ClassNum),
-                DOMAIN_FIELD(s32ThreadStartOffset), DOMAIN_FIELD(s32ThreadNum), DOMAIN_FIELD(s32UtilMax),
-                DOMAIN_FIELD(s32UtilCurrent), DOMAIN_FIELD(s32CpuNum), DOMAIN_FIELD(u32CpuMask),
-                DOMAIN_FIELD(s32RtRuntimeUs), DOMAIN_FIELD(u32SchedType), DOMAIN_FIELD(s32MemHighPrioResource),
+               {DOMAIN_FIELD(s32NextOffset), DOMAIN_FIELD(s32ClassStartOffset),
+                DOMAIN_FIELD(s32ClassNum), DOMAIN_FIELD(s32ThreadStartOffset),
+                DOMAIN_FIELD(s32ThreadNum), DOMAIN_FIELD(s32UtilMax), DOMAIN_FIELD(s32UtilCurrent),
+                DOMAIN_FIELD(s32CpuNum), DOMAIN_FIELD(u32CpuMask), DOMAIN_FIELD(s32RtRuntimeUs),
+                DOMAIN_FIELD(u32SchedType), DOMAIN_FIELD(s32MemHighPrioResource),
                 DOMAIN_FIELD(s32MemHighPrioUsage), DOMAIN_FIELD(s32MemHighPrioAvailable),
                 DOMAIN_FIELD(processIDListNum), DOMAIN_FIELD(s32ProcessIDList)},
                [] { return (size_t)0; });
 }
 
 TEST_F(HardeningCorruptedFiles, ExtremeValuesInClassRecord) {
-    run_fields("class record", kRrPath,
-               {CLASS_FIELD(s32ClassId), CLASS_FIELD(s32Util), CLASS_FIELD(s32RtPriority),
-                CLASS_FIELD(s32DlDeadlineUs), CLASS_FIELD(s32DlRuntimeUs), CLASS_FIELD(s32DlPeriodUs)},
-               [] { return (size_t)RT_DOMAIN_HEADER_SIZE; });
+    run_fields(
+        "class record", kRrPath,
+        {CLASS_FIELD(s32ClassId), CLASS_FIELD(s32Util), CLASS_FIELD(s32RtPriority),
+         CLASS_FIELD(s32DlDeadlineUs), CLASS_FIELD(s32DlRuntimeUs), CLASS_FIELD(s32DlPeriodUs)},
+        [] { return (size_t)RT_DOMAIN_HEADER_SIZE; });
 }
 
 TEST_F(HardeningCorruptedFiles, ExtremeValuesInThreadRecord) {
     // The first slot holds the foreign thread admitted by the case's setup.
     run_fields("thread record", kRrPath,
-               {THREAD_FIELD(ThreadIdx), THREAD_FIELD(ClassIdx), THREAD_FIELD(Alive), THREAD_FIELD(ProcessID),
-                THREAD_FIELD(Pid), THREAD_FIELD(Util), THREAD_FIELD(Priority), THREAD_FIELD(DeadlineUs),
-                THREAD_FIELD(RuntimeUs), THREAD_FIELD(PeriodUs), THREAD_FIELD(stSavedAttr)},
-               [] { return (size_t)peek32(kRrPath, offsetof(QX_REALTIME_DOMAIN_t, s32ThreadStartOffset)); });
+               {THREAD_FIELD(ThreadIdx), THREAD_FIELD(ClassIdx), THREAD_FIELD(Alive),
+                THREAD_FIELD(ProcessID), THREAD_FIELD(Pid), THREAD_FIELD(Util),
+                THREAD_FIELD(Priority), THREAD_FIELD(DeadlineUs), THREAD_FIELD(RuntimeUs),
+                THREAD_FIELD(PeriodUs), THREAD_FIELD(stSavedAttr)},
+               [] {
+                   return (size_t)peek32(kRrPath,
+                                         offsetof(QX_REALTIME_DOMAIN_t, s32ThreadStartOffset));
+               });
 }
 
 TEST_F(HardeningCorruptedFiles, NameAndPathFieldsWithoutTerminator) {
@@ -591,12 +626,18 @@ TEST_F(HardeningCorruptedFiles, NameAndPathFieldsWithoutTerminator) {
          sizeof(QX_REALTIME_CENTRAL_t::szDomainNameList)},
         {"szName", kRrPath, offsetof(QX_REALTIME_DOMAIN_t, szName), RT_NAME_LEN},
         {"pszCpuset", kRrPath, offsetof(QX_REALTIME_DOMAIN_t, pszCpuset), RT_CPUSET_LEN},
-        {"pszCpusetPathRoot", kRrPath, offsetof(QX_REALTIME_DOMAIN_t, pszCpusetPathRoot), RT_PATH_LEN},
-        {"pszCpusetPathTasks", kRrPath, offsetof(QX_REALTIME_DOMAIN_t, pszCpusetPathTasks), RT_PATH_LEN},
-        {"pszCpuacctPathRoot", kRrPath, offsetof(QX_REALTIME_DOMAIN_t, pszCpuacctPathRoot), RT_PATH_LEN},
-        {"pszCpuacctPathTasks", kRrPath, offsetof(QX_REALTIME_DOMAIN_t, pszCpuacctPathTasks), RT_PATH_LEN},
-        {"pszCpuacctPathStat", kRrPath, offsetof(QX_REALTIME_DOMAIN_t, pszCpuacctPathStat), RT_PATH_LEN},
-        {"all paths at once", kRrPath, offsetof(QX_REALTIME_DOMAIN_t, pszCpusetPathRoot), RT_PATH_LEN * 5},
+        {"pszCpusetPathRoot", kRrPath, offsetof(QX_REALTIME_DOMAIN_t, pszCpusetPathRoot),
+         RT_PATH_LEN},
+        {"pszCpusetPathTasks", kRrPath, offsetof(QX_REALTIME_DOMAIN_t, pszCpusetPathTasks),
+         RT_PATH_LEN},
+        {"pszCpuacctPathRoot", kRrPath, offsetof(QX_REALTIME_DOMAIN_t, pszCpuacctPathRoot),
+         RT_PATH_LEN},
+        {"pszCpuacctPathTasks", kRrPath, offsetof(QX_REALTIME_DOMAIN_t, pszCpuacctPathTasks),
+         RT_PATH_LEN},
+        {"pszCpuacctPathStat", kRrPath, offsetof(QX_REALTIME_DOMAIN_t, pszCpuacctPathStat),
+         RT_PATH_LEN},
+        {"all paths at once", kRrPath, offsetof(QX_REALTIME_DOMAIN_t, pszCpusetPathRoot),
+         RT_PATH_LEN * 5},
         {"szClassName", kRrPath, cls + offsetof(QX_REALTIME_CLASS_t, szClassName), RT_NAME_LEN},
     };
     Scratch scratch("/tmp/hard_scratch");
@@ -610,7 +651,8 @@ TEST_F(HardeningCorruptedFiles, NameAndPathFieldsWithoutTerminator) {
                 &scratch);
             cases++;
             crashes += r.crashed;
-            EXPECT_EQ("", r.problems) << t.name << " filled with '" << fill << "' and no terminator";
+            EXPECT_EQ("", r.problems)
+                << t.name << " filled with '" << fill << "' and no terminator";
         }
     }
     summary("fields without terminator", cases, crashes, t0);
@@ -657,7 +699,8 @@ TEST_F(HardeningCorruptedFiles, UnusableSegmentMakesTheLookupFail) {
     auto text_field = [](size_t offset, const std::string &text) {
         char field[RT_PATH_LEN] = {0};
         memcpy(field, text.c_str(), std::min(text.size(), sizeof(field) - 1));
-        poke(kRrPath, offset, field, offset == offsetof(QX_REALTIME_DOMAIN_t, szName) ? RT_NAME_LEN : RT_PATH_LEN);
+        poke(kRrPath, offset, field,
+             offset == offsetof(QX_REALTIME_DOMAIN_t, szName) ? RT_NAME_LEN : RT_PATH_LEN);
     };
     struct Damage {
         const char *what;
@@ -667,8 +710,16 @@ TEST_F(HardeningCorruptedFiles, UnusableSegmentMakesTheLookupFail) {
         {"truncated to 0 bytes", [] { truncate(kRrPath.c_str(), 0); }},
         {"truncated to 100 bytes", [] { truncate(kRrPath.c_str(), 100); }},
         {"cut to 16383 bytes", [] { truncate(kRrPath.c_str(), RT_SHM_SIZE - 1); }},
-        {"a directory", [] { unlink(kRrPath.c_str()); mkdir(kRrPath.c_str(), 0770); }},
-        {"a FIFO", [] { unlink(kRrPath.c_str()); mkfifo(kRrPath.c_str(), 0660); }},
+        {"a directory",
+         [] {
+             unlink(kRrPath.c_str());
+             mkdir(kRrPath.c_str(), 0770);
+         }},
+        {"a FIFO",
+         [] {
+             unlink(kRrPath.c_str());
+             mkfifo(kRrPath.c_str(), 0660);
+         }},
         {"a symlink to an intact copy",
          [&] {
              qxt::write_file(copy, qxt::read_file(kRrPath));
@@ -686,11 +737,18 @@ TEST_F(HardeningCorruptedFiles, UnusableSegmentMakesTheLookupFail) {
         {"the record named for another domain",
          [&] { text_field(offsetof(QX_REALTIME_DOMAIN_t, szName), kDl); }},
         {"cpuset tasks path elsewhere",
-         [&] { text_field(offsetof(QX_REALTIME_DOMAIN_t, pszCpusetPathTasks), "/tmp/hard_tasks"); }},
+         [&] {
+             text_field(offsetof(QX_REALTIME_DOMAIN_t, pszCpusetPathTasks), "/tmp/hard_tasks");
+         }},
         {"cpuacct tasks path elsewhere",
-         [&] { text_field(offsetof(QX_REALTIME_DOMAIN_t, pszCpuacctPathTasks), "/tmp/hard_tasks"); }},
+         [&] {
+             text_field(offsetof(QX_REALTIME_DOMAIN_t, pszCpuacctPathTasks), "/tmp/hard_tasks");
+         }},
         {"cpuset root of another domain",
-         [&] { text_field(offsetof(QX_REALTIME_DOMAIN_t, pszCpusetPathRoot), std::string("/dev/cpuset/") + kDl); }},
+         [&] {
+             text_field(offsetof(QX_REALTIME_DOMAIN_t, pszCpusetPathRoot),
+                        std::string("/dev/cpuset/") + kDl);
+         }},
         // The cpuacct stat path is not among them: it is only read, by the CPU-usage sampling,
         // which takes nothing from it but two numbers, and the monitoring tests point it at
         // counter files of their own.
@@ -712,12 +770,15 @@ TEST_F(HardeningCorruptedFiles, UnusableSegmentMakesTheLookupFail) {
                                   QX_REALTIME_AddThread(kRr, kRrClass, t, 0),
                                   QX_REALTIME_UpdateThreadUtil(kRr, &u, t),
                                   QX_REALTIME_RemoveThread(kRr, t)};
-                const char *ops[4] = {"QueryBudget", "AddThread", "UpdateThreadUtil", "RemoveThread"};
+                const char *ops[4] = {"QueryBudget", "AddThread", "UpdateThreadUtil",
+                                      "RemoveThread"};
                 std::string out;
                 for (int i = 0; i < 4; i++)
-                    if (rc[i] != RT_ERR_NULL) out += qxt::format("%s returned %u, not 10\n", ops[i], rc[i]);
+                    if (rc[i] != RT_ERR_NULL)
+                        out += qxt::format("%s returned %u, not 10\n", ops[i], rc[i]);
                 int errors = 0;
-                for (const qxt::LogLine &line : log.lines()) errors += line.priority == QX_LOG_PRIO_ERROR;
+                for (const qxt::LogLine &line : log.lines())
+                    errors += line.priority == QX_LOG_PRIO_ERROR;
                 if (errors == 0) out += "no error message\n";
                 qxt::SchedInfo si = qxt::sched_of(t);
                 if (si.policy != SCHED_OTHER || qxt::cgroup_of(t, "cpuset") != "/")
@@ -736,7 +797,8 @@ TEST_F(HardeningCorruptedFiles, UnusableSegmentMakesTheLookupFail) {
             // refused segment of full size is not written.
             EXPECT_LE(after.st_size, RT_SHM_SIZE) << d.what << ": the segment grew";
             if (before.st_size == RT_SHM_SIZE) {
-                EXPECT_TRUE(bytes_before == qxt::read_file(kRrPath)) << d.what << ": the segment was written";
+                EXPECT_TRUE(bytes_before == qxt::read_file(kRrPath))
+                    << d.what << ": the segment was written";
             }
         }
         unlink(copy.c_str());

@@ -37,7 +37,8 @@ std::vector<Name> hostile_names() {
     out.push_back({"64 chars", false, std::string(64, 'D'), true});
     out.push_back({"200 chars", false, std::string(200, 'D'), true});
     out.push_back({"5000 chars", false, std::string(5000, 'D'), true});
-    out.push_back({"5000 chars with slashes", false, std::string(2500, '/') + std::string(2500, '.'), true});
+    out.push_back(
+        {"5000 chars with slashes", false, std::string(2500, '/') + std::string(2500, '.'), true});
     out.push_back({"63 chars", false, "Domain_" + std::string(56, 'x'), false});
     out.push_back({"format", false, "%s%n%x%s%n%s%n%p%p%p", false});
     out.push_back({"non-UTF-8", false, "Domain_\xff\xfe\xc0\x80\xed\xa0\x80", false});
@@ -48,9 +49,10 @@ std::vector<Name> hostile_names() {
 }
 
 std::string invalid_name_message(const char *function) {
-    return qxt::format("[RT_Impl][Err] [%s] Invalid domain name: it must be 1 to 63 characters, "
-                       "not \".\" or \"..\", without '/'.\n",
-                       function);
+    return qxt::format(
+        "[RT_Impl][Err] [%s] Invalid domain name: it must be 1 to 63 characters, "
+        "not \".\" or \"..\", without '/'.\n",
+        function);
 }
 
 struct NameOp {
@@ -60,8 +62,10 @@ struct NameOp {
 
 std::vector<NameOp> name_ops() {
     return {
-        {"QX_REALTIME_CreateDomain", [](const char *n, pid_t) { return QX_REALTIME_CreateDomain(n); }},
-        {"QX_REALTIME_DeleteDomain", [](const char *n, pid_t) { return (uint32_t)QX_REALTIME_DeleteDomain(n); }},
+        {"QX_REALTIME_CreateDomain",
+         [](const char *n, pid_t) { return QX_REALTIME_CreateDomain(n); }},
+        {"QX_REALTIME_DeleteDomain",
+         [](const char *n, pid_t) { return (uint32_t)QX_REALTIME_DeleteDomain(n); }},
         {"QX_REALTIME_QueryBudget",
          [](const char *n, pid_t) {
              QX_REALTIME_UTIL_t u = {10, 0, 0, 0};
@@ -75,7 +79,8 @@ std::vector<NameOp> name_ops() {
              QX_REALTIME_UTIL_t u = {10, 0, 0, 0};
              return QX_REALTIME_AddThread_Lite(n, kRrClass, &u, t, 0);
          }},
-        {"QX_REALTIME_RemoveThread", [](const char *n, pid_t t) { return QX_REALTIME_RemoveThread(n, t); }},
+        {"QX_REALTIME_RemoveThread",
+         [](const char *n, pid_t t) { return QX_REALTIME_RemoveThread(n, t); }},
         {"QX_REALTIME_UpdateThreadUtil",
          [](const char *n, pid_t t) {
              QX_REALTIME_UTIL_t u = {10, 0, 0, 0};
@@ -83,7 +88,8 @@ std::vector<NameOp> name_ops() {
          }},
         {"QX_REALTIME_GetDomainCpuUsage",
          [](const char *n, pid_t) { return QX_REALTIME_GetDomainCpuUsage(n, 1, 1); }},
-        {"QX_REALTIME_DumpDomainInfo", [](const char *n, pid_t) { return QX_REALTIME_DumpDomainInfo(n); }},
+        {"QX_REALTIME_DumpDomainInfo",
+         [](const char *n, pid_t) { return QX_REALTIME_DumpDomainInfo(n); }},
     };
 }
 
@@ -100,7 +106,8 @@ std::string join_lines(const std::vector<std::string> &v) {
 }
 
 void print_summary(const char *what, int cases, int crashes, double t0) {
-    printf("[ hostile args ] %s: %d cases, %d crashed; %.1f s\n", what, cases, crashes, now_s() - t0);
+    printf("[ hostile args ] %s: %d cases, %d crashed; %.1f s\n", what, cases, crashes,
+           now_s() - t0);
     fflush(stdout);
 }
 
@@ -123,7 +130,8 @@ void run_name_cases(bool with_state) {
             const bool creates = std::string(op.function) == "QX_REALTIME_CreateDomain";
             ChildResult r = run_child([&]() -> std::string {
                 // CreateDomain needs the configuration chosen by Init in its own process.
-                if (with_state && creates && QX_REALTIME_Init(0) != RT_SUCCESS) return "Init failed";
+                if (with_state && creates && QX_REALTIME_Init(0) != RT_SUCCESS)
+                    return "Init failed";
                 pid_t t = start_sleeper();
                 qxt::LogCapture log;
                 uint32_t rc = op.call(name.c_str(), t);
@@ -135,10 +143,12 @@ void run_name_cases(bool with_state) {
                     if (!log.has_error(invalid_name_message(op.function)))
                         out += "no \"Invalid domain name\" message; the log held:\n" + log.dump();
                 }
-                if (!name.null && !name.invalid && name.label == "63 chars" && with_state && !creates &&
-                    rc != RT_ERR_NULL && std::string(op.function) != "QX_REALTIME_GetDomainCpuUsage" &&
+                if (!name.null && !name.invalid && name.label == "63 chars" && with_state &&
+                    !creates && rc != RT_ERR_NULL &&
+                    std::string(op.function) != "QX_REALTIME_GetDomainCpuUsage" &&
                     std::string(op.function) != "QX_REALTIME_DumpDomainInfo")
-                    out += qxt::format("returned %u for an unknown 63-character name, not 10\n", rc);
+                    out +=
+                        qxt::format("returned %u for an unknown 63-character name, not 10\n", rc);
                 return out;
             });
             cases++;
@@ -150,8 +160,9 @@ void run_name_cases(bool with_state) {
             if (name.invalid || name.null) {
                 std::vector<std::string> files_after = library_files();
                 EXPECT_EQ(files_before, files_after)
-                    << where << ": files appeared or vanished:\nbefore\n" << join_lines(files_before)
-                    << "after\n" << join_lines(files_after);
+                    << where << ": files appeared or vanished:\nbefore\n"
+                    << join_lines(files_before) << "after\n"
+                    << join_lines(files_after);
             }
             if (with_state && !creates) {
                 ChildResult c = run_child([] { return admit_remove_and_check(kRr, -1, false); });
@@ -189,8 +200,14 @@ TEST_F(HardeningHostileArgs, ClassNamesAndPointerArguments) {
     ASSERT_EQ("", reset({kRr, kDl}));
     double t0 = now_s();
     int cases = 0, crashes = 0;
-    std::vector<std::string> classes = {"", ".", "..", "Class_R/..", std::string(64, 'C'),
-                                        std::string(5000, 'C'), "%s%n%x%n%n", "Class_\xff\xfe",
+    std::vector<std::string> classes = {"",
+                                        ".",
+                                        "..",
+                                        "Class_R/..",
+                                        std::string(64, 'C'),
+                                        std::string(5000, 'C'),
+                                        "%s%n%x%n%n",
+                                        "Class_\xff\xfe",
                                         "Class_ND"};  // the last: a class of another domain
     for (const std::string &cls : classes) {
         for (const char *domain : {kRr, kDl}) {
@@ -202,13 +219,14 @@ TEST_F(HardeningHostileArgs, ClassNamesAndPointerArguments) {
                 uint32_t b = QX_REALTIME_AddThread_Lite(domain, cls.c_str(), &u, t, 1);
                 std::string out;
                 if (a == RT_SUCCESS || b == RT_SUCCESS)
-                    out += qxt::format("a thread was admitted with class '%s': %u %u\n", cls.c_str(), a, b);
+                    out += qxt::format("a thread was admitted with class '%s': %u %u\n",
+                                       cls.c_str(), a, b);
                 return out + check_invariants(domain, -1);
             });
             cases++;
             crashes += !r.normal_exit;
-            EXPECT_TRUE(r.normal_exit && r.exit_code == 0) << domain << " class " << cls.size()
-                                                           << " chars: " << r.describe();
+            EXPECT_TRUE(r.normal_exit && r.exit_code == 0)
+                << domain << " class " << cls.size() << " chars: " << r.describe();
             EXPECT_EQ("", r.text) << domain << " class '" << cls.substr(0, 80) << "'";
             EXPECT_EQ(before, util_current(domain));
         }
@@ -237,44 +255,79 @@ TEST_F(HardeningHostileArgs, ClassNamesAndPointerArguments) {
         {"QueryBudget(NULL util)",
          [&] {
              int32_t left = 0;
-             return expect_code("QueryBudget", QX_REALTIME_QueryBudget(kRr, nullptr, &left), RT_ERR_NULL);
+             return expect_code("QueryBudget", QX_REALTIME_QueryBudget(kRr, nullptr, &left),
+                                RT_ERR_NULL);
          }},
         {"QueryBudget(NULL left)",
          [&] {
              QX_REALTIME_UTIL_t u = {0, 0, 0, 0};
-             return expect_code("QueryBudget", QX_REALTIME_QueryBudget(kRr, &u, nullptr), RT_ERR_NULL);
+             return expect_code("QueryBudget", QX_REALTIME_QueryBudget(kRr, &u, nullptr),
+                                RT_ERR_NULL);
          }},
         {"QueryBudget(all NULL)",
-         [&] { return expect_code("QueryBudget", QX_REALTIME_QueryBudget(nullptr, nullptr, nullptr), RT_ERR_INVALID_PARAM); }},
+         [&] {
+             return expect_code("QueryBudget", QX_REALTIME_QueryBudget(nullptr, nullptr, nullptr),
+                                RT_ERR_INVALID_PARAM);
+         }},
         {"AddThread_Lite(NULL util)",
          [&] {
-             return expect_code("AddThread_Lite",
-                                QX_REALTIME_AddThread_Lite(kRr, kRrClass, nullptr, start_sleeper(), 0), RT_ERR_NULL);
+             return expect_code(
+                 "AddThread_Lite",
+                 QX_REALTIME_AddThread_Lite(kRr, kRrClass, nullptr, start_sleeper(), 0),
+                 RT_ERR_NULL);
          }},
         {"AddThread_Lite(all NULL)",
-         [&] { return expect_code("AddThread_Lite", QX_REALTIME_AddThread_Lite(nullptr, nullptr, nullptr, -1, 255), RT_ERR_NULL); }},
+         [&] {
+             return expect_code("AddThread_Lite",
+                                QX_REALTIME_AddThread_Lite(nullptr, nullptr, nullptr, -1, 255),
+                                RT_ERR_NULL);
+         }},
         {"AddThread(all NULL)",
-         [&] { return expect_code("AddThread", QX_REALTIME_AddThread(nullptr, nullptr, -1, 255), RT_ERR_INVALID_PARAM); }},
+         [&] {
+             return expect_code("AddThread", QX_REALTIME_AddThread(nullptr, nullptr, -1, 255),
+                                RT_ERR_INVALID_PARAM);
+         }},
         {"UpdateThreadUtil(NULL util)",
-         [&] { return expect_code("UpdateThreadUtil", QX_REALTIME_UpdateThreadUtil(kRr, nullptr, start_sleeper()), RT_ERR_NULL); }},
+         [&] {
+             return expect_code("UpdateThreadUtil",
+                                QX_REALTIME_UpdateThreadUtil(kRr, nullptr, start_sleeper()),
+                                RT_ERR_NULL);
+         }},
         {"UpdateThreadUtil(all NULL)",
-         [&] { return expect_code("UpdateThreadUtil", QX_REALTIME_UpdateThreadUtil(nullptr, nullptr, -1), RT_ERR_NULL); }},
+         [&] {
+             return expect_code("UpdateThreadUtil",
+                                QX_REALTIME_UpdateThreadUtil(nullptr, nullptr, -1), RT_ERR_NULL);
+         }},
         {"GetAllDomainName(NULL, 0)",
-         [&] { return expect_code("GetAllDomainName", QX_REALTIME_GetAllDomainName(nullptr, 0), RT_SUCCESS); }},
+         [&] {
+             return expect_code("GetAllDomainName", QX_REALTIME_GetAllDomainName(nullptr, 0),
+                                RT_SUCCESS);
+         }},
         {"GetAllDomainName(NULL, 4096)",
-         [&] { return expect_code("GetAllDomainName", QX_REALTIME_GetAllDomainName(nullptr, 4096), RT_SUCCESS); }},
-        {"GetAllDomainName(buffer, 0)", names_into(0, "GetAllDomainName wrote into a buffer of size 0\n")},
+         [&] {
+             return expect_code("GetAllDomainName", QX_REALTIME_GetAllDomainName(nullptr, 4096),
+                                RT_SUCCESS);
+         }},
+        {"GetAllDomainName(buffer, 0)",
+         names_into(0, "GetAllDomainName wrote into a buffer of size 0\n")},
         {"GetAllDomainName(buffer, 64)", names_into(64, "GetAllDomainName wrote past 64 bytes\n")},
-        {"DmipsToUs(NULL)", [&] { return expect_code("DmipsToUs", QX_REALTIME_DmipsToUs(10, nullptr), RT_ERR_NULL); }},
+        {"DmipsToUs(NULL)",
+         [&] { return expect_code("DmipsToUs", QX_REALTIME_DmipsToUs(10, nullptr), RT_ERR_NULL); }},
         {"DmipsToUs(UINT32_MAX)",
          [&] {
              uint32_t us = 7;
-             return expect_code("DmipsToUs", QX_REALTIME_DmipsToUs(UINT32_MAX, &us), RT_ERR_INVALID_PARAM);
+             return expect_code("DmipsToUs", QX_REALTIME_DmipsToUs(UINT32_MAX, &us),
+                                RT_ERR_INVALID_PARAM);
          }},
         {"GetAvailableHighPriorityResource(NULL)",
-         [&] { return expect_code("GetAvailableHighPriorityResource", QX_REALTIME_GetAvailableHighPriorityResource(nullptr), RT_ERR_INVALID_PARAM); }},
+         [&] {
+             return expect_code("GetAvailableHighPriorityResource",
+                                QX_REALTIME_GetAvailableHighPriorityResource(nullptr),
+                                RT_ERR_INVALID_PARAM);
+         }},
         {"Init(2)", [&] { return expect_code("Init", QX_REALTIME_Init(2), RT_ERR_FAILED); }},
-        {"Init(UINT32_MAX)", [&] { return expect_code("Init", QX_REALTIME_Init(UINT32_MAX), RT_ERR_FAILED); }},
+        {"Init(UINT32_MAX)",
+         [&] { return expect_code("Init", QX_REALTIME_Init(UINT32_MAX), RT_ERR_FAILED); }},
         {"SetDebugLevel(INT_MIN, -1, INT_MAX)",
          [&] {
              // The level is taken as given (and left in the central record): a code, no crash.
@@ -290,7 +343,11 @@ TEST_F(HardeningHostileArgs, ClassNamesAndPointerArguments) {
              return std::string();
          }},
         {"GetDomainCpuUsage(1 ms, UINT32_MAX samples) of an unknown domain",
-         [&] { return expect_code("GetDomainCpuUsage", QX_REALTIME_GetDomainCpuUsage("Domain_Unknown", 1, UINT32_MAX), RT_ERR_NULL); }},
+         [&] {
+             return expect_code("GetDomainCpuUsage",
+                                QX_REALTIME_GetDomainCpuUsage("Domain_Unknown", 1, UINT32_MAX),
+                                RT_ERR_NULL);
+         }},
         {"_QX_REALTIME_GetAllDomainInfo and SelfTest",
          [&] {
              (void)_QX_REALTIME_GetAllDomainInfo();
@@ -334,8 +391,9 @@ TEST_F(HardeningHostileArgs, ThreadIds) {
             const int32_t before = util_current(domain);
             ChildResult r = run_child([&]() -> std::string {
                 std::string out;
-                QX_REALTIME_UTIL_t lite = is_dl(domain) ? QX_REALTIME_UTIL_t{10, 10000, 1000, 100000}
-                                                        : QX_REALTIME_UTIL_t{10, 0, 0, 0};
+                QX_REALTIME_UTIL_t lite = is_dl(domain)
+                                              ? QX_REALTIME_UTIL_t{10, 10000, 1000, 100000}
+                                              : QX_REALTIME_UTIL_t{10, 0, 0, 0};
                 QX_REALTIME_UTIL_t upd = is_dl(domain) ? QX_REALTIME_UTIL_t{0, 20000, 2000, 100000}
                                                        : QX_REALTIME_UTIL_t{20, 0, 0, 0};
                 std::string cls = class_of(domain);
@@ -358,7 +416,8 @@ TEST_F(HardeningHostileArgs, ThreadIds) {
                     // A thread of another live process is admitted, updated and removed.
                     for (int i = 0; i < 4; i++)
                         if (rc[i] != RT_SUCCESS && i != 1)
-                            out += qxt::format("%s returned %u for a foreign thread\n", names[i], rc[i]);
+                            out += qxt::format("%s returned %u for a foreign thread\n", names[i],
+                                               rc[i]);
                     if (rc[4] != RT_ERR_NOT_EXIST)
                         out += qxt::format("second RemoveThread returned %u, not 11\n", rc[4]);
                 }
@@ -366,8 +425,8 @@ TEST_F(HardeningHostileArgs, ThreadIds) {
             });
             cases++;
             crashes += !r.normal_exit;
-            EXPECT_TRUE(r.normal_exit && r.exit_code == 0) << domain << " tid " << tid.label << ": "
-                                                           << r.describe();
+            EXPECT_TRUE(r.normal_exit && r.exit_code == 0)
+                << domain << " tid " << tid.label << ": " << r.describe();
             EXPECT_EQ("", r.text) << domain << " tid " << tid.label;
             EXPECT_EQ(before, util_current(domain)) << domain << " tid " << tid.label;
         }
@@ -388,8 +447,10 @@ TEST_F(HardeningHostileArgs, ThreadIdZeroIsTheCallerAndEndsWithACode) {
             uint32_t a = QX_REALTIME_AddThread(domain, cls.c_str(), 0, 0);
             uint32_t b = QX_REALTIME_UpdateThreadUtil(domain, &u, 0);
             uint32_t c = QX_REALTIME_RemoveThread(domain, 0);
-            printf("[ hostile args ] tid 0 in %s: AddThread %u, UpdateThreadUtil %u, RemoveThread %u\n",
-                   domain, a, b, c);
+            printf(
+                "[ hostile args ] tid 0 in %s: AddThread %u, UpdateThreadUtil %u, RemoveThread "
+                "%u\n",
+                domain, a, b, c);
             fflush(stdout);
             return std::string();
         });
@@ -409,10 +470,10 @@ TEST_F(HardeningHostileArgs, ExtremeUtilisationRecords) {
     const int32_t values[] = {INT32_MIN, -1, 0, INT32_MAX};
     int cases = 0, crashes = 0;
     for (int combo = 0; combo < 256; combo++) {
-        QX_REALTIME_UTIL_t u = {values[combo & 3], values[(combo >> 2) & 3], values[(combo >> 4) & 3],
-                                values[(combo >> 6) & 3]};
-        std::string label = qxt::format("{%d, %d, %d, %d}", u.s32Util, u.DlDeadlineUs, u.DlRuntimeUs,
-                                        u.DlPeriodUs);
+        QX_REALTIME_UTIL_t u = {values[combo & 3], values[(combo >> 2) & 3],
+                                values[(combo >> 4) & 3], values[(combo >> 6) & 3]};
+        std::string label =
+            qxt::format("{%d, %d, %d, %d}", u.s32Util, u.DlDeadlineUs, u.DlRuntimeUs, u.DlPeriodUs);
         ChildResult r = run_child([&]() -> std::string {
             std::string out;
             for (const char *domain : {kRr, kDl}) {
@@ -436,11 +497,12 @@ TEST_F(HardeningHostileArgs, ExtremeUtilisationRecords) {
                 (void)QX_REALTIME_UpdateThreadUtil(domain, &q, t2);
                 out += check_invariants(domain, -1);
                 uint32_t rc = QX_REALTIME_RemoveThread(domain, t2);
-                if (rc != RT_SUCCESS) out += qxt::format("%s: removal after the update returned %u\n", domain, rc);
+                if (rc != RT_SUCCESS)
+                    out += qxt::format("%s: removal after the update returned %u\n", domain, rc);
                 qxt::SchedInfo si = qxt::sched_of(t2);
                 if (si.policy != SCHED_OTHER || qxt::cgroup_of(t2, "cpuset") != "/")
-                    out += qxt::format("%s: removed thread has policy %u in %s\n", domain, si.policy,
-                                       qxt::cgroup_of(t2, "cpuset").c_str());
+                    out += qxt::format("%s: removed thread has policy %u in %s\n", domain,
+                                       si.policy, qxt::cgroup_of(t2, "cpuset").c_str());
                 out += check_invariants(domain, -1);
             }
             return out;

@@ -52,7 +52,8 @@ QX_REALTIME_UTIL_t lite_util(const std::string &domain) {
     if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(90);
     std::string cls = class_of(s.domain);
     pid_t target = -1;
-    bool thread_op = s.op == Op::Add || s.op == Op::Lite || s.op == Op::Remove || s.op == Op::Update;
+    bool thread_op =
+        s.op == Op::Add || s.op == Op::Lite || s.op == Op::Remove || s.op == Op::Update;
     if (thread_op) target = s.foreign ? foreign_tid : start_sleeper();
     if (thread_op && target <= 0) _exit(91);
     QX_REALTIME_UTIL_t util = lite_util(s.domain);
@@ -61,32 +62,48 @@ QX_REALTIME_UTIL_t lite_util(const std::string &domain) {
         QX_REALTIME_UTIL_t probe = {0, 0, 0, 0};
         int32_t left = 0;
         switch (s.op) {
-            case Op::Remove:
-            case Op::Update:
-                if (QX_REALTIME_AddThread(s.domain, cls.c_str(), target, 0) != RT_SUCCESS) _exit(92);
-                break;
-            case Op::Create:
-                if (QX_REALTIME_Init(0) != RT_SUCCESS) _exit(93);
-                break;
-            case Op::Init:
-                break;
-            default:
-                // Attached, the domain mapped: the operation takes the usual path.
-                (void)QX_REALTIME_QueryBudget(s.domain, &probe, &left);
-                break;
+        case Op::Remove:
+        case Op::Update:
+            if (QX_REALTIME_AddThread(s.domain, cls.c_str(), target, 0) != RT_SUCCESS) _exit(92);
+            break;
+        case Op::Create:
+            if (QX_REALTIME_Init(0) != RT_SUCCESS) _exit(93);
+            break;
+        case Op::Init:
+            break;
+        default:
+            // Attached, the domain mapped: the operation takes the usual path.
+            (void)QX_REALTIME_QueryBudget(s.domain, &probe, &left);
+            break;
         }
     }
     raise(SIGSTOP);
     uint32_t rc = 0;
     switch (s.op) {
-        case Op::Add: rc = QX_REALTIME_AddThread(s.domain, cls.c_str(), target, 0); break;
-        case Op::Lite: rc = QX_REALTIME_AddThread_Lite(s.domain, cls.c_str(), &util, target, 0); break;
-        case Op::Remove: rc = QX_REALTIME_RemoveThread(s.domain, target); break;
-        case Op::Update: rc = QX_REALTIME_UpdateThreadUtil(s.domain, &update, target); break;
-        case Op::Create: rc = QX_REALTIME_CreateDomain(s.domain); break;
-        case Op::Delete: rc = (uint32_t)QX_REALTIME_DeleteDomain(s.domain); break;
-        case Op::Init: rc = QX_REALTIME_Init(0); break;
-        case Op::Deinit: rc = QX_REALTIME_Deinit(); break;
+    case Op::Add:
+        rc = QX_REALTIME_AddThread(s.domain, cls.c_str(), target, 0);
+        break;
+    case Op::Lite:
+        rc = QX_REALTIME_AddThread_Lite(s.domain, cls.c_str(), &util, target, 0);
+        break;
+    case Op::Remove:
+        rc = QX_REALTIME_RemoveThread(s.domain, target);
+        break;
+    case Op::Update:
+        rc = QX_REALTIME_UpdateThreadUtil(s.domain, &update, target);
+        break;
+    case Op::Create:
+        rc = QX_REALTIME_CreateDomain(s.domain);
+        break;
+    case Op::Delete:
+        rc = (uint32_t)QX_REALTIME_DeleteDomain(s.domain);
+        break;
+    case Op::Init:
+        rc = QX_REALTIME_Init(0);
+        break;
+    case Op::Deinit:
+        rc = QX_REALTIME_Deinit();
+        break;
     }
     _exit((int)(rc & 0x7f));
 }
@@ -119,7 +136,8 @@ Traced run_traced(const Scenario &s, pid_t foreign_tid, int kill_at) {
         }
         return t;
     }
-    ptrace(PTRACE_SETOPTIONS, pid, nullptr, (void *)(long)(PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL));
+    ptrace(PTRACE_SETOPTIONS, pid, nullptr,
+           (void *)(long)(PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL));
     int sig = 0;
     for (;;) {
         if (ptrace(PTRACE_SYSCALL, pid, nullptr, (void *)(long)sig) != 0) break;
@@ -159,8 +177,8 @@ class KillPoints : public ::testing::TestWithParam<Scenario> {};
 void run_scenario(const Scenario &s) {
     install(0);  // no messages: the traced children's output stays quiet
     Foreign f;
-    const bool lifecycle = s.op == Op::Create || s.op == Op::Delete || s.op == Op::Init ||
-                           s.op == Op::Deinit;
+    const bool lifecycle =
+        s.op == Op::Create || s.op == Op::Delete || s.op == Op::Init || s.op == Op::Deinit;
     const std::string check_domain = (s.op == Op::Init || s.op == Op::Deinit) ? kRr : s.domain;
 
     auto prepare = [&]() -> std::string {
@@ -183,7 +201,8 @@ void run_scenario(const Scenario &s) {
     };
     auto check = [&]() -> std::string {
         pid_t foreign_tid = s.foreign ? f.tid : -1;
-        ChildResult r = run_child([&]() { return admit_remove_and_check(check_domain, foreign_tid, lifecycle); });
+        ChildResult r = run_child(
+            [&]() { return admit_remove_and_check(check_domain, foreign_tid, lifecycle); });
         if (!r.normal_exit || r.exit_code != 0) return r.describe();
         return r.text;
     };
@@ -225,10 +244,11 @@ void run_scenario(const Scenario &s) {
         }
     }
     stop_foreign(f);
-    printf("[ kill points ] %s: whole operation %d syscalls; tried %d of %d (%d ended before "
-           "their kill point); broken at %d:%s; %.1f s\n",
-           s.name, n, tried, n, short_runs, broken, broken_list.empty() ? " none" : broken_list.c_str(),
-           now_s() - t0);
+    printf(
+        "[ kill points ] %s: whole operation %d syscalls; tried %d of %d (%d ended before "
+        "their kill point); broken at %d:%s; %.1f s\n",
+        s.name, n, tried, n, short_runs, broken,
+        broken_list.empty() ? " none" : broken_list.c_str(), now_s() - t0);
     fflush(stdout);
 }
 

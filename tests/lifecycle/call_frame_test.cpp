@@ -42,11 +42,13 @@ TEST_F(CallFrame, InitExitMessageIsWrittenAfterLockFileAndMutexAreReleased) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 4));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     for (uint32_t mode : {0u, 2u}) {
-        std::vector<Seen> exits = observe([mode] { QX_REALTIME_Init(mode); }, "[QX_REALTIME_Init] exit");
+        std::vector<Seen> exits =
+            observe([mode] { QX_REALTIME_Init(mode); }, "[QX_REALTIME_Init] exit");
         ASSERT_EQ(1u, exits.size()) << mode;
         EXPECT_TRUE(exits[0].mutex_free) << mode;
         EXPECT_TRUE(exits[0].lock_free) << mode;
-        std::vector<Seen> entries = observe([mode] { QX_REALTIME_Init(mode); }, "[QX_REALTIME_Init] enter");
+        std::vector<Seen> entries =
+            observe([mode] { QX_REALTIME_Init(mode); }, "[QX_REALTIME_Init] enter");
         ASSERT_EQ(1u, entries.size()) << mode;
         EXPECT_TRUE(entries[0].mutex_free) << mode;
     }
@@ -60,7 +62,8 @@ TEST_F(CallFrame, InitExitMessageIsWrittenAfterLockFileAndMutexAreReleased) {
 TEST_F(CallFrame, InitFailingBeforeLockFileWritesExitMessageWhileMutexIsHeld) {
     ASSERT_EQ(0, mkdir(qxt::central_lock_path(), 0755));
     _u32DbgLevel = 64;
-    std::vector<Seen> exits = observe([] { QX_REALTIME_Init(0); }, "[QX_REALTIME_Init] exit, err=12.");
+    std::vector<Seen> exits =
+        observe([] { QX_REALTIME_Init(0); }, "[QX_REALTIME_Init] exit, err=12.");
     ASSERT_EQ(1u, exits.size());
     EXPECT_FALSE(exits[0].mutex_free);
     EXPECT_TRUE(qxt::process_mutex_is_free());

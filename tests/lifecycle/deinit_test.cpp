@@ -5,9 +5,9 @@
 #include "lifecycle_support.h"
 
 using qxt::central_path;
+using qxt::LogCapture;
 using qxt::system_config;
 using qxt::tid_text;
-using qxt::LogCapture;
 
 namespace {
 
@@ -64,9 +64,11 @@ TEST_F(Deinit, RemovesCentralSegmentAndLockFile) {
     EXPECT_FALSE(qxt::file_exists(central_path()));
     EXPECT_FALSE(qxt::file_exists(qxt::central_lock_path()));
     QXT_EXPECT_INFO(log,
-        "[RT_Impl][Info] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Global success\n");
+                    "[RT_Impl][Info] [_QX_REALTIME_SharedMemoryFree] unlink "
+                    "/dev/shm/realtime/rt_Global success\n");
     QXT_EXPECT_INFO(log,
-        "[RT_Impl][Info] [QX_REALTIME_Deinit] unlink /data/vendor/realtime/flock_rt_Global success\n");
+                    "[RT_Impl][Info] [QX_REALTIME_Deinit] unlink "
+                    "/data/vendor/realtime/flock_rt_Global success\n");
     QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_Deinit] exit, OK.\n");
     EXPECT_TRUE(qxt::process_mutex_is_free());
 
@@ -80,10 +82,11 @@ TEST_F(Deinit, RemovesCentralSegmentAndLockFile) {
 TEST_F(Deinit, WithoutCentralSegmentReturnsNull) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_Deinit());
-    QXT_EXPECT_ERROR(log, qxt::format(
-        "[RT_Impl][Err] [_QX_REALTIME_GetCentralShm][PID=%d][TID=%s] shm_open "
-        "(/dev/shm/realtime/rt_Global) return -1, errno=No such file or directory\n",
-        getpid(), tid_text().c_str()));
+    QXT_EXPECT_ERROR(
+        log,
+        qxt::format("[RT_Impl][Err] [_QX_REALTIME_GetCentralShm][PID=%d][TID=%s] shm_open "
+                    "(/dev/shm/realtime/rt_Global) return -1, errno=No such file or directory\n",
+                    getpid(), tid_text().c_str()));
     QXT_EXPECT_ERROR(log, kForgot);
     EXPECT_EQ(1, log.count_containing("_QX_REALTIME_GetCentralAndTop (")) << log.dump();
     EXPECT_EQ(1, log.count_containing("), can't get central shared memory\n")) << log.dump();
@@ -175,8 +178,8 @@ TEST_F(SetDebugLevel, WhenEnabledStoresLevelInCentralRecordThatAttachersMapAgain
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_SetDebugLevel(64));
     EXPECT_EQ(64u, _u32DbgLevel);
     EXPECT_EQ(64, central->s32DbgLevel);
-    QXT_EXPECT_INFO(log,
-        "[RT_Impl][Info] [QX_REALTIME_SetDebugLevel] set DbgLvl = 64 in central data\n");
+    QXT_EXPECT_INFO(
+        log, "[RT_Impl][Info] [QX_REALTIME_SetDebugLevel] set DbgLvl = 64 in central data\n");
     // 64 is outside 0..7 for an attaching process: it means 32 there.
     EXPECT_EQ(32u, level_of_fresh_attacher());
 
@@ -190,8 +193,9 @@ TEST_F(SetDebugLevel, WhenEnabledStoresLevelInCentralRecordThatAttachersMapAgain
 }
 
 TEST_F(SetDebugLevel, WithoutEnabledChangesOnlyTheCallingProcess) {
-    qxt::write_file("/vendor/etc/realtime/rt-0.json",
-                    "{\n  \"System_Config\": {\n    \"Util\": 1024,\n    \"DbgLevel\": 3\n  }\n}\n");
+    qxt::write_file(
+        "/vendor/etc/realtime/rt-0.json",
+        "{\n  \"System_Config\": {\n    \"Util\": 1024,\n    \"DbgLevel\": 3\n  }\n}\n");
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     EXPECT_EQ(0u, pstTop->Enabled);
     QX_REALTIME_CENTRAL_t *central = qxt::map_central_file();
@@ -220,13 +224,24 @@ TEST_F(Init, TwoProcessesAtOnceExactlyOneCreatesCentralSegment) {
             LogCapture log;
             if (!go.wait()) _exit(10);
             if (QX_REALTIME_Init(0) != RT_SUCCESS) _exit(11);
-            std::string head = qxt::format("[RT_Impl][Info] [_QX_REALTIME_SharedMemoryAlloc][PID=%d][TID=%s] ",
-                                           getpid(), tid_text().c_str());
+            std::string head =
+                qxt::format("[RT_Impl][Info] [_QX_REALTIME_SharedMemoryAlloc][PID=%d][TID=%s] ",
+                            getpid(), tid_text().c_str());
             int fd = pstTop->s32ShmFd;
-            bool created = log.has_info(head + qxt::format("path=/dev/shm/realtime/rt_Global create success, shmFd=%d\n", fd)) &&
-                           log.has_info(head + qxt::format("mmap=%p, new_create=1\n", (void *)pstTop->pstCentral));
-            bool opened = log.has_info(head + qxt::format("open /dev/shm/realtime/rt_Global an existed shared memory=%d\n", fd)) &&
-                          log.has_info(head + qxt::format("mmap=%p, new_create=0\n", (void *)pstTop->pstCentral));
+            bool created =
+                log.has_info(
+                    head +
+                    qxt::format("path=/dev/shm/realtime/rt_Global create success, shmFd=%d\n",
+                                fd)) &&
+                log.has_info(head +
+                             qxt::format("mmap=%p, new_create=1\n", (void *)pstTop->pstCentral));
+            bool opened =
+                log.has_info(
+                    head +
+                    qxt::format("open /dev/shm/realtime/rt_Global an existed shared memory=%d\n",
+                                fd)) &&
+                log.has_info(head +
+                             qxt::format("mmap=%p, new_create=0\n", (void *)pstTop->pstCentral));
             if (created == opened) _exit(12);
             // Each marks the shared record; both marks must meet in one segment.
             pstTop->pstCentral->s32DomainUtilList[created ? 0 : 1] = getpid();

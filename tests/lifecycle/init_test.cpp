@@ -7,9 +7,9 @@
 #include "lifecycle_support.h"
 
 using qxt::central_path;
+using qxt::LogCapture;
 using qxt::system_config;
 using qxt::tid_text;
-using qxt::LogCapture;
 
 using Init = qxt::SandboxTest;
 
@@ -21,8 +21,8 @@ TEST_F(Init, Mode0WithoutPropertyReadsRt0Json) {
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     EXPECT_STREQ("/vendor/etc/realtime/rt-0.json", u8JsonPath);
     EXPECT_EQ((const char *)u8JsonPath, pstJsonPath);
-    QXT_EXPECT_INFO(log,
-        "[RT_Impl][Info] [QX_REALTIME_Init] JsonPath is /vendor/etc/realtime/rt-0.json\n");
+    QXT_EXPECT_INFO(
+        log, "[RT_Impl][Info] [QX_REALTIME_Init] JsonPath is /vendor/etc/realtime/rt-0.json\n");
     EXPECT_EQ(777, pstTop->s32CapPerCore);
     QX_REALTIME_CENTRAL_t *central = qxt::map_central_file();
     ASSERT_NE(nullptr, central);
@@ -63,7 +63,8 @@ TEST_F(Init, Mode2InFreshProcessFailsWithoutCreatingCentralSegment) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 777, 2));
     LogCapture log;
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(2));
-    EXPECT_EQ(1, log.count(QX_LOG_PRIO_ERROR, "[RT_Impl][Err] [QX_REALTIME_Init] Unknown init mode: [2].\n"))
+    EXPECT_EQ(1, log.count(QX_LOG_PRIO_ERROR,
+                           "[RT_Impl][Err] [QX_REALTIME_Init] Unknown init mode: [2].\n"))
         << log.dump();
     EXPECT_FALSE(qxt::file_exists(central_path()));
     EXPECT_EQ(nullptr, pstTop);
@@ -108,10 +109,11 @@ TEST_F(Init, ConfigurationNameTooLongForPathFailsWithoutMessage) {
 TEST_F(Init, MissingConfigurationReturnsInvalidParam) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_Init(0));
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_GetCapability] Can't open "
-                          "/vendor/etc/realtime/rt-0.json, errno=No such file or directory\n");
     QXT_EXPECT_ERROR(log,
-        "[RT_Impl][Err] [QX_REALTIME_Init] _QX_REALTIME_GetCapability() return 12\n");
+                     "[RT_Impl][Err] [_QX_REALTIME_GetCapability] Can't open "
+                     "/vendor/etc/realtime/rt-0.json, errno=No such file or directory\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [QX_REALTIME_Init] _QX_REALTIME_GetCapability() return 12\n");
     // The central segment was set up before the scan and stays; no setting reached it.
     ASSERT_NE(nullptr, pstTop);
     QX_REALTIME_CENTRAL_t *central = qxt::map_central_file();
@@ -151,16 +153,18 @@ TEST_F(Init, CopiesSettingsIntoCentralRecord) {
     EXPECT_EQ(3, central->s32BudgetCpuNum);
     EXPECT_EQ(700, central->s32UtilTotal);
     EXPECT_EQ(80u, _u32DbgLevel);
-    QXT_EXPECT_INFO(log,
+    QXT_EXPECT_INFO(
+        log,
         "[RT_Impl][Info] [_QX_REALTIME_GetCapability] CapPerCore = 2048, Enable=1, DbgLevel=5\n");
 }
 
 TEST_F(Init, SettingsScanTakesLastValueBeforeAllKeysAreSeen) {
     // No "Enabled" in the system scope: the scan runs on into the domains, and a domain's
     // "Util" overwrites the system value until all three keys have been seen.
-    qxt::write_file("/vendor/etc/realtime/rt-0.json",
-                    "{\n  \"System_Config\": {\n    \"Util\": 1024,\n    \"DbgLevel\": 2\n  },\n"
-                    "  \"Domain_A\": {\n    \"Util\": 300,\n    \"Enabled\": 1,\n    \"Util\": 400\n  }\n}\n");
+    qxt::write_file(
+        "/vendor/etc/realtime/rt-0.json",
+        "{\n  \"System_Config\": {\n    \"Util\": 1024,\n    \"DbgLevel\": 2\n  },\n"
+        "  \"Domain_A\": {\n    \"Util\": 300,\n    \"Enabled\": 1,\n    \"Util\": 400\n  }\n}\n");
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     EXPECT_EQ(300, pstTop->s32CapPerCore);
     EXPECT_EQ(1u, pstTop->Enabled);
@@ -253,10 +257,10 @@ TEST_F(Init, CentralSegmentThatCannotBeOpenedFailsAndRetrySucceeds) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(0));
     QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_Init] shared memory initialization fails\n");
-    QXT_EXPECT_ERROR(log, qxt::format(
-        "[RT_Impl][Err] [_QX_REALTIME_SharedMemoryAlloc][PID=%d][TID=%s] shm_open "
-        "(/dev/shm/realtime/rt_Global) return -1, errno=Is a directory\n",
-        getpid(), tid_text().c_str()));
+    QXT_EXPECT_ERROR(
+        log, qxt::format("[RT_Impl][Err] [_QX_REALTIME_SharedMemoryAlloc][PID=%d][TID=%s] shm_open "
+                         "(/dev/shm/realtime/rt_Global) return -1, errno=Is a directory\n",
+                         getpid(), tid_text().c_str()));
     // The top object stays allocated; a later Init maps the segment into it.
     ASSERT_NE(nullptr, pstTop);
     QX_REALTIME_TOP_t *top = pstTop;

@@ -23,8 +23,7 @@ std::string meter_domain() {
     return rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}});
 }
 
-class MonitoringBadInput : public qxt::SandboxTest {
-};
+class MonitoringBadInput : public qxt::SandboxTest {};
 
 TEST_F(MonitoringBadInput, NullNameIsRefusedByBothCalls) {
     ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
@@ -160,8 +159,8 @@ TEST_F(MonitoringBadInput, MissingCpuacctGroupFailsTheFirstReading) {
     ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
     ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
     ASSERT_EQ(rmdir("/dev/cpuacct/Domain_Meter"), 0) << strerror(errno);
-    const std::string failed = format(
-        "[RT_Impl][Err] Read %s failed in _QX_REALTIME_GetGroupCpuStat.\n", kStat);
+    const std::string failed =
+        format("[RT_Impl][Err] Read %s failed in _QX_REALTIME_GetGroupCpuStat.\n", kStat);
 
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kMeter, 1, 2), RT_ERR_SYSTEM);
@@ -267,8 +266,9 @@ TEST_F(MonitoringBadInput, InterruptedSleepIsReportedAndTheSampleIsTakenAtOnce) 
     }
     std::vector<std::string> lines = forms(log);
     ASSERT_EQ(lines.size(), 2u + 4u + 4u) << log.dump();
-    EXPECT_EQ(lines[0],
-              "[RT_Impl][Err] [QX_REALTIME_GetDomainCpuUsage] usleep errno=Interrupted system call\n");
+    EXPECT_EQ(
+        lines[0],
+        "[RT_Impl][Err] [QX_REALTIME_GetDomainCpuUsage] usleep errno=Interrupted system call\n");
     Sample sample;
     EXPECT_TRUE(parse_sample(lines[1], &sample)) << lines[1];
     EXPECT_EQ(lines[6],

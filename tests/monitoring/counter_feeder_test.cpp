@@ -10,8 +10,7 @@ namespace {
 
 const char kTarget[] = "/dev/shm/qxt_feeder_target";
 
-class CounterFeederHarness : public qxt::SandboxTest {
-};
+class CounterFeederHarness : public qxt::SandboxTest {};
 
 TEST_F(CounterFeederHarness, EachReaderGetsTheNextTextAndTheLastOneAgainWhenTheListIsUsedUp) {
     CounterFeeder feeder(kTarget, {"one\n", "two\n"});
@@ -23,7 +22,8 @@ TEST_F(CounterFeederHarness, EachReaderGetsTheNextTextAndTheLastOneAgainWhenTheL
     EXPECT_TRUE(feeder.ok()) << feeder.error();
 }
 
-TEST_F(CounterFeederHarness, ReadersAfterTheNextPipeCannotBePutInPlaceGetEndOfFileAndTheFeederSaysWhy) {
+TEST_F(CounterFeederHarness,
+       ReadersAfterTheNextPipeCannotBePutInPlaceGetEndOfFileAndTheFeederSaysWhy) {
     const std::string dir = "/dev/shm/qxt_feeder_pipes";
     ASSERT_EQ(mkdir(dir.c_str(), 0755), 0) << strerror(errno);
     // A directory where the second pipe would go: it cannot be made.
@@ -35,8 +35,9 @@ TEST_F(CounterFeederHarness, ReadersAfterTheNextPipeCannotBePutInPlaceGetEndOfFi
     EXPECT_EQ(read_file(kTarget), "");
     EXPECT_EQ(feeder.reads(), 1);
     EXPECT_FALSE(feeder.ok());
-    EXPECT_EQ(feeder.error(), "counter feeder for /dev/shm/qxt_feeder_target: mkfifo "
-                              "/dev/shm/qxt_feeder_pipes/1: File exists")
+    EXPECT_EQ(feeder.error(),
+              "counter feeder for /dev/shm/qxt_feeder_target: mkfifo "
+              "/dev/shm/qxt_feeder_pipes/1: File exists")
         << feeder.error();
 }
 

@@ -23,7 +23,8 @@ protected:
     void create(const std::string &config_domains, const std::vector<std::string> &names,
                 int cap = 1024) {
         ASSERT_EQ(start_framework(config_domains, cap), RT_SUCCESS);
-        for (const std::string &name : names) ASSERT_EQ(QX_REALTIME_CreateDomain(name.c_str()), RT_SUCCESS) << name;
+        for (const std::string &name : names)
+            ASSERT_EQ(QX_REALTIME_CreateDomain(name.c_str()), RT_SUCCESS) << name;
     }
 
     // Every feeder served each of its readers; a feeder that could not says why.
@@ -96,7 +97,8 @@ std::string two_domains() {
 }
 
 TEST_F(CpuUsageCounters, OneDomainWithZeroSamplesTakesTheFirstReadingsAndPrintsNothing) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(
+        create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     ASSERT_NO_FATAL_FAILURE(feed_total({1000}));
     ASSERT_NO_FATAL_FAILURE(feed_group(kMeter, {100}));
     LogCapture log;
@@ -130,7 +132,8 @@ TEST_F(CpuUsageCounters, NameThatMerelyBeginsWithAllSamplesEveryDomain) {
 }
 
 TEST_F(CpuUsageCounters, OneDomainTotalCounterStandingStillDividesByOne) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(
+        create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     ASSERT_NO_FATAL_FAILURE(feed_total({5000, 5000}));
     ASSERT_NO_FATAL_FAILURE(feed_group(kMeter, {100, 103}));
     LogCapture log;
@@ -141,7 +144,8 @@ TEST_F(CpuUsageCounters, OneDomainTotalCounterStandingStillDividesByOne) {
 }
 
 TEST_F(CpuUsageCounters, AllDomainsTotalCounterStandingStillDividesByOne) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(
+        create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     ASSERT_NO_FATAL_FAILURE(feed_total({5000, 5000}));
     ASSERT_NO_FATAL_FAILURE(feed_group(kMeter, {100, 103}));
     LogCapture log;
@@ -155,7 +159,8 @@ TEST_F(CpuUsageCounters, AllDomainsTotalCounterStandingStillDividesByOne) {
 
 TEST_F(CpuUsageCounters, OneDomainExactlyAtBudgetIsNotOverbudgetAndAboveIs) {
     // Budget 256 of 1024 per core: 25.00 percent of one core.
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 256, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(
+        create(rr_domain(kMeter, 256, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     ASSERT_NO_FATAL_FAILURE(feed_total({1000, 1000 + 100 * procs_, 1000 + 200 * procs_}));
     ASSERT_NO_FATAL_FAILURE(feed_group(kMeter, {100, 125, 151}));
     LogCapture log;
@@ -166,7 +171,8 @@ TEST_F(CpuUsageCounters, OneDomainExactlyAtBudgetIsNotOverbudgetAndAboveIs) {
 }
 
 TEST_F(CpuUsageCounters, AllDomainsExactlyAtBudgetIsNotOverbudgetAndAboveIs) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 256, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(
+        create(rr_domain(kMeter, 256, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     ASSERT_NO_FATAL_FAILURE(feed_total({1000, 1000 + 100 * procs_, 1000 + 200 * procs_}));
     ASSERT_NO_FATAL_FAILURE(feed_group(kMeter, {100, 125, 151}));
     LogCapture log;
@@ -201,10 +207,11 @@ TEST_F(CpuUsageCounters, ZeroUtilMaxInAllDomainsModeShowsZeroSettingAndAnyUsageI
 }
 
 TEST_F(CpuUsageCounters, OneDomainPrintsOneLinePerSampleFromConsecutiveReadings) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(
+        create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     // Elapsed totals 100N, 200N, 50N; group deltas 50, 20, 50.
-    ASSERT_NO_FATAL_FAILURE(feed_total(
-        {1000, 1000 + 100 * procs_, 1000 + 300 * procs_, 1000 + 350 * procs_}));
+    ASSERT_NO_FATAL_FAILURE(
+        feed_total({1000, 1000 + 100 * procs_, 1000 + 300 * procs_, 1000 + 350 * procs_}));
     ASSERT_NO_FATAL_FAILURE(feed_group(kMeter, {100, 150, 170, 220}));
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kMeter, 1, 3), RT_SUCCESS);
@@ -217,7 +224,8 @@ TEST_F(CpuUsageCounters, OneDomainPrintsOneLinePerSampleFromConsecutiveReadings)
 }
 
 TEST_F(CpuUsageCounters, UnparsableGroupReadingDuringSamplingKeepsThePreviousValue) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(
+        create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     ASSERT_NO_FATAL_FAILURE(feed_total({1000, 1000 + 100 * procs_, 1000 + 200 * procs_}));
     ASSERT_NO_FATAL_FAILURE(
         feed_group_texts(kMeter, {cpuacct_stat_text(100), "garbage\n", cpuacct_stat_text(110)}));
@@ -229,7 +237,8 @@ TEST_F(CpuUsageCounters, UnparsableGroupReadingDuringSamplingKeepsThePreviousVal
 }
 
 TEST_F(CpuUsageCounters, UnparsableTotalReadingDuringSamplingKeepsThePreviousValue) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(
+        create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     ASSERT_NO_FATAL_FAILURE(feed_total_texts({proc_stat_text(1000), "cpu 1 2\n"}));
     ASSERT_NO_FATAL_FAILURE(feed_group(kMeter, {100, 101}));
     LogCapture log;
@@ -260,7 +269,8 @@ TEST_F(CpuUsageCounters, AllDomainsGroupReadingFailureDuringSamplingEndsTheCallW
 // ---- per-core capability of 0 ----
 
 TEST_F(CpuUsageCounters, ZeroCapabilityOneDomainShowsZeroBudgetsAndWarnsOncePerCall) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 0, "0", {{"Class_Meter", 0, 1}}), {kMeter}, 0));
+    ASSERT_NO_FATAL_FAILURE(
+        create(rr_domain(kMeter, 0, "0", {{"Class_Meter", 0, 1}}), {kMeter}, 0));
     ASSERT_NO_FATAL_FAILURE(feed_total({1000, 1000 + 100 * procs_, 1000 + 200 * procs_}));
     ASSERT_NO_FATAL_FAILURE(feed_group(kMeter, {100, 105, 105}));
     LogCapture log;
@@ -274,14 +284,16 @@ TEST_F(CpuUsageCounters, ZeroCapabilityOneDomainShowsZeroBudgetsAndWarnsOncePerC
 }
 
 TEST_F(CpuUsageCounters, ZeroCapabilityOneDomainWithZeroSamplesDoesNotWarn) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 0, "0", {{"Class_Meter", 0, 1}}), {kMeter}, 0));
+    ASSERT_NO_FATAL_FAILURE(
+        create(rr_domain(kMeter, 0, "0", {{"Class_Meter", 0, 1}}), {kMeter}, 0));
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kMeter, 1, 0), RT_SUCCESS);
     QXT_EXPECT_SILENT(log);
 }
 
 TEST_F(CpuUsageCounters, ZeroCapabilityAllDomainsWarnsAtTheStartAndShowsZeroPercentages) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 0, "0", {{"Class_Meter", 0, 1}}), {kMeter}, 0));
+    ASSERT_NO_FATAL_FAILURE(
+        create(rr_domain(kMeter, 0, "0", {{"Class_Meter", 0, 1}}), {kMeter}, 0));
     ASSERT_NO_FATAL_FAILURE(feed_total({1000, 1000 + 100 * procs_}));
     ASSERT_NO_FATAL_FAILURE(feed_group(kMeter, {100, 102}));
     LogCapture log;
@@ -300,7 +312,8 @@ TEST_F(CpuUsageCounters, ZeroCapabilityAllDomainsWarnsAtTheStartAndShowsZeroPerc
 }
 
 TEST_F(CpuUsageCounters, ZeroCapabilityAllDomainsWithZeroSamplesStillWarnsOnce) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 0, "0", {{"Class_Meter", 0, 1}}), {kMeter}, 0));
+    ASSERT_NO_FATAL_FAILURE(
+        create(rr_domain(kMeter, 0, "0", {{"Class_Meter", 0, 1}}), {kMeter}, 0));
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage("All", 1, 0), RT_SUCCESS);
     EXPECT_EQ(log.count(QX_LOG_PRIO_ERROR,
@@ -314,7 +327,8 @@ TEST_F(CpuUsageCounters, ZeroCapabilityAllDomainsWithZeroSamplesStillWarnsOnce) 
 // ---- the counter readers ----
 
 TEST_F(CpuUsageCounters, GroupCounterIsTheSumOfUserAndSystemTime) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(
+        create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     write_file("/dev/shm/qxt_group_file", "user 40\nsystem 2\n");
     ASSERT_NO_FATAL_FAILURE(set_cpuacct_stat_path(kMeter, "/dev/shm/qxt_group_file"));
     QX_REALTIME_DOMAIN_t *rec = map_domain_file(kMeter);
@@ -325,7 +339,8 @@ TEST_F(CpuUsageCounters, GroupCounterIsTheSumOfUserAndSystemTime) {
 }
 
 TEST_F(CpuUsageCounters, GroupCounterUnparsableLeavesTheOutputAlone) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(
+        create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     write_file("/dev/shm/qxt_group_file", "user 40\n");
     ASSERT_NO_FATAL_FAILURE(set_cpuacct_stat_path(kMeter, "/dev/shm/qxt_group_file"));
     QX_REALTIME_DOMAIN_t *rec = map_domain_file(kMeter);
@@ -338,7 +353,8 @@ TEST_F(CpuUsageCounters, GroupCounterUnparsableLeavesTheOutputAlone) {
 }
 
 TEST_F(CpuUsageCounters, GroupCounterUnreadableWritesZeroAndSaysSo) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(
+        create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     ASSERT_NO_FATAL_FAILURE(set_cpuacct_stat_path(kMeter, "/dev/shm/qxt_no_such_file"));
     QX_REALTIME_DOMAIN_t *rec = map_domain_file(kMeter);
     ASSERT_NE(rec, nullptr);
@@ -346,12 +362,14 @@ TEST_F(CpuUsageCounters, GroupCounterUnreadableWritesZeroAndSaysSo) {
     LogCapture log;
     EXPECT_EQ(_QX_REALTIME_GetGroupCpuStat(rec, &time), RT_ERR_SYSTEM);
     EXPECT_EQ(time, 0);
-    QXT_EXPECT_ERROR(log,
+    QXT_EXPECT_ERROR(
+        log,
         "[RT_Impl][Err] Read /dev/shm/qxt_no_such_file failed in _QX_REALTIME_GetGroupCpuStat.\n");
 }
 
 TEST_F(CpuUsageCounters, TotalCounterIsTheSumOfTheFirstSevenFields) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(
+        create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     write_file("/dev/shm/qxt_stat_file", "cpu  1 2 3 4 5 6 7 1000 1000 1000\ncpu0 9 9 9 9 9 9 9\n");
     std::string why;
     ASSERT_TRUE(bind_over("/dev/shm/qxt_stat_file", "/proc/stat", &why)) << why;
@@ -361,7 +379,8 @@ TEST_F(CpuUsageCounters, TotalCounterIsTheSumOfTheFirstSevenFields) {
 }
 
 TEST_F(CpuUsageCounters, TotalCounterUnparsableLeavesTheOutputAlone) {
-    ASSERT_NO_FATAL_FAILURE(create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
+    ASSERT_NO_FATAL_FAILURE(
+        create(rr_domain(kMeter, 512, "0", {{"Class_Meter", 100, 1}}), {kMeter}));
     write_file("/dev/shm/qxt_stat_file", "cpu  1 2 3 4 5 6\n");
     std::string why;
     ASSERT_TRUE(bind_over("/dev/shm/qxt_stat_file", "/proc/stat", &why)) << why;
@@ -380,7 +399,8 @@ TEST_F(CpuUsageCounters, TotalCounterUnreadableWritesOneAndSaysSo) {
     EXPECT_EQ(_QX_REALTIME_GetTotalCpuStat(&time), RT_ERR_SYSTEM);
     EXPECT_EQ(umount("/proc"), 0) << strerror(errno);  // the rest of the process needs /proc
     EXPECT_EQ(time, 1);
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] Read /proc/stat failed in _QX_REALTIME_GetTotalCpuStat.\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] Read /proc/stat failed in _QX_REALTIME_GetTotalCpuStat.\n");
 }
 
 }  // namespace

@@ -73,7 +73,8 @@ protected:
     // The framework on the configured domains, each of them created.
     static void create(const std::string &domains, std::initializer_list<const char *> names) {
         ASSERT_EQ(start_framework(domains), RT_SUCCESS);
-        for (const char *name : names) ASSERT_EQ(QX_REALTIME_CreateDomain(name), RT_SUCCESS) << name;
+        for (const char *name : names)
+            ASSERT_EQ(QX_REALTIME_CreateDomain(name), RT_SUCCESS) << name;
     }
     // As create, then this test's turn to keep a core busy, held until the test ends.
     void create_busy(const std::string &domains, std::initializer_list<const char *> names) {
@@ -140,8 +141,8 @@ private:
 
 TEST_F(CpuUsageKernel, DeadlineThreadKeepingOneCoreBusyShowsAboutOneCoreInEverySample) {
     Measured m;
-    ASSERT_NO_FATAL_FAILURE(measure({spin_domain(), kSpin, "Class_Spin", kSchedDeadline, 1, 0,
-                                     true, "spin_usage"}, &m));
+    ASSERT_NO_FATAL_FAILURE(measure(
+        {spin_domain(), kSpin, "Class_Spin", kSchedDeadline, 1, 0, true, "spin_usage"}, &m));
     for (const Sample &s : m.samples) {
         EXPECT_GE(s.usage, 60.0) << m.log;
         EXPECT_LE(s.usage, 140.0) << m.log;

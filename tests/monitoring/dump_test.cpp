@@ -177,8 +177,10 @@ TEST_F(Dump, RealDomainPrintsTheWholeSequenceOfHeaderFieldClassThreadAndKernelLi
         err(format("[RT_Impl][Err] %30s=%20s\n", "pszCpuset", "0")),
         err(format("[RT_Impl][Err] %30s=%20d\n", "s32CpuNum", 1)),
         err(format("[RT_Impl][Err] %30s=%20d\n", "s32RtRuntimeUs", 0)),
-        err(format("[RT_Impl][Err] %30s=%60s\n", "pszCpusetPathTasks", "/dev/cpuset/Domain_Meter/tasks")),
-        err(format("[RT_Impl][Err] %30s=%60s\n", "pszCpuacctPathTasks", "/dev/cpuacct/Domain_Meter/tasks")),
+        err(format("[RT_Impl][Err] %30s=%60s\n", "pszCpusetPathTasks",
+                   "/dev/cpuset/Domain_Meter/tasks")),
+        err(format("[RT_Impl][Err] %30s=%60s\n", "pszCpuacctPathTasks",
+                   "/dev/cpuacct/Domain_Meter/tasks")),
         err(format("[RT_Impl][Err] %30s=%20d\n", "s32MemHighPrioResource", 3)),
         err(format("[RT_Impl][Err] %30s=%20d\n", "s32MemHighPrioUsage", 0)),
         err(format("[RT_Impl][Err] %30s=%20d\n", "s32MemHighPrioAvailable", 3)),
@@ -195,11 +197,14 @@ TEST_F(Dump, RealDomainPrintsTheWholeSequenceOfHeaderFieldClassThreadAndKernelLi
     Lines block = thread_block(0, 0, 1, pid, tid, 100, 1);
     expected.insert(expected.end(), block.begin(), block.end());
     expected.push_back(err(kThreadsEnd));
-    expected.push_back(info(format("[RT_Impl][Info] Info from [/dev/cpuset/Domain_Meter/tasks]:\n%d\n\n", tid)));
-    expected.push_back(info(format("[RT_Impl][Info] Info from [/dev/cpuacct/Domain_Meter/tasks]:\n%d\n\n", tid)));
+    expected.push_back(
+        info(format("[RT_Impl][Info] Info from [/dev/cpuset/Domain_Meter/tasks]:\n%d\n\n", tid)));
+    expected.push_back(
+        info(format("[RT_Impl][Info] Info from [/dev/cpuacct/Domain_Meter/tasks]:\n%d\n\n", tid)));
     expected.push_back(err(kClosing));
     EXPECT_EQ(dump_lines(log), expected) << show(dump_lines(log));
-    EXPECT_EQ(log.count(QX_LOG_PRIO_INFO, "[RT_Impl][DBG] [QX_REALTIME_DumpDomainInfo] exit, OK.\n"), 1);
+    EXPECT_EQ(
+        log.count(QX_LOG_PRIO_INFO, "[RT_Impl][DBG] [QX_REALTIME_DumpDomainInfo] exit, OK.\n"), 1);
 }
 
 TEST_F(Dump, AdmittedThreadAppearsInTheKernelsCpusetAndCpuacctTaskLists) {
@@ -214,10 +219,12 @@ TEST_F(Dump, AdmittedThreadAppearsInTheKernelsCpusetAndCpuacctTaskLists) {
     QX_REALTIME_SetDebugLevel(64);
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_SUCCESS);
-    QXT_EXPECT_INFO(log, format(
-        "[RT_Impl][Info] Info from [/dev/cpuset/Domain_Meter/tasks]:\n%d\n\n", sleeper.tid()));
-    QXT_EXPECT_INFO(log, format(
-        "[RT_Impl][Info] Info from [/dev/cpuacct/Domain_Meter/tasks]:\n%d\n\n", sleeper.tid()));
+    QXT_EXPECT_INFO(log,
+                    format("[RT_Impl][Info] Info from [/dev/cpuset/Domain_Meter/tasks]:\n%d\n\n",
+                           sleeper.tid()));
+    QXT_EXPECT_INFO(log,
+                    format("[RT_Impl][Info] Info from [/dev/cpuacct/Domain_Meter/tasks]:\n%d\n\n",
+                           sleeper.tid()));
 }
 
 TEST_F(Dump, DefaultLevelShowsTheDumpButNeitherTheListClosureNorTheKernelLists) {
@@ -233,8 +240,9 @@ TEST_F(Dump, DefaultLevelShowsTheDumpButNeitherTheListClosureNorTheKernelLists) 
 
 TEST_F(Dump, UnknownNameReturnsNullAndPrintsOnlyTheMissingDomainError) {
     ASSERT_NO_FATAL_FAILURE(start_meter());
-    const Lines only = {err("[RT_Impl][Err] [QX_REALTIME_DumpDomainInfo] pstDomain is NULL for "
-                            "[Domain_Nope].\n")};
+    const Lines only = {
+        err("[RT_Impl][Err] [QX_REALTIME_DumpDomainInfo] pstDomain is NULL for "
+            "[Domain_Nope].\n")};
     {
         LogCapture log;
         EXPECT_EQ(QX_REALTIME_DumpDomainInfo("Domain_Nope"), RT_ERR_NULL);
@@ -309,9 +317,11 @@ TEST_F(Dump, UnreadableTaskFilesAreReportedAndTheDumpStillClosesAndSucceeds) {
     LogCapture log;
     EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_SUCCESS);
     QXT_EXPECT_ERROR(log,
-        "[RT_Impl][Err] Read /dev/cpuset/Domain_Meter/tasks failed in QX_REALTIME_DumpDomainInfo.\n");
+                     "[RT_Impl][Err] Read /dev/cpuset/Domain_Meter/tasks failed in "
+                     "QX_REALTIME_DumpDomainInfo.\n");
     QXT_EXPECT_ERROR(log,
-        "[RT_Impl][Err] Read /dev/cpuacct/Domain_Meter/tasks failed in QX_REALTIME_DumpDomainInfo.\n");
+                     "[RT_Impl][Err] Read /dev/cpuacct/Domain_Meter/tasks failed in "
+                     "QX_REALTIME_DumpDomainInfo.\n");
     std::vector<std::string> errors = error_forms(log);
     ASSERT_FALSE(errors.empty());
     EXPECT_EQ(errors.back(), kClosing) << log.dump();
@@ -362,8 +372,7 @@ TEST_F(Dump, AllSucceedsEvenWhenTheThreadListingStopsEarly) {
     // A slot without a process id whose thread has exited: the listing can't name it and stops.
     QX_REALTIME_DOMAIN_t *rec = map_domain_file(kMeter);
     ASSERT_NE(rec, nullptr);
-    QX_REALTIME_THREAD_t *slot =
-        (QX_REALTIME_THREAD_t *)((char *)rec + rec->s32ThreadStartOffset);
+    QX_REALTIME_THREAD_t *slot = (QX_REALTIME_THREAD_t *)((char *)rec + rec->s32ThreadStartOffset);
     ASSERT_EQ(slot->Pid, gone);
     slot->ProcessID = 0;
     ASSERT_FALSE(file_exists(format("/proc/%d/comm", (int)gone)));

@@ -66,7 +66,8 @@ std::string mount_type_at(const std::string &path) {
     return type;
 }
 
-const char *const kPrivateDirs[] = {"/dev/shm/realtime", "/data/vendor/realtime", "/vendor/etc/realtime"};
+const char *const kPrivateDirs[] = {"/dev/shm/realtime", "/data/vendor/realtime",
+                                    "/vendor/etc/realtime"};
 
 }  // namespace
 
@@ -93,9 +94,9 @@ TEST(Sandbox, FilesCreatedHereAreSeenNeitherByAnotherSandboxNorByTheHost) {
 
     std::string list = "ls -A";
     for (const char *dir : kPrivateDirs) list += std::string(" ") + dir;
-    Outcome other = run_shell(sandbox_tool() + " sh -c 'echo run=$QXRT_SANDBOX; " + list +
-                              "; for d in " + list.substr(6) + " " QX_HOST_PROPERTY_DIR
-                              "; do echo y > $d/from_other; done'");
+    Outcome other =
+        run_shell(sandbox_tool() + " sh -c 'echo run=$QXRT_SANDBOX; " + list + "; for d in " +
+                  list.substr(6) + " " QX_HOST_PROPERTY_DIR "; do echo y > $d/from_other; done'");
     ASSERT_EQ(0, other.status) << other.output;
     EXPECT_NE(std::string::npos, other.output.find("run=qxrt_sbx_")) << other.output;
     EXPECT_EQ(std::string::npos, other.output.find(marker)) << other.output;
@@ -138,7 +139,9 @@ TEST(Sandbox, CpusetAndCpuacctAreRootedAtThisRunsChildGroup) {
 TEST(Sandbox, NestedRunRemovesItsCgroupsAndLeavesNoDevCpusetOnHost) {
     QXT_REQUIRE_SANDBOX();
     ASSERT_FALSE(qxt::file_exists("/proc/1/root/dev/cpuset"));
-    Outcome nested = run_shell(sandbox_tool() + " sh -c 'echo run=$QXRT_SANDBOX; mkdir /dev/cpuset/Domain_Nested && exit 7'");
+    Outcome nested =
+        run_shell(sandbox_tool() +
+                  " sh -c 'echo run=$QXRT_SANDBOX; mkdir /dev/cpuset/Domain_Nested && exit 7'");
     EXPECT_EQ(7, nested.status) << nested.output;  // the command's own exit status
     size_t at = nested.output.find("run=");
     ASSERT_NE(std::string::npos, at) << nested.output;
@@ -165,16 +168,18 @@ TEST(Sandbox, TestsNeedingItSkipWithOneClearReasonOutsideIt) {
     std::string self = qxt::target_shell_command(self_exe());
     Outcome plain = run_shell("env -u QXRT_SANDBOX -u QXRT_SANDBOX_UNAVAILABLE " + self + filter);
     EXPECT_EQ(0, plain.status) << qxt::quoted_output(plain.output);
-    EXPECT_NE(std::string::npos, plain.output.find("[  SKIPPED ] Sandbox.LibraryDirectoriesExistOnPrivateTmpfs"))
+    EXPECT_NE(std::string::npos,
+              plain.output.find("[  SKIPPED ] Sandbox.LibraryDirectoriesExistOnPrivateTmpfs"))
         << qxt::quoted_output(plain.output);
     EXPECT_NE(std::string::npos,
               plain.output.find("needs the test sandbox (tools/rt_sandbox): not started inside it"))
         << qxt::quoted_output(plain.output);
 
-    Outcome why = run_shell("env -u QXRT_SANDBOX QXRT_SANDBOX_UNAVAILABLE='the sandbox needs root' " +
-                            self + filter);
+    Outcome why = run_shell(
+        "env -u QXRT_SANDBOX QXRT_SANDBOX_UNAVAILABLE='the sandbox needs root' " + self + filter);
     EXPECT_EQ(0, why.status) << qxt::quoted_output(why.output);
-    EXPECT_NE(std::string::npos, why.output.find("needs the test sandbox (tools/rt_sandbox): the sandbox needs root"))
+    EXPECT_NE(std::string::npos,
+              why.output.find("needs the test sandbox (tools/rt_sandbox): the sandbox needs root"))
         << qxt::quoted_output(why.output);
 }
 
@@ -196,7 +201,9 @@ TEST(Sandbox, InSandboxReportsWhyNot) {
     EXPECT_EQ("needs the test sandbox (tools/rt_sandbox): not started inside it", why);
     setenv("QXRT_SANDBOX_UNAVAILABLE", "mount or cgroup namespaces are not available", 1);
     EXPECT_FALSE(qxt::in_sandbox(&why));
-    EXPECT_EQ("needs the test sandbox (tools/rt_sandbox): mount or cgroup namespaces are not available", why);
+    EXPECT_EQ(
+        "needs the test sandbox (tools/rt_sandbox): mount or cgroup namespaces are not available",
+        why);
     setenv("QXRT_SANDBOX", "qxrt_sbx_1_2", 1);
     EXPECT_TRUE(qxt::in_sandbox(&why));
 }
@@ -205,8 +212,9 @@ TEST(Sandbox, EmulatorOptionStartsTheCommandThroughItAndHandsItOn) {
     QXT_REQUIRE_SANDBOX();
     // Any command line serves as an "emulator" here: env with an extra variable shows that the
     // command was started through it.
-    Outcome through = run_shell(sandbox_tool() +
-                                " --emulator 'env QXRT_THROUGH=yes' sh -c 'echo \"$QXRT_EMULATOR|$QXRT_THROUGH\"'");
+    Outcome through = run_shell(
+        sandbox_tool() +
+        " --emulator 'env QXRT_THROUGH=yes' sh -c 'echo \"$QXRT_EMULATOR|$QXRT_THROUGH\"'");
     EXPECT_EQ(0, through.status) << through.output;
     EXPECT_NE(std::string::npos, through.output.find("env QXRT_THROUGH=yes|yes")) << through.output;
 

@@ -124,12 +124,14 @@ TEST_F(DomainRecord, TwoProcessesMapSameDomainAtDifferentAddressesAndAgree) {
         // Every record is found from offsets alone.
         if (strcmp(mine->szName, "Domain_Shared") != 0 || mine->s32UtilMax != 512) return 5;
         QX_REALTIME_CLASS_t *c = qx_domain_class(mine, 0);
-        if (c == nullptr || strcmp(c->szClassName, "Class_Shared") != 0 || c->s32ClassId != 5) return 6;
+        if (c == nullptr || strcmp(c->szClassName, "Class_Shared") != 0 || c->s32ClassId != 5)
+            return 6;
         QX_REALTIME_THREAD_t *t = qx_domain_thread(mine, 0);
         if (t == nullptr || t->Pid != 1000 || t->Alive != 1) return 7;
         // And what is written here is what the parent reads.
         QX_REALTIME_UTIL_t util = {64, 0, 0, 0};
-        if (_QX_AddThreadDataAtHead(mine, c, &util, 5555, getpid(), nullptr) != RT_SUCCESS) return 8;
+        if (_QX_AddThreadDataAtHead(mine, c, &util, 5555, getpid(), nullptr) != RT_SUCCESS)
+            return 8;
         mine->s32UtilCurrent = 64;
         return 0;
     });
@@ -160,7 +162,8 @@ TEST_F(DomainRecord, SavedAttributesRoundTripInSlotThatIsNot8Aligned) {
     attr.sched_deadline = 8000000000ull;
     attr.sched_period = 16000000000ull;
     QX_REALTIME_UTIL_t util = {128, 8000, 2000, 16000};
-    ASSERT_EQ(RT_SUCCESS, _QX_AddThreadDataAtHead(domain, cls, &util, 1234, 99, (const uint8_t *)&attr));
+    ASSERT_EQ(RT_SUCCESS,
+              _QX_AddThreadDataAtHead(domain, cls, &util, 1234, 99, (const uint8_t *)&attr));
 
     QX_REALTIME_THREAD_t *slot = qx_domain_thread(domain, 0);
     ASSERT_EQ((char *)domain + start, (char *)slot);

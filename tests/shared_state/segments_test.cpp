@@ -7,9 +7,9 @@
 
 #include "shared_state_support.h"
 
-using qxt::LogCapture;
 using qxt::err_head;
 using qxt::info_head;
+using qxt::LogCapture;
 
 namespace {
 
@@ -18,8 +18,8 @@ const char kShmGlobal[] = "/dev/shm/realtime/rt_Global";
 const char kForgot[] = "[RT_Impl][Err] Did you forget to invoke QX_REALTIME_Init()?\n";
 
 // Writes a central segment file as another process would have left it.
-void write_central_file(int32_t cap, int32_t reservation, int32_t dbg, uint8_t enabled, int32_t budget_cpus,
-                        size_t size = RT_SHM_SIZE) {
+void write_central_file(int32_t cap, int32_t reservation, int32_t dbg, uint8_t enabled,
+                        int32_t budget_cpus, size_t size = RT_SHM_SIZE) {
     std::string bytes(size, '\0');
     QX_REALTIME_CENTRAL_t central{};
     central.s32CapPerCore = cap;
@@ -43,7 +43,8 @@ int count_matching(const LogCapture &log, int priority, const std::string &patte
 int central_and_top_failures(const LogCapture &log, const std::string &what) {
     return count_matching(log, QX_LOG_PRIO_ERROR,
                           "\\[RT_Impl\\]\\[Err\\] _QX_REALTIME_GetCentralAndTop \\([0-9]+\\), "
-                          "can't get central " + what + "\n");
+                          "can't get central " +
+                              what + "\n");
 }
 
 }  // namespace
@@ -75,8 +76,9 @@ TEST_F(GetFlock, CreatesLockFileMode0666WhateverTheUmask) {
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetFlock("Global", &fd));
     ASSERT_TRUE(qxt::fd_is_open(fd));
     EXPECT_EQ(0666u, qxt::file_mode(kLockGlobal));
-    QXT_EXPECT_INFO(log, info_head("_QX_REALTIME_GetFlock") +
-                         qxt::format("flock open (%s) return %d, newly created\n", kLockGlobal, fd));
+    QXT_EXPECT_INFO(log,
+                    info_head("_QX_REALTIME_GetFlock") +
+                        qxt::format("flock open (%s) return %d, newly created\n", kLockGlobal, fd));
     // Created close-on-exec; it is not locked by this step.
     EXPECT_NE(0, fcntl(fd, F_GETFD) & FD_CLOEXEC);
     int other = open(kLockGlobal, O_RDWR);
@@ -93,8 +95,9 @@ TEST_F(GetFlock, OpensExistingLockFileWithoutCloseOnExec) {
     int32_t fd = -1;
     ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_GetFlock("Global", &fd));
     ASSERT_TRUE(qxt::fd_is_open(fd));
-    QXT_EXPECT_INFO(log, info_head("_QX_REALTIME_GetFlock") +
-                         qxt::format("flock open (%s) return %d, open existed.\n", kLockGlobal, fd));
+    QXT_EXPECT_INFO(log,
+                    info_head("_QX_REALTIME_GetFlock") +
+                        qxt::format("flock open (%s) return %d, open existed.\n", kLockGlobal, fd));
     EXPECT_EQ(0, fcntl(fd, F_GETFD) & FD_CLOEXEC);
     EXPECT_EQ(0600u, qxt::file_mode(kLockGlobal));  // an existing file keeps its mode
     close(fd);
@@ -123,9 +126,9 @@ TEST_F(GetFlock, MissingDirectoryReturnsSystemError) {
     EXPECT_EQ(RT_ERR_SYSTEM, _QX_REALTIME_GetFlock("Global", &fd));
     EXPECT_EQ(-1, fd);
     QXT_EXPECT_ERROR(log,
-        err_head("_QX_REALTIME_GetFlock") +
-        qxt::format("flock open (%s) return -1, errno=No such file or directory\n",
-        kLockGlobal));
+                     err_head("_QX_REALTIME_GetFlock") +
+                         qxt::format("flock open (%s) return -1, errno=No such file or directory\n",
+                                     kLockGlobal));
     EXPECT_FALSE(qxt::file_exists("/data/vendor/realtime"));
 }
 
@@ -150,7 +153,8 @@ TEST_F(SharedMemoryAlloc, NewSegmentIsAllZerosAndSized) {
     // Not close-on-exec, unlike the lock files.
     EXPECT_EQ(0, fcntl(fd, F_GETFD) & FD_CLOEXEC);
     std::string head = info_head("_QX_REALTIME_SharedMemoryAlloc");
-    QXT_EXPECT_INFO(log,
+    QXT_EXPECT_INFO(
+        log,
         head + qxt::format("path=/dev/shm/realtime/rt_Domain_New create success, shmFd=%d\n", fd));
     QXT_EXPECT_INFO(log, head + qxt::format("mmap=%p, new_create=1\n", addr));
 }
@@ -194,8 +198,8 @@ TEST_F(SharedMemoryAlloc, ExistingSegmentOfWrongSizeIsSizedTo16384AndKeepsItsCon
         EXPECT_EQ(0, memcmp(addr, pattern.data(), kept)) << size;
         EXPECT_TRUE(qxt::all_zero((char *)addr + kept, RT_SHM_SIZE - kept)) << size;
         std::string head = info_head("_QX_REALTIME_SharedMemoryAlloc");
-        QXT_EXPECT_INFO(log,
-            head + qxt::format("open %s an existed shared memory=%d\n", path.c_str(), fd));
+        QXT_EXPECT_INFO(
+            log, head + qxt::format("open %s an existed shared memory=%d\n", path.c_str(), fd));
         QXT_EXPECT_INFO(log, head + qxt::format("mmap=%p, new_create=0\n", addr));
         munmap(addr, RT_SHM_SIZE);
         close(fd);
@@ -207,11 +211,13 @@ TEST_F(SharedMemoryAlloc, NameThatDoesNotFitPathReturnsSystemError) {
     // "/dev/shm/realtime/rt_" is 21 bytes: 106 more fill the 128-byte buffer exactly.
     int32_t fd = -1;
     void *addr = nullptr;
-    ASSERT_EQ(RT_SUCCESS, _QX_REALTIME_SharedMemoryAlloc(std::string(106, 'n').c_str(), &fd, &addr));
+    ASSERT_EQ(RT_SUCCESS,
+              _QX_REALTIME_SharedMemoryAlloc(std::string(106, 'n').c_str(), &fd, &addr));
     fd = -1;
     addr = nullptr;
     LogCapture log;
-    EXPECT_EQ(RT_ERR_SYSTEM, _QX_REALTIME_SharedMemoryAlloc(std::string(107, 'n').c_str(), &fd, &addr));
+    EXPECT_EQ(RT_ERR_SYSTEM,
+              _QX_REALTIME_SharedMemoryAlloc(std::string(107, 'n').c_str(), &fd, &addr));
     EXPECT_EQ(-1, fd);
     EXPECT_EQ(nullptr, addr);
     EXPECT_FALSE(qxt::file_exists(RT_SHM_PREFIX + std::string(107, 'n')));
@@ -226,9 +232,9 @@ TEST_F(SharedMemoryAlloc, MissingDirectoryReturnsFailed) {
     EXPECT_EQ(RT_ERR_FAILED, _QX_REALTIME_SharedMemoryAlloc("Domain_X", &fd, &addr));
     EXPECT_EQ(-1, fd);
     EXPECT_EQ(nullptr, addr);
-    QXT_EXPECT_ERROR(log,
-        err_head("_QX_REALTIME_SharedMemoryAlloc") +
-        "shm_open (/dev/shm/realtime/rt_Domain_X) return -1, errno=No such file or directory\n");
+    QXT_EXPECT_ERROR(log, err_head("_QX_REALTIME_SharedMemoryAlloc") +
+                              "shm_open (/dev/shm/realtime/rt_Domain_X) return -1, errno=No such "
+                              "file or directory\n");
     EXPECT_FALSE(qxt::file_exists("/dev/shm/realtime"));
 }
 
@@ -239,9 +245,9 @@ TEST_F(SharedMemoryAlloc, ExistingPathThatCannotBeOpenedReturnsFailed) {
     void *addr = nullptr;
     EXPECT_EQ(RT_ERR_FAILED, _QX_REALTIME_SharedMemoryAlloc("Domain_Dir", &fd, &addr));
     EXPECT_EQ(-1, fd);
-    QXT_EXPECT_ERROR(log,
-        err_head("_QX_REALTIME_SharedMemoryAlloc") +
-        "shm_open (/dev/shm/realtime/rt_Domain_Dir) return -1, errno=Is a directory\n");
+    QXT_EXPECT_ERROR(
+        log, err_head("_QX_REALTIME_SharedMemoryAlloc") +
+                 "shm_open (/dev/shm/realtime/rt_Domain_Dir) return -1, errno=Is a directory\n");
 }
 
 // ---- removal ----
@@ -260,7 +266,8 @@ TEST_F(SharedMemoryFree, RemovesSegmentClosesDescriptorAndUnmaps) {
     EXPECT_FALSE(qxt::fd_is_open(held));
     EXPECT_FALSE(qxt::segment_mapped(addr));
     QXT_EXPECT_INFO(log,
-        "[RT_Impl][Info] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Domain_Free success\n");
+                    "[RT_Impl][Info] [_QX_REALTIME_SharedMemoryFree] unlink "
+                    "/dev/shm/realtime/rt_Domain_Free success\n");
 }
 
 TEST_F(SharedMemoryFree, SegmentAlreadyRemovedLogsHasBeenUnlinkedAndKeepsMapping) {
@@ -274,7 +281,8 @@ TEST_F(SharedMemoryFree, SegmentAlreadyRemovedLogsHasBeenUnlinkedAndKeepsMapping
     _u32DbgLevel = 64;
     LogCapture log;
     _QX_REALTIME_SharedMemoryFree("Domain_Gone", &fd, addr);
-    QXT_EXPECT_INFO(log,
+    QXT_EXPECT_INFO(
+        log,
         "[RT_Impl][Info] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Domain_Gone "
         "has been unlinked, errno=No such file or directory\n");
     EXPECT_EQ(QX_LOG_PRIO_INFO, log.lines().at(0).priority);
@@ -292,7 +300,8 @@ TEST_F(SharedMemoryFree, UnlinkFailureIsAnErrorAndKeepsMapping) {
     ASSERT_EQ(0, mkdir("/dev/shm/realtime/rt_Domain_Stuck", 0755));
     LogCapture log;
     _QX_REALTIME_SharedMemoryFree("Domain_Stuck", &fd, addr);
-    QXT_EXPECT_ERROR(log,
+    QXT_EXPECT_ERROR(
+        log,
         "[RT_Impl][Err] [_QX_REALTIME_SharedMemoryFree] unlink /dev/shm/realtime/rt_Domain_Stuck "
         "fails, errno=Is a directory\n");
     EXPECT_TRUE(qxt::segment_mapped(addr));
@@ -320,9 +329,10 @@ TEST_F(GetCentralShm, WithoutCentralSegmentReturnsNullWithHint) {
     EXPECT_EQ(RT_ERR_NULL, _QX_REALTIME_GetCentralShm());
     std::vector<qxt::LogLine> lines = log.lines();
     ASSERT_EQ(2u, lines.size()) << log.dump();
-    EXPECT_EQ(err_head("_QX_REALTIME_GetCentralShm") +
-                  "shm_open (/dev/shm/realtime/rt_Global) return -1, errno=No such file or directory\n",
-              lines[0].file_form());
+    EXPECT_EQ(
+        err_head("_QX_REALTIME_GetCentralShm") +
+            "shm_open (/dev/shm/realtime/rt_Global) return -1, errno=No such file or directory\n",
+        lines[0].file_form());
     EXPECT_EQ(kForgot, lines[1].file_form());
     EXPECT_EQ(QX_LOG_PRIO_ERROR, lines[0].priority);
     EXPECT_EQ(QX_LOG_PRIO_ERROR, lines[1].priority);
@@ -344,10 +354,9 @@ TEST_F(GetCentralShm, AttachCopiesSettingsButNotBudgetCpuNum) {
     EXPECT_EQ(0u, pstTop->u32DomainMapNum);
     EXPECT_EQ(64u, _u32DbgLevel);
     EXPECT_EQ(nullptr, rtlog);
-    QXT_EXPECT_INFO(log,
-        info_head("_QX_REALTIME_GetCentralShm") +
-        qxt::format("shm exists. mmap=%p, s32ShmFd=%d\n", (void *)pstTop->pstCentral,
-        pstTop->s32ShmFd));
+    QXT_EXPECT_INFO(log, info_head("_QX_REALTIME_GetCentralShm") +
+                             qxt::format("shm exists. mmap=%p, s32ShmFd=%d\n",
+                                         (void *)pstTop->pstCentral, pstTop->s32ShmFd));
 }
 
 TEST_F(GetCentralShm, AttachBelowDbgLevel4WritesNothing) {
@@ -385,9 +394,9 @@ TEST_F(GetCentralAndTop, LockFileFailureReturnsFailed) {
     LogCapture log;
     int32_t fd = -1;
     EXPECT_EQ(RT_ERR_FAILED, _QX_REALTIME_GetCentralAndTop(&fd));
-    QXT_EXPECT_ERROR(log,
-        err_head("_QX_REALTIME_GetFlock") +
-        qxt::format("flock open (%s) return -1, errno=Is a directory\n", kLockGlobal));
+    QXT_EXPECT_ERROR(
+        log, err_head("_QX_REALTIME_GetFlock") +
+                 qxt::format("flock open (%s) return -1, errno=Is a directory\n", kLockGlobal));
     EXPECT_EQ(1, central_and_top_failures(log, "flock")) << log.dump();
     EXPECT_EQ(nullptr, pstTop);
 }

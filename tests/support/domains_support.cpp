@@ -11,7 +11,6 @@
 
 namespace qxt {
 
-
 std::string numbered_name(int i) {
     return qxt::format("Domain_%d", i);
 }
@@ -58,11 +57,9 @@ std::string first_line(const std::string &path) {
     return end == std::string::npos ? text : text.substr(0, end);
 }
 
-
 bool is_mapped(const void *addr) {
     return qxt::range_mapped(addr, 1);
 }
-
 
 bool segment_exists(const std::string &domain) {
     return qxt::file_exists(RT_SHM_PREFIX + domain);

@@ -43,19 +43,21 @@ bool is_dl(const std::string &domain) {
 
 static std::string rr_object(const char *name, int util, const char *cpuset, const char *cls,
                              int class_util, int priority) {
-    return qxt::format("    \"%s\": {\n        \"Util\": %d,\n        \"Cpuset\": \"%s\",\n"
-                       "        \"%s\": {\n            \"Util\": %d,\n"
-                       "            \"RT_Priority\": %d\n        }\n    }",
-                       name, util, cpuset, cls, class_util, priority);
+    return qxt::format(
+        "    \"%s\": {\n        \"Util\": %d,\n        \"Cpuset\": \"%s\",\n"
+        "        \"%s\": {\n            \"Util\": %d,\n"
+        "            \"RT_Priority\": %d\n        }\n    }",
+        name, util, cpuset, cls, class_util, priority);
 }
 
 static std::string dl_object(const char *name, int util, const char *cpuset, const char *cls,
                              int runtime, int deadline, int period) {
-    return qxt::format("    \"%s\": {\n        \"Util\": %d,\n        \"Cpuset\": \"%s\",\n"
-                       "        \"%s\": {\n            \"DL_RuntimeUs\": %d,\n"
-                       "            \"DL_DeadlineUs\": %d,\n            \"DL_PeriodUs\": %d\n"
-                       "        }\n    }",
-                       name, util, cpuset, cls, runtime, deadline, period);
+    return qxt::format(
+        "    \"%s\": {\n        \"Util\": %d,\n        \"Cpuset\": \"%s\",\n"
+        "        \"%s\": {\n            \"DL_RuntimeUs\": %d,\n"
+        "            \"DL_DeadlineUs\": %d,\n            \"DL_PeriodUs\": %d\n"
+        "        }\n    }",
+        name, util, cpuset, cls, runtime, deadline, period);
 }
 
 std::string config_text(int dbg_level) {
@@ -310,19 +312,22 @@ std::string check_invariants(const std::string &domain, pid_t foreign_tid) {
             out += qxt::format("(b) %s: process-ID list entry %d names dead process %d\n",
                                domain.c_str(), i, pid);
         else if (pid < 0)
-            out += qxt::format("(b) %s: process-ID list entry %d holds %d\n", domain.c_str(), i, pid);
+            out +=
+                qxt::format("(b) %s: process-ID list entry %d holds %d\n", domain.c_str(), i, pid);
     }
     if (foreign_tid > 0) {
         bool named = false;
-        for (const Segment::Slot &slot : s.slots) named |= slot.rec.Alive != 0 && slot.rec.Pid == foreign_tid;
+        for (const Segment::Slot &slot : s.slots)
+            named |= slot.rec.Alive != 0 && slot.rec.Pid == foreign_tid;
         if (!named) {
             qxt::SchedInfo si = qxt::sched_of(foreign_tid);
             std::string cs = qxt::cgroup_of(foreign_tid, "cpuset");
             std::string ca = qxt::cgroup_of(foreign_tid, "cpuacct");
             if (!si.ok || si.policy != SCHED_OTHER || cs != "/" || ca != "/")
-                out += qxt::format("(c) foreign thread %d has no record but policy %u, cpuset %s, "
-                                   "cpuacct %s\n",
-                                   (int)foreign_tid, si.policy, cs.c_str(), ca.c_str());
+                out += qxt::format(
+                    "(c) foreign thread %d has no record but policy %u, cpuset %s, "
+                    "cpuacct %s\n",
+                    (int)foreign_tid, si.policy, cs.c_str(), ca.c_str());
         }
     }
     return out;
@@ -335,7 +340,8 @@ std::string admit_remove_and_check(const std::string &domain, pid_t foreign_tid,
         uint32_t rc = QX_REALTIME_Init(0);
         if (rc != RT_SUCCESS) out += qxt::format("(d) Init returned %u\n", rc);
         rc = QX_REALTIME_CreateDomain(domain.c_str());
-        if (rc != RT_SUCCESS) out += qxt::format("(d) CreateDomain(%s) returned %u\n", domain.c_str(), rc);
+        if (rc != RT_SUCCESS)
+            out += qxt::format("(d) CreateDomain(%s) returned %u\n", domain.c_str(), rc);
     }
     pid_t t = start_sleeper();
     std::string cls = class_of(domain);
@@ -343,7 +349,8 @@ std::string admit_remove_and_check(const std::string &domain, pid_t foreign_tid,
     if (rc == RT_ERR_SCHED_SETATTR && is_dl(domain)) {
         // Deadline bandwidth is one pool for the whole machine, shared with every other test
         // run: drop what nobody holds any more and try once more.
-        fprintf(stderr, "checker: deadline admission refused, sched domains rebuilt, tried again\n");
+        fprintf(stderr,
+                "checker: deadline admission refused, sched domains rebuilt, tried again\n");
         rebuild_sched_domains();
         rc = QX_REALTIME_AddThread(domain.c_str(), cls.c_str(), t, 0);
     }
@@ -360,7 +367,8 @@ std::string admit_remove_and_check(const std::string &domain, pid_t foreign_tid,
                                qxt::cgroup_of(t, "cpuacct").c_str());
         rc = QX_REALTIME_RemoveThread(domain.c_str(), t);
         if (rc != RT_SUCCESS)
-            out += qxt::format("checker: RemoveThread(%s, own thread) returned %u\n", domain.c_str(), rc);
+            out += qxt::format("checker: RemoveThread(%s, own thread) returned %u\n",
+                               domain.c_str(), rc);
         si = qxt::sched_of(t);
         if (si.policy != SCHED_OTHER || qxt::cgroup_of(t, "cpuset") != "/")
             out += qxt::format("checker: removed thread has policy %u, cpuset %s\n", si.policy,
@@ -376,7 +384,6 @@ std::vector<std::string> library_files() {
         for (const std::string &name : files_in(dir)) out.push_back(std::string(dir) + "/" + name);
     return out;
 }
-
 
 std::string syscall_name(long nr) {
 #define QXT_SYSCALL(name) \

@@ -42,11 +42,11 @@ constexpr bool kThreadSanitized = true;
 #else
 constexpr bool kThreadSanitized = false;
 #endif
-#define QXT_SKIP_UNDER_TSAN()                                                                 \
-    do {                                                                                       \
-        if (qxt::kThreadSanitized)                                                            \
-            GTEST_SKIP() << "memory-safety suite, run in the plain and ASan/UBSan builds: "    \
-                            "under ThreadSanitizer its hundreds of forks outlast the case";    \
+#define QXT_SKIP_UNDER_TSAN()                                                               \
+    do {                                                                                    \
+        if (qxt::kThreadSanitized)                                                          \
+            GTEST_SKIP() << "memory-safety suite, run in the plain and ASan/UBSan builds: " \
+                            "under ThreadSanitizer its hundreds of forks outlast the case"; \
     } while (0)
 
 // Domains of the suite's configuration. Rr and Dl exist after reset(); New and NewDl are in the
@@ -103,8 +103,8 @@ ChildResult run_child(const std::function<std::string()> &fn, int timeout_s = 30
 
 // A domain segment read from its file, every field bounds-checked as the library must do it.
 struct Segment {
-    bool ok = false;        // the file exists, is a regular file and holds 16384 bytes
-    std::string why;        // when not ok
+    bool ok = false;  // the file exists, is a regular file and holds 16384 bytes
+    std::string why;  // when not ok
     std::vector<uint8_t> bytes;
     QX_REALTIME_DOMAIN_t head{};
     struct Slot {

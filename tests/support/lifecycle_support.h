@@ -14,7 +14,6 @@
 
 namespace qxt {
 
-
 // A system scope with the given values and no domains.
 inline std::string system_config(int enabled, int util, int dbg_level) {
     return qxt::config_with(enabled, util, dbg_level, 80, 2, "");
@@ -46,9 +45,10 @@ inline bool process_mutex_is_free() {
 
 // The error of a "Global" lock file that cannot be opened, errno printed as why.
 inline std::string global_flock_open_failed(const char *why) {
-    return format("[RT_Impl][Err] [_QX_REALTIME_GetFlock][PID=%d][TID=%s] flock open "
-                  "(/data/vendor/realtime/flock_rt_Global) return -1, errno=%s\n",
-                  getpid(), tid_text().c_str(), why);
+    return format(
+        "[RT_Impl][Err] [_QX_REALTIME_GetFlock][PID=%d][TID=%s] flock open "
+        "(/data/vendor/realtime/flock_rt_Global) return -1, errno=%s\n",
+        getpid(), tid_text().c_str(), why);
 }
 
 // Neither the "Global" lock nor the process mutex is left held.

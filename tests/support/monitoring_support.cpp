@@ -181,7 +181,6 @@ void set_cpuacct_stat_path(const std::string &domain, const std::string &path) {
     strncpy(rec->pszCpuacctPathStat, path.c_str(), RT_PATH_LEN - 1);
 }
 
-
 uint32_t start_framework(const std::string &domains, int cap, int enabled, int dbg_level) {
     qxt::install_config("mon", qxt::config_with(enabled, cap, dbg_level, 80, 2, domains));
     return QX_REALTIME_Init(0);

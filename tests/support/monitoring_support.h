@@ -55,7 +55,7 @@ private:
     std::string dir_;
     std::vector<std::string> texts_;
     bool kept_original_ = false;
-    int installed_ = -1; // the generation currently bound over the target
+    int installed_ = -1;  // the generation currently bound over the target
     std::atomic<bool> stop_{false};
     std::atomic<bool> failed_{false};
     std::atomic<int> served_{0};
@@ -65,8 +65,8 @@ private:
 };
 
 // The two counter texts the sampler parses.
-std::string proc_stat_text(int32_t total);      // first line "cpu" + seven numbers summing to total
-std::string cpuacct_stat_text(int32_t group);   // "user N\nsystem M\n", N + M == group
+std::string proc_stat_text(int32_t total);     // first line "cpu" + seven numbers summing to total
+std::string cpuacct_stat_text(int32_t group);  // "user N\nsystem M\n", N + M == group
 
 // Binds source over target in this test's private mount namespace (each case has its own).
 bool bind_over(const std::string &source, const std::string &target, std::string *why);

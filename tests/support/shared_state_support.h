@@ -14,7 +14,6 @@
 
 namespace qxt {
 
-
 // "[RT_Impl][Info] [func][PID=..][TID=..] " for messages of this thread.
 inline std::string info_head(const char *func) {
     return qxt::format("[RT_Impl][Info] [%s][PID=%d][TID=%s] ", func, getpid(), tid_text().c_str());
@@ -26,7 +25,6 @@ inline std::string err_head(const char *func) {
 inline bool fd_is_open(int fd) {
     return fd >= 0 && fcntl(fd, F_GETFD) != -1;
 }
-
 
 // Whether [addr, addr + RT_SHM_SIZE) is still mapped in this process.
 inline bool segment_mapped(const void *addr) {

@@ -25,7 +25,9 @@ namespace {
 // runtime; a test thread that mostly sleeps does so only on a slow machine (an emulator, a loaded
 // CI host), and the default action would end the whole test binary. The tests check the flags
 // the library sets, not the kernel's signal, so test processes ignore it.
-[[maybe_unused]] const bool g_sigxcpu_ignored = [] { return signal(SIGXCPU, SIG_IGN) != SIG_ERR; }();
+[[maybe_unused]] const bool g_sigxcpu_ignored = [] {
+    return signal(SIGXCPU, SIG_IGN) != SIG_ERR;
+}();
 
 std::mutex g_log_mutex;
 std::vector<LogLine> g_log_lines;
@@ -94,7 +96,8 @@ int LogCapture::count_containing(const std::string &fragment) const {
 
 std::string LogCapture::dump() const {
     std::string out;
-    for (const LogLine &line : lines()) out += format("  [%d] %s", line.priority, line.message.c_str());
+    for (const LogLine &line : lines())
+        out += format("  [%d] %s", line.priority, line.message.c_str());
     return out;
 }
 
@@ -240,8 +243,9 @@ std::string rr_domain(const std::string &name, int util, const std::string &cpus
                       const std::vector<RrClass> &classes) {
     std::vector<std::pair<std::string, std::string>> members;
     for (const RrClass &c : classes)
-        members.emplace_back(c.name, format("            \"Util\": %d,\n            \"RT_Priority\": %d",
-                                            c.util, c.priority));
+        members.emplace_back(
+            c.name, format("            \"Util\": %d,\n            \"RT_Priority\": %d", c.util,
+                           c.priority));
     return domain_object(name, util, cpuset, members);
 }
 

@@ -22,7 +22,7 @@ namespace qxt {
 struct LogLine {
     int priority;
     std::string tag;
-    std::string message;  // as liblog got it: "<ERR>func[line]: ..." or "<INFO>..."
+    std::string message;            // as liblog got it: "<ERR>func[line]: ..." or "<INFO>..."
     std::string file_form() const;  // the message without its Android prefix
 };
 
@@ -35,7 +35,9 @@ public:
     void clear();
     // Lines whose file form equals text exactly, at the given priority.
     int count(int priority, const std::string &file_form) const;
-    bool has(int priority, const std::string &file_form) const { return count(priority, file_form) > 0; }
+    bool has(int priority, const std::string &file_form) const {
+        return count(priority, file_form) > 0;
+    }
     bool has_error(const std::string &file_form) const { return has(QX_LOG_PRIO_ERROR, file_form); }
     bool has_info(const std::string &file_form) const { return has(QX_LOG_PRIO_INFO, file_form); }
     // Lines whose file form contains the fragment, at any priority.
@@ -54,10 +56,10 @@ public:
 bool in_sandbox(std::string *why);
 
 // Skips the current test with one clear reason when the sandbox is missing.
-#define QXT_REQUIRE_SANDBOX()                                              \
-    do {                                                                   \
-        std::string qxt_why;                                               \
-        if (!qxt::in_sandbox(&qxt_why)) GTEST_SKIP() << qxt_why;           \
+#define QXT_REQUIRE_SANDBOX()                                    \
+    do {                                                         \
+        std::string qxt_why;                                     \
+        if (!qxt::in_sandbox(&qxt_why)) GTEST_SKIP() << qxt_why; \
     } while (0)
 
 // The base of every test that needs the sandbox: SetUp skips the test, with the reason, when it
@@ -86,11 +88,11 @@ std::string target_shell_command(const std::string &binary);
 
 // Skips the current test only when it runs under an emulator, because of a fault of the emulator
 // itself (not of the library); the reason names the emulator.
-#define QXT_SKIP_UNDER_EMULATOR(reason)                                                      \
-    do {                                                                                     \
-        if (!qxt::emulator().empty())                                                        \
-            GTEST_SKIP() << "emulator fault, not tested under " << qxt::emulator() << ": "   \
-                         << reason;                                                          \
+#define QXT_SKIP_UNDER_EMULATOR(reason)                                                    \
+    do {                                                                                   \
+        if (!qxt::emulator().empty())                                                      \
+            GTEST_SKIP() << "emulator fault, not tested under " << qxt::emulator() << ": " \
+                         << reason;                                                        \
     } while (0)
 
 // Output of another gtest run made safe to print in a failure message: ctest counts a failing

@@ -46,7 +46,8 @@ QX_REALTIME_THREAD_t *slot(QX_REALTIME_DOMAIN_t *pstDomain, int i) {
 
 QX_REALTIME_THREAD_t *live_slot(QX_REALTIME_DOMAIN_t *pstDomain, pid_t tid) {
     for (int i = 0; i < pstDomain->s32ThreadNum; i++)
-        if (slot(pstDomain, i)->Alive != 0 && slot(pstDomain, i)->Pid == tid) return slot(pstDomain, i);
+        if (slot(pstDomain, i)->Alive != 0 && slot(pstDomain, i)->Pid == tid)
+            return slot(pstDomain, i);
     return nullptr;
 }
 
@@ -76,8 +77,9 @@ void expect_record(QX_REALTIME_DOMAIN_t *pstDomain, pid_t tid, int util, int run
 
 QX_REALTIME_CLASS_t *class_record(QX_REALTIME_DOMAIN_t *pstDomain, const std::string &name) {
     for (int i = 0; i < pstDomain->s32ClassNum; i++) {
-        auto *pstClass = (QX_REALTIME_CLASS_t *)((char *)pstDomain + pstDomain->s32ClassStartOffset +
-                                                 RT_CLASS_SIZE * i);
+        auto *pstClass =
+            (QX_REALTIME_CLASS_t *)((char *)pstDomain + pstDomain->s32ClassStartOffset +
+                                    RT_CLASS_SIZE * i);
         if (name == pstClass->szClassName) return pstClass;
     }
     return nullptr;
@@ -92,8 +94,8 @@ uint32_t saved_policy(const QX_REALTIME_THREAD_t *pstThread) {
 static bool set_attr(pid_t tid, uint32_t policy, uint32_t priority, uint64_t runtime_ns = 0,
                      uint64_t deadline_ns = 0, uint64_t period_ns = 0) {
     // size, policy, flags, nice, priority, runtime, deadline, period (utilisation clamps unused)
-    struct qx_sched_attr attr = {sizeof(attr), policy,    0, 0, priority, runtime_ns,
-                                 deadline_ns,  period_ns, 0, 0};
+    struct qx_sched_attr attr = {sizeof(attr), policy,      0,         0, priority,
+                                 runtime_ns,   deadline_ns, period_ns, 0, 0};
     return syscall(SYS_sched_setattr, tid, &attr, 0) == 0;
 }
 
@@ -110,9 +112,10 @@ bool set_deadline(pid_t tid, uint64_t runtime_ns, uint64_t deadline_ns, uint64_t
 }
 
 std::string add_failed(pid_t tid, const char *cls, unsigned code) {
-    return format("[RT_Impl][Err] [QX_REALTIME_AddThread] Add pid = [%d] to Thread at Class = [%s] "
-                  "failed. ret is %u\n",
-                  (int)tid, cls, code);
+    return format(
+        "[RT_Impl][Err] [QX_REALTIME_AddThread] Add pid = [%d] to Thread at Class = [%s] "
+        "failed. ret is %u\n",
+        (int)tid, cls, code);
 }
 
 std::string arg_is_null(const char *op) {
@@ -120,9 +123,10 @@ std::string arg_is_null(const char *op) {
 }
 
 std::string process_gone(pid_t pid) {
-    return format("[RT_Impl][Err] [_QX_REALTIME_CheckProcessAlive] Process %d doesn't exist. "
-                  "errnor=%s\n",
-                  (int)pid, errno_text(ESRCH).c_str());
+    return format(
+        "[RT_Impl][Err] [_QX_REALTIME_CheckProcessAlive] Process %d doesn't exist. "
+        "errnor=%s\n",
+        (int)pid, errno_text(ESRCH).c_str());
 }
 
 void expect_placed(pid_t tid, uint32_t policy, const std::string &cpuset_group) {
@@ -135,7 +139,5 @@ int error_count(const qxt::LogCapture &log) {
     for (const qxt::LogLine &line : log.lines()) n += line.priority == QX_LOG_PRIO_ERROR;
     return n;
 }
-
-
 
 }  // namespace qxt

@@ -1,5 +1,6 @@
 // Helpers of the thread suite: configurations with RR and deadline domains, a started library,
-// views of the domain segment for bookkeeping checks (the sched-domain rebuild is in the shared test support).
+// views of the domain segment for bookkeeping checks (the sched-domain rebuild is in the shared
+// test support).
 #ifndef QXRT_THREADS_SUPPORT_H
 #define QXRT_THREADS_SUPPORT_H
 
@@ -25,7 +26,6 @@ constexpr char kUpdate[] = "QX_REALTIME_UpdateThreadUtil";
 // Capacity units of one busy core in every configuration of this suite; the budget of all
 // domains is 2 CPUs x 1000 x 100 % = 2000.
 constexpr int kCapPerCore = 1000;
-
 
 // The deadline domain kDl on CPU 1 with one class, Class_Isp: 2 ms every 10 ms, deadline 8 ms.
 std::string dl_isp_domain();
@@ -72,8 +72,6 @@ void expect_placed(pid_t tid, uint32_t policy, const std::string &cpuset_group);
 
 // Number of captured lines at the error priority.
 int error_count(const qxt::LogCapture &log);
-
-
 
 }  // namespace qxt
 

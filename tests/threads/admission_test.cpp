@@ -20,8 +20,12 @@ const std::vector<DlClass> kDlClasses = {{"Class_Isp", 2000, 8000, 10000},
                                          {"Class_Late", 2000, 1500, 10000},
                                          {"Class_Long", 2000, 12000, 10000}};
 
-std::string rr() { return rr_domain(kRr, 1000, "1", kRrClasses); }
-std::string dl() { return dl_domain(kDl, 1000, "1", kDlClasses); }
+std::string rr() {
+    return rr_domain(kRr, 1000, "1", kRrClasses);
+}
+std::string dl() {
+    return dl_domain(kDl, 1000, "1", kDlClasses);
+}
 
 std::string added(const char *op, pid_t tid) {
     return format("[RT_Impl][DBG] [%s] for [%d] successfully.\n", op, (int)tid);
@@ -55,11 +59,12 @@ TEST_F(ThreadAdmission, RrAdmissionAppliesClassPriorityAndMovesThreadIntoDomainG
     EXPECT_TRUE(tasks_file_lists("/dev/cpuacct/Domain_Rr/tasks", t.tid()));
     EXPECT_FALSE(tasks_file_lists("/dev/cpuset/tasks", t.tid()));
 
-    QXT_EXPECT_INFO(log, format("[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld; argPid=[%d].\n",
-                         kAdd, (int)getpid(), (long)gettid(), (int)t.tid()));
-    QXT_EXPECT_INFO(log, format(
-        "[RT_Impl][Info] s32UtilCurrent in Domain[Domain_Rr] is [200] after add pid=[%d].\n",
-        (int)t.tid()));
+    QXT_EXPECT_INFO(log, format("[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld; argPid=[%d].\n", kAdd,
+                                (int)getpid(), (long)gettid(), (int)t.tid()));
+    QXT_EXPECT_INFO(
+        log,
+        format("[RT_Impl][Info] s32UtilCurrent in Domain[Domain_Rr] is [200] after add pid=[%d].\n",
+               (int)t.tid()));
     QXT_EXPECT_INFO(log, added(kAdd, t.tid()));
     QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_AddThread] exit, OK.\n");
 
@@ -91,8 +96,9 @@ TEST_F(ThreadAdmission, DeadlineDomainChargesRuntimeTimesCapacityOverPeriod) {
     EXPECT_EQ("/Domain_Dl", cgroup_of(t.tid(), "cpuset"));
     EXPECT_EQ("/Domain_Dl", cgroup_of(t.tid(), "cpuacct"));
 
-    QXT_EXPECT_INFO(log, "[RT_Impl][Info] Get converted Util=[200] from DlRuntimeUs=[2000], "
-                         "DlPeriodUs=[10000], s32CapPerCore=[1000].\n");
+    QXT_EXPECT_INFO(log,
+                    "[RT_Impl][Info] Get converted Util=[200] from DlRuntimeUs=[2000], "
+                    "DlPeriodUs=[10000], s32CapPerCore=[1000].\n");
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kDl);
     ASSERT_NE(nullptr, d);
     EXPECT_EQ(200, d->s32UtilCurrent);
@@ -117,9 +123,10 @@ TEST_F(ThreadAdmission, DeadlineShorterThanRuntimeIsRefusedAsInvalid) {
     TestThread t;
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kDl, "Class_Late", t.tid(), 0));
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
-                          "parameter: (should) DlPeriodUs=10000 >= DlDeadlineUs=1500 >= "
-                          "DlRuntimeUs=2000.\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
+                     "parameter: (should) DlPeriodUs=10000 >= DlDeadlineUs=1500 >= "
+                     "DlRuntimeUs=2000.\n");
     QXT_EXPECT_ERROR(log, add_failed(t.tid(), "Class_Late", RT_ERR_INVALID_PARAM));
     QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_AddThread] exit, err=8.\n");
     expect_untouched(t.tid());
@@ -134,9 +141,10 @@ TEST_F(ThreadAdmission, PeriodShorterThanDeadlineIsRefusedAsInvalid) {
     TestThread t;
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kDl, "Class_Long", t.tid(), 0));
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
-                          "parameter: (should) DlPeriodUs=10000 >= DlDeadlineUs=12000 >= "
-                          "DlRuntimeUs=2000.\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
+                     "parameter: (should) DlPeriodUs=10000 >= DlDeadlineUs=12000 >= "
+                     "DlRuntimeUs=2000.\n");
     expect_untouched(t.tid());
     EXPECT_EQ(0, map_domain_file(kDl)->s32UtilCurrent);
 }
@@ -149,9 +157,9 @@ TEST_F(ThreadAdmission, RepeatedAdmissionInAnyClassSucceedsAndChangesNothing) {
     LogCapture log;
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_B", t.tid(), 0));
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0));
-    EXPECT_EQ(2, log.count(QX_LOG_PRIO_ERROR,
-                           format("[RT_Impl][Err] [%s] Pid [%d] already exists.\n", kAdd,
-                                  (int)t.tid())))
+    EXPECT_EQ(
+        2, log.count(QX_LOG_PRIO_ERROR,
+                     format("[RT_Impl][Err] [%s] Pid [%d] already exists.\n", kAdd, (int)t.tid())))
         << log.dump();
     EXPECT_EQ(2, log.count(QX_LOG_PRIO_INFO, added(kAdd, t.tid()))) << log.dump();
     EXPECT_EQ(before, segment_bytes(kRr));
@@ -167,8 +175,9 @@ TEST_F(ThreadAdmission, RrClassWithNegativeUtilIsRefusedAsInvalid) {
     TestThread t;
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kRr, "Class_Neg", t.tid(), 0));
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid parameter -1: "
-                          "(should) s32Util >= 0.\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid parameter -1: "
+                     "(should) s32Util >= 0.\n");
     QXT_EXPECT_ERROR(log, add_failed(t.tid(), "Class_Neg", RT_ERR_INVALID_PARAM));
     expect_untouched(t.tid());
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
@@ -200,9 +209,10 @@ TEST_F(ThreadAdmission, BudgetAdmitsUpToItsMaxExactlyAndRefusesOneUnitMore) {
 
     LogCapture log;
     EXPECT_EQ(RT_ERR_OVER_BUDGET, QX_REALTIME_AddThread(kRr, "Class_201", t201.tid(), 0));
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Domain[Domain_Rr] over "
-                          "s32Util: new Util is 201, original Util is 0,domain current total "
-                          "Util is 800, max. domain Util is 1000\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Domain[Domain_Rr] over "
+                     "s32Util: new Util is 201, original Util is 0,domain current total "
+                     "Util is 800, max. domain Util is 1000\n");
     QXT_EXPECT_ERROR(log, add_failed(t201.tid(), "Class_201", RT_ERR_OVER_BUDGET));
     expect_untouched(t201.tid());
     EXPECT_EQ(800, d->s32UtilCurrent);
@@ -215,7 +225,8 @@ TEST_F(ThreadAdmission, BudgetAdmitsUpToItsMaxExactlyAndRefusesOneUnitMore) {
 }
 
 TEST_F(ThreadAdmission, DomainWithoutBudgetAdmitsAnyAmountAndLeavesCpusetAlone) {
-    ASSERT_NO_FATAL_FAILURE(start({rr_domain("Domain_Free", 0, "1", {{"Class_Huge", 5000, 10}})}, {"Domain_Free"}));
+    ASSERT_NO_FATAL_FAILURE(
+        start({rr_domain("Domain_Free", 0, "1", {{"Class_Huge", 5000, 10}})}, {"Domain_Free"}));
     TestThread t1, t2;
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_Free", "Class_Huge", t1.tid(), 0))
@@ -237,16 +248,18 @@ TEST_F(ThreadAdmission, LiteAdmissionLeavesDeadlineOrderToTheKernel) {
     TestThread t;
     QX_REALTIME_UTIL_t util = {77, 1500, 2000, 10000};
     LogCapture log;
-    EXPECT_EQ(RT_ERR_SCHED_SETATTR, QX_REALTIME_AddThread_Lite(kDl, "Class_Isp", &util, t.tid(), 0));
+    EXPECT_EQ(RT_ERR_SCHED_SETATTR,
+              QX_REALTIME_AddThread_Lite(kDl, "Class_Isp", &util, t.tid(), 0));
     EXPECT_EQ(0, log.count_containing("Invalid Deadline parameter")) << log.dump();
-    QXT_EXPECT_ERROR(log, format(
-        "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr] _QX_REALTMIE_SchedSetAttr failed to set the "
-        "sched for pid=%d, policy=6, priority=0, runtime=2000000, deadline=1500000, "
-        "period=10000000, errno=%s\n",
-        (int)t.tid(), errno_text(EINVAL).c_str()));
-    QXT_EXPECT_ERROR(log, format(
-        "[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = [Class_Isp] failed.\n", kLite,
-        (int)t.tid()));
+    QXT_EXPECT_ERROR(
+        log, format("[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr] _QX_REALTMIE_SchedSetAttr failed "
+                    "to set the "
+                    "sched for pid=%d, policy=6, priority=0, runtime=2000000, deadline=1500000, "
+                    "period=10000000, errno=%s\n",
+                    (int)t.tid(), errno_text(EINVAL).c_str()));
+    QXT_EXPECT_ERROR(
+        log, format("[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = [Class_Isp] failed.\n",
+                    kLite, (int)t.tid()));
     EXPECT_EQ(77, util.s32Util);
     expect_untouched(t.tid());
     EXPECT_EQ(0, map_domain_file(kDl)->s32UtilCurrent);
@@ -287,11 +300,12 @@ TEST_F(ThreadAdmission, FullSegmentStoresNoRecordEvenWhenAFreedSlotExists) {
 
     LogCapture log;
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_AddThread(kRr, "Class_A", t2.tid(), 0));
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_AddThreadDataAtHead] shared memory size (16384 "
-                          "Byte) is too small. sizeof(QX_REALTIME_THREAD_t)=96\n");
-    QXT_EXPECT_ERROR(log, format(
-        "[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = [Class_A] failed.\n", kAdd,
-        (int)t2.tid()));
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [_QX_AddThreadDataAtHead] shared memory size (16384 "
+                     "Byte) is too small. sizeof(QX_REALTIME_THREAD_t)=96\n");
+    QXT_EXPECT_ERROR(
+        log, format("[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = [Class_A] failed.\n",
+                    kAdd, (int)t2.tid()));
     QXT_EXPECT_ERROR(log, add_failed(t2.tid(), "Class_A", RT_ERR_NOT_EXIST));
     EXPECT_EQ(0, slot(d, 0)->Alive);
     EXPECT_EQ(1, d->s32ThreadNum);
@@ -309,8 +323,9 @@ TEST_F(ThreadAdmission, SegmentOneByteShortOfARecordRefusesIt) {
     d->s32NextOffset = 16289;
     LogCapture log;
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0));
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_AddThreadDataAtHead] shared memory size (16384 "
-                          "Byte) is too small. sizeof(QX_REALTIME_THREAD_t)=96\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [_QX_AddThreadDataAtHead] shared memory size (16384 "
+                     "Byte) is too small. sizeof(QX_REALTIME_THREAD_t)=96\n");
     EXPECT_EQ(0, d->s32ThreadNum);
     EXPECT_EQ(16289, d->s32NextOffset);
 }
@@ -340,10 +355,11 @@ TEST_F(ThreadAdmission, FullProcessIdListFailsTheLookupButStoresTheRecord) {
     TestThread t;
     LogCapture log;
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0));
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_getProcessID] processIDListNum=80. it "
-                          "is full !!!\n");
-    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] getProcessID for tid [%d] failed.\n",
-                          kAdd, (int)t.tid()));
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [_QX_REALTIME_getProcessID] processIDListNum=80. it "
+                     "is full !!!\n");
+    QXT_EXPECT_ERROR(
+        log, format("[RT_Impl][Err] [%s] getProcessID for tid [%d] failed.\n", kAdd, (int)t.tid()));
     QXT_EXPECT_ERROR(log, add_failed(t.tid(), "Class_A", RT_ERR_NOT_EXIST));
     EXPECT_EQ(0, log.count_containing("doesn't exist")) << log.dump();
 
@@ -385,9 +401,9 @@ TEST_F(ThreadAdmission, ThreadOfDeadClientIsReapedBeforeTheBudgetCheck) {
     // 800 more would not fit beside the dead client's 800: the reaping comes first.
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_800", t.tid(), 0)) << log.dump();
     QXT_EXPECT_ERROR(log, process_gone(client));
-    QXT_EXPECT_INFO(log, format(
-        "[RT_Impl][DBG] [QX_REALTIME_RemoveKilledThread] for pid=[%d] successfully.\n",
-        (int)client_tid));
+    QXT_EXPECT_INFO(
+        log, format("[RT_Impl][DBG] [QX_REALTIME_RemoveKilledThread] for pid=[%d] successfully.\n",
+                    (int)client_tid));
     EXPECT_EQ(800, d->s32UtilCurrent);
     EXPECT_EQ(live_util_sum(d), d->s32UtilCurrent);
     EXPECT_EQ(nullptr, live_slot(d, client_tid));

@@ -13,11 +13,15 @@ using namespace qxt;
 namespace {
 
 // One usable class, then priorities at and just inside the bounds SCHED_RR takes (1 to 99).
-const std::vector<RrClass> kRrClasses = {{"Class_A", 200, 10},    {"Class_P0", 10, 0},
-                                         {"Class_P100", 10, 100}, {"Class_P1", 10, 1},
+const std::vector<RrClass> kRrClasses = {{"Class_A", 200, 10},
+                                         {"Class_P0", 10, 0},
+                                         {"Class_P100", 10, 100},
+                                         {"Class_P1", 10, 1},
                                          {"Class_P99", 10, 99}};
 
-std::string rr() { return rr_domain(kRr, 1000, "1", kRrClasses); }
+std::string rr() {
+    return rr_domain(kRr, 1000, "1", kRrClasses);
+}
 
 }  // namespace
 
@@ -35,7 +39,8 @@ TEST_F(ThreadBadInput, NullDomainOrClassNameIsInvalidParam) {
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(nullptr, "Class_A", t.tid(), 0));
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kRr, nullptr, t.tid(), 0));
     EXPECT_EQ(2, log.count(QX_LOG_PRIO_ERROR, arg_is_null(kAdd))) << log.dump();
-    EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread_Lite(nullptr, "Class_A", &util, t.tid(), 0));
+    EXPECT_EQ(RT_ERR_INVALID_PARAM,
+              QX_REALTIME_AddThread_Lite(nullptr, "Class_A", &util, t.tid(), 0));
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread_Lite(kRr, nullptr, &util, t.tid(), 0));
     EXPECT_EQ(2, log.count(QX_LOG_PRIO_ERROR, arg_is_null(kLite))) << log.dump();
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_RemoveThread(nullptr, t.tid()));
@@ -68,8 +73,8 @@ TEST_F(ThreadBadInput, UnknownDomainIsNullWithEachOperationsOwnMessage) {
     QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] pstDomain is NULL.\n", kLite));
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_RemoveThread("Domain_Nope", t.tid()));
     // The arguments of this one come in the reverse order.
-    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [Domain_Nope] pstDomain [%s] is NULL.\n",
-                          kRemove));
+    QXT_EXPECT_ERROR(log,
+                     format("[RT_Impl][Err] [Domain_Nope] pstDomain [%s] is NULL.\n", kRemove));
     EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_UpdateThreadUtil("Domain_Nope", &util, t.tid()));
     QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] pstDomain is NULL.\n", kUpdate));
     EXPECT_EQ((uint32_t)SCHED_OTHER, sched_of(t.tid()).policy);
@@ -84,10 +89,11 @@ TEST_F(ThreadBadInput, UnknownClassIsNotExistAndNamedInTheSummary) {
     QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] Class:[Class_Nope] does not exist.\n", kAdd));
     QXT_EXPECT_ERROR(log, add_failed(t.tid(), "Class_Nope", RT_ERR_NOT_EXIST));
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_AddThread_Lite(kRr, "Class_Nope", &util, t.tid(), 0));
-    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] Class:[Class_Nope] does not exist.\n", kLite));
+    QXT_EXPECT_ERROR(log,
+                     format("[RT_Impl][Err] [%s] Class:[Class_Nope] does not exist.\n", kLite));
     QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] Add pid = [%d] to Thread at Class = "
-                          "[Class_Nope] failed.\n",
-                          kLite, (int)t.tid()));
+                                 "[Class_Nope] failed.\n",
+                                 kLite, (int)t.tid()));
     EXPECT_EQ(before, segment_bytes(kRr));
     EXPECT_EQ((uint32_t)SCHED_OTHER, sched_of(t.tid()).policy);
 }
@@ -96,10 +102,13 @@ TEST_F(ThreadBadInput, ThreadIdWithoutThreadIsRefusedByTheKernel) {
     pid_t gone = dead_pid();
     LogCapture log;
     EXPECT_EQ(RT_ERR_SCHED_SETATTR, QX_REALTIME_AddThread(kRr, "Class_A", gone, 0));
-    QXT_EXPECT_ERROR(log, format(
-        "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr] _QX_REALTMIE_SchedSetAttr failed to set the "
-        "sched for pid=%d, policy=2, priority=10, runtime=0, deadline=0, period=0, errno=%s\n",
-        (int)gone, errno_text(ESRCH).c_str()));
+    QXT_EXPECT_ERROR(
+        log,
+        format(
+            "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr] _QX_REALTMIE_SchedSetAttr failed to set "
+            "the "
+            "sched for pid=%d, policy=2, priority=10, runtime=0, deadline=0, period=0, errno=%s\n",
+            (int)gone, errno_text(ESRCH).c_str()));
     QXT_EXPECT_ERROR(log, add_failed(gone, "Class_A", RT_ERR_SCHED_SETATTR));
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
     EXPECT_EQ(0, d->s32UtilCurrent);
@@ -109,23 +118,26 @@ TEST_F(ThreadBadInput, ThreadIdWithoutThreadIsRefusedByTheKernel) {
     QX_REALTIME_UTIL_t util = {10, 0, 0, 0};
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_UpdateThreadUtil(kRr, &util, gone));
     QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s]: Thread of pid=[%d] does not exist in RT.\n",
-                          kUpdate, (int)gone));
+                                 kUpdate, (int)gone));
 }
 
 TEST_F(ThreadBadInput, NegativeThreadIdIsRefusedByTheKernelAndTracedWithoutArgPid) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_SCHED_SETATTR, QX_REALTIME_AddThread(kRr, "Class_A", -5, 0));
     QXT_EXPECT_INFO(log, format("[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld;\n", kAdd,
-                         (int)getpid(), (long)gettid()));
+                                (int)getpid(), (long)gettid()));
     EXPECT_EQ(0, log.count_containing("argPid")) << log.dump();
-    QXT_EXPECT_ERROR(log, format(
-        "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr] _QX_REALTMIE_SchedSetAttr failed to set the "
-        "sched for pid=-5, policy=2, priority=10, runtime=0, deadline=0, period=0, errno=%s\n",
-        errno_text(EINVAL).c_str()));
+    QXT_EXPECT_ERROR(
+        log,
+        format(
+            "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr] _QX_REALTMIE_SchedSetAttr failed to set "
+            "the "
+            "sched for pid=-5, policy=2, priority=10, runtime=0, deadline=0, period=0, errno=%s\n",
+            errno_text(EINVAL).c_str()));
     QXT_EXPECT_ERROR(log, add_failed(-5, "Class_A", RT_ERR_SCHED_SETATTR));
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_RemoveThread(kRr, -5));
-    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s]: Thread [-5] doesn't exist in [Domain_Rr].\n",
-                          kRemove));
+    QXT_EXPECT_ERROR(
+        log, format("[RT_Impl][Err] [%s]: Thread [-5] doesn't exist in [Domain_Rr].\n", kRemove));
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
     EXPECT_EQ(0, d->s32UtilCurrent);
     EXPECT_EQ(0, live_slot_count(d));
@@ -154,8 +166,8 @@ TEST_F(ThreadBadInput, ZeroThreadIdActsOnTheCallingThread) {
     EXPECT_EQ(10u, after_add.priority);
     EXPECT_EQ("/Domain_Rr", cpuset_after_add);
     QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [_QX_REALTIME_getProcessID] Can't open "
-                          "/proc/0/status, errno=%s\n",
-                          errno_text(ENOENT).c_str()));
+                                 "/proc/0/status, errno=%s\n",
+                                 errno_text(ENOENT).c_str()));
     QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] getProcessID for tid [0] failed.\n", kAdd));
     QXT_EXPECT_ERROR(log, add_failed(0, "Class_A", RT_ERR_NOT_EXIST));
 
@@ -174,12 +186,14 @@ TEST_F(ThreadBadInput, RtPriorityZeroOrHundredIsInvalidParamWithoutSystemCall) {
     ASSERT_TRUE(set_other_nice(t.tid(), 3));
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kRr, "Class_P0", t.tid(), 0));
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr]: Rt priority = [0] is "
-                          "invalid. It should between 1 to 99.\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr]: Rt priority = [0] is "
+                     "invalid. It should between 1 to 99.\n");
     QXT_EXPECT_ERROR(log, add_failed(t.tid(), "Class_P0", RT_ERR_INVALID_PARAM));
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_AddThread(kRr, "Class_P100", t.tid(), 0));
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr]: Rt priority = [100] is "
-                          "invalid. It should between 1 to 99.\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [_QX_REALTIME_SetSchedAttr]: Rt priority = [100] is "
+                     "invalid. It should between 1 to 99.\n");
     EXPECT_EQ(0, log.count_containing("failed to set the sched")) << log.dump();
     SchedInfo s = sched_of(t.tid());
     EXPECT_EQ((uint32_t)SCHED_OTHER, s.policy);

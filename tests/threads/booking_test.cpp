@@ -12,13 +12,18 @@ using namespace qxt;
 
 namespace {
 
-std::string rr() { return rr_domain(kRr, 1000, "1", {{"Class_A", 200, 10}}); }
-std::string dl() { return dl_domain(kDl, 1000, "1", {{"Class_Isp", 2000, 8000, 100000}}); }
+std::string rr() {
+    return rr_domain(kRr, 1000, "1", {{"Class_A", 200, 10}});
+}
+std::string dl() {
+    return dl_domain(kDl, 1000, "1", {{"Class_Isp", 2000, 8000, 100000}});
+}
 
 std::string overrun_warning(pid_t pid, const std::string &comm, pid_t tid) {
-    return format("[RT_Impl][Err] [QX_REALTIME_AddThread] Process %d (%s) neither catches nor "
-                  "ignores SIGXCPU: the first runtime overrun of thread %d will kill it.\n",
-                  (int)pid, comm.c_str(), (int)tid);
+    return format(
+        "[RT_Impl][Err] [QX_REALTIME_AddThread] Process %d (%s) neither catches nor "
+        "ignores SIGXCPU: the first runtime overrun of thread %d will kill it.\n",
+        (int)pid, comm.c_str(), (int)tid);
 }
 
 std::string comm_of(pid_t pid) {
@@ -72,8 +77,9 @@ TEST_F(AdmissionBooking, RefusedMoveKeepsThePolicyButNoBooking) {
 }
 
 TEST_F(AdmissionBooking, OverrunSignallingWarnsWhenTheSignalWouldKillTheProcess) {
-    QXT_SKIP_UNDER_EMULATOR("qemu-user catches every signal for the process it emulates, so the "
-                            "kernel shows SIGXCPU caught whatever the emulated process asked");
+    QXT_SKIP_UNDER_EMULATOR(
+        "qemu-user catches every signal for the process it emulates, so the "
+        "kernel shows SIGXCPU caught whatever the emulated process asked");
     ASSERT_NO_FATAL_FAILURE(start({dl()}, {kDl}));
     signal(SIGXCPU, SIG_DFL);
     {

@@ -28,7 +28,8 @@ struct StartLine {
 using ThreadCrossProcess = qxt::SandboxTest;
 
 TEST_F(ThreadCrossProcess, RacingClientsNeverChargeMoreThanTheBudget) {
-    ASSERT_NO_FATAL_FAILURE(start({rr_domain(kRace, 1000, "1", {{"Class_R", kShare, 10}})}, {kRace}));
+    ASSERT_NO_FATAL_FAILURE(
+        start({rr_domain(kRace, 1000, "1", {{"Class_R", kShare, 10}})}, {kRace}));
     auto *line = (StartLine *)mmap(nullptr, sizeof(StartLine), PROT_READ | PROT_WRITE,
                                    MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(MAP_FAILED, (void *)line);
@@ -45,7 +46,8 @@ TEST_F(ThreadCrossProcess, RacingClientsNeverChargeMoreThanTheBudget) {
             line->ready.fetch_add(1);
             while (line->go.load() == 0) usleep(50);
             for (TestThread *t : threads) {
-                int32_t msg[2] = {t->tid(), (int32_t)QX_REALTIME_AddThread(kRace, "Class_R", t->tid(), 0)};
+                int32_t msg[2] = {t->tid(),
+                                  (int32_t)QX_REALTIME_AddThread(kRace, "Class_R", t->tid(), 0)};
                 if (write(fds[1], msg, sizeof(msg)) != (ssize_t)sizeof(msg)) _exit(1);
             }
         }));
@@ -96,7 +98,8 @@ TEST_F(ThreadCrossProcess, RacingClientsNeverChargeMoreThanTheBudget) {
 }
 
 TEST_F(ThreadCrossProcess, AdmissionAfterAllClientsDiedReturnsTheWholeBudget) {
-    ASSERT_NO_FATAL_FAILURE(start({rr_domain(kRace, 1000, "1", {{"Class_R", kShare, 10}})}, {kRace}));
+    ASSERT_NO_FATAL_FAILURE(
+        start({rr_domain(kRace, 1000, "1", {{"Class_R", kShare, 10}})}, {kRace}));
     std::vector<pid_t> clients;
     for (int c = 0; c < 4; c++) {
         int fds[2];
@@ -121,8 +124,7 @@ TEST_F(ThreadCrossProcess, AdmissionAfterAllClientsDiedReturnsTheWholeBudget) {
     TestThread t;
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRace, "Class_R", t.tid(), 0)) << log.dump();
-    for (pid_t c : clients)
-        QXT_EXPECT_ERROR(log, process_gone(c));
+    for (pid_t c : clients) QXT_EXPECT_ERROR(log, process_gone(c));
     EXPECT_EQ(kShare, d->s32UtilCurrent);
     EXPECT_EQ(1, live_slot_count(d));
     EXPECT_EQ(getpid(), d->s32ProcessIDList[0]);

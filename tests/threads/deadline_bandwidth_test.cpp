@@ -45,7 +45,8 @@ TEST_F(DeadlineBandwidth, RemovingSleepingDeadlineThreadGivesItsBandwidthBackAtO
         // leaked reservation and hide the leak.
         LogCapture log;
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kBw, "Class_Fifth", t.tid(), 0))
-            << "cycle " << cycle << " of " << kCycles << "\n" << log.dump();
+            << "cycle " << cycle << " of " << kCycles << "\n"
+            << log.dump();
         ASSERT_EQ((uint32_t)SCHED_DEADLINE, sched_of(t.tid()).policy);
         ASSERT_EQ("/Domain_Bw", cgroup_of(t.tid(), "cpuset"));
         if (cycle % 2 == 0) usleep(1500);
@@ -55,9 +56,9 @@ TEST_F(DeadlineBandwidth, RemovingSleepingDeadlineThreadGivesItsBandwidthBackAtO
         // The removal looks exactly as before: its own messages, nothing more.
         EXPECT_EQ(0, error_count(log)) << log.dump();
         QXT_EXPECT_INFO(log, "[RT_Impl][Info] s32UtilCurrent in Domain(Domain_Bw) is 0.\n");
-        QXT_EXPECT_INFO(log,
-            format(
-            "[RT_Impl][DBG] [QX_REALTIME_RemoveThread] for pid=[%d] successfully.\n", (int)t.tid()));
+        QXT_EXPECT_INFO(
+            log, format("[RT_Impl][DBG] [QX_REALTIME_RemoveThread] for pid=[%d] successfully.\n",
+                        (int)t.tid()));
         SchedInfo s = sched_of(t.tid());
         ASSERT_EQ((uint32_t)SCHED_OTHER, s.policy);
         ASSERT_EQ(5, s.nice);
@@ -72,9 +73,11 @@ TEST_F(DeadlineBandwidth, RemovingSleepingDeadlineThreadGivesItsBandwidthBackAtO
     EXPECT_EQ(200, map_domain_file(kBw)->s32UtilCurrent);
 }
 
-TEST_F(DeadlineBandwidth, AdmittingSleepingDeadlineThreadIntoRoundRobinDomainGivesItsBandwidthBack) {
+TEST_F(DeadlineBandwidth,
+       AdmittingSleepingDeadlineThreadIntoRoundRobinDomainGivesItsBandwidthBack) {
     const char kRr[] = "Domain_BwRr";
-    ASSERT_NO_FATAL_FAILURE(start({bw_domain(), rr_domain(kRr, 0, "0", {{"Class_Plain", 0, 20}})}, {kBw, kRr}));
+    ASSERT_NO_FATAL_FAILURE(
+        start({bw_domain(), rr_domain(kRr, 0, "0", {{"Class_Plain", 0, 20}})}, {kBw, kRr}));
     rebuild_sched_domains();
     DropLeakedBandwidth guard;
 
@@ -86,7 +89,8 @@ TEST_F(DeadlineBandwidth, AdmittingSleepingDeadlineThreadIntoRoundRobinDomainGiv
     for (int cycle = 1; cycle <= kCycles; cycle++) {
         LogCapture log;
         ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_Plain", t.tid(), 0))
-            << "cycle " << cycle << "\n" << log.dump();
+            << "cycle " << cycle << "\n"
+            << log.dump();
         SchedInfo rr = sched_of(t.tid());
         ASSERT_EQ((uint32_t)SCHED_RR, rr.policy);
         ASSERT_EQ(20u, rr.priority);

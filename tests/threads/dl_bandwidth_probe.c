@@ -35,8 +35,8 @@ struct attr {
     uint32_t util_min, util_max;
 };
 
-static int set_attr(pid_t tid, uint32_t policy, uint64_t flags, uint64_t runtime,
-                    uint64_t deadline, uint64_t period) {
+static int set_attr(pid_t tid, uint32_t policy, uint64_t flags, uint64_t runtime, uint64_t deadline,
+                    uint64_t period) {
     struct attr a;
     memset(&a, 0, sizeof(a));
     a.size = sizeof(a);

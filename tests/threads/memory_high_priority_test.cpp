@@ -12,7 +12,8 @@ const char kEnable[] = "QX_REALTIME_EnableMemoryHighPriority";
 const char kDisable[] = "QX_REALTIME_DisableMemoryHighPriority";
 
 std::string entered(const char *op) {
-    return format("[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld;\n", op, (int)getpid(), (long)gettid());
+    return format("[RT_Impl][DBG] [%s] enter: pid=%d, tid=%ld;\n", op, (int)getpid(),
+                  (long)gettid());
 }
 
 std::string exited(const char *op) {
@@ -24,23 +25,27 @@ std::string exited(const char *op) {
 using MemoryHighPriority = qxt::SandboxTest;
 
 TEST_F(MemoryHighPriority, QueryLogsNotReadyWithCallersValueAndLeavesItInPlace) {
-    ASSERT_NO_FATAL_FAILURE(start({rr_domain("Domain_Rr", 500, "1", {{"Class_A", 100, 10}})}, {"Domain_Rr"}));
+    ASSERT_NO_FATAL_FAILURE(
+        start({rr_domain("Domain_Rr", 500, "1", {{"Class_A", 100, 10}})}, {"Domain_Rr"}));
     int32_t avail = 42;
     LogCapture log;
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_GetAvailableHighPriorityResource(&avail));
     EXPECT_EQ(42, avail);
-    EXPECT_EQ(1, log.count(QX_LOG_PRIO_ERROR, "[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] "
-                                              "The function isn't ready. *ps32Avai=42\n"))
+    EXPECT_EQ(1, log.count(QX_LOG_PRIO_ERROR,
+                           "[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] "
+                           "The function isn't ready. *ps32Avai=42\n"))
         << log.dump();
     avail = -7;
     EXPECT_EQ(RT_SUCCESS, QX_REALTIME_GetAvailableHighPriorityResource(&avail));
     EXPECT_EQ(-7, avail);
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] The "
-                          "function isn't ready. *ps32Avai=-7\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] The "
+                     "function isn't ready. *ps32Avai=-7\n");
 }
 
 TEST_F(MemoryHighPriority, EnableAndDisableInAnyOrderSucceedAndChangeNoSharedField) {
-    ASSERT_NO_FATAL_FAILURE(start({rr_domain("Domain_Rr", 500, "1", {{"Class_A", 100, 10}})}, {"Domain_Rr"}));
+    ASSERT_NO_FATAL_FAILURE(
+        start({rr_domain("Domain_Rr", 500, "1", {{"Class_A", 100, 10}})}, {"Domain_Rr"}));
     TestThread t;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_Rr", "Class_A", t.tid(), 0));
     std::vector<uint8_t> domain_before = segment_bytes("Domain_Rr");
@@ -82,8 +87,9 @@ TEST_F(MemoryHighPriority, CallsAnswerSuccessEvenBeforeAnyInit) {
     EXPECT_EQ(42, avail);
     // At the default level 32 only the error-level report shows.
     EXPECT_EQ(1, (int)log.lines().size()) << log.dump();
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] The "
-                          "function isn't ready. *ps32Avai=42\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] The "
+                     "function isn't ready. *ps32Avai=42\n");
     EXPECT_FALSE(file_exists(RT_SHM_PREFIX "Global"));
 }
 
@@ -92,6 +98,7 @@ TEST_F(MemoryHighPriority, CallsAnswerSuccessEvenBeforeAnyInit) {
 TEST_F(MemoryHighPriority, QueryWithNullPointerIsRefusedWithoutCrash) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_GetAvailableHighPriorityResource(nullptr));
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] Arg is "
-                          "NULL.\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [QX_REALTIME_GetAvailableHighPriorityResource] Arg is "
+                     "NULL.\n");
 }

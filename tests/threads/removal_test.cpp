@@ -10,8 +10,12 @@ using namespace qxt;
 
 namespace {
 
-std::string rr() { return rr_domain(kRr, 1000, "1", {{"Class_A", 200, 10}, {"Class_B", 100, 20}}); }
-std::string dl() { return dl_isp_domain(); }
+std::string rr() {
+    return rr_domain(kRr, 1000, "1", {{"Class_A", 200, 10}, {"Class_B", 100, 20}});
+}
+std::string dl() {
+    return dl_isp_domain();
+}
 
 std::string removed(pid_t tid) {
     return format("[RT_Impl][DBG] [%s] for pid=[%d] successfully.\n", kRemove, (int)tid);
@@ -62,8 +66,8 @@ TEST_F(ThreadRemoval, RemovingRrThreadRestoresFormerNiceValueAndReturnsCharge) {
     EXPECT_FALSE(tasks_file_lists("/dev/cpuset/Domain_Rr/tasks", t.tid()));
     EXPECT_FALSE(tasks_file_lists("/dev/cpuacct/Domain_Rr/tasks", t.tid()));
 
-    QXT_EXPECT_INFO(log, format("[RT_Impl][DBG] [%s]: pid=[%d] exists in [Domain_Rr].\n",
-                         kRemove, (int)t.tid()));
+    QXT_EXPECT_INFO(log, format("[RT_Impl][DBG] [%s]: pid=[%d] exists in [Domain_Rr].\n", kRemove,
+                                (int)t.tid()));
     QXT_EXPECT_INFO(log, "[RT_Impl][Info] s32UtilCurrent in Domain(Domain_Rr) is 0.\n");
     QXT_EXPECT_INFO(log, removed(t.tid()));
     QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_RemoveThread] exit, OK.\n");
@@ -137,8 +141,8 @@ TEST_F(ThreadRemoval, RemovingNeverAdmittedThreadIsNotExistAndChangesNothing) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_RemoveThread(kRr, stranger.tid()));
     QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s]: Thread [%d] doesn't exist in "
-                          "[Domain_Rr].\n",
-                          kRemove, (int)stranger.tid()));
+                                 "[Domain_Rr].\n",
+                                 kRemove, (int)stranger.tid()));
     QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_RemoveThread] exit, err=11.\n");
     EXPECT_EQ(before, segment_bytes(kRr));
     EXPECT_EQ((uint32_t)SCHED_OTHER, sched_of(stranger.tid()).policy);
@@ -153,8 +157,8 @@ TEST_F(ThreadRemoval, RemovingTwiceReportsNotExistTheSecondTime) {
     LogCapture log;
     EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_RemoveThread(kRr, t.tid()));
     QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s]: Thread [%d] doesn't exist in "
-                          "[Domain_Rr].\n",
-                          kRemove, (int)t.tid()));
+                                 "[Domain_Rr].\n",
+                                 kRemove, (int)t.tid()));
     EXPECT_EQ(0, map_domain_file(kRr)->s32UtilCurrent);
 }
 
@@ -172,7 +176,8 @@ TEST_F(ThreadRemoval, RemovedSlotIsReusedByTheNextAdmission) {
 }
 
 TEST_F(ThreadRemoval, RemovingFromDomainSpanningEveryCpuLeavesCpusetAndResetsCpuacct) {
-    ASSERT_NO_FATAL_FAILURE(start({rr_domain("Domain_All", 500, "0-1", {{"Class_A", 100, 10}})}, {"Domain_All"}));
+    ASSERT_NO_FATAL_FAILURE(
+        start({rr_domain("Domain_All", 500, "0-1", {{"Class_A", 100, 10}})}, {"Domain_All"}));
     // A cpuset of the client's own: a removal that wrote the root cpuset would take the thread
     // out of it.
     std::string cpus = file_exists("/dev/cpuset/cpus") ? "cpus" : "cpuset.cpus";
@@ -199,8 +204,9 @@ TEST_F(ThreadRemoval, RemovingFromDomainSpanningEveryCpuLeavesCpusetAndResetsCpu
 TEST_F(ThreadRemoval, ReapingDeadClientWithThreeThreadsFreesAllThreeAndLowersChargeBySum) {
     // The client is forked while this process runs the survivor thread, and then starts threads
     // of its own: qemu-user 7.2 aborts there (an assertion in its CPU loop), whatever the library.
-    QXT_SKIP_UNDER_EMULATOR("qemu-user 7.2 aborts when the forked child of a multi-threaded "
-                            "process creates threads");
+    QXT_SKIP_UNDER_EMULATOR(
+        "qemu-user 7.2 aborts when the forked child of a multi-threaded "
+        "process creates threads");
     ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
     TestThread survivor;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_B", survivor.tid(), 0));
@@ -211,8 +217,9 @@ TEST_F(ThreadRemoval, ReapingDeadClientWithThreeThreadsFreesAllThreeAndLowersCha
         close(fds[0]);
         for (int i = 0; i < 3; i++) {
             TestThread *thread = new TestThread();  // lives until the process is killed
-            int32_t msg[2] = {thread->tid(), (int32_t)QX_REALTIME_AddThread(
-                                                 kRr, i == 0 ? "Class_B" : "Class_A", thread->tid(), 0)};
+            int32_t msg[2] = {thread->tid(),
+                              (int32_t)QX_REALTIME_AddThread(kRr, i == 0 ? "Class_B" : "Class_A",
+                                                             thread->tid(), 0)};
             if (write(fds[1], msg, sizeof(msg)) != (ssize_t)sizeof(msg)) _exit(1);
         }
     });
@@ -238,9 +245,10 @@ TEST_F(ThreadRemoval, ReapingDeadClientWithThreeThreadsFreesAllThreeAndLowersCha
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", newcomer.tid(), 0)) << log.dump();
     QXT_EXPECT_ERROR(log, process_gone(client));
     for (pid_t tid : tids) {
-        QXT_EXPECT_INFO(log,
-            format(
-            "[RT_Impl][DBG] [QX_REALTIME_RemoveKilledThread] for pid=[%d] successfully.\n", (int)tid));
+        QXT_EXPECT_INFO(
+            log,
+            format("[RT_Impl][DBG] [QX_REALTIME_RemoveKilledThread] for pid=[%d] successfully.\n",
+                   (int)tid));
         EXPECT_EQ(nullptr, live_slot(d, tid));
     }
     QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_RemoveKilledThread] exit, OK.\n");

@@ -9,8 +9,12 @@ using namespace qxt;
 
 namespace {
 
-std::string rr() { return rr_domain(kRr, 1000, "1", {{"Class_A", 200, 10}, {"Class_800", 800, 15}}); }
-std::string dl() { return dl_isp_domain(); }
+std::string rr() {
+    return rr_domain(kRr, 1000, "1", {{"Class_A", 200, 10}, {"Class_800", 800, 15}});
+}
+std::string dl() {
+    return dl_isp_domain();
+}
 
 std::string updated_info(const char *domain, int current, pid_t tid) {
     return format("[RT_Impl][Info] s32UtilCurrent in Domain[%s] is [%d] after add pid=[%d].\n",
@@ -30,11 +34,12 @@ TEST_F(ThreadUpdate, UpdatePushingDomainOverBudgetIsRefusedAndChangesNothing) {
     QX_REALTIME_UTIL_t util = {201, 0, 0, 0};
     LogCapture log;
     EXPECT_EQ(RT_ERR_OVER_BUDGET, QX_REALTIME_UpdateThreadUtil(kRr, &util, t1.tid()));
-    QXT_EXPECT_INFO(log, format("[RT_Impl][DBG] [%s]: pid=[%d] exists in RT.\n", kUpdate,
-                         (int)t1.tid()));
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Domain[Domain_Rr] over "
-                          "s32Util: new Util is 201, original Util is 200,domain current total "
-                          "Util is 1000, max. domain Util is 1000\n");
+    QXT_EXPECT_INFO(
+        log, format("[RT_Impl][DBG] [%s]: pid=[%d] exists in RT.\n", kUpdate, (int)t1.tid()));
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Domain[Domain_Rr] over "
+                     "s32Util: new Util is 201, original Util is 200,domain current total "
+                     "Util is 1000, max. domain Util is 1000\n");
     QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_UpdateThreadUtil] exit, err=9.\n");
     EXPECT_EQ(before, segment_bytes(kRr));
     EXPECT_EQ(10u, sched_of(t1.tid()).priority);
@@ -53,8 +58,8 @@ TEST_F(ThreadUpdate, LoweringShareIsAlwaysWithinBudgetAndInRrDomainTouchesOnlyBo
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_UpdateThreadUtil(kRr, &util, t1.tid())) << log.dump();
     QXT_EXPECT_INFO(log, updated_info(kRr, 1000, t1.tid()));
-    QXT_EXPECT_INFO(log, format("[RT_Impl][DBG] [%s] for [%d] successfully.\n", kUpdate,
-                         (int)t1.tid()));
+    QXT_EXPECT_INFO(log,
+                    format("[RT_Impl][DBG] [%s] for [%d] successfully.\n", kUpdate, (int)t1.tid()));
     EXPECT_EQ(1000, d->s32UtilCurrent);
     QX_REALTIME_THREAD_t *rec = nullptr;
     ASSERT_NO_FATAL_FAILURE(expect_record(d, t1.tid(), 100, 3000, 7000, 9000, &rec));
@@ -73,8 +78,9 @@ TEST_F(ThreadUpdate, NegativeShareInRrDomainIsRefusedAsInvalid) {
     QX_REALTIME_UTIL_t util = {-3, 0, 0, 0};
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_UpdateThreadUtil(kRr, &util, t.tid()));
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid parameter -3: "
-                          "(should) s32Util >= 0.\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid parameter -3: "
+                     "(should) s32Util >= 0.\n");
     EXPECT_EQ(before, segment_bytes(kRr));
 }
 
@@ -87,8 +93,9 @@ TEST_F(ThreadUpdate, DeadlineUpdateAppliesNewReservationAndKeepsOverrunFlag) {
     LogCapture log;
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_UpdateThreadUtil(kDl, &util, t.tid())) << log.dump();
     EXPECT_EQ(300, util.s32Util);  // the caller's share is replaced by the converted one
-    QXT_EXPECT_INFO(log, "[RT_Impl][Info] Get converted Util=[300] from DlRuntimeUs=[3000], "
-                         "DlPeriodUs=[10000], s32CapPerCore=[1000].\n");
+    QXT_EXPECT_INFO(log,
+                    "[RT_Impl][Info] Get converted Util=[300] from DlRuntimeUs=[3000], "
+                    "DlPeriodUs=[10000], s32CapPerCore=[1000].\n");
     QXT_EXPECT_INFO(log, updated_info(kDl, 300, t.tid()));
 
     SchedInfo s = sched_of(t.tid());
@@ -131,9 +138,10 @@ TEST_F(ThreadUpdate, DeadlineUpdateOutOfOrderIsRefusedAndKernelKeepsOldReservati
     QX_REALTIME_UTIL_t util = {0, 1000, 3000, 10000};
     LogCapture log;
     EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_UpdateThreadUtil(kDl, &util, t.tid()));
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
-                          "parameter: (should) DlPeriodUs=10000 >= DlDeadlineUs=1000 >= "
-                          "DlRuntimeUs=3000.\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Invalid Deadline "
+                     "parameter: (should) DlPeriodUs=10000 >= DlDeadlineUs=1000 >= "
+                     "DlRuntimeUs=3000.\n");
     EXPECT_EQ(before, segment_bytes(kDl));
     SchedInfo s = sched_of(t.tid());
     EXPECT_EQ(2000000u, s.runtime);
@@ -155,9 +163,10 @@ TEST_F(ThreadUpdate, DeadlineUpdateOverBudgetIsRefusedAndExactlyAtBudgetIsApplie
     QX_REALTIME_UTIL_t util = {0, 10000, 2100, 10000};  // 210: 200 - 100 + 210 > 300
     LogCapture log;
     EXPECT_EQ(RT_ERR_OVER_BUDGET, QX_REALTIME_UpdateThreadUtil("Domain_Small", &util, t1.tid()));
-    QXT_EXPECT_ERROR(log, "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Domain[Domain_Small] "
-                          "over s32Util: new Util is 210, original Util is 100,domain current "
-                          "total Util is 200, max. domain Util is 300\n");
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [_QX_REALTIME_CheckOverUtil] Domain[Domain_Small] "
+                     "over s32Util: new Util is 210, original Util is 100,domain current "
+                     "total Util is 200, max. domain Util is 300\n");
     EXPECT_EQ(1000000u, sched_of(t1.tid()).runtime);
     EXPECT_EQ(200, d->s32UtilCurrent);
 

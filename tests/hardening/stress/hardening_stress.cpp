@@ -78,8 +78,9 @@ struct Shared {
             std::string cls = class_of(domain[i]);
             uint32_t rc;
             if (rand_r(&seed) % 4 == 0) {
-                QX_REALTIME_UTIL_t u = is_dl(domain[i]) ? QX_REALTIME_UTIL_t{10, 10000, 1000, 100000}
-                                                        : QX_REALTIME_UTIL_t{100, 0, 0, 0};
+                QX_REALTIME_UTIL_t u = is_dl(domain[i])
+                                           ? QX_REALTIME_UTIL_t{10, 10000, 1000, 100000}
+                                           : QX_REALTIME_UTIL_t{100, 0, 0, 0};
                 rc = count(QX_REALTIME_AddThread_Lite(domain[i], cls.c_str(), &u, tids[i], 0));
             } else {
                 rc = count(QX_REALTIME_AddThread(domain[i], cls.c_str(), tids[i], 0));
@@ -89,7 +90,8 @@ struct Shared {
         } else if (rand_r(&seed) % 3 == 0) {
             QX_REALTIME_UTIL_t u;
             if (is_dl(domain[i]))
-                u = {0, (int32_t)(5000 + rand_r(&seed) % 15000), (int32_t)(500 + rand_r(&seed) % 1500), 100000};
+                u = {0, (int32_t)(5000 + rand_r(&seed) % 15000),
+                     (int32_t)(500 + rand_r(&seed) % 1500), 100000};
             else
                 u = {(int32_t)(50 + rand_r(&seed) % 100), 0, 0, 0};
             count(QX_REALTIME_UpdateThreadUtil(domain[i], &u, tids[i]));
@@ -130,7 +132,8 @@ int main() {
         printf("hardening_stress: %s\n", err.c_str());
         return 1;
     }
-    auto *sh = (Shared *)mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    auto *sh = (Shared *)mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
+                              MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (sh == MAP_FAILED) return 1;
     new (sh) Shared{};
 
@@ -141,7 +144,8 @@ int main() {
     }
     std::vector<pid_t> clients;
     unsigned next_seed = seed * 1000;
-    for (int c = 0; c < kClients; c++) clients.push_back(start_client(sh, next_seed++, foreign.tid));
+    for (int c = 0; c < kClients; c++)
+        clients.push_back(start_client(sh, next_seed++, foreign.tid));
     long kills = 0;
     const double t0 = now_s();
     while (now_s() - t0 < seconds) {
@@ -173,18 +177,21 @@ int main() {
     bool ok = true;
     for (const char *domain : {kRr, kDl}) {
         pid_t ftid = domain == kRr ? foreign.tid : -1;  // it only ever enters the RR domain
-        ChildResult r = run_child([domain, ftid] { return admit_remove_and_check(domain, ftid, false); });
+        ChildResult r =
+            run_child([domain, ftid] { return admit_remove_and_check(domain, ftid, false); });
         if (!r.describe().empty()) {
             ok = false;
-            printf("hardening_stress: %s broken after the run:\n%s\n", domain, r.describe().c_str());
+            printf("hardening_stress: %s broken after the run:\n%s\n", domain,
+                   r.describe().c_str());
         }
     }
-    printf("[ stress ] %.1f s, %d clients x %d threads: %ld calls (%.0f calls/s), %ld admissions, "
-           "%ld refused over budget, %ld other non-zero codes (last %d), %ld clients killed, %d did "
-           "not end when asked; invariants %s\n",
-           elapsed, kClients, kThreadsPerClient, sh->calls.load(), sh->calls.load() / elapsed,
-           sh->admitted.load(), sh->refused_budget.load(), sh->unexpected.load(),
-           sh->last_unexpected.load(), kills, stragglers, ok ? "hold" : "BROKEN");
+    printf(
+        "[ stress ] %.1f s, %d clients x %d threads: %ld calls (%.0f calls/s), %ld admissions, "
+        "%ld refused over budget, %ld other non-zero codes (last %d), %ld clients killed, %d did "
+        "not end when asked; invariants %s\n",
+        elapsed, kClients, kThreadsPerClient, sh->calls.load(), sh->calls.load() / elapsed,
+        sh->admitted.load(), sh->refused_budget.load(), sh->unexpected.load(),
+        sh->last_unexpected.load(), kills, stragglers, ok ? "hold" : "BROKEN");
     stop_foreign(foreign);
     rebuild_sched_domains();  // nothing booked by this run stays behind for the next tests
     if (stragglers != 0) ok = false;
