@@ -6,27 +6,20 @@
 
 static pid_t g_tid;
 
-static void BM_AddRemoveRoundRobin(benchmark::State &state) {
+// One admission and one removal of the same thread per iteration.
+static void BM_AddRemove(benchmark::State &state, const char *domain, const char *cls) {
     for (auto _ : state) {
-        if (QX_REALTIME_AddThread("Domain_BenchRR", "Class_Work", g_tid, 0) != RT_SUCCESS ||
-            QX_REALTIME_RemoveThread("Domain_BenchRR", g_tid) != RT_SUCCESS) {
+        if (QX_REALTIME_AddThread(domain, cls, g_tid, 0) != RT_SUCCESS ||
+            QX_REALTIME_RemoveThread(domain, g_tid) != RT_SUCCESS) {
             state.SkipWithError("admission failed");
             break;
         }
     }
 }
-BENCHMARK(BM_AddRemoveRoundRobin)->Unit(benchmark::kMicrosecond);
-
-static void BM_AddRemoveDeadline(benchmark::State &state) {
-    for (auto _ : state) {
-        if (QX_REALTIME_AddThread("Domain_BenchDL", "Class_Periodic", g_tid, 0) != RT_SUCCESS ||
-            QX_REALTIME_RemoveThread("Domain_BenchDL", g_tid) != RT_SUCCESS) {
-            state.SkipWithError("admission failed");
-            break;
-        }
-    }
-}
-BENCHMARK(BM_AddRemoveDeadline)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_AddRemove, RoundRobin, "Domain_BenchRR", "Class_Work")
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_AddRemove, Deadline, "Domain_BenchDL", "Class_Periodic")
+    ->Unit(benchmark::kMicrosecond);
 
 static void BM_QueryBudget(benchmark::State &state) {
     QX_REALTIME_UTIL_t util = {1, 0, 0, 0};

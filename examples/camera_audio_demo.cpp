@@ -33,7 +33,9 @@
 #include <thread>
 
 #include "../src/platform/log_sink.h"
+#include "../src/platform/platform.h"
 #include "qx_realtime.h"
+#include "../tools/result_name.h"
 
 namespace {
 
@@ -52,29 +54,6 @@ void client_logger(int, const char *, const char *message) {
     while (!text.empty() && text.back() == '\n') text.pop_back();
     printf("    [%s] %s\n", g_client, text.c_str());
     fflush(stdout);
-}
-
-const char *result_name(uint32_t code) {
-    switch (code) {
-    case RT_SUCCESS:
-        return "RT_SUCCESS";
-    case RT_ERR_FAILED:
-        return "RT_ERR_FAILED";
-    case RT_ERR_INVALID_PARAM:
-        return "RT_ERR_INVALID_PARAM";
-    case RT_ERR_OVER_BUDGET:
-        return "RT_ERR_OVER_BUDGET";
-    case RT_ERR_NULL:
-        return "RT_ERR_NULL";
-    case RT_ERR_NOT_EXIST:
-        return "RT_ERR_NOT_EXIST";
-    case RT_ERR_SYSTEM:
-        return "RT_ERR_SYSTEM";
-    case RT_ERR_SCHED_SETATTR:
-        return "RT_ERR_SCHED_SETATTR";
-    default:
-        return "unknown result";
-    }
 }
 
 pid_t gettid_now() {
@@ -228,21 +207,8 @@ int run_client(const std::string &which, const std::string &state_dir) {
 
 // ---- the kernel's view of a thread ----
 
-struct SchedAttr {
-    uint32_t size;
-    uint32_t sched_policy;
-    uint64_t sched_flags;
-    int32_t sched_nice;
-    uint32_t sched_priority;
-    uint64_t sched_runtime;
-    uint64_t sched_deadline;
-    uint64_t sched_period;
-    uint32_t sched_util_min;
-    uint32_t sched_util_max;
-};
-
 std::string policy_of(pid_t tid) {
-    SchedAttr a;
+    qx_sched_attr a;  // the kernel's struct sched_attr
     memset(&a, 0, sizeof(a));
     if (syscall(SYS_sched_getattr, tid, &a, sizeof(a), 0) != 0)
         return std::string("(sched_getattr: ") + strerror(errno) + ")";

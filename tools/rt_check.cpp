@@ -227,6 +227,17 @@ private:
     void found(const std::string &where, const std::string &what, const std::string &action) {
         out_->push_back(Finding{where, what, repair_ ? action : std::string()});
     }
+    // The repairs of a segment file, done only when asked for: its removal (so that it is made
+    // anew; done says what then) and its mode. Each says what it did or why it could not.
+    std::string removal(const std::string &path, const char *done) {
+        if (!repair_) return "";
+        return unlink(path.c_str()) == 0 ? done : str("could not unlink: %s", strerror(errno));
+    }
+    std::string mode_set(const std::string &path, mode_t mode) {
+        if (!repair_) return "";
+        return chmod(path.c_str(), mode) == 0 ? str("mode set to %04o", (unsigned)mode)
+                                              : str("could not chmod: %s", strerror(errno));
+    }
     void check_record(const std::string &name, QX_REALTIME_DOMAIN_t *d);
     void check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d);
     void check_groups(const std::string &name, QX_REALTIME_DOMAIN_t *d);
@@ -241,11 +252,8 @@ void Checker::check_central() {
     if (lstat(path.c_str(), &st) != 0) return;
     if (!S_ISREG(st.st_mode)) {
         // It holds no settings and no process can have it mapped: removed, Init makes it anew.
-        std::string action;
-        if (repair_)
-            action = unlink(path.c_str()) == 0
-                         ? "removed; call QX_REALTIME_Init (rtctl init) to make it anew"
-                         : str("could not unlink: %s", strerror(errno));
+        std::string action =
+            removal(path, "removed; call QX_REALTIME_Init (rtctl init) to make it anew");
         found(RT_CENTRAL_NAME, "the central segment is not a regular file", action);
         return;
     }
@@ -261,12 +269,9 @@ void Checker::check_central() {
               action);
     }
     if ((st.st_mode & 0777) != 0666) {
-        std::string action;
-        if (repair_)
-            action = chmod(path.c_str(), 0666) == 0 ? "mode set to 0666"
-                                                    : str("could not chmod: %s", strerror(errno));
         found(RT_CENTRAL_NAME,
-              str("the central segment has mode %04o, not 0666", st.st_mode & 0777), action);
+              str("the central segment has mode %04o, not 0666", st.st_mode & 0777),
+              mode_set(path, 0666));
     }
 }
 
@@ -280,28 +285,19 @@ void Checker::check_domain(const std::string &name) {
     struct stat st;
     if (lstat(path.c_str(), &st) != 0) return;  // deleted: the central list keeps its name
     if (!S_ISREG(st.st_mode)) {
-        std::string action;
-        if (repair_)
-            action = unlink(path.c_str()) == 0 ? "removed; create the domain again"
-                                               : str("could not unlink: %s", strerror(errno));
+        std::string action = removal(path, "removed; create the domain again");
         found(name, "its segment is not a regular file", action);
         return;
     }
     if (st.st_size != RT_SHM_SIZE) {
-        std::string action;
-        if (repair_)
-            action = unlink(path.c_str()) == 0 ? "removed; create the domain again"
-                                               : str("could not unlink: %s", strerror(errno));
+        std::string action = removal(path, "removed; create the domain again");
         found(name, str("its segment is %lld bytes, not %d", (long long)st.st_size, RT_SHM_SIZE),
               action);
         return;
     }
     if ((st.st_mode & 0777) != 0660) {
-        std::string action;
-        if (repair_)
-            action = chmod(path.c_str(), 0660) == 0 ? "mode set to 0660"
-                                                    : str("could not chmod: %s", strerror(errno));
-        found(name, str("its segment has mode %04o, not 0660", st.st_mode & 0777), action);
+        found(name, str("its segment has mode %04o, not 0660", st.st_mode & 0777),
+              mode_set(path, 0660));
     }
     Fd fd(open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
     if (fd.get() < 0) {
@@ -317,10 +313,7 @@ void Checker::check_domain(const std::string &name) {
     uint32_t mark;
     memcpy(&mark, (char *)d + RT_DOMAIN_MARK_OFFSET, sizeof(mark));
     if (mark == RT_DOMAIN_CREATING || d->szName[0] == '\0') {
-        std::string action;
-        if (repair_)
-            action = unlink(path.c_str()) == 0 ? "removed; create the domain again"
-                                               : str("could not unlink: %s", strerror(errno));
+        std::string action = removal(path, "removed; create the domain again");
         found(name, "half-created: its creator died before it was done", action);
         return;
     }

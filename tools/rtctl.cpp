@@ -33,6 +33,7 @@
 #include "qx_realtime_internal.h"  // the central record's layout and the segment path
 #include "rtctl_report.h"
 #include "rtctl_top.h"
+#include "result_name.h"
 
 namespace {
 
@@ -120,29 +121,6 @@ void plain_logger(int, const char *, const char *message) {
 }
 
 // ---- results ----
-
-const char *result_name(uint32_t code) {
-    switch (code) {
-    case RT_SUCCESS:
-        return "RT_SUCCESS";
-    case RT_ERR_FAILED:
-        return "RT_ERR_FAILED";
-    case RT_ERR_INVALID_PARAM:
-        return "RT_ERR_INVALID_PARAM";
-    case RT_ERR_OVER_BUDGET:
-        return "RT_ERR_OVER_BUDGET";
-    case RT_ERR_NULL:
-        return "RT_ERR_NULL";
-    case RT_ERR_NOT_EXIST:
-        return "RT_ERR_NOT_EXIST";
-    case RT_ERR_SYSTEM:
-        return "RT_ERR_SYSTEM";
-    case RT_ERR_SCHED_SETATTR:
-        return "RT_ERR_SCHED_SETATTR";
-    default:
-        return "unknown result";
-    }
-}
 
 // The exit status is the result code itself (all of them are below 256).
 int finish(const char *command, uint32_t code) {

@@ -6,7 +6,6 @@
 //   - a file the linter passes without an error is read by the library exactly as the linter's
 //     strict parse says it is written.
 // Either fails as soon as the linter and the library drift apart.
-#include <dirent.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -25,27 +24,22 @@ using qxrt_lint::Reading;
 
 namespace {
 
-std::vector<std::string> files_in(const std::string &dir, const std::string &suffix) {
+// The files of a corpus directory whose names end in suffix, as paths, in name order.
+std::vector<std::string> corpus_files(const std::string &dir, const std::string &suffix) {
     std::vector<std::string> out;
-    DIR *d = opendir(dir.c_str());
-    if (d == nullptr) return out;
-    while (struct dirent *e = readdir(d)) {
-        std::string n = e->d_name;
-        if (n == "." || n == "..") continue;
-        if (n.size() < suffix.size() ||
-            n.compare(n.size() - suffix.size(), suffix.size(), suffix) != 0)
-            continue;
-        out.push_back(dir + "/" + n);
+    for (const std::string &n : qxt::files_in(dir)) {
+        if (n.size() >= suffix.size() &&
+            n.compare(n.size() - suffix.size(), suffix.size(), suffix) == 0)
+            out.push_back(dir + "/" + n);
     }
-    closedir(d);
     std::sort(out.begin(), out.end());
     return out;
 }
 
 std::vector<std::string> all_cases() {
-    std::vector<std::string> out = files_in(QXRT_FUZZ_CORPUS, "");
-    for (const std::string &f : files_in(QXRT_LINT_CORPUS, ".json")) out.push_back(f);
-    for (const std::string &f : files_in(std::string(QXRT_SOURCE_DIR) + "/config", ".json"))
+    std::vector<std::string> out = corpus_files(QXRT_FUZZ_CORPUS, "");
+    for (const std::string &f : corpus_files(QXRT_LINT_CORPUS, ".json")) out.push_back(f);
+    for (const std::string &f : corpus_files(std::string(QXRT_SOURCE_DIR) + "/config", ".json"))
         out.push_back(f);
     return out;
 }
@@ -199,8 +193,8 @@ std::string case_name(const ::testing::TestParamInfo<std::string> &info) {
 
 TEST(LintReaderAgreementCases, EveryCorpusTakesPart) {
     std::vector<std::string> cases = all_cases();
-    EXPECT_GE(files_in(QXRT_FUZZ_CORPUS, "").size(), 40u);
-    EXPECT_GE(files_in(QXRT_LINT_CORPUS, ".json").size(), 15u);
+    EXPECT_GE(corpus_files(QXRT_FUZZ_CORPUS, "").size(), 40u);
+    EXPECT_GE(corpus_files(QXRT_LINT_CORPUS, ".json").size(), 15u);
     EXPECT_GE(cases.size(), 60u);
 }
 
