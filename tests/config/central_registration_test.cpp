@@ -1,10 +1,10 @@
 // Registration of parsed domains in the central record: counted once each, the 24 places of its
 // lists, and the refusal of a 25th domain without writing past them.
-#include "config_suite.h"
+#include "config_support.h"
 
 using qxt::format;
 using qxt::LogCapture;
-using namespace qxt_config;
+using namespace qxt;
 
 namespace {
 

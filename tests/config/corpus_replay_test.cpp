@@ -2,15 +2,15 @@
 // without a crash (the ASan + UBSan build checks memory safety on the same run), with messages
 // formatted as at debug level 64.
 #include "../../fuzz/config_input.h"
-#include "config_suite.h"
+#include "config_support.h"
 
 using qxt::LogCapture;
-using namespace qxt_config;
+using namespace qxt;
 
 TEST(ConfigCorpusReplayTest, EveryCorpusFileGoesThroughReaderParserAndCpuListReader) {
     QXT_REQUIRE_SANDBOX();
     init_with_central();
-    std::vector<std::string> files = files_in(QXRT_SOURCE_DIR "/fuzz/corpus/config");
+    std::vector<std::string> files = regular_files_in(QXRT_SOURCE_DIR "/fuzz/corpus/config");
     ASSERT_GE(files.size(), 10u) << "seed corpus missing";
 
     DomainRecord domain("Domain_Replay");

@@ -1,6 +1,6 @@
 // The CPU-list reader: range and list forms, the refused ranges that leave the outputs alone, and
 // CPU numbers beyond the 32-bit mask.
-#include "config_suite.h"
+#include "config_support.h"
 
 using qxt::LogCapture;
 

@@ -2,10 +2,10 @@
 // line per enlargement, and the failures to open.
 #include <errno.h>
 
-#include "config_suite.h"
+#include "config_support.h"
 
 using qxt::LogCapture;
-using namespace qxt_config;
+using namespace qxt;
 
 namespace {
 

@@ -3,11 +3,11 @@
 #include <errno.h>
 #include <pthread.h>
 
-#include "config_suite.h"
+#include "config_support.h"
 
 using qxt::format;
 using qxt::LogCapture;
-using namespace qxt_config;
+using namespace qxt;
 
 namespace {
 

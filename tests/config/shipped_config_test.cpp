@@ -1,8 +1,8 @@
 // The configuration files we ship, and the documented audio/camera example, parse cleanly.
-#include "config_suite.h"
+#include "config_support.h"
 
 using qxt::LogCapture;
-using namespace qxt_config;
+using namespace qxt;
 
 namespace {
 

@@ -1,5 +1,5 @@
 // The two small helpers of the token walk: key comparison and the integer conversion.
-#include "config_suite.h"
+#include "config_support.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "config_suite.h"
+#include "config_support.h"
 
 #include <dirent.h>
 #include <string.h>
@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <set>
 
-namespace qxt_config {
+namespace qxt {
 
 DomainRecord::DomainRecord(const std::string &name) {
     domain_ = (QX_REALTIME_DOMAIN_t *)aligned_alloc(64, RT_SHM_SIZE);
@@ -28,7 +28,7 @@ QX_REALTIME_CLASS_t *DomainRecord::cls(int i) const {
 }
 
 void init_with_central() {
-    qxt::install_config("cfgsuite", qxt::config_with(1, 1024, 4, 80, 2, ""));
+    install_config("cfgsuite", config_with(1, 1024, 4, 80, 2, ""));
     ASSERT_EQ(QX_REALTIME_Init(0), RT_SUCCESS);
     ASSERT_NE(pstTop, nullptr);
     ASSERT_NE(pstTop->pstCentral, nullptr);
@@ -37,8 +37,8 @@ void init_with_central() {
 
 std::string write_config(const std::string &text) {
     static int counter = 0;
-    std::string path = qxt::format("/vendor/etc/realtime/parse-%d.json", counter++);
-    qxt::write_file(path, text);
+    std::string path = format("/vendor/etc/realtime/parse-%d.json", counter++);
+    write_file(path, text);
     return path;
 }
 
@@ -65,7 +65,7 @@ std::vector<std::string> domain_keys_of(const std::string &text) {
     return keys;
 }
 
-std::vector<std::string> files_in(const std::string &dir) {
+std::vector<std::string> regular_files_in(const std::string &dir) {
     std::vector<std::string> files;
     DIR *d = opendir(dir.c_str());
     if (d == nullptr) return files;
@@ -79,9 +79,4 @@ std::vector<std::string> files_in(const std::string &dir) {
     return files;
 }
 
-std::string errno_text(int err) {
-    char buf[128];
-    return strerror_r(err, buf, sizeof(buf));
-}
-
-}  // namespace qxt_config
+}  // namespace qxt

@@ -1,7 +1,7 @@
-// Helpers of the configuration suite: a process with a central record to parse into, domain
+// Support of the configuration suite: a process with a central record to parse into, domain
 // records built the way domain creation builds them, and configuration texts written to files.
-#ifndef QXRT_CONFIG_SUITE_H
-#define QXRT_CONFIG_SUITE_H
+#ifndef QXRT_CONFIG_SUPPORT_H
+#define QXRT_CONFIG_SUPPORT_H
 
 #include <stdlib.h>
 
@@ -10,7 +10,7 @@
 
 #include "test_support.h"
 
-namespace qxt_config {
+namespace qxt {
 
 // A domain record in a zeroed, segment-sized buffer, set up as domain creation sets it up before
 // parsing: name, and class records starting right after the 1100-byte header.
@@ -44,12 +44,9 @@ uint32_t parse_text(const std::string &text, DomainRecord &domain, std::string *
 // A file's text, and the "Domain_" keys it holds, in order, each once.
 std::vector<std::string> domain_keys_of(const std::string &text);
 
-// Every regular file of a directory, sorted by name.
-std::vector<std::string> files_in(const std::string &dir);
+// Every regular file of a directory, as paths, sorted by name.
+std::vector<std::string> regular_files_in(const std::string &dir);
 
-// The library's own text of an errno value, as its messages print it.
-std::string errno_text(int err);
-
-}  // namespace qxt_config
+}  // namespace qxt
 
 #endif
