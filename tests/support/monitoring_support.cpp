@@ -168,12 +168,6 @@ std::string cpuacct_stat_text(int32_t group) {
     return format("user %d\nsystem %d\n", group - group / 3, group / 3);
 }
 
-bool bind_over(const std::string &source, const std::string &target, std::string *why) {
-    if (mount(source.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) == 0) return true;
-    *why = format("bind %s over %s: %s", source.c_str(), target.c_str(), strerror(errno));
-    return false;
-}
-
 void set_cpuacct_stat_path(const std::string &domain, const std::string &path) {
     QX_REALTIME_DOMAIN_t *rec = qxt::map_domain_file(domain);
     ASSERT_NE(rec, nullptr) << domain;

@@ -68,9 +68,6 @@ private:
 std::string proc_stat_text(int32_t total);     // first line "cpu" + seven numbers summing to total
 std::string cpuacct_stat_text(int32_t group);  // "user N\nsystem M\n", N + M == group
 
-// Binds source over target in this test's private mount namespace (each case has its own).
-bool bind_over(const std::string &source, const std::string &target, std::string *why);
-
 // Points a domain's cpuacct statistics path at another file (in the shared record).
 void set_cpuacct_stat_path(const std::string &domain, const std::string &path);
 

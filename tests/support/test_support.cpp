@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <stdarg.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysinfo.h>
@@ -432,6 +433,12 @@ void rebuild_sched_domains() {
     write_file(dir + "/" + mems_file, read_file("/dev/cpuset/" + mems_file));
     write_file(dir + "/" + cpus_file, read_file("/dev/cpuset/" + cpus_file));
     rmdir(dir.c_str());
+}
+
+bool bind_over(const std::string &source, const std::string &target, std::string *why) {
+    if (mount(source.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) == 0) return true;
+    *why = format("bind %s over %s: %s", source.c_str(), target.c_str(), strerror(errno));
+    return false;
 }
 
 }  // namespace qxt

@@ -113,6 +113,8 @@ bool file_exists(const std::string &path);
 // The entries of a directory whose names begin with prefix, sorted.
 std::vector<std::string> files_in(const std::string &dir, const std::string &prefix = "");
 mode_t file_mode(const std::string &path);  // permission bits, 0 when missing
+// Binds source over target in the sandbox's private mount namespace; false, with why, on failure.
+bool bind_over(const std::string &source, const std::string &target, std::string *why);
 
 // Writes /vendor/etc/realtime/rt-<name>.json and points vendor.kpo.realtime.cfg_name at it.
 std::string install_config(const std::string &name, const std::string &json);
