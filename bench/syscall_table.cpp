@@ -45,7 +45,11 @@ int main() {
     mark("QX_REALTIME_GetAllDomainName");
     char names[64 * 24];
     QX_REALTIME_GetAllDomainName(names, sizeof(names));
+    QX_REALTIME_AddThread("Domain_BenchRR", "Class_Work", tid, 0);
+    mark("_QX_REALTIME_GetAllDomainInfo(one thread)");
+    _QX_REALTIME_GetAllDomainInfo();
     mark("end");
+    QX_REALTIME_RemoveThread("Domain_BenchRR", tid);
     QX_REALTIME_Deinit();
     return 0;
 }

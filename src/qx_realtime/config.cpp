@@ -45,7 +45,17 @@ static const char kTokParsing[] = "_QX_JSMN_TokParsing";
 static const char kJsonParser[] = "_QX_REALTIME_JsonParser";
 static const char kFileReader[] = "_QX_REALTIME_FileReader";
 
-uint32_t qx_config_read_stream(FILE *pFile, const char *pszPath, char **ppszText) {
+// How many bytes the last fgets stored in a line buffer that was filled with non-zero bytes
+// before it: its terminator is the last zero byte.
+static size_t qx_line_stored(const char *pszLine) {
+    const char *pszEnd = (const char *)memrchr(pszLine, '\0', RT_READ_LINE);
+    return pszEnd != NULL ? (size_t)(pszEnd - pszLine) : 0;
+}
+
+uint32_t qx_config_read_stream(FILE *pFile, const char *pszPath, char **ppszText,
+                               size_t *puFirstWordLen) {
+    // The first word is still being read while no line has held a zero byte of the file.
+    bool bInFirstWord = puFirstWordLen != NULL;
     char *pszLine = (char *)calloc(1, RT_READ_LINE);
     char *pszText = (char *)calloc(1, RT_READ_INIT);
     if (pszLine == NULL || pszText == NULL) {
@@ -55,12 +65,19 @@ uint32_t qx_config_read_stream(FILE *pFile, const char *pszPath, char **ppszText
     }
     size_t uSize = RT_READ_INIT;
     size_t uLen = 0;
-    while (fgets(pszLine, RT_READ_LINE, pFile) != NULL) {
+    for (;;) {
+        if (bInFirstWord) memset(pszLine, 0xff, RT_READ_LINE);
+        if (fgets(pszLine, RT_READ_LINE, pFile) == NULL) break;
         // Appended at the running length, which is always the text's strlen: the same bytes as
         // strncat, without rescanning the whole text for every line of a large file.
         size_t uLineLen = strlen(pszLine);
         memcpy(pszText + uLen, pszLine, uLineLen + 1);
         uLen += uLineLen;
+        if (bInFirstWord && uLineLen < qx_line_stored(pszLine)) {
+            // The line held a zero byte of the file: the first word ends where its text did.
+            *puFirstWordLen = uLen;
+            bInFirstWord = false;
+        }
         if (uLen + RT_READ_LINE >= uSize) {
             uSize *= 2;
             char *pszGrown = (char *)realloc(pszText, uSize);
@@ -79,22 +96,28 @@ uint32_t qx_config_read_stream(FILE *pFile, const char *pszPath, char **ppszText
             pszText = pszGrown;
         }
     }
+    if (bInFirstWord) *puFirstWordLen = uLen;  // no zero byte at all: the whole text
     *ppszText = pszText;
     free(pszLine);
     return fclose(pFile) != 0 ? RT_ERR_SYSTEM : RT_SUCCESS;
 }
 
-uint32_t _QX_REALTIME_FileReader(const char *pszPath, char **ppszText) {
+uint32_t qx_read_file_first_word(const char *pszPath, char **ppszText, size_t *puFirstWordLen) {
     if (pszPath == NULL || ppszText == NULL) {
-        RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", __func__);
+        RT_LOGE_AS(kFileReader, "[RT_Impl][Err] [%s] Arg is NULL.\n", kFileReader);
         return RT_ERR_INVALID_PARAM;
     }
     FILE *pFile = fopen(pszPath, "r");
     if (pFile == NULL) {
-        RT_LOGE("[RT_Impl][Err] [%s] Failed to open %s: %s.\n", __func__, pszPath, RT_ERRNO_STR);
+        RT_LOGE_AS(kFileReader, "[RT_Impl][Err] [%s] Failed to open %s: %s.\n", kFileReader,
+                   pszPath, RT_ERRNO_STR);
         return RT_ERR_SYSTEM;
     }
-    return qx_config_read_stream(pFile, pszPath, ppszText);
+    return qx_config_read_stream(pFile, pszPath, ppszText, puFirstWordLen);
+}
+
+uint32_t _QX_REALTIME_FileReader(const char *pszPath, char **ppszText) {
+    return qx_read_file_first_word(pszPath, ppszText, NULL);
 }
 
 int _QX_JSMN_TokEqual(const char *pszJson, const jsmntok_t *pstTok, const char *pszKey) {

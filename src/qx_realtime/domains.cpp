@@ -508,23 +508,6 @@ static char *qx_read_whole(const char *pszPath, int s32PathLen) {
     return pszText;
 }
 
-#define RT_READ_ARGV0_LEN 512
-
-// The first word of a process's command line (its program path). The file reader joins lines of
-// 127 characters and stops each at its first zero byte, so a command line longer than that comes
-// back as the first word of every 127-byte piece run together; the program is the first word only.
-static int qx_read_argv0(int32_t s32ProcessID, char *pszBuf, size_t uSize) {
-    char szPath[RT_PATH_LEN];
-    if (RT_FORMAT_PATH(szPath, "/proc/%d/cmdline", s32ProcessID) < 0) return -1;
-    int fd = open(szPath, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return -1;
-    ssize_t sLen = read(fd, pszBuf, uSize - 1);
-    close(fd);
-    if (sLen < 0) return -1;
-    pszBuf[sLen] = '\0';
-    return 0;
-}
-
 // Drops the last character (the line end of a comm file).
 static void qx_strip_last(char *pszText) {
     size_t uLen = strlen(pszText);
@@ -556,16 +539,19 @@ uint32_t _QX_REALTIME_GetAllDomainInfo(void) {
             qx_name_t stClass = qx_name_of(pstClass != NULL ? pstClass->szClassName : "");
             char szPath[RT_PATH_LEN];
             if (pstThread->ProcessID != 0) {
-                char *pszCmd = qx_read_whole(
-                    szPath, RT_FORMAT_PATH(szPath, "/proc/%d/cmdline", pstThread->ProcessID));
-                if (pszCmd == NULL) continue;
-                char szArgv0[RT_READ_ARGV0_LEN];
-                if (qx_read_argv0(pstThread->ProcessID, szArgv0, sizeof(szArgv0)) != 0) {
+                // The program is the command line's first word only: the reader joins 127-byte
+                // pieces, each cut at its first zero byte, so a longer command line would bring
+                // the first word of every piece along.
+                char *pszCmd = NULL;
+                size_t uArgv0 = 0;
+                if (RT_FORMAT_PATH(szPath, "/proc/%d/cmdline", pstThread->ProcessID) < 0 ||
+                    qx_read_file_first_word(szPath, &pszCmd, &uArgv0) != RT_SUCCESS) {
                     free(pszCmd);
-                    continue;  // the process has just gone
+                    continue;  // the process has gone
                 }
-                char *pszSlash = strrchr(szArgv0, '/');
-                const char *pszProgram = pszSlash != NULL ? pszSlash + 1 : szArgv0;
+                pszCmd[uArgv0] = '\0';
+                char *pszSlash = strrchr(pszCmd, '/');
+                const char *pszProgram = pszSlash != NULL ? pszSlash + 1 : pszCmd;
                 char *pszComm =
                     qx_read_whole(szPath, RT_FORMAT_PATH(szPath, "/proc/%d/task/%d/comm",
                                                          pstThread->ProcessID, pstThread->Pid));

@@ -369,7 +369,12 @@ uint32_t _QX_REALTIME_GetCapability(void);
 
 uint32_t _QX_REALTIME_FileReader(const char *pszPath, char **ppszText);
 // The whole-file reader on an open stream, which it closes; the messages name pszPath.
-uint32_t qx_config_read_stream(FILE *pFile, const char *pszPath, char **ppszText);
+// puFirstWordLen, when not NULL, receives the length of the text's first word: the file's bytes
+// up to its first zero byte (a command line's program), which always starts the text.
+uint32_t qx_config_read_stream(FILE *pFile, const char *pszPath, char **ppszText,
+                               size_t *puFirstWordLen = NULL);
+// _QX_REALTIME_FileReader, with the first word's length as above.
+uint32_t qx_read_file_first_word(const char *pszPath, char **ppszText, size_t *puFirstWordLen);
 
 // One parse of a configuration text for one domain: the records it fills and where the walk
 // stands. Passed explicitly so that a parse depends on nothing but its arguments; the linter

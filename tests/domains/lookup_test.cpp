@@ -354,3 +354,45 @@ TEST_F(DomainInfoTest, DeletedDomainIsReportedMissingInTheListing) {
 }
 
 }  // namespace
+
+// The program named in the listing is the base name of the command line's first word, however
+// long the word and however long the rest of the command line (the reader joins the command line
+// in 127-byte pieces).
+TEST_F(DomainInfoTest, ProgramIsTheFirstWordOfALongCommandLine) {
+    struct Case {
+        std::string argv0;
+        int args;
+    };
+    const std::vector<Case> cases = {
+        {"/usr/local/bin/qxt_short", 60},                     // many arguments after a short word
+        {"/" + std::string(300, 'd') + "/qxt_long_word", 3},  // the word alone spans three pieces
+        {"qxt_no_slash_" + std::string(120, 'w'), 0},         // a word of 133 bytes, no argument
+    };
+    for (const Case &c : cases) {
+        std::vector<std::string> words = {c.argv0};
+        for (int i = 0; i < c.args; i++) words.push_back("1000");
+        if (c.args == 0) words.push_back("1000");  // sleep needs its duration
+        fflush(nullptr);
+        pid_t child = fork();
+        if (child == 0) {
+            std::vector<char *> argv;
+            for (std::string &w : words) argv.push_back(&w[0]);
+            argv.push_back(nullptr);
+            execv("/bin/sleep", argv.data());
+            _exit(127);
+        }
+        ASSERT_GT(child, 0);
+        // The command line is the new program's once comm says so.
+        for (int i = 0; i < 2000 && comm_of(child, child) != "sleep"; i++) usleep(1000);
+        ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread("Domain_A", "Class_Listed", child, 0))
+            << log.dump();
+        log.clear();
+        EXPECT_EQ(RT_SUCCESS, _QX_REALTIME_GetAllDomainInfo());
+        size_t slash = c.argv0.rfind('/');
+        std::string program = slash == std::string::npos ? c.argv0 : c.argv0.substr(slash + 1);
+        QXT_EXPECT_ERROR(log, qxt::format("[RT_Impl][Err] [%5d]%-45s [%5d]%-16s %s\n", (int)child,
+                                          program.c_str(), (int)child, "sleep", "Class_Listed"));
+        EXPECT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread("Domain_A", child));
+        qxt::kill_and_reap(child);
+    }
+}
