@@ -79,3 +79,37 @@ TEST_F(CallFrame, DeinitExitMessageIsWrittenAfterLockFileAndMutexAreReleased) {
     EXPECT_TRUE(seen[2].mutex_free);
     EXPECT_TRUE(seen[2].lock_free);
 }
+
+// Another process cuts the central segment short under a process that has it mapped: touching
+// the mapping past the file's end would end this process with SIGBUS, so every entry refuses it
+// with its own name in the message, and nothing writes the file.
+TEST_F(CallFrame, CentralSegmentCutShortUnderAMappedProcessIsRefused) {
+    qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 4));
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
+    ASSERT_EQ(0, truncate(qxt::central_path(), 100));
+    auto refused = [](const char *op) {
+        return qxt::format("[RT_Impl][Err] [%s] %s is 100 bytes, not 16384: refused.\n", op,
+                           qxt::central_path());
+    };
+    qxt::LogCapture log;
+    QX_REALTIME_UTIL_t util = {10, 0, 0, 0};
+    int32_t left = 0;
+    EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_QueryBudget("Domain_X", &util, &left));
+    QXT_EXPECT_ERROR(log, refused("QX_REALTIME_QueryBudget"));
+    EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_SetDebugLevel(32));
+    QXT_EXPECT_ERROR(log, refused("QX_REALTIME_SetDebugLevel"));
+    EXPECT_EQ(RT_ERR_NULL, _QX_REALTIME_GetAllDomainInfo());
+    QXT_EXPECT_ERROR(log, refused("_QX_REALTIME_GetAllDomainInfo"));
+    EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(0));
+    QXT_EXPECT_ERROR(log, refused("QX_REALTIME_Init"));
+    struct stat st;
+    ASSERT_EQ(0, stat(qxt::central_path(), &st));
+    EXPECT_EQ(100, st.st_size);
+    // Quiet at level 0: the same refusals, nothing logged.
+    log.clear();
+    _u32DbgLevel = 0;
+    EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_QueryBudget("Domain_X", &util, &left));
+    EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(0));
+    _u32DbgLevel = RT_DBG_LEVEL_DEFAULT;
+    QXT_EXPECT_SILENT(log);
+}

@@ -148,3 +148,25 @@ TEST_F(OwnerProbe, LivenessReapsAProcessWhoseProcDirectoryIsGone) {
     EXPECT_EQ(0, d->s32UtilCurrent);
     EXPECT_EQ(0, live_slot_count(d));
 }
+
+// At debug level 0 every one of those probes ends the same way and nothing reaches the log.
+TEST_F(OwnerProbe, AtLevel0TheSameResultsAndNothingLogged) {
+    std::string sock = make_socket("/dev/shm/qxt_status_socket");
+    ASSERT_FALSE(sock.empty()) << strerror(errno);
+    write_file("/dev/shm/qxt_status_late", "Name:\tqxt\n" + std::string(80, 'x') + "\nTgid:\t1\n");
+    write_file("/dev/shm/qxt_status_word", "Name:\tqxt\nTgid:\tnone\n");
+    const std::vector<std::string> sources = {sock, format("/proc/%d/mem", (int)getpid()),
+                                              "/dev/shm/qxt_status_late",
+                                              "/dev/shm/qxt_status_word"};
+    log.clear();
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_SetDebugLevel(0));
+    for (const std::string &source : sources) {
+        std::string why;
+        ASSERT_TRUE(bind_over(source, status_path(t.tid()), &why)) << why;
+        EXPECT_EQ(RT_ERR_NOT_EXIST, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0)) << source;
+        EXPECT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kRr, t.tid())) << source;
+        ASSERT_EQ(0, umount2(status_path(t.tid()).c_str(), MNT_DETACH)) << strerror(errno);
+    }
+    QXT_EXPECT_SILENT(log);
+    QX_REALTIME_SetDebugLevel(64);
+}
