@@ -91,8 +91,12 @@ protected:
 
 }  // namespace
 
-TEST_F(HardeningAddressSpace, CentralSegmentThatCannotBeMappedFailsTheAttach) {
-    Outcome o = run_logged([] {
+// A budget query of the round-robin domain while the address space is full (RT_ERR_NULL), then
+// with room again (RT_SUCCESS); attach_first: the central segment is mapped before the limit.
+Outcome query_while_full(bool attach_first) {
+    return run_logged([attach_first] {
+        if (attach_first && QX_REALTIME_GetAllDomainName(nullptr, 0) != RT_SUCCESS)
+            return std::string("attach");
         struct rlimit saved;
         if (!fill_address_space(&saved)) return std::string("could not set the limit");
         QX_REALTIME_UTIL_t util = {10, 0, 0, 0};
@@ -103,25 +107,18 @@ TEST_F(HardeningAddressSpace, CentralSegmentThatCannotBeMappedFailsTheAttach) {
         rc = QX_REALTIME_QueryBudget(kRr, &util, &left);
         return rc == RT_SUCCESS ? std::string() : format("QueryBudget returned %u after", rc);
     });
+}
+
+TEST_F(HardeningAddressSpace, CentralSegmentThatCannotBeMappedFailsTheAttach) {
+    Outcome o = query_while_full(false);
     EXPECT_EQ("", o.problems) << o.log;
     EXPECT_LOGGED(o, "[RT_Impl][Err] [_QX_REALTIME_GetCentralShm][PID=");
     EXPECT_LOGGED(o, "] mmap fails\n");
 }
 
+// Attached to the central segment first: only the domain's mapping is still to come.
 TEST_F(HardeningAddressSpace, DomainSegmentThatCannotBeMappedIsNotFound) {
-    Outcome o = run_logged([] {
-        // Attached to the central segment first: only the domain's mapping is still to come.
-        if (QX_REALTIME_GetAllDomainName(nullptr, 0) != RT_SUCCESS) return std::string("attach");
-        struct rlimit saved;
-        if (!fill_address_space(&saved)) return std::string("could not set the limit");
-        QX_REALTIME_UTIL_t util = {10, 0, 0, 0};
-        int32_t left = 0;
-        uint32_t rc = QX_REALTIME_QueryBudget(kRr, &util, &left);
-        setrlimit(RLIMIT_AS, &saved);
-        if (rc != RT_ERR_NULL) return format("QueryBudget returned %u while full, not 10", rc);
-        rc = QX_REALTIME_QueryBudget(kRr, &util, &left);
-        return rc == RT_SUCCESS ? std::string() : format("QueryBudget returned %u after", rc);
-    });
+    Outcome o = query_while_full(true);
     EXPECT_EQ("", o.problems) << o.log;
     EXPECT_LOGGED(o, "[RT_Impl][Err] [_QX_REALTIME_GetDomainFromName][PID=");
     EXPECT_LOGGED(o, "] mmap fails\n");
