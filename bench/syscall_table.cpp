@@ -45,6 +45,7 @@ int main() {
     mark("QX_REALTIME_GetAllDomainName");
     char names[64 * 24];
     QX_REALTIME_GetAllDomainName(names, sizeof(names));
+    mark("QX_REALTIME_AddThread(RR, for the listing)");
     QX_REALTIME_AddThread("Domain_BenchRR", "Class_Work", tid, 0);
     mark("_QX_REALTIME_GetAllDomainInfo(one thread)");
     _QX_REALTIME_GetAllDomainInfo();
