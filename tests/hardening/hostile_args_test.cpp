@@ -174,6 +174,27 @@ void run_name_cases(bool with_state) {
     print_summary(with_state ? "domain names" : "domain names without Init", cases, crashes, t0);
 }
 
+// The results of every name-taking operation on every hostile name, called one after another in
+// one fresh process of a configuration at the given DbgLevel: "code code ... | N lines logged".
+std::string name_results(int dbg_level) {
+    install(dbg_level);
+    std::string err = reset({kRr, kDl});
+    if (!err.empty()) return "reset: " + err;
+    ChildResult r = run_child([] {
+        pid_t t = start_sleeper();
+        // Attached first: the level is the configured one from then on (a process that has not
+        // attached yet logs at the default level).
+        if (QX_REALTIME_GetAllDomainName(nullptr, 0) != RT_SUCCESS) return std::string("attach");
+        qxt::LogCapture log;
+        std::string codes;
+        for (const Name &name : hostile_names())
+            for (const NameOp &op : name_ops())
+                codes += qxt::format("%u ", op.call(name.c_str(), t));
+        return codes + qxt::format("| %zu lines logged", log.lines().size());
+    });
+    return r.normal_exit ? r.text : r.describe();
+}
+
 // Deadline bandwidth is one pool for the whole machine: whatever a failing case left booked is
 // dropped on the way out, so that the deadline tests running beside these are not starved.
 class HardeningHostileArgs : public qxt::SandboxTest {
@@ -516,4 +537,14 @@ TEST_F(HardeningHostileArgs, ExtremeUtilisationRecords) {
         }
     }
     print_summary("utilisation records", cases, crashes, t0);
+}
+
+// A quiet device (DbgLevel 0 in its configuration) answers every hostile name exactly as a chatty
+// one (DbgLevel 4: errors, info and debug lines) does, and logs nothing at all.
+TEST_F(HardeningHostileArgs, DomainNamesAtLevel0GiveTheSameResultsAndLogNothing) {
+    std::string loud = name_results(4), quiet = name_results(0);
+    size_t bar = loud.find("| ");
+    ASSERT_NE(std::string::npos, bar) << loud;
+    EXPECT_NE("| 0 lines logged", loud.substr(bar));
+    EXPECT_EQ(loud.substr(0, bar) + "| 0 lines logged", quiet);
 }

@@ -393,3 +393,24 @@ TEST_F(Dump, AllSucceedsEvenWhenTheThreadListingStopsEarly) {
 }
 
 }  // namespace
+
+// A quiet device (debug level 0): the dump of one domain and of all, and the CPU-usage samples of
+// one domain and of all, print nothing at all and succeed as they do when shown.
+TEST_F(Dump, AtLevel0DumpsAndSamplesPrintNothingAndSucceed) {
+    ASSERT_EQ(start_framework(meter_domain() + ",\n" + spare_domain()), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kSpare), RT_SUCCESS);
+    TestThread thread;
+    Admissions admissions;
+    ASSERT_EQ(admissions.add(kMeter, "Class_Other", thread.tid()), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_SetDebugLevel(0), RT_SUCCESS);
+    {
+        LogCapture log;
+        EXPECT_EQ(QX_REALTIME_DumpDomainInfo(kMeter), RT_SUCCESS);
+        EXPECT_EQ(QX_REALTIME_DumpDomainInfo("All"), RT_SUCCESS);
+        EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(kMeter, 1, 1), RT_SUCCESS);
+        EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage("All", 1, 1), RT_SUCCESS);
+        QXT_EXPECT_SILENT(log);
+    }
+    QX_REALTIME_SetDebugLevel(RT_DBG_LEVEL_DEFAULT);
+}
