@@ -161,10 +161,41 @@ Foreign start_foreign() {
     return f;
 }
 
+// Switches every SCHED_DEADLINE thread of a process to SCHED_OTHER; how many there were.
+static int release_deadline_threads(pid_t pid) {
+    int released = 0;
+    for (const std::string &task : qxt::files_in(qxt::format("/proc/%d/task", (int)pid))) {
+        pid_t tid = (pid_t)atoi(task.c_str());
+        if (tid <= 0 || sched_of(tid).policy != SCHED_DEADLINE) continue;
+        struct qx_sched_attr other;
+        memset(&other, 0, sizeof(other));
+        other.size = QX_SCHED_ATTR_SIZE;
+        other.sched_policy = SCHED_OTHER;
+        if (qx_sched_setattr(tid, &other, 0) == 0) released++;
+    }
+    return released;
+}
+
+int reap_killed(pid_t pid, int *status) {
+    int st = 0, released = 0;
+    double grace = now_s() + 2;
+    for (;;) {
+        pid_t r = waitpid(pid, &st, WNOHANG);
+        if (r < 0 || (r == pid && (WIFEXITED(st) || WIFSIGNALED(st)))) break;
+        if (now_s() > grace) {
+            released += release_deadline_threads(pid);
+            grace = now_s() + 2;
+        }
+        usleep(500);
+    }
+    if (status != nullptr) *status = st;
+    return released;
+}
+
 void stop_foreign(Foreign &f) {
     if (f.pid > 0) {
         kill(f.pid, SIGKILL);
-        waitpid(f.pid, nullptr, 0);
+        reap_killed(f.pid, nullptr);
     }
     f = Foreign();
 }
