@@ -112,6 +112,12 @@ protected:
         ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
         ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
     }
+    // The framework on the meter and the spare domain, both created.
+    static void start_meter_and_spare() {
+        ASSERT_EQ(start_framework(meter_domain() + ",\n" + spare_domain()), RT_SUCCESS);
+        ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+        ASSERT_EQ(QX_REALTIME_CreateDomain(kSpare), RT_SUCCESS);
+    }
 };
 
 // The ten lines and the blank of one thread slot.
@@ -328,9 +334,7 @@ TEST_F(Dump, UnreadableTaskFilesAreReportedAndTheDumpStillClosesAndSucceeds) {
 }
 
 TEST_F(Dump, AllAndNamesBeginningWithAllListTheLiveThreadsOfEveryDomain) {
-    ASSERT_EQ(start_framework(meter_domain() + ",\n" + spare_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kSpare), RT_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(start_meter_and_spare());
     // Another program with a short command line (the listing names it by its first word).
     pid_t sleeper = fork();
     if (sleeper == 0) {
@@ -360,9 +364,7 @@ TEST_F(Dump, AllAndNamesBeginningWithAllListTheLiveThreadsOfEveryDomain) {
 }
 
 TEST_F(Dump, AllSucceedsEvenWhenTheThreadListingStopsEarly) {
-    ASSERT_EQ(start_framework(meter_domain() + ",\n" + spare_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kSpare), RT_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(start_meter_and_spare());
     pid_t gone;
     {
         TestThread shortlived;
@@ -397,9 +399,7 @@ TEST_F(Dump, AllSucceedsEvenWhenTheThreadListingStopsEarly) {
 // A quiet device (debug level 0): the dump of one domain and of all, and the CPU-usage samples of
 // one domain and of all, print nothing at all and succeed as they do when shown.
 TEST_F(Dump, AtLevel0DumpsAndSamplesPrintNothingAndSucceed) {
-    ASSERT_EQ(start_framework(meter_domain() + ",\n" + spare_domain()), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
-    ASSERT_EQ(QX_REALTIME_CreateDomain(kSpare), RT_SUCCESS);
+    ASSERT_NO_FATAL_FAILURE(start_meter_and_spare());
     TestThread thread;
     Admissions admissions;
     ASSERT_EQ(admissions.add(kMeter, "Class_Other", thread.tid()), RT_SUCCESS);
