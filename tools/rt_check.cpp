@@ -370,7 +370,7 @@ void Checker::check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
         }
         sum += t->Util;
         if (!thread_alive(t->Pid)) continue;
-        qx_sched_attr now;
+        qx_sched_attr now = {};
         qx_sched_attr want = wanted_attr(d, t);
         bool in_group = false;
         for (int32_t id : tasks_of(cpuacct_tasks(name))) in_group |= id == t->Pid;
@@ -388,9 +388,19 @@ void Checker::check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
                 action = "policy and groups applied again";
             }
         }
+        // The state a thread is left in when its caller dies between the two steps by which a
+        // thread leaves SCHED_DEADLINE: it gets a microsecond of CPU every 4 s, and if its
+        // process is dying, that exit crawls for hours. Applying the record's policy frees it.
+        bool stranded = now.sched_policy == kPolicyDeadline &&
+                        now.sched_runtime == QX_DL_MINIMAL_RUNTIME_NS &&
+                        now.sched_period == QX_DL_MINIMAL_PERIOD_NS;
         found(name,
-              str("thread %d is recorded but the kernel differs (policy %u%s)", t->Pid,
-                  now.sched_policy, in_group ? "" : ", outside the domain's groups"),
+              stranded ? str("thread %d is left in the minimal deadline reservation (%llu ns "
+                             "every %llu ns): its caller died while it left SCHED_DEADLINE",
+                             t->Pid, (unsigned long long)QX_DL_MINIMAL_RUNTIME_NS,
+                             (unsigned long long)QX_DL_MINIMAL_PERIOD_NS)
+                       : str("thread %d is recorded but the kernel differs (policy %u%s)", t->Pid,
+                             now.sched_policy, in_group ? "" : ", outside the domain's groups"),
               action);
     }
     for (int32_t i = 0; i < std::min(d->processIDListNum, RT_PROCESS_ID_LIST_NUM); i++) {

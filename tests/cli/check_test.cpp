@@ -136,6 +136,41 @@ TEST_F(RtctlCheck, RecordTheKernelDisagreesWithIsAppliedAgain) {
     ASSERT_EQ(QX_REALTIME_RemoveThread("Domain_Audio", t.tid()), RT_SUCCESS);
 }
 
+// A caller killed between the two steps by which a thread leaves SCHED_DEADLINE leaves the thread
+// in the minimal reservation (1024 ns every 4 s), still recorded: the check names that state and
+// the repair applies the record's policy again.
+TEST_F(RtctlCheck, ThreadLeftInTheMinimalDeadlineReservationIsAppliedAgain) {
+    qxt::TestThread t;
+    ASSERT_EQ(QX_REALTIME_AddThread("Domain_Audio", "Class_Render", t.tid(), 0), RT_SUCCESS);
+    // Whatever happens below, the thread is given normal scheduling before it must wake to end:
+    // in the minimal reservation its exit would crawl.
+    struct Normal {
+        pid_t tid;
+        ~Normal() {
+            struct sched_param p = {};
+            sched_setscheduler(tid, SCHED_OTHER, &p);
+        }
+    } normal{t.tid()};
+    // Deadline is refused inside a cpuset narrower than the machine: the root group first.
+    qxt::write_file("/dev/cpuset/tasks", std::to_string(t.tid()));
+    struct qx_sched_attr minimal = {};
+    minimal.size = QX_SCHED_ATTR_SIZE;
+    minimal.sched_policy = SCHED_DEADLINE;
+    minimal.sched_runtime = QX_DL_MINIMAL_RUNTIME_NS;
+    minimal.sched_deadline = minimal.sched_period = QX_DL_MINIMAL_PERIOD_NS;
+    ASSERT_EQ(qx_sched_setattr(t.tid(), &minimal, 0), 0) << strerror(errno);
+    expect_found_and_repaired(
+        {qxt::format("thread %d is left in the minimal deadline reservation (1024 ns every "
+                     "4000000000 ns): its caller died while it left SCHED_DEADLINE",
+                     t.tid())},
+        {"policy and groups applied again"});
+    qxt::SchedInfo s = qxt::sched_of(t.tid());
+    EXPECT_EQ(s.policy, (uint32_t)SCHED_RR);
+    EXPECT_EQ(s.priority, 90u);
+    EXPECT_EQ(qxt::cgroup_of(t.tid(), "cpuset"), "/Domain_Audio");
+    ASSERT_EQ(QX_REALTIME_RemoveThread("Domain_Audio", t.tid()), RT_SUCCESS);
+}
+
 TEST_F(RtctlCheck, HalfCreatedDomainIsRemovedAndCanBeCreatedAgain) {
     uint32_t mark = RT_DOMAIN_CREATING;
     memcpy((char *)audio_ + RT_SHM_SIZE - 4, &mark, 4);
