@@ -206,6 +206,21 @@ QX_REALTIME_DOMAIN_t *_QX_REALTIME_GetDomainFromName(const char *pszDomainName, 
     return pstDomain;
 }
 
+// The charge as the in-use records add it up, after a holder died under the domain's lock.
+static void qx_recount_charge(const char *pszOp, QX_REALTIME_DOMAIN_t *pstDomain) {
+    int32_t s32Sum = 0;
+    int32_t s32Num = qx_domain_thread_num(pstDomain);
+    for (int32_t i = 0; i < s32Num; i++) {
+        const QX_REALTIME_THREAD_t *pstThread = qx_domain_thread(pstDomain, i);
+        if (pstThread->Alive != 0) s32Sum = qx_wrap_add(s32Sum, pstThread->Util);
+    }
+    RT_LOGI(
+        "[RT_Impl][Info] [%s] the last holder of Domain[%s] died under its lock: "
+        "s32UtilCurrent %d taken again from the records as %d.\n",
+        pszOp, qx_name_of(pstDomain->szName).sz, pstDomain->s32UtilCurrent, s32Sum);
+    pstDomain->s32UtilCurrent = s32Sum;
+}
+
 int qx_domain_hold::take(const char *pszOp, const char *pszDomainName, uint32_t *pu32Ret) {
     int32_t s32Central = -1;
     int s32Frame = qx_frame_open(pszOp, &s32Central, pu32Ret);
@@ -215,14 +230,17 @@ int qx_domain_hold::take(const char *pszOp, const char *pszDomainName, uint32_t 
     qx_lock_file stCentral;
     *stCentral.slot() = s32Central;
     stCentral.lock();
-    pstDomain_ = _QX_REALTIME_GetDomainFromName(pszDomainName, stFile_.slot());
+    QX_REALTIME_DOMAIN_t *pstDomain = _QX_REALTIME_GetDomainFromName(pszDomainName, stFile_.slot());
     stCentral.release();
-    if (pstDomain_ == NULL) {
+    if (pstDomain == NULL) {
         release();
         *pu32Ret = RT_ERR_NULL;
         return QX_DOMAIN_MISSING;
     }
     stFile_.lock();
+    if (qx_creation_mark(pstDomain) == RT_DOMAIN_BUSY) qx_recount_charge(pszOp, pstDomain);
+    qx_set_creation_mark(pstDomain, RT_DOMAIN_BUSY);
+    pstDomain_ = pstDomain;
     *pu32Ret = RT_SUCCESS;
     return QX_DOMAIN_LOCKED;
 }

@@ -458,6 +458,11 @@ int qx_domain_name_ok(const char *pszName);
 // ends 4 bytes past a multiple of 8, at most at RT_SHM_SIZE - 4.
 #define RT_DOMAIN_MARK_OFFSET (RT_SHM_SIZE - 4)
 #define RT_DOMAIN_CREATING 0x51585243u
+// The same word holds RT_DOMAIN_BUSY while an operation holds the domain's lock file (a finished
+// domain is never being created meanwhile). A holder killed under the lock leaves it set, and may
+// have left the charge and the records apart: the charge and a record are two stores that no lock
+// makes one. The next holder then takes the charge again from the records.
+#define RT_DOMAIN_BUSY 0x51585242u
 void qx_set_creation_mark(QX_REALTIME_DOMAIN_t *pstDomain, uint32_t u32Mark);
 
 // The outcomes of taking one domain for an operation (qx_domain_hold::take).
@@ -662,6 +667,8 @@ public:
     int take(const char *pszOp, const char *pszDomainName, uint32_t *pu32Ret);
     QX_REALTIME_DOMAIN_t *domain() const { return pstDomain_; }
     void release() {
+        if (pstDomain_ != NULL) qx_set_creation_mark(pstDomain_, 0);
+        pstDomain_ = NULL;
         stFile_.release();
         stMutex_.unlock();
     }
@@ -669,7 +676,7 @@ public:
 private:
     qx_mutex_hold stMutex_;
     qx_lock_file stFile_;
-    QX_REALTIME_DOMAIN_t *pstDomain_ = NULL;
+    QX_REALTIME_DOMAIN_t *pstDomain_ = NULL;  // set only while its lock file is held
 };
 #endif
 
