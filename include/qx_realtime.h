@@ -151,11 +151,20 @@ QX_REALTIME_API uint32_t QX_REALTIME_AddThread_Lite(const char *pszDomainName,
                                                     uint8_t bDlOverrun);
 /* Restores the attributes saved at admission and the root groups.
  * RT_SUCCESS; RT_ERR_NULL (unknown domain); RT_ERR_NOT_EXIST (thread not admitted);
- * RT_ERR_SYSTEM (cgroup move); RT_ERR_SCHED_SETATTR; RT_ERR_INVALID_PARAM (NULL name). */
+ * RT_ERR_SYSTEM (cgroup move); RT_ERR_SCHED_SETATTR; RT_ERR_INVALID_PARAM (NULL name).
+ * After RT_ERR_SYSTEM or RT_ERR_SCHED_SETATTR the record stays and the domain stays charged (not
+ * rolled back, by design); the thread may already be in the root cpuset (RT_ERR_SYSTEM from the
+ * cpuacct move) or in both root groups with the domain's policy (RT_ERR_SCHED_SETATTR). Calling
+ * again once the cause is gone completes the removal. */
 QX_REALTIME_API uint32_t QX_REALTIME_RemoveThread(const char *pszDomainName, int32_t s32Tid);
 /* RT_SUCCESS; RT_ERR_NULL (NULL record, unknown domain); RT_ERR_NOT_EXIST; RT_ERR_INVALID_PARAM;
  * RT_ERR_OVER_BUDGET; RT_ERR_SYSTEM; RT_ERR_SCHED_SETATTR. In a deadline domain s32Util is
- * overwritten with the converted utilisation. */
+ * overwritten with the converted utilisation.
+ * A deadline thread is given its new parameters in the root cpuset and then moved back into the
+ * domain's (by design). After RT_ERR_SCHED_SETATTR it stays in the root cpuset with its old
+ * parameters; after RT_ERR_SYSTEM from the move back it has the new parameters in the root
+ * cpuset. Either way the record and the charge keep the old values; the same call, repeated once
+ * the cause is gone, puts both right. */
 QX_REALTIME_API uint32_t QX_REALTIME_UpdateThreadUtil(const char *pszDomainName,
                                                       QX_REALTIME_UTIL_t *pstUtil, int32_t s32Tid);
 /* Reserved for a future memory resource: RT_SUCCESS (the query logs that it is not ready and

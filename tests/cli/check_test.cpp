@@ -87,7 +87,7 @@ TEST_F(RtctlCheck, RecordsOfAKilledClientAreReaped) {
         char ok = QX_REALTIME_AddThread("Domain_Audio", "Class_Render", tid, 0) == RT_SUCCESS;
         (void)!write(ready[1], &ok, 1);
         pause();
-        _exit(0);
+        qxt::exit_child(0);
     }
     char ok = 0;
     ASSERT_EQ(read(ready[0], &ok, 1), 1);

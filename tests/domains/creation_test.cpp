@@ -1,6 +1,8 @@
 // Domain creation: segment, central registration, control groups, the total budget, the CPU
 // count, and the per-process mapping table.
+#include <signal.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/sysinfo.h>
 #include <sys/wait.h>
@@ -145,7 +147,7 @@ TEST_F(CreateDomainTest, TwoProcessesCreatingAtOnceBothSucceedWithOneSegment) {
             close(gate[1]);
             char byte;
             (void)!read(gate[0], &byte, 1);  // both start when the gate closes
-            _exit(create_and_tell("Domain_A"));
+            qxt::exit_child(create_and_tell("Domain_A"));
         }
     }
     close(gate[0]);
@@ -458,6 +460,31 @@ TEST_F(CreateDomainTest, MissingCpuacctHierarchyFailsEveryCreationAtMkdir) {
         EXPECT_FALSE(qxt::file_exists(std::string("/dev/cpuset/") + name)) << name;
     }
     EXPECT_EQ(0u, pstTop->u32DomainMapNum);
+}
+
+// A process whose file-size limit is below a segment cannot size a new one: the creation fails,
+// the file is removed, and with the limit lifted the same process creates the domain.
+TEST_F(CreateDomainTest, SegmentThatCannotBeSizedFailsTheCreationAndIsRemoved) {
+    init_with(config_of({rr_domain("Domain_A", 100, "0")}));
+    int status = qxt::run_in_child([] {
+        qxt::LogCapture child_log;
+        signal(SIGXFSZ, SIG_IGN);  // the limit answers EFBIG instead of killing the process
+        struct rlimit saved, small;
+        if (getrlimit(RLIMIT_FSIZE, &saved) != 0) return 1;
+        small = {4096, saved.rlim_max};
+        if (setrlimit(RLIMIT_FSIZE, &small) != 0) return 2;
+        uint32_t rc = QX_REALTIME_CreateDomain("Domain_A");
+        setrlimit(RLIMIT_FSIZE, &saved);
+        if (rc != RT_ERR_FAILED) return 3;
+        if (!child_log.has_error("[RT_Impl][Err] [_QX_REALTIME_SharedMemoryAlloc] ftruncate "
+                                 "fails, errno=" +
+                                 errno_text(EFBIG) + "\n"))
+            return 4;
+        if (segment_exists("Domain_A")) return 5;
+        return QX_REALTIME_CreateDomain("Domain_A") == RT_SUCCESS ? 0 : 6;
+    });
+    EXPECT_EQ(0, status);
+    EXPECT_TRUE(segment_exists("Domain_A"));
 }
 
 TEST_F(CreateDomainTest, UnknownDomainFailsAtTheParseAndLeavesNoSegment) {

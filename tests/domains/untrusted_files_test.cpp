@@ -136,6 +136,48 @@ TEST_F(UntrustedFilesTest, CentralSegmentCutShortUnderAMappingIsRefused) {
     EXPECT_EQ(0, status);
 }
 
+TEST_F(UntrustedFilesTest, DomainSegmentCutShortBeforeAnyMappingIsRefused) {
+    init_with(config_of({rr_domain("Domain_A", 100, "0")}));
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_A"));
+    ASSERT_EQ(0, truncate("/dev/shm/realtime/rt_Domain_A", 100));
+    // A process that has not mapped the domain yet finds a file shorter than a segment: it is
+    // refused, not sized up to a segment of zeros.
+    int status = run_in_fresh_process([] {
+        qxt::LogCapture child_log;
+        if (query("Domain_A") != (int)RT_ERR_NULL) return 1;
+        return child_log.has_error(
+                   "[RT_Impl][Err] [_QX_REALTIME_GetDomainFromName] "
+                   "/dev/shm/realtime/rt_Domain_A is 100 bytes, not 16384: "
+                   "refused.\n")
+                   ? 0
+                   : 2;
+    });
+    EXPECT_EQ(0, status) << log.dump();
+    struct stat st;
+    ASSERT_EQ(0, stat("/dev/shm/realtime/rt_Domain_A", &st));
+    EXPECT_EQ(100, st.st_size);
+}
+
+// A domain this process has mapped is checked again at every lookup: a creation mark written
+// into it since (another process making it anew) makes it refused until the mark is gone.
+TEST_F(UntrustedFilesTest, CreationMarkAppearingUnderAMappingIsRefused) {
+    init_with(config_of({rr_domain("Domain_A", 100, "0")}));
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_A"));
+    ASSERT_EQ((int)RT_SUCCESS, query("Domain_A"));
+    QX_REALTIME_DOMAIN_t *rec = qxt::map_domain_file("Domain_A");
+    ASSERT_NE(nullptr, rec);
+    uint32_t mark = RT_DOMAIN_CREATING;
+    memcpy((char *)rec + RT_SHM_SIZE - 4, &mark, 4);
+    log.clear();
+    EXPECT_EQ((int)RT_ERR_NULL, query("Domain_A"));
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [_QX_REALTIME_GetDomainFromName] Domain [Domain_A] is "
+                     "being created, or its creator died before it was done: refused.\n");
+    mark = 0;
+    memcpy((char *)rec + RT_SHM_SIZE - 4, &mark, 4);
+    EXPECT_EQ((int)RT_SUCCESS, query("Domain_A"));
+}
+
 // The cgroup paths a domain record holds are the files admission writes thread ids into: a
 // record whose paths are not those its name implies is refused, and nothing is written.
 TEST_F(UntrustedFilesTest, RecordWithPlantedCgroupPathsIsRefused) {
@@ -144,9 +186,11 @@ TEST_F(UntrustedFilesTest, RecordWithPlantedCgroupPathsIsRefused) {
     std::string f = victim();
     QX_REALTIME_DOMAIN_t *rec = qxt::map_domain_file("Domain_A");
     ASSERT_NE(nullptr, rec);
-    const char *fields[] = {"pszCpusetPathTasks", "pszCpuacctPathTasks", "pszCpusetPathRoot"};
-    char *targets[] = {rec->pszCpusetPathTasks, rec->pszCpuacctPathTasks, rec->pszCpusetPathRoot};
-    for (int i = 0; i < 3; i++) {
+    const char *fields[] = {"pszCpusetPathTasks", "pszCpuacctPathTasks", "pszCpusetPathRoot",
+                            "pszCpuacctPathRoot"};
+    char *targets[] = {rec->pszCpusetPathTasks, rec->pszCpuacctPathTasks, rec->pszCpusetPathRoot,
+                       rec->pszCpuacctPathRoot};
+    for (int i = 0; i < 4; i++) {
         SCOPED_TRACE(fields[i]);
         char saved[RT_PATH_LEN];
         memcpy(saved, targets[i], RT_PATH_LEN);

@@ -239,9 +239,9 @@ CaseResult run_case(const std::function<void()> &damage, const Scratch *scratch,
         (void)QX_REALTIME_QueryBudget(kRr, &q, &left);
         (void)QX_REALTIME_QueryBudget(kDl, &q, &left);
         char c = 1;
-        if (write(ready[1], &c, 1) != 1 || read(go[0], &c, 1) != 1) _exit(3);
+        if (write(ready[1], &c, 1) != 1 || read(go[0], &c, 1) != 1) qxt::exit_child(3);
         every_operation(f.tid);
-        _exit(0);
+        qxt::exit_child(0);
     }
     close(go[0]);
     close(ready[1]);

@@ -1,5 +1,7 @@
 // QX_REALTIME_Deinit, QX_REALTIME_SetDebugLevel, and several processes starting and stopping.
+#include <errno.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 
 #include "lifecycle_support.h"
@@ -101,6 +103,28 @@ TEST_F(Deinit, WithLockFileFailureReturnsFailed) {
     EXPECT_TRUE(qxt::process_mutex_is_free());
 }
 
+TEST_F(Deinit, LockFileThatCannotBeUnlinkedIsReportedAndDeinitStillSucceeds) {
+    qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 4));
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
+    // A lock file that is a mount point (here a regular file bound over it) cannot be unlinked:
+    // EBUSY. The lock and everything else work as before.
+    qxt::write_file("/data/vendor/realtime/bound_lock", "");
+    std::string why;
+    ASSERT_TRUE(qxt::bind_over("/data/vendor/realtime/bound_lock", qxt::central_lock_path(), &why))
+        << why;
+    LogCapture log;
+    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_Deinit());
+    umount2(qxt::central_lock_path(), MNT_DETACH);
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [QX_REALTIME_Deinit] unlink "
+                     "/data/vendor/realtime/flock_rt_Global fails, errno=" +
+                         qxt::errno_text(EBUSY) + "\n");
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_Deinit] exit, OK.\n");
+    EXPECT_FALSE(qxt::file_exists(central_path()));
+    EXPECT_EQ(nullptr, pstTop);
+    EXPECT_TRUE(qxt::process_mutex_is_free());
+}
+
 TEST_F(Deinit, OtherProcessKeepsOldMappingWhileFreshAttachGetsNull) {
     qxt::write_file("/vendor/etc/realtime/rt-0.json", system_config(1, 1024, 2));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
@@ -112,18 +136,18 @@ TEST_F(Deinit, OtherProcessKeepsOldMappingWhileFreshAttachGetsNull) {
     pid_t worker = fork();
     if (worker == 0) {
         int32_t fd = -1;
-        if (_QX_REALTIME_GetCentralAndTop(&fd) != RT_SUCCESS) _exit(1);
+        if (_QX_REALTIME_GetCentralAndTop(&fd) != RT_SUCCESS) qxt::exit_child(1);
         close(fd);
         attached.post();
-        if (!deinit_done.wait()) _exit(2);
+        if (!deinit_done.wait()) qxt::exit_child(2);
         // Still working: its own mapping of the removed segment is intact, and operations that
         // need only its top object go on.
-        if (pstTop == nullptr || pstTop->pstCentral == nullptr) _exit(3);
-        if (pstTop->pstCentral->s32CapPerCore != 1024) _exit(4);
+        if (pstTop == nullptr || pstTop->pstCentral == nullptr) qxt::exit_child(3);
+        if (pstTop->pstCentral->s32CapPerCore != 1024) qxt::exit_child(4);
         pstTop->pstCentral->s32UtilTotal = 42;  // writable
-        if (QX_REALTIME_SetDebugLevel(64) != RT_SUCCESS) _exit(5);
-        if (pstTop->pstCentral->s32DbgLevel != 64) _exit(6);
-        _exit(0);
+        if (QX_REALTIME_SetDebugLevel(64) != RT_SUCCESS) qxt::exit_child(5);
+        if (pstTop->pstCentral->s32DbgLevel != 64) qxt::exit_child(6);
+        qxt::exit_child(0);
     }
     ASSERT_GT(worker, 0);
     ASSERT_TRUE(attached.wait());
@@ -222,8 +246,8 @@ TEST_F(Init, TwoProcessesAtOnceExactlyOneCreatesCentralSegment) {
         if (child == 0) {
             _u32DbgLevel = 64;
             LogCapture log;
-            if (!go.wait()) _exit(10);
-            if (QX_REALTIME_Init(0) != RT_SUCCESS) _exit(11);
+            if (!go.wait()) qxt::exit_child(10);
+            if (QX_REALTIME_Init(0) != RT_SUCCESS) qxt::exit_child(11);
             std::string head =
                 qxt::format("[RT_Impl][Info] [_QX_REALTIME_SharedMemoryAlloc][PID=%d][TID=%s] ",
                             getpid(), tid_text().c_str());
@@ -242,10 +266,10 @@ TEST_F(Init, TwoProcessesAtOnceExactlyOneCreatesCentralSegment) {
                                 fd)) &&
                 log.has_info(head +
                              qxt::format("mmap=%p, new_create=0\n", (void *)pstTop->pstCentral));
-            if (created == opened) _exit(12);
+            if (created == opened) qxt::exit_child(12);
             // Each marks the shared record; both marks must meet in one segment.
             pstTop->pstCentral->s32DomainUtilList[created ? 0 : 1] = getpid();
-            _exit(created ? 1 : 2);
+            qxt::exit_child(created ? 1 : 2);
         }
         ASSERT_GT(child, 0);
     }

@@ -145,7 +145,7 @@ Foreign start_foreign() {
     if (pid == 0) {
         close(fds[0]);
         pid_t tid = start_sleeper();
-        if (write(fds[1], &tid, sizeof(tid)) != (ssize_t)sizeof(tid)) _exit(1);
+        if (write(fds[1], &tid, sizeof(tid)) != (ssize_t)sizeof(tid)) qxt::exit_child(1);
         for (;;) pause();
     }
     close(fds[1]);
@@ -233,7 +233,7 @@ ChildResult run_child(const std::function<std::string()> &fn, int timeout_s) {
             p += n;
             left -= (size_t)n;
         }
-        _exit(0);
+        qxt::exit_child(0);
     }
     close(fds[1]);
     if (pid < 0) {

@@ -335,6 +335,18 @@ void TestThread::stop() {
     if (thread_.joinable()) thread_.join();
 }
 
+#ifdef QXRT_COVERAGE
+// gcov's runtime (gcc and clang): writes this process's counts now.
+extern "C" void __gcov_dump(void);
+#endif
+
+void exit_child(int rc) {
+#ifdef QXRT_COVERAGE
+    __gcov_dump();
+#endif
+    _exit(rc);
+}
+
 int run_in_child(const std::function<int()> &fn) {
     fflush(nullptr);
     pid_t pid = fork();
@@ -346,7 +358,7 @@ int run_in_child(const std::function<int()> &fn) {
             rc = 99;
         }
         fflush(nullptr);
-        _exit(rc);
+        exit_child(rc);
     }
     int status = 0;
     if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;

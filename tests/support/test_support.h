@@ -175,6 +175,11 @@ pid_t dead_pid();
 // Number of open descriptors of this process (the one that reads them not counted).
 int open_fd_count();
 
+// Ends a forked child with status rc at once, as _exit does (no atexit handlers, no stdio flush
+// of the parent's copies). In a coverage build the child's counters are written first: without
+// that, what a test runs in a child would count as never run.
+[[noreturn]] void exit_child(int rc);
+
 // Runs fn in a forked child and returns its exit status (or 128 + signal).
 int run_in_child(const std::function<int()> &fn);
 // Starts a child process that runs fn and then waits to be killed; returns its pid.

@@ -382,7 +382,7 @@ TEST_F(ThreadAdmission, ThreadOfDeadClientIsReapedBeforeTheBudgetCheck) {
         TestThread *thread = new TestThread();  // lives until the process is killed
         int32_t msg[2] = {thread->tid(),
                           (int32_t)QX_REALTIME_AddThread(kRr, "Class_800", thread->tid(), 0)};
-        if (write(fds[1], msg, sizeof(msg)) != (ssize_t)sizeof(msg)) _exit(1);
+        if (write(fds[1], msg, sizeof(msg)) != (ssize_t)sizeof(msg)) qxt::exit_child(1);
     });
     close(fds[1]);
     int32_t msg[2] = {0, -1};

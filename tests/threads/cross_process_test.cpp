@@ -48,7 +48,7 @@ TEST_F(ThreadCrossProcess, RacingClientsNeverChargeMoreThanTheBudget) {
             for (TestThread *t : threads) {
                 int32_t msg[2] = {t->tid(),
                                   (int32_t)QX_REALTIME_AddThread(kRace, "Class_R", t->tid(), 0)};
-                if (write(fds[1], msg, sizeof(msg)) != (ssize_t)sizeof(msg)) _exit(1);
+                if (write(fds[1], msg, sizeof(msg)) != (ssize_t)sizeof(msg)) qxt::exit_child(1);
             }
         }));
     }
@@ -108,7 +108,7 @@ TEST_F(ThreadCrossProcess, AdmissionAfterAllClientsDiedReturnsTheWholeBudget) {
             close(fds[0]);
             TestThread *t = new TestThread();  // lives until killed
             uint32_t rc = QX_REALTIME_AddThread(kRace, "Class_R", t->tid(), 0);
-            if (write(fds[1], &rc, sizeof(rc)) != (ssize_t)sizeof(rc)) _exit(1);
+            if (write(fds[1], &rc, sizeof(rc)) != (ssize_t)sizeof(rc)) qxt::exit_child(1);
         }));
         close(fds[1]);
         uint32_t rc = 99;

@@ -28,9 +28,9 @@ TEST_F(DeadHolder, ChargeIsTakenAgainFromTheRecordsAfterAHolderDiedUnderTheLock)
     if (child == 0) {
         qx_domain_hold hold;
         uint32_t rc = 0;
-        if (hold.take("DeadHolder", kRr, &rc) != QX_DOMAIN_LOCKED) _exit(3);
+        if (hold.take("DeadHolder", kRr, &rc) != QX_DOMAIN_LOCKED) qxt::exit_child(3);
         hold.domain()->s32UtilCurrent += 77;
-        _exit(0);  // no release: the mark stays, the kernel drops the lock
+        qxt::exit_child(0);  // no release: the mark stays, the kernel drops the lock
     }
     int status = 0;
     ASSERT_EQ(child, waitpid(child, &status, 0));

@@ -220,7 +220,7 @@ TEST_F(ThreadRemoval, ReapingDeadClientWithThreeThreadsFreesAllThreeAndLowersCha
             int32_t msg[2] = {thread->tid(),
                               (int32_t)QX_REALTIME_AddThread(kRr, i == 0 ? "Class_B" : "Class_A",
                                                              thread->tid(), 0)};
-            if (write(fds[1], msg, sizeof(msg)) != (ssize_t)sizeof(msg)) _exit(1);
+            if (write(fds[1], msg, sizeof(msg)) != (ssize_t)sizeof(msg)) qxt::exit_child(1);
         }
     });
     close(fds[1]);

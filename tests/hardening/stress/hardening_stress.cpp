@@ -103,7 +103,7 @@ struct Shared {
     // A graceful end: every admitted thread is removed.
     for (int i = 0; i < kThreadsPerClient; i++)
         if (in[i]) count(QX_REALTIME_RemoveThread(domain[i], tids[i]));
-    _exit(0);
+    qxt::exit_child(0);
 }
 
 pid_t start_client(Shared *sh, unsigned seed, pid_t foreign_tid) {
