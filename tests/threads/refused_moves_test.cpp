@@ -68,6 +68,32 @@ void expect_admission_refused_by(const char *tasks, const char *cpuset_after) {
     EXPECT_EQ(200, d->s32UtilCurrent);
 }
 
+// A removal whose move back into the root groups is refused at tasks; cpuset_after: the cpuset
+// the thread is left in (the cpuset move comes first). The record and the charge stay, and the
+// same removal goes through once the root group takes threads again.
+void expect_removal_refused_by(const char *tasks, const char *cpuset_after) {
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
+    TestThread t;
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0));
+    QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
+    LogCapture log;
+    {
+        RefusingTasks refusing(tasks);
+        ASSERT_TRUE(refusing.bound());
+        EXPECT_EQ(RT_ERR_SYSTEM, QX_REALTIME_RemoveThread(kRr, t.tid()));
+    }
+    QXT_EXPECT_ERROR(log, move_failed(kRemove, t.tid(), tasks));
+    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_RemoveThread] exit, err=12.\n");
+    expect_placed(t.tid(), SCHED_RR, cpuset_after);
+    EXPECT_EQ("/Domain_Rr", cgroup_of(t.tid(), "cpuacct"));
+    ASSERT_NO_FATAL_FAILURE(expect_record(d, t.tid(), 200, 0, 0, 0));
+    EXPECT_EQ(200, d->s32UtilCurrent);
+    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kRr, t.tid()));
+    EXPECT_EQ(0, d->s32UtilCurrent);
+    expect_placed(t.tid(), SCHED_OTHER, "/");
+    EXPECT_EQ("/", cgroup_of(t.tid(), "cpuacct"));
+}
+
 }  // namespace
 
 using RefusedMoves = qxt::SandboxTest;
@@ -81,49 +107,13 @@ TEST_F(RefusedMoves, AdmissionRefusedByTheDomainCpuacctKeepsPolicyAndCpusetAndRe
 }
 
 TEST_F(RefusedMoves, RemovalRefusedByTheRootCpusetLeavesTheThreadRecordedChargedAndInPlace) {
-    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
-    TestThread t;
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0));
-    QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
-    LogCapture log;
-    {
-        RefusingTasks refusing("/dev/cpuset/tasks");
-        ASSERT_TRUE(refusing.bound());
-        EXPECT_EQ(RT_ERR_SYSTEM, QX_REALTIME_RemoveThread(kRr, t.tid()));
-    }
-    QXT_EXPECT_ERROR(log, move_failed(kRemove, t.tid(), "/dev/cpuset/tasks"));
-    QXT_EXPECT_INFO(log, "[RT_Impl][DBG] [QX_REALTIME_RemoveThread] exit, err=12.\n");
-    ASSERT_NO_FATAL_FAILURE(expect_record(d, t.tid(), 200, 0, 0, 0));
-    EXPECT_EQ(200, d->s32UtilCurrent);
-    expect_placed(t.tid(), SCHED_RR, "/Domain_Rr");
-    EXPECT_EQ("/Domain_Rr", cgroup_of(t.tid(), "cpuacct"));
-    // Once the root group takes threads again, the same removal goes through.
-    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kRr, t.tid()));
-    EXPECT_EQ(0, d->s32UtilCurrent);
-    expect_placed(t.tid(), SCHED_OTHER, "/");
+    expect_removal_refused_by("/dev/cpuset/tasks", "/Domain_Rr");
 }
 
+// The cpuset move had been made: the thread is out of the domain's cpuset, still real-time,
+// still accounted in the domain's cpuacct group, and its record and charge stay.
 TEST_F(RefusedMoves, RemovalRefusedByTheRootCpuacctLeavesTheThreadPartlyMovedRecordedAndCharged) {
-    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
-    TestThread t;
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0));
-    QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
-    LogCapture log;
-    {
-        RefusingTasks refusing("/dev/cpuacct/tasks");
-        ASSERT_TRUE(refusing.bound());
-        EXPECT_EQ(RT_ERR_SYSTEM, QX_REALTIME_RemoveThread(kRr, t.tid()));
-    }
-    QXT_EXPECT_ERROR(log, move_failed(kRemove, t.tid(), "/dev/cpuacct/tasks"));
-    // The cpuset move had been made: the thread is out of the domain's cpuset, still real-time,
-    // still accounted in the domain, and its record and charge stay.
-    expect_placed(t.tid(), SCHED_RR, "/");
-    EXPECT_EQ("/Domain_Rr", cgroup_of(t.tid(), "cpuacct"));
-    ASSERT_NO_FATAL_FAILURE(expect_record(d, t.tid(), 200, 0, 0, 0));
-    EXPECT_EQ(200, d->s32UtilCurrent);
-    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kRr, t.tid()));
-    EXPECT_EQ("/", cgroup_of(t.tid(), "cpuacct"));
-    EXPECT_EQ(0, d->s32UtilCurrent);
+    expect_removal_refused_by("/dev/cpuacct/tasks", "/");
 }
 
 TEST_F(RefusedMoves, DeadlineUpdateRefusedByTheRootCpusetChangesNothing) {
