@@ -119,6 +119,34 @@ TEST_F(OwnerProbe, ProbeRefusesNullAndListsTheCallersProcessForAGoneThread) {
     EXPECT_EQ(getpid(), d->s32ProcessIDList[1]);
 }
 
+// A thread whose process group is 0 (a kernel thread: kthreadd, pid 2, outside any session) has
+// process 0, which the walk stores in the first free slot, where it reads as free again. Only
+// the probe runs here: nothing is asked of the kernel thread itself.
+TEST_F(OwnerProbe, ProbeGivesProcessZeroForAThreadInProcessGroupZero) {
+    if (getpgid(2) != 0) GTEST_SKIP() << "pid 2 is not in process group 0 here";
+    QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
+    ASSERT_NE(nullptr, d);
+    int32_t pid = 4242;
+    EXPECT_EQ(RT_SUCCESS, _QX_REALTIME_getProcessID(d, 2, &pid));
+    EXPECT_EQ(0, pid);
+    EXPECT_EQ(0, d->s32ProcessIDList[0]);
+    EXPECT_EQ(0, log.count_containing(kProbe)) << log.dump();
+}
+
+// A list with every slot taken by another process: the probe finds the process but cannot list
+// it.
+TEST_F(OwnerProbe, ProbeWithAFullProcessListFailsAndSaysSo) {
+    QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
+    ASSERT_NE(nullptr, d);
+    ASSERT_LE(d->processIDListNum, RT_PROCESS_ID_LIST_NUM);
+    for (int i = 0; i < d->processIDListNum; i++) d->s32ProcessIDList[i] = 1;  // init, alive
+    int32_t pid = 0;
+    EXPECT_EQ(RT_ERR_SYSTEM, _QX_REALTIME_getProcessID(d, t.tid(), &pid));
+    EXPECT_EQ(getpid(), pid);
+    QXT_EXPECT_ERROR(log, format("[RT_Impl][Err] [%s] processIDListNum=%d. it is full !!!\n",
+                                 kProbe, d->processIDListNum));
+}
+
 // The liveness walk reaps a listed process whose /proc directory can't be opened although the
 // process answers getpgid (here /proc itself is hidden behind an empty file system for the
 // walk): its threads' charge goes back, its records and its list entry are freed.
