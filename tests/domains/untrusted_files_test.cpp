@@ -166,15 +166,13 @@ TEST_F(UntrustedFilesTest, CreationMarkAppearingUnderAMappingIsRefused) {
     ASSERT_EQ((int)RT_SUCCESS, query("Domain_A"));
     QX_REALTIME_DOMAIN_t *rec = qxt::map_domain_file("Domain_A");
     ASSERT_NE(nullptr, rec);
-    uint32_t mark = RT_DOMAIN_CREATING;
-    memcpy((char *)rec + RT_SHM_SIZE - 4, &mark, 4);
+    qx_set_creation_mark(rec, RT_DOMAIN_CREATING);
     log.clear();
     EXPECT_EQ((int)RT_ERR_NULL, query("Domain_A"));
     QXT_EXPECT_ERROR(log,
                      "[RT_Impl][Err] [_QX_REALTIME_GetDomainFromName] Domain [Domain_A] is "
                      "being created, or its creator died before it was done: refused.\n");
-    mark = 0;
-    memcpy((char *)rec + RT_SHM_SIZE - 4, &mark, 4);
+    qx_set_creation_mark(rec, 0);
     EXPECT_EQ((int)RT_SUCCESS, query("Domain_A"));
 }
 
@@ -218,8 +216,7 @@ TEST_F(UntrustedFilesTest, DomainLeftHalfCreatedIsRefusedThenCreatedAgain) {
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_A"));
     QX_REALTIME_DOMAIN_t *rec = qxt::map_domain_file("Domain_A");
     ASSERT_NE(nullptr, rec);
-    uint32_t mark = RT_DOMAIN_CREATING;
-    memcpy((char *)rec + RT_SHM_SIZE - 4, &mark, 4);
+    qx_set_creation_mark(rec, RT_DOMAIN_CREATING);
     int status = run_in_fresh_process([] {
         qxt::LogCapture child_log;
         if (query("Domain_A") != (int)RT_ERR_NULL) return 1;

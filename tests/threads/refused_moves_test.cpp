@@ -5,6 +5,7 @@
 // it in the sandbox's private mount namespace: every write to it fails with ENOSPC.
 #include <errno.h>
 #include <sched.h>
+#include <stddef.h>
 #include <string.h>
 #include <sys/mount.h>
 
@@ -186,7 +187,7 @@ TEST_F(RefusedMoves, RemovalWhoseSavedAttributesTheKernelRefusesKeepsRecordAndCh
     // A saved policy the kernel has never heard of (a record written over by another process):
     // the restore is refused after the thread has left the domain's groups.
     uint32_t bogus = 77;
-    memcpy(rec->stSavedAttr + 4, &bogus, sizeof(bogus));
+    memcpy(rec->stSavedAttr + offsetof(struct qx_sched_attr, sched_policy), &bogus, sizeof(bogus));
     LogCapture log;
     EXPECT_EQ(RT_ERR_SCHED_SETATTR, QX_REALTIME_RemoveThread(kRr, t.tid()));
     QXT_EXPECT_ERROR(log,
