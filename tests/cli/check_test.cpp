@@ -172,8 +172,7 @@ TEST_F(RtctlCheck, ThreadLeftInTheMinimalDeadlineReservationIsAppliedAgain) {
 }
 
 TEST_F(RtctlCheck, HalfCreatedDomainIsRemovedAndCanBeCreatedAgain) {
-    uint32_t mark = RT_DOMAIN_CREATING;
-    memcpy((char *)audio_ + RT_SHM_SIZE - 4, &mark, 4);
+    qx_set_creation_mark(audio_, RT_DOMAIN_CREATING);
     expect_found_and_repaired({"Domain_Audio: half-created: its creator died before it was done\n"},
                               {"removed; create the domain again"});
     EXPECT_FALSE(qxt::file_exists("/dev/shm/realtime/rt_Domain_Audio"));
