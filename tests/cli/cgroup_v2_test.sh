@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # On a host with cgroup v2 only, scripts/demo and the sandbox say so in one line instead of
-# failing somewhere later. Such a host is made here in a private mount namespace: the cgroup v1
-# hierarchies are unmounted there (the host keeps them) and cgroup v2 mounted on /sys/fs/cgroup.
+# failing somewhere later; the sandbox runs nothing, except in the test launcher's mode, where
+# the command runs outside it and learns why. Such a host is made here in a private mount
+# namespace: the cgroup v1 hierarchies are unmounted there (the host keeps them) and cgroup v2
+# mounted on /sys/fs/cgroup.
 #
 #   cgroup_v2_test.sh SOURCE_DIR        (exit 77: no root or namespaces to build that host)
 set -uo pipefail
@@ -22,7 +24,12 @@ out=$("$src/tools/rt_sandbox" --check)
 [ $? = 1 ] || fail "rt_sandbox --check did not refuse"
 [ "$out" = "$want" ] || fail "rt_sandbox --check said: $out"
 
-out=$("$src/tools/rt_sandbox" bash -c 'echo "$QXRT_SANDBOX_UNAVAILABLE"')
+out=$("$src/tools/rt_sandbox" bash -c 'echo ran' 2>&1)
+rc=$?
+[ $rc = 125 ] || fail "rt_sandbox ran its command outside the sandbox (exit $rc)"
+[ "$out" = "rt_sandbox: cannot run bash in the sandbox: $want" ] || fail "rt_sandbox refused with: $out"
+
+out=$("$src/tools/rt_sandbox" --skip-unavailable bash -c 'echo "$QXRT_SANDBOX_UNAVAILABLE"')
 [ "$out" = "$want" ] || fail "the tests would skip with: $out"
 
 out=$("$src/scripts/demo" 2>&1)
