@@ -181,6 +181,13 @@ TEST(Sandbox, NestedRunRemovesItsCgroups) {
     // This run's own group and view are untouched.
     EXPECT_TRUE(is_directory(std::string("/sys/fs/cgroup/cpuset/") + getenv("QXRT_SANDBOX")));
     EXPECT_FALSE(qxt::file_exists("/dev/cpuset/Domain_Nested"));
+    // The nested run took this run's groups for neither stale nor its own: this process is still
+    // in them (a run inside another sees no other run's launcher, so it must not judge by pids).
+    std::string host_group = std::string("/sys/fs/cgroup/cpuset/") + getenv("QXRT_SANDBOX");
+    EXPECT_TRUE(qxt::tasks_file_lists(host_group + "/tasks", getpid()));
+    EXPECT_TRUE(qxt::tasks_file_lists(
+        std::string("/sys/fs/cgroup/cpuacct/") + getenv("QXRT_SANDBOX") + "/tasks", getpid()));
+    EXPECT_EQ("/", qxt::cgroup_of(getpid(), "cpuset"));
 }
 
 TEST(Sandbox, TestsNeedingItSkipWithOneClearReasonOutsideIt) {
@@ -246,4 +253,29 @@ TEST(Sandbox, EmulatorOptionStartsTheCommandThroughItAndHandsItOn) {
                               " sh -c 'echo \"[${QXRT_EMULATOR-unset}]\"'");
     EXPECT_EQ(0, plain.status) << plain.output;
     EXPECT_NE(std::string::npos, plain.output.find("[unset]")) << plain.output;
+}
+
+// --layout android: cpuset as always, and no cpuacct hierarchy anywhere in the sandbox, as on
+// Android 12 and later; the run makes no cpuacct group. An unknown layout is a usage error.
+TEST(Sandbox, AndroidLayoutHasCpusetAndNoCpuacctHierarchy) {
+    QXT_REQUIRE_SANDBOX();
+    Outcome android = run_shell(
+        sandbox_tool() +
+        " --layout android sh -c 'echo \"run=$QXRT_SANDBOX layout=$QXRT_SANDBOX_LAYOUT\"; "
+        "awk \"\\$3 == \\\"cgroup\\\" { print \\\"mount \\\" \\$4 }\" /proc/self/mounts; "
+        "test -e /dev/cpuset/tasks && echo cpuset=yes; test -e /dev/cpuacct || echo cpuacct=no; "
+        "test -d /sys/fs/cgroup/cpuacct/$QXRT_SANDBOX || echo group=no'");
+    ASSERT_EQ(0, android.status) << android.output;
+    EXPECT_NE(std::string::npos, android.output.find(" layout=android\n")) << android.output;
+    EXPECT_NE(std::string::npos, android.output.find("cpuset=yes")) << android.output;
+    EXPECT_NE(std::string::npos, android.output.find("cpuacct=no")) << android.output;
+    EXPECT_EQ(std::string::npos, android.output.find("cpuacct,")) << android.output;
+    EXPECT_EQ(std::string::npos, android.output.find(",cpuacct")) << android.output;
+    EXPECT_NE(std::string::npos, android.output.find("mount rw")) << android.output;  // cpuset's
+
+    Outcome bad = run_shell(sandbox_tool() + " --layout v7 true");
+    EXPECT_EQ(2, bad.status) << bad.output;
+    EXPECT_NE(std::string::npos, bad.output.find("rt_sandbox: unknown layout 'v7'")) << bad.output;
+    // This run is the default layout.
+    EXPECT_STREQ("linux-v1", getenv("QXRT_SANDBOX_LAYOUT"));
 }
