@@ -1,7 +1,12 @@
-// Control-group files: where a cpuset file of a domain is (with or without the "cpuset." prefix
-// of the mounted hierarchy), the writes of values and thread ids, and the cpuset override by
-// system property. Used by domain creation and by thread admission alike.
+// The cgroup layer: the one place that knows where a domain lives in the control-group tree,
+// how a thread is moved there and back, and how the domain's CPU time is read, for each layout
+// the library runs on (the layouts and how one is told from another: qx_cgroup_layout). Also the
+// cpuset file names (with or without the "cpuset." prefix of the mounted hierarchy), the writes
+// of values and thread ids, and the cpuset override by system property.
+#include <fcntl.h>
+#include <pthread.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include "qx_realtime_internal.h"
 
@@ -68,4 +73,305 @@ void _QX_REALTIME_Overwrite_Cpuset(QX_REALTIME_DOMAIN_t *pstDomain) {
         RT_LOGI("[RT_Impl][Info] %s is reset to %s.\n", szPath, pstDomain->pszCpuset);
     _QX_REALTIME_ParseCpuSelection(pstDomain->pszCpuset, &pstDomain->s32CpuNum,
                                    &pstDomain->u32CpuMask);
+}
+
+// ---- the layout ----
+
+// True when the mount table holds a cgroup v1 hierarchy with the cpuacct controller, wherever it
+// is mounted. Unreadable table: as if it did (the device's own layout stays the default).
+static int qx_mounts_have_cpuacct(void) {
+    FILE *pFile = fopen("/proc/self/mounts", "re");
+    if (pFile == NULL) return 1;
+    char szLine[512];
+    int bFound = 0;
+    while (!bFound && fgets(szLine, sizeof(szLine), pFile) != NULL) {
+        char szType[32], szOptions[256];
+        if (sscanf(szLine, "%*s %*s %31s %255s", szType, szOptions) != 2) continue;
+        if (strcmp(szType, "cgroup") != 0) continue;
+        for (char *pszSave = NULL, *pszOpt = strtok_r(szOptions, ",", &pszSave); pszOpt != NULL;
+             pszOpt = strtok_r(NULL, ",", &pszSave))
+            if (strcmp(pszOpt, "cpuacct") == 0) bFound = 1;
+    }
+    fclose(pFile);
+    return bFound;
+}
+
+static int s32Layout = QX_CGROUP_V1;
+static pthread_once_t stLayoutOnce = PTHREAD_ONCE_INIT;
+
+static void qx_detect_layout(void) {
+    char szValue[QX_PROPERTY_VALUE_MAX];
+    memset(szValue, 0, sizeof(szValue));
+    qx_property_get(RT_PROP_CGROUP_LAYOUT, szValue, "");
+    if (strcmp(szValue, "v1") == 0)
+        s32Layout = QX_CGROUP_V1;
+    else if (strcmp(szValue, "android") == 0)
+        s32Layout = QX_CGROUP_ANDROID;
+    else
+        s32Layout = qx_mounts_have_cpuacct() ? QX_CGROUP_V1 : QX_CGROUP_ANDROID;
+}
+
+int qx_cgroup_layout(void) {
+    pthread_once(&stLayoutOnce, qx_detect_layout);
+    return s32Layout;
+}
+
+const char *qx_cgroup_layout_name(int s32Layout_) {
+    return s32Layout_ == QX_CGROUP_ANDROID ? "android" : "v1";
+}
+
+// ---- a domain's groups ----
+
+uint32_t qx_cgroup_domain_paths(QX_REALTIME_DOMAIN_t *pstDomain) {
+    const char *pszName = pstDomain->szName;
+    struct {
+        const char *pszField;
+        char *pszDst;
+        const char *pszBase;
+        const char *pszTail;
+    } astPaths[] = {
+        {"pszCpusetPathRoot", pstDomain->pszCpusetPathRoot, RT_CPUSET_ROOT, pszName},
+        {"pszCpusetPathTasks", pstDomain->pszCpusetPathTasks, pstDomain->pszCpusetPathRoot,
+         "/tasks"},
+        {"pszCpuacctPathRoot", pstDomain->pszCpuacctPathRoot, RT_CPUACCT_ROOT, pszName},
+        {"pszCpuacctPathTasks", pstDomain->pszCpuacctPathTasks, pstDomain->pszCpuacctPathRoot,
+         "/tasks"},
+        {"pszCpuacctPathStat", pstDomain->pszCpuacctPathStat, pstDomain->pszCpuacctPathRoot,
+         "/cpuacct.stat"},
+    };
+    // Without a cpuacct hierarchy the three cpuacct fields stay empty: no record names a file
+    // that does not exist.
+    size_t uCount = qx_cgroup_layout() == QX_CGROUP_ANDROID ? 2 : 5;
+    for (size_t i = 0; i < uCount; i++) {
+        if (qx_format_path(astPaths[i].pszDst, RT_PATH_LEN, "%s%s", astPaths[i].pszBase,
+                           astPaths[i].pszTail) < 0)
+            return RT_ERR_FAILED;
+        RT_LOGD("[RT_Impl][DBG] %s is %s\n", astPaths[i].pszField, astPaths[i].pszDst);
+    }
+    return RT_SUCCESS;
+}
+
+// Whether a path field of a record reads exactly pszBase + pszName + pszTail.
+static int qx_path_is(const char *pszField, const char *pszBase, const char *pszName,
+                       const char *pszTail) {
+    const char *apszParts[] = {pszBase, pszName, pszTail};
+    size_t uAt = 0;
+    for (const char *pszPart : apszParts) {
+        size_t uLen = strlen(pszPart);
+        if (uAt + uLen >= RT_PATH_LEN || memcmp(pszField + uAt, pszPart, uLen) != 0) return 0;
+        uAt += uLen;
+    }
+    return pszField[uAt] == '\0';
+}
+
+static int qx_path_is_empty(const char *pszField) {
+    for (int i = 0; i < RT_PATH_LEN; i++)
+        if (pszField[i] != '\0') return 0;
+    return 1;
+}
+
+const char *qx_cgroup_foreign_path(const char *pszName, const QX_REALTIME_DOMAIN_t *pstDomain) {
+    if (!qx_path_is(pstDomain->pszCpusetPathRoot, RT_CPUSET_ROOT, pszName, ""))
+        return "pszCpusetPathRoot";
+    if (!qx_path_is(pstDomain->pszCpusetPathTasks, RT_CPUSET_ROOT, pszName, "/tasks"))
+        return "pszCpusetPathTasks";
+    if (qx_cgroup_layout() == QX_CGROUP_ANDROID) {
+        if (!qx_path_is_empty(pstDomain->pszCpuacctPathRoot)) return "pszCpuacctPathRoot";
+        if (!qx_path_is_empty(pstDomain->pszCpuacctPathTasks)) return "pszCpuacctPathTasks";
+        return NULL;
+    }
+    if (!qx_path_is(pstDomain->pszCpuacctPathRoot, RT_CPUACCT_ROOT, pszName, ""))
+        return "pszCpuacctPathRoot";
+    if (!qx_path_is(pstDomain->pszCpuacctPathTasks, RT_CPUACCT_ROOT, pszName, "/tasks"))
+        return "pszCpuacctPathTasks";
+    return NULL;
+}
+
+static uint32_t qx_make_group_dir(const char *pszDir, const char *pszTasks) {
+    if (mkdir(pszDir, 0770) != 0) {
+        if (errno != EEXIST) {
+            RT_LOGE("[RT_Impl][Err] Can't mkdir %s, errno=%s.\n", pszDir, RT_ERRNO_STR);
+            return RT_ERR_FAILED;
+        }
+        RT_LOGI("[RT_Impl][Info] %s already exists, mkdir failed as expected.\n", pszDir);
+    }
+    if (chmod(pszDir, 0770) != 0) {
+        RT_LOGE("[RT_Impl][Err] chmod(%s,%d) fails, errno=%s\n", pszDir, 0770, RT_ERRNO_STR);
+        return RT_ERR_FAILED;
+    }
+    if (chmod(pszTasks, 0664) != 0) {
+        RT_LOGE("[RT_Impl][Err] chmod(%s,%d) fails, errno=%s\n", pszTasks, 0664, RT_ERRNO_STR);
+        return RT_ERR_FAILED;
+    }
+    return RT_SUCCESS;
+}
+
+uint32_t qx_cgroup_make_accounting_group(const QX_REALTIME_DOMAIN_t *pstDomain) {
+    if (qx_cgroup_layout() == QX_CGROUP_ANDROID) return RT_SUCCESS;
+    return qx_make_group_dir(pstDomain->pszCpuacctPathRoot, pstDomain->pszCpuacctPathTasks);
+}
+
+// Writes one cpuset control file of the domain ("cpus" or "mems").
+static uint32_t qx_set_cpuset_file(const QX_REALTIME_DOMAIN_t *pstDomain, const char *pszName,
+                                   const char *pszValue) {
+    char szPath[RT_PATH_LEN];
+    if (qx_cpuset_file_path(szPath, sizeof(szPath), pstDomain->pszCpusetPathRoot, pszName) < 0)
+        return RT_ERR_FAILED;
+    if (chmod(szPath, 0664) != 0) {
+        RT_LOGE("[RT_Impl][Err] chmod(%s,%d) fails, errno=%s\n", szPath, 0664, RT_ERRNO_STR);
+        return RT_ERR_FAILED;
+    }
+    if (_QX_WriteStrToPath(pszValue, szPath) == RT_SUCCESS)
+        RT_LOGI("[RT_Impl][Info] %s is set to %s.\n", szPath, pszValue);
+    return RT_SUCCESS;  // a refused value is not a failure of the creation
+}
+
+uint32_t qx_cgroup_make_cpuset_group(QX_REALTIME_DOMAIN_t *pstDomain) {
+    if (qx_make_group_dir(pstDomain->pszCpusetPathRoot, pstDomain->pszCpusetPathTasks) !=
+        RT_SUCCESS)
+        return RT_ERR_FAILED;
+    pstDomain->pszCpuset[RT_CPUSET_LEN - 1] = '\0';
+    if (qx_set_cpuset_file(pstDomain, "cpus", pstDomain->pszCpuset) != RT_SUCCESS)
+        return RT_ERR_FAILED;
+    return qx_set_cpuset_file(pstDomain, "mems", "0");
+}
+
+// ---- task moves ----
+
+const char *qx_cgroup_join_domain(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid) {
+    if (pstDomain->s32UtilMax >= 1) {
+        _QX_REALTIME_Overwrite_Cpuset(pstDomain);
+        if (pstDomain->s32CpuNum != qx_cpu_count() &&
+            _QX_WriteS32ToPath(s32Tid, pstDomain->pszCpusetPathTasks) != RT_SUCCESS)
+            return pstDomain->pszCpusetPathTasks;
+    }
+    if (qx_cgroup_layout() == QX_CGROUP_ANDROID) return NULL;
+    if (_QX_WriteS32ToPath(s32Tid, pstDomain->pszCpuacctPathTasks) != RT_SUCCESS)
+        return pstDomain->pszCpuacctPathTasks;
+    return NULL;
+}
+
+const char *qx_cgroup_leave_domain(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid) {
+    if (pstDomain->s32CpuNum != qx_cpu_count() &&
+        _QX_WriteS32ToPath(s32Tid, RT_CPUSET_ROOT_TASKS) != RT_SUCCESS)
+        return RT_CPUSET_ROOT_TASKS;
+    if (qx_cgroup_layout() == QX_CGROUP_ANDROID) return NULL;
+    if (_QX_WriteS32ToPath(s32Tid, RT_CPUACCT_ROOT_TASKS) != RT_SUCCESS)
+        return RT_CPUACCT_ROOT_TASKS;
+    return NULL;
+}
+
+int qx_cgroup_tasks_files(const QX_REALTIME_DOMAIN_t *pstDomain, const char *apszFiles[2]) {
+    apszFiles[0] = pstDomain->pszCpusetPathTasks;
+    apszFiles[1] = pstDomain->pszCpuacctPathTasks;
+    return qx_cgroup_layout() == QX_CGROUP_ANDROID ? 1 : 2;
+}
+
+// ---- CPU time without cpuacct ----
+
+// One thread's CPU time (user + system, in clock ticks, the unit of cpuacct.stat) and its start
+// time, from /proc/<tid>/task/<tid>/stat (/proc/<tid>/stat would sum the whole thread group).
+// The fields after the command, which may hold spaces and parentheses, are counted from its
+// last ')': utime and stime are the 14th and 15th of the line, the start time the 22nd.
+int qx_thread_cpu_ticks(int32_t s32Tid, uint64_t *pu64Ticks, uint64_t *pu64Start) {
+    char szPath[64];
+    if (RT_FORMAT_PATH(szPath, "/proc/%d/task/%d/stat", s32Tid, s32Tid) < 0) return -1;
+    int fd = open(szPath, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return -1;
+    char szBuf[1024];
+    ssize_t n = read(fd, szBuf, sizeof(szBuf) - 1);
+    close(fd);
+    if (n <= 0) return -1;
+    szBuf[n] = '\0';
+    const char *pszFields = strrchr(szBuf, ')');
+    if (pszFields == NULL) return -1;
+    unsigned long long u64User = 0, u64System = 0, u64Start = 0;
+    if (sscanf(pszFields + 1,
+               " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %llu %llu %*d %*d %*d %*d %*d %*d "
+               "%llu",
+               &u64User, &u64System, &u64Start) != 3)
+        return -1;
+    *pu64Ticks = u64User + u64System;
+    *pu64Start = u64Start;
+    return 0;
+}
+
+// What this process has seen of each domain's threads: a thread counts from the first reading
+// that finds it admitted, and what it used until it left stays counted, so that a domain's time
+// never runs backwards while threads come and go (cpuacct counts a task from its move into the
+// group, and keeps the time of tasks that left).
+#define QX_SEEN_THREADS ((RT_SHM_SIZE - RT_DOMAIN_HEADER_SIZE) / RT_THREAD_SIZE)
+typedef struct {
+    int32_t s32Tid;
+    uint64_t u64Start;  // tells a thread from a later one with the same id
+    uint64_t u64Base;   // its ticks when first seen
+    uint64_t u64Last;   // its ticks at the latest reading
+    int bSeen;
+} qx_seen_thread_t;
+typedef struct {
+    char szName[RT_NAME_LEN];
+    uint64_t u64Retired;  // the time of threads that left
+    int32_t s32Count;
+    qx_seen_thread_t astThreads[QX_SEEN_THREADS];
+} qx_seen_domain_t;
+static qx_seen_domain_t astSeen[RT_MAX_DOMAIN];
+static pthread_mutex_t stSeenMutex = PTHREAD_MUTEX_INITIALIZER;
+
+static qx_seen_domain_t *qx_seen_domain(const char *pszName) {
+    qx_seen_domain_t *pstFree = NULL;
+    for (qx_seen_domain_t &stSeen : astSeen) {
+        if (strncmp(stSeen.szName, pszName, RT_NAME_LEN) == 0) return &stSeen;
+        if (pstFree == NULL && stSeen.szName[0] == '\0') pstFree = &stSeen;
+    }
+    if (pstFree == NULL) pstFree = &astSeen[0];  // more domains than the central lists hold
+    memset(pstFree, 0, sizeof(*pstFree));
+    memcpy(pstFree->szName, pszName, RT_NAME_LEN);
+    pstFree->szName[RT_NAME_LEN - 1] = '\0';
+    return pstFree;
+}
+
+static void qx_seen_update(qx_seen_domain_t *pstSeen, int32_t s32Tid, uint64_t u64Ticks,
+                           uint64_t u64Start) {
+    for (int32_t i = 0; i < pstSeen->s32Count; i++) {
+        qx_seen_thread_t *pstThread = &pstSeen->astThreads[i];
+        if (pstThread->s32Tid == s32Tid && pstThread->u64Start == u64Start) {
+            pstThread->u64Last = u64Ticks;
+            pstThread->bSeen = 1;
+            return;
+        }
+    }
+    if (pstSeen->s32Count >= QX_SEEN_THREADS) return;
+    pstSeen->astThreads[pstSeen->s32Count++] = {s32Tid, u64Start, u64Ticks, u64Ticks, 1};
+}
+
+uint32_t qx_cgroup_threads_time(QX_REALTIME_DOMAIN_t *pstDomain, int32_t *ps32Time) {
+    char szName[RT_NAME_LEN];
+    memcpy(szName, pstDomain->szName, RT_NAME_LEN);
+    szName[RT_NAME_LEN - 1] = '\0';
+    pthread_mutex_lock(&stSeenMutex);
+    qx_seen_domain_t *pstSeen = qx_seen_domain(szName);
+    for (int32_t i = 0; i < pstSeen->s32Count; i++) pstSeen->astThreads[i].bSeen = 0;
+    int32_t s32Num = qx_domain_thread_num(pstDomain);
+    for (int32_t i = 0; i < s32Num; i++) {
+        const QX_REALTIME_THREAD_t *pstThread = qx_domain_thread(pstDomain, i);
+        uint64_t u64Ticks = 0, u64Start = 0;
+        if (pstThread->Alive == 0 || qx_thread_cpu_ticks(pstThread->Pid, &u64Ticks, &u64Start) != 0)
+            continue;
+        qx_seen_update(pstSeen, pstThread->Pid, u64Ticks, u64Start);
+    }
+    uint64_t u64Sum = pstSeen->u64Retired;
+    int32_t s32Kept = 0;
+    for (int32_t i = 0; i < pstSeen->s32Count; i++) {
+        qx_seen_thread_t stThread = pstSeen->astThreads[i];
+        uint64_t u64Used = stThread.u64Last - stThread.u64Base;
+        u64Sum += u64Used;
+        if (stThread.bSeen)
+            pstSeen->astThreads[s32Kept++] = stThread;
+        else
+            pstSeen->u64Retired += u64Used;
+    }
+    pstSeen->s32Count = s32Kept;
+    pthread_mutex_unlock(&stSeenMutex);
+    *ps32Time = (int32_t)(uint32_t)u64Sum;  // read as a signed 32-bit counter, as cpuacct.stat is
+    return RT_SUCCESS;
 }

@@ -12,19 +12,6 @@
 
 // ---- names and the trust placed in a segment ----
 
-// Whether a path field of a record reads exactly pszBase + pszName + pszTail.
-static int qx_field_is(const char *pszField, const char *pszBase, const char *pszName,
-                       const char *pszTail) {
-    const char *apszParts[] = {pszBase, pszName, pszTail};
-    size_t uAt = 0;
-    for (const char *pszPart : apszParts) {
-        size_t uLen = strlen(pszPart);
-        if (uAt + uLen >= RT_PATH_LEN || memcmp(pszField + uAt, pszPart, uLen) != 0) return 0;
-        uAt += uLen;
-    }
-    return pszField[uAt] == '\0';
-}
-
 static uint32_t qx_creation_mark(const QX_REALTIME_DOMAIN_t *pstDomain) {
     uint32_t u32Mark;
     memcpy(&u32Mark, (const char *)pstDomain + RT_DOMAIN_MARK_OFFSET, sizeof(u32Mark));
@@ -52,14 +39,8 @@ static int qx_check_segment(const char *pszOp, const char *pszName,
     const char *pszBad = NULL;
     if (strncmp(pstDomain->szName, pszName, RT_NAME_LEN) != 0)
         pszBad = "szName";
-    else if (!qx_field_is(pstDomain->pszCpusetPathRoot, RT_CPUSET_ROOT, pszName, ""))
-        pszBad = "pszCpusetPathRoot";
-    else if (!qx_field_is(pstDomain->pszCpusetPathTasks, RT_CPUSET_ROOT, pszName, "/tasks"))
-        pszBad = "pszCpusetPathTasks";
-    else if (!qx_field_is(pstDomain->pszCpuacctPathRoot, RT_CPUACCT_ROOT, pszName, ""))
-        pszBad = "pszCpuacctPathRoot";
-    else if (!qx_field_is(pstDomain->pszCpuacctPathTasks, RT_CPUACCT_ROOT, pszName, "/tasks"))
-        pszBad = "pszCpuacctPathTasks";
+    else
+        pszBad = qx_cgroup_foreign_path(pszName, pstDomain);
     if (pszBad == NULL) return QX_LOOKUP_FOUND;
     RT_LOGE("[RT_Impl][Err] [%s] Domain [%s] is corrupted (%s): refused.\n", pszOp, pszName,
             pszBad);
@@ -247,40 +228,6 @@ int qx_domain_hold::take(const char *pszOp, const char *pszDomainName, uint32_t 
 
 // ---- creation ----
 
-static uint32_t qx_make_group_dir(const char *pszDir, const char *pszTasks) {
-    if (mkdir(pszDir, 0770) != 0) {
-        if (errno != EEXIST) {
-            RT_LOGE("[RT_Impl][Err] Can't mkdir %s, errno=%s.\n", pszDir, RT_ERRNO_STR);
-            return RT_ERR_FAILED;
-        }
-        RT_LOGI("[RT_Impl][Info] %s already exists, mkdir failed as expected.\n", pszDir);
-    }
-    if (chmod(pszDir, 0770) != 0) {
-        RT_LOGE("[RT_Impl][Err] chmod(%s,%d) fails, errno=%s\n", pszDir, 0770, RT_ERRNO_STR);
-        return RT_ERR_FAILED;
-    }
-    if (chmod(pszTasks, 0664) != 0) {
-        RT_LOGE("[RT_Impl][Err] chmod(%s,%d) fails, errno=%s\n", pszTasks, 0664, RT_ERRNO_STR);
-        return RT_ERR_FAILED;
-    }
-    return RT_SUCCESS;
-}
-
-// Writes one cpuset control file of the domain ("cpus" or "mems").
-static uint32_t qx_set_cpuset_file(const QX_REALTIME_DOMAIN_t *pstDomain, const char *pszName,
-                                   const char *pszValue) {
-    char szPath[RT_PATH_LEN];
-    if (qx_cpuset_file_path(szPath, sizeof(szPath), pstDomain->pszCpusetPathRoot, pszName) < 0)
-        return RT_ERR_FAILED;
-    if (chmod(szPath, 0664) != 0) {
-        RT_LOGE("[RT_Impl][Err] chmod(%s,%d) fails, errno=%s\n", szPath, 0664, RT_ERRNO_STR);
-        return RT_ERR_FAILED;
-    }
-    if (_QX_WriteStrToPath(pszValue, szPath) == RT_SUCCESS)
-        RT_LOGI("[RT_Impl][Info] %s is set to %s.\n", szPath, pszValue);
-    return RT_SUCCESS;  // a refused value is not a failure of the creation
-}
-
 // Fills the domain record from the parsed configuration and builds its control groups
 // (steps after the parse of QX_REALTIME_CreateDomain).
 static uint32_t qx_create_domain_impl(QX_REALTIME_DOMAIN_t *pstDomain) {
@@ -293,30 +240,8 @@ static uint32_t qx_create_domain_impl(QX_REALTIME_DOMAIN_t *pstDomain) {
     pstDomain->szName[RT_NAME_LEN - 1] = '\0';
     const char *pszName = pstDomain->szName;
 
-    struct {
-        const char *pszField;
-        char *pszDst;
-        const char *pszBase;
-        const char *pszTail;
-    } astPaths[] = {
-        {"pszCpusetPathRoot", pstDomain->pszCpusetPathRoot, RT_CPUSET_ROOT, pszName},
-        {"pszCpusetPathTasks", pstDomain->pszCpusetPathTasks, pstDomain->pszCpusetPathRoot,
-         "/tasks"},
-        {"pszCpuacctPathRoot", pstDomain->pszCpuacctPathRoot, RT_CPUACCT_ROOT, pszName},
-        {"pszCpuacctPathTasks", pstDomain->pszCpuacctPathTasks, pstDomain->pszCpuacctPathRoot,
-         "/tasks"},
-        {"pszCpuacctPathStat", pstDomain->pszCpuacctPathStat, pstDomain->pszCpuacctPathRoot,
-         "/cpuacct.stat"},
-    };
-    for (auto &stPath : astPaths) {
-        if (qx_format_path(stPath.pszDst, RT_PATH_LEN, "%s%s", stPath.pszBase, stPath.pszTail) < 0)
-            return RT_ERR_FAILED;
-        RT_LOGD("[RT_Impl][DBG] %s is %s\n", stPath.pszField, stPath.pszDst);
-    }
-
-    if (qx_make_group_dir(pstDomain->pszCpuacctPathRoot, pstDomain->pszCpuacctPathTasks) !=
-        RT_SUCCESS)
-        return RT_ERR_FAILED;
+    if (qx_cgroup_domain_paths(pstDomain) != RT_SUCCESS) return RT_ERR_FAILED;
+    if (qx_cgroup_make_accounting_group(pstDomain) != RT_SUCCESS) return RT_ERR_FAILED;
 
     uint32_t u32Limit = (uint32_t)pstTop->s32BudgetCpuNum * (uint32_t)pstTop->s32CapPerCore *
                         (uint32_t)pstTop->s32UtilReservation / 100u;
@@ -338,13 +263,7 @@ static uint32_t qx_create_domain_impl(QX_REALTIME_DOMAIN_t *pstDomain) {
         return RT_ERR_FAILED;
     }
 
-    if (qx_make_group_dir(pstDomain->pszCpusetPathRoot, pstDomain->pszCpusetPathTasks) !=
-        RT_SUCCESS)
-        return RT_ERR_FAILED;
-    pstDomain->pszCpuset[RT_CPUSET_LEN - 1] = '\0';
-    if (qx_set_cpuset_file(pstDomain, "cpus", pstDomain->pszCpuset) != RT_SUCCESS)
-        return RT_ERR_FAILED;
-    if (qx_set_cpuset_file(pstDomain, "mems", "0") != RT_SUCCESS) return RT_ERR_FAILED;
+    if (qx_cgroup_make_cpuset_group(pstDomain) != RT_SUCCESS) return RT_ERR_FAILED;
 
     if (pstDomain->s32UtilMax == 0) {
         if (pstDomain->u32SchedType != RT_SCHED_TYPE_RR) {

@@ -1,4 +1,5 @@
-// Monitoring: per-domain CPU usage sampled from cpuacct and /proc/stat, and the diagnostic dump.
+// Monitoring: per-domain CPU usage sampled from the domain's CPU time (cpuacct, or its threads'
+// own where there is no cpuacct) and /proc/stat, and the diagnostic dump.
 #include <pthread.h>
 #include <stdlib.h>
 #include <sys/file.h>
@@ -24,6 +25,7 @@ uint32_t _QX_REALTIME_GetGroupCpuStat(QX_REALTIME_DOMAIN_t *pstDomain, int32_t *
         RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", __func__);
         return RT_ERR_SYSTEM;
     }
+    if (qx_cgroup_layout() == QX_CGROUP_ANDROID) return qx_cgroup_threads_time(pstDomain, ps32Time);
     qx_field<RT_PATH_LEN> stPath(pstDomain->pszCpuacctPathStat);
     if (_QX_REALTIME_FileReader(stPath.sz, &pszText) != RT_SUCCESS) {
         RT_LOGE("[RT_Impl][Err] Read %s failed in %s.\n", stPath.sz, __func__);
@@ -290,9 +292,10 @@ static void qx_dump_classes_and_threads(QX_REALTIME_DOMAIN_t *pstDomain) {
 }
 
 static void qx_dump_kernel_view(const char *pszOp, QX_REALTIME_DOMAIN_t *pstDomain) {
-    const char *apszFields[] = {pstDomain->pszCpusetPathTasks, pstDomain->pszCpuacctPathTasks};
-    for (const char *pszField : apszFields) {
-        qx_field<RT_PATH_LEN> stPath(pszField);
+    const char *apszFields[2];
+    int s32Files = qx_cgroup_tasks_files(pstDomain, apszFields);
+    for (int i = 0; i < s32Files; i++) {
+        qx_field<RT_PATH_LEN> stPath(apszFields[i]);
         char *pszText = NULL;
         if (_QX_REALTIME_FileReader(stPath.sz, &pszText) == RT_SUCCESS) {
             RT_LOGI("[RT_Impl][Info] Info from [%s]:\n%s\n", stPath.sz, pszText);

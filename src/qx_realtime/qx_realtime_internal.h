@@ -50,6 +50,7 @@ extern "C" {
 #define RT_CENTRAL_NAME "Global"
 #define RT_PROP_CFG_NAME "vendor.kpo.realtime.cfg_name"
 #define RT_PROP_OVERWRITE_CPUSET "vendor.kpo.realtime.debug.overwrite_cpuset"
+#define RT_PROP_CGROUP_LAYOUT "vendor.kpo.realtime.cgroup_layout"
 #define RT_CPUSET_ROOT QX_CPUSET_MOUNT
 #define RT_CPUACCT_ROOT QX_CPUACCT_MOUNT
 #define RT_CPUSET_ROOT_TASKS QX_CPUSET_MOUNT "tasks"
@@ -479,6 +480,44 @@ static inline int32_t qx_wrap_add(int32_t a, int32_t b) {
 // The cpuset control file <dir>/<name>: Android mounts cpuset with plain names ("cpus"), most
 // Linux hosts with prefixed ones ("cpuset.cpus"); the plain name wins when it exists.
 int qx_cpuset_file_path(char *dst, size_t dst_size, const char *pszDir, const char *pszName);
+
+// ---------------------------------------------------------------------------------------------
+// The cgroup layer (cgroup_files.cpp)
+// ---------------------------------------------------------------------------------------------
+
+// The layouts of control groups the library runs on, told once per process:
+//   QX_CGROUP_V1       cpuset and cpuacct cgroup v1 hierarchies at /dev/cpuset and /dev/cpuacct
+//                      (the device's layout; a missing hierarchy fails as it always has);
+//   QX_CGROUP_ANDROID  cpuset at /dev/cpuset and no cpuacct hierarchy at all, as Android 12 and
+//                      later mount them: a domain's CPU time is its admitted threads' own.
+// The property vendor.kpo.realtime.cgroup_layout ("v1" or "android") decides; unset, the mount
+// table does: any mounted cgroup v1 hierarchy with the cpuacct controller means QX_CGROUP_V1.
+enum { QX_CGROUP_V1 = 0, QX_CGROUP_ANDROID = 1 };
+int qx_cgroup_layout(void);
+const char *qx_cgroup_layout_name(int s32Layout);
+
+// A new domain's path fields, each announced at debug level (the cpuacct ones only where there
+// is a cpuacct hierarchy; otherwise they stay empty). RT_ERR_FAILED when one can't be formatted.
+uint32_t qx_cgroup_domain_paths(QX_REALTIME_DOMAIN_t *pstDomain);
+// The first path field of a mapped record that is not the one its name implies (an empty
+// cpuacct field where there is no cpuacct hierarchy), by field name; NULL when all are.
+const char *qx_cgroup_foreign_path(const char *pszName, const QX_REALTIME_DOMAIN_t *pstDomain);
+// Creation's groups: the accounting group (cpuacct; nothing to do without it), then the cpuset
+// group with its cpus and mems. RT_ERR_FAILED as creation reports it.
+uint32_t qx_cgroup_make_accounting_group(const QX_REALTIME_DOMAIN_t *pstDomain);
+uint32_t qx_cgroup_make_cpuset_group(QX_REALTIME_DOMAIN_t *pstDomain);
+// Moves a thread into the domain's groups (the cpuset only when the domain has a budget and
+// fewer CPUs than the machine) or back into the root groups; NULL, or the tasks file that
+// refused it.
+const char *qx_cgroup_join_domain(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid);
+const char *qx_cgroup_leave_domain(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid);
+// The tasks files that show the domain's threads, as the kernel sees them: how many of the two.
+int qx_cgroup_tasks_files(const QX_REALTIME_DOMAIN_t *pstDomain, const char *apszFiles[2]);
+// Without cpuacct: the domain's CPU time in clock ticks, the sum of what its admitted threads
+// used since this process first found each of them admitted (and kept after they leave).
+uint32_t qx_cgroup_threads_time(QX_REALTIME_DOMAIN_t *pstDomain, int32_t *ps32Time);
+// One thread's user + system time in clock ticks and its start time; -1 when it can't be read.
+int qx_thread_cpu_ticks(int32_t s32Tid, uint64_t *pu64Ticks, uint64_t *pu64Start);
 
 // ---------------------------------------------------------------------------------------------
 // Threads

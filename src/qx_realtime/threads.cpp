@@ -488,16 +488,7 @@ static uint32_t qx_admit_in_kernel(const char *pszOp, QX_REALTIME_DOMAIN_t *pstD
     }
     // The policy is applied before the cpuset move: the kernel refuses SCHED_DEADLINE to a
     // thread that already sits in a narrower cpuset.
-    const char *pszMoveTo = NULL;
-    if (pstDomain->s32UtilMax >= 1) {
-        _QX_REALTIME_Overwrite_Cpuset(pstDomain);
-        if (pstDomain->s32CpuNum != qx_cpu_count() &&
-            _QX_WriteS32ToPath(s32Tid, pstDomain->pszCpusetPathTasks) != RT_SUCCESS)
-            pszMoveTo = pstDomain->pszCpusetPathTasks;
-    }
-    if (pszMoveTo == NULL &&
-        _QX_WriteS32ToPath(s32Tid, pstDomain->pszCpuacctPathTasks) != RT_SUCCESS)
-        pszMoveTo = pstDomain->pszCpuacctPathTasks;
+    const char *pszMoveTo = qx_cgroup_join_domain(pstDomain, s32Tid);
     if (pszMoveTo != NULL) {
         RT_LOGE("[RT_Impl][Err] [%s] Move pid = [%d] to [%s] failed.\n", pszOp, s32Tid, pszMoveTo);
         return RT_ERR_SYSTEM;
@@ -686,12 +677,7 @@ static uint32_t qx_remove_locked(const char *kName, const char *pszDomainName,
         return RT_ERR_NOT_EXIST;
     }
     RT_LOGD("[RT_Impl][DBG] [%s]: pid=[%d] exists in [%s].\n", kName, s32Tid, pszDomainName);
-    const char *pszMoveTo = NULL;
-    if (pstDomain->s32CpuNum != qx_cpu_count() &&
-        _QX_WriteS32ToPath(s32Tid, RT_CPUSET_ROOT_TASKS) != RT_SUCCESS)
-        pszMoveTo = RT_CPUSET_ROOT_TASKS;
-    if (pszMoveTo == NULL && _QX_WriteS32ToPath(s32Tid, RT_CPUACCT_ROOT_TASKS) != RT_SUCCESS)
-        pszMoveTo = RT_CPUACCT_ROOT_TASKS;
+    const char *pszMoveTo = qx_cgroup_leave_domain(pstDomain, s32Tid);
     if (pszMoveTo != NULL) {
         RT_LOGE("[RT_Impl][Err] [%s] Move pid=[%d] to %s failed.\n", kName, s32Tid, pszMoveTo);
         return RT_ERR_SYSTEM;
