@@ -215,6 +215,17 @@ std::string cpuset_tasks(const std::string &name) {
 std::string cpuacct_tasks(const std::string &name) {
     return std::string(RT_CPUACCT_ROOT) + name + "/tasks";
 }
+// Whether this machine's layout has a cpuacct hierarchy (as the library tells it).
+bool has_cpuacct() {
+    return qx_cgroup_layout() == QX_CGROUP_V1;
+}
+// The tasks files that hold a domain's threads: its cpuset's, and its cpuacct group's where
+// there is one.
+std::vector<std::string> group_tasks(const std::string &name) {
+    std::vector<std::string> files = {cpuset_tasks(name)};
+    if (has_cpuacct()) files.push_back(cpuacct_tasks(name));
+    return files;
+}
 
 class Checker {
 public:
@@ -332,8 +343,11 @@ void Checker::check_record(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
         {"szName", d->szName, RT_NAME_LEN, name},
         {"pszCpusetPathRoot", d->pszCpusetPathRoot, RT_PATH_LEN, RT_CPUSET_ROOT + name},
         {"pszCpusetPathTasks", d->pszCpusetPathTasks, RT_PATH_LEN, cpuset_tasks(name)},
-        {"pszCpuacctPathRoot", d->pszCpuacctPathRoot, RT_PATH_LEN, RT_CPUACCT_ROOT + name},
-        {"pszCpuacctPathTasks", d->pszCpuacctPathTasks, RT_PATH_LEN, cpuacct_tasks(name)},
+        // Empty where there is no cpuacct hierarchy: no record names a file that isn't there.
+        {"pszCpuacctPathRoot", d->pszCpuacctPathRoot, RT_PATH_LEN,
+         has_cpuacct() ? RT_CPUACCT_ROOT + name : ""},
+        {"pszCpuacctPathTasks", d->pszCpuacctPathTasks, RT_PATH_LEN,
+         has_cpuacct() ? cpuacct_tasks(name) : ""},
     };
     for (Expect &e : expected) {
         std::string now = field(e.dst, e.size);
@@ -372,8 +386,13 @@ void Checker::check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
         if (!thread_alive(t->Pid)) continue;
         qx_sched_attr now = {};
         qx_sched_attr want = wanted_attr(d, t);
-        bool in_group = false;
-        for (int32_t id : tasks_of(cpuacct_tasks(name))) in_group |= id == t->Pid;
+        // Where the thread must be: in the cpuacct group, or without cpuacct in the domain's
+        // cpuset when admission moves it there (elsewhere no group tells).
+        bool in_cpuset = d->s32UtilMax >= 1 && d->s32CpuNum != get_nprocs();
+        bool in_group = !has_cpuacct() && !in_cpuset;
+        std::string membership = has_cpuacct() ? cpuacct_tasks(name) : cpuset_tasks(name);
+        if (!in_group)
+            for (int32_t id : tasks_of(membership)) in_group |= id == t->Pid;
         if (getattr(t->Pid, &now) && kernel_matches(d, now, want) && in_group) continue;
         std::string action;
         if (repair_) {
@@ -382,9 +401,8 @@ void Checker::check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
             if (!setattr(t->Pid, want)) {
                 action = str("could not apply the policy again: %s", strerror(errno));
             } else {
-                if (d->s32UtilMax >= 1 && d->s32CpuNum != get_nprocs())
-                    (void)write_text(cpuset_tasks(name), str("%d", t->Pid));
-                (void)write_text(cpuacct_tasks(name), str("%d", t->Pid));
+                if (in_cpuset) (void)write_text(cpuset_tasks(name), str("%d", t->Pid));
+                if (has_cpuacct()) (void)write_text(cpuacct_tasks(name), str("%d", t->Pid));
                 action = "policy and groups applied again";
             }
         }
@@ -437,7 +455,7 @@ void Checker::check_groups(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
     for (QX_REALTIME_THREAD_t *t : slots_of(d))
         if (t->Alive != 0) recorded.insert(t->Pid);
     std::set<int32_t> strays;
-    for (const std::string &path : {cpuset_tasks(name), cpuacct_tasks(name)})
+    for (const std::string &path : group_tasks(name))
         for (int32_t id : tasks_of(path))
             if (recorded.count(id) == 0) strays.insert(id);
     for (int32_t tid : strays) {
@@ -447,7 +465,8 @@ void Checker::check_groups(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
         if (repair_) {
             // Both moves are tried, whatever the first one gives.
             bool moved_cpuset = write_text(std::string(RT_CPUSET_ROOT) + "tasks", str("%d", tid));
-            bool moved_cpuacct = write_text(std::string(RT_CPUACCT_ROOT) + "tasks", str("%d", tid));
+            bool moved_cpuacct =
+                !has_cpuacct() || write_text(std::string(RT_CPUACCT_ROOT) + "tasks", str("%d", tid));
             bool moved = moved_cpuset && moved_cpuacct;
             bool normal = !rt || to_normal(tid);
             if (moved && normal)

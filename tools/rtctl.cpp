@@ -385,6 +385,33 @@ int run_list(const char *name, const Args &a) {
     return finish(name, rc);
 }
 
+// The cgroup layout the library runs on here, as it tells it itself, and where a domain's CPU
+// time comes from on it.
+int run_layout(const char *name, const Args &a) {
+    int layout = qx_cgroup_layout();
+    bool cpuacct = layout == QX_CGROUP_V1;
+    const char *source = cpuacct ? "cpuacct" : "threads";
+    if (a.json) {
+        rtctl::Json j;
+        json_head(j, name, RT_SUCCESS);
+        j.key("layout").value(qx_cgroup_layout_name(layout)).key("cpuset").value(RT_CPUSET_ROOT);
+        j.key("cpuacct");
+        if (cpuacct)
+            j.value(RT_CPUACCT_ROOT);
+        else
+            j.null();
+        j.key("usage_from").value(source);
+        json_print(j);
+    } else {
+        printf("layout: %s\ncpuset: %s\ncpuacct: %s\nusage from: %s\n",
+               qx_cgroup_layout_name(layout), RT_CPUSET_ROOT,
+               cpuacct ? RT_CPUACCT_ROOT : "none (no cpuacct hierarchy is mounted)",
+               cpuacct ? "each domain's cpuacct group"
+                       : "the CPU time of each domain's admitted threads");
+    }
+    return finish(name, RT_SUCCESS);
+}
+
 int run_add(const char *name, const Args &a) {
     NumberParser p(cmd_of(name));
     int32_t tid = 0;
@@ -725,6 +752,16 @@ const Command kCommands[] = {
      "  {\"command\":\"list\", \"result\":0, \"result_name\":\"RT_SUCCESS\",\n"
      "   \"domains\":[\"Domain_Audio\", \"Domain_Camera\"]}",
      0, 0, kOptJson, false, run_list},
+    {"layout", "[--json]",
+     "Prints the cgroup layout the library finds here and where usage comes from:\n"
+     "v1 (cpuset and cpuacct hierarchies at /dev/cpuset and /dev/cpuacct) or android\n"
+     "(cpuset only, as Android 12 and later mount it: a domain's usage is the CPU time of its\n"
+     "admitted threads). The property vendor.kpo.realtime.cgroup_layout (v1 or android)\n"
+     "overrides what the mount table says.",
+     "  {\"command\":\"layout\", \"result\":0, \"result_name\":\"RT_SUCCESS\",\n"
+     "   \"layout\":\"android\", \"cpuset\":\"/dev/cpuset/\", \"cpuacct\":null,\n"
+     "   \"usage_from\":\"threads\"}      (\"cpuacct\" and \"usage_from\" on v1: the path, \"cpuacct\")",
+     0, 0, kOptJson, false, run_layout},
     {"add", "DOMAIN CLASS TID [--overrun]",
      "Admits thread TID to CLASS of DOMAIN with the class's parameters and a budget check.\n"
      "--overrun asks a deadline domain for SCHED_FLAG_DL_OVERRUN: the kernel then sends the\n"
