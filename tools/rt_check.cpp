@@ -233,6 +233,7 @@ public:
 
     void check_domain(const std::string &name);
     void check_central();
+    void check_central_record(QX_REALTIME_CENTRAL_t *c);
 
 private:
     void found(const std::string &where, const std::string &what, const std::string &action) {
@@ -284,6 +285,126 @@ void Checker::check_central() {
               str("the central segment has mode %04o, not 0666", st.st_mode & 0777),
               mode_set(path, 0666));
     }
+}
+
+// Names of the domains that have a segment file, sorted.
+std::vector<std::string> segment_names() {
+    std::set<std::string> names;
+    const std::string dir = RT_SHM_PREFIX;
+    size_t slash = dir.rfind('/');
+    DIR *dp = opendir(dir.substr(0, slash).c_str());
+    if (dp != nullptr) {
+        std::string prefix = dir.substr(slash + 1);
+        while (dirent *e = readdir(dp)) {
+            std::string f = e->d_name;
+            if (f.compare(0, prefix.size(), prefix) == 0 && f.size() > prefix.size() &&
+                f != prefix + RT_CENTRAL_NAME)
+                names.insert(f.substr(prefix.size()));
+        }
+        closedir(dp);
+    }
+    return std::vector<std::string>(names.begin(), names.end());
+}
+
+// The domain's s32UtilMax read from its sound segment, under its lock; false when there is none.
+bool segment_util_max(const std::string &name, int32_t *out) {
+    FlockGuard lock(name);
+    if (!lock.held()) return false;
+    std::string path = std::string(RT_SHM_PREFIX) + name;
+    Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    struct stat st;
+    if (fd.get() < 0 || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) ||
+        st.st_size != RT_SHM_SIZE)
+        return false;
+    QX_REALTIME_DOMAIN_t d;
+    if (pread(fd.get(), &d, sizeof(d), 0) != (ssize_t)sizeof(d)) return false;
+    if (strncmp(d.szName, name.c_str(), RT_NAME_LEN) != 0) return false;
+    uint32_t mark = 0;
+    if (pread(fd.get(), &mark, sizeof(mark), RT_DOMAIN_MARK_OFFSET) != (ssize_t)sizeof(mark) ||
+        mark == RT_DOMAIN_CREATING)
+        return false;
+    *out = d.s32UtilMax;
+    return true;
+}
+
+// The central record against itself and the domain segments: the count of domains, each listed
+// name (a name, and listed once), the entries past the count (never written), the total against
+// the listed utilisations, and the settings' reserved bytes (never written). What the repair can
+// rebuild it rebuilds from the domain segments: the list keeps its sound names in order, then
+// every other domain with a sound segment, each with its segment's s32UtilMax where there is
+// one, and the total is their sum. The reserved bytes go back to zero; the other settings come
+// from the configuration only, and `rtctl init` reads them again.
+void Checker::check_central_record(QX_REALTIME_CENTRAL_t *c) {
+    std::vector<std::string> problems;
+    int32_t num = c->s32DomainNum;
+    if (num < 0 || num > RT_MAX_DOMAIN)
+        problems.push_back(str("s32DomainNum is %d, not 0 to %d", num, RT_MAX_DOMAIN));
+    num = std::max(0, std::min(num, RT_MAX_DOMAIN));
+    std::vector<int32_t> kept;  // the entries that hold a sound name, listed once
+    std::set<std::string> seen;
+    for (int32_t i = 0; i < num; i++) {
+        const char *entry = c->szDomainNameList[i];
+        if (!is_domain_name(entry, RT_NAME_LEN)) {
+            problems.push_back(str("entry %d of the domain list is not a domain name", i));
+            continue;
+        }
+        if (!seen.insert(entry).second) {
+            problems.push_back(str("entry %d of the domain list repeats %s", i, entry));
+            continue;
+        }
+        kept.push_back(i);
+    }
+    for (int32_t i = num; i < RT_MAX_DOMAIN; i++) {
+        const char *entry = c->szDomainNameList[i];
+        bool blank = c->s32DomainUtilList[i] == 0;
+        for (int b = 0; b < RT_NAME_LEN && blank; b++) blank = entry[b] == '\0';
+        if (!blank) problems.push_back(str("entry %d, past the count of domains, is not empty", i));
+    }
+    int32_t total = 0;
+    for (int32_t i = 0; i < num; i++) total = qx_wrap_add(total, c->s32DomainUtilList[i]);
+    if (problems.empty() && total != c->s32UtilTotal)
+        problems.push_back(str("s32UtilTotal is %d but the domains' utilisations add up to %d",
+                               c->s32UtilTotal, total));
+    if (c->au8Reserved[0] != 0 || c->au8Reserved[1] != 0 || c->au8Reserved[2] != 0) {
+        std::string what =
+            str("the settings are damaged (reserved bytes %02x %02x %02x, never written)",
+                c->au8Reserved[0], c->au8Reserved[1], c->au8Reserved[2]);
+        if (repair_) memset(c->au8Reserved, 0, sizeof(c->au8Reserved));
+        found(RT_CENTRAL_NAME, what,
+              "reserved bytes set to zero; the other settings may be damaged too: rtctl init "
+              "reads them again from the configuration");
+    }
+    if (problems.empty()) return;
+
+    std::string action;
+    if (repair_) {
+        QX_REALTIME_CENTRAL_t rebuilt;
+        memcpy(&rebuilt, c, sizeof(rebuilt));
+        memset(rebuilt.szDomainNameList, 0, sizeof(rebuilt.szDomainNameList));
+        memset(rebuilt.s32DomainUtilList, 0, sizeof(rebuilt.s32DomainUtilList));
+        int32_t n = 0, sum = 0;
+        for (int32_t i : kept) {
+            memcpy(rebuilt.szDomainNameList[n], c->szDomainNameList[i], RT_NAME_LEN);
+            int32_t util = c->s32DomainUtilList[i];
+            (void)segment_util_max(c->szDomainNameList[i], &util);
+            rebuilt.s32DomainUtilList[n++] = util;
+            sum = qx_wrap_add(sum, util);
+        }
+        for (const std::string &name : segment_names()) {
+            int32_t util = 0;
+            if (n == RT_MAX_DOMAIN || seen.count(name) != 0 || name.size() > RT_DOMAIN_NAME_MAX ||
+                !segment_util_max(name, &util))
+                continue;
+            memcpy(rebuilt.szDomainNameList[n], name.c_str(), name.size());
+            rebuilt.s32DomainUtilList[n++] = util;
+            sum = qx_wrap_add(sum, util);
+        }
+        rebuilt.s32DomainNum = n;
+        rebuilt.s32UtilTotal = sum;
+        memcpy(c, &rebuilt, sizeof(rebuilt));
+        action = str("domain list rebuilt: %d domains, total %d", n, sum);
+    }
+    for (const std::string &problem : problems) found(RT_CENTRAL_NAME, problem, action);
 }
 
 void Checker::check_domain(const std::string &name) {
@@ -465,8 +586,8 @@ void Checker::check_groups(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
         if (repair_) {
             // Both moves are tried, whatever the first one gives.
             bool moved_cpuset = write_text(std::string(RT_CPUSET_ROOT) + "tasks", str("%d", tid));
-            bool moved_cpuacct =
-                !has_cpuacct() || write_text(std::string(RT_CPUACCT_ROOT) + "tasks", str("%d", tid));
+            bool moved_cpuacct = !has_cpuacct() ||
+                                 write_text(std::string(RT_CPUACCT_ROOT) + "tasks", str("%d", tid));
             bool moved = moved_cpuset && moved_cpuacct;
             bool normal = !rt || to_normal(tid);
             if (moved && normal)
@@ -494,23 +615,22 @@ std::vector<std::string> domain_names(const QX_REALTIME_CENTRAL_t *c) {
         if (!n.empty() && n.find('/') == std::string::npos && n != "." && n != "..")
             names.insert(n);
     }
-    const std::string dir = RT_SHM_PREFIX;
-    size_t slash = dir.rfind('/');
-    DIR *dp = opendir(dir.substr(0, slash).c_str());
-    if (dp != nullptr) {
-        std::string prefix = dir.substr(slash + 1);
-        while (dirent *e = readdir(dp)) {
-            std::string f = e->d_name;
-            if (f.compare(0, prefix.size(), prefix) == 0 && f.size() > prefix.size() &&
-                f != prefix + RT_CENTRAL_NAME)
-                names.insert(f.substr(prefix.size()));
-        }
-        closedir(dp);
-    }
+    for (const std::string &n : segment_names()) names.insert(n);
     return std::vector<std::string>(names.begin(), names.end());
 }
 
 }  // namespace
+
+bool is_domain_name(const char *entry, size_t size) {
+    size_t len = strnlen(entry, size);
+    if (len == 0 || len >= size || len > RT_DOMAIN_NAME_MAX) return false;
+    if (strcmp(entry, ".") == 0 || strcmp(entry, "..") == 0) return false;
+    for (size_t i = 0; i < len; i++) {
+        unsigned char ch = (unsigned char)entry[i];
+        if (ch < 0x20 || ch == 0x7f || ch == '/') return false;
+    }
+    return true;
+}
 
 std::vector<Finding> run(bool repair, std::string *error) {
     std::vector<Finding> findings;
@@ -538,6 +658,7 @@ std::vector<Finding> run(bool repair, std::string *error) {
         *error = str("can't map %s: %s", path.c_str(), strerror(errno));
         return findings;
     }
+    checker.check_central_record((QX_REALTIME_CENTRAL_t *)map.get());
     for (const std::string &name : domain_names((const QX_REALTIME_CENTRAL_t *)map.get())) {
         if (name.size() > RT_DOMAIN_NAME_MAX) continue;
         checker.check_domain(name);

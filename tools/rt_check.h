@@ -23,6 +23,10 @@ struct Finding {
 // at all (no central segment, lock file unusable); the findings are then empty.
 std::vector<Finding> run(bool repair, std::string *error);
 
+// Whether an entry of the central record's domain list (size bytes) holds a domain name: 1 to 63
+// bytes before its terminating zero, not "." or "..", no '/' and no control character.
+bool is_domain_name(const char *entry, size_t size);
+
 }  // namespace rtcheck
 
 #endif

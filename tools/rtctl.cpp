@@ -38,6 +38,7 @@
 namespace {
 
 constexpr int kExitUsage = 2;
+constexpr int kExitInconsistent = 1;  // check: inconsistent; list: a damaged central record
 
 // ---- log sink ----
 
@@ -367,22 +368,37 @@ int run_list(const char *name, const Args &a) {
     memset(names, 0, sizeof(names));
     uint32_t rc = QX_REALTIME_GetAllDomainName(names, sizeof(names));
     close_open_line();
-    // Names copied before a failure stay valid, so they are shown either way.
+    // Names copied before a failure stay valid, so they are shown either way. An entry that is
+    // not a name (a damaged central record) is never printed: it is counted and named as such.
     std::vector<std::string> found;
+    int damaged = 0;
     for (size_t slot = 0; slot < RT_MAX_DOMAIN; slot++) {
         const char *entry = names + RT_NAME_LEN * slot;
         size_t len = strnlen(entry, RT_NAME_LEN);
-        if (len > 0) found.push_back(std::string(entry, len));
+        if (len == 0) continue;
+        if (rtcheck::is_domain_name(entry, RT_NAME_LEN))
+            found.push_back(std::string(entry, len));
+        else
+            damaged++;
     }
     if (a.json) {
         rtctl::Json j;
         json_head(j, name, rc);
         j.key("domains").strings(found);
+        j.key("damaged_entries").value((int64_t)damaged);
         json_print(j);
     } else {
         for (const std::string &n : found) printf("%s\n", n.c_str());
     }
-    return finish(name, rc);
+    int status = finish(name, rc);
+    if (damaged > 0) {
+        fprintf(stderr,
+                "rtctl: list: %d entr%s of the central record's domain list %s not a domain name: "
+                "the record is damaged (rtctl check --repair rebuilds the list)\n",
+                damaged, damaged == 1 ? "y" : "ies", damaged == 1 ? "is" : "are");
+        if (status == 0) status = kExitInconsistent;
+    }
+    return status;
 }
 
 // The cgroup layout the library runs on here, as it tells it itself, and where a domain's CPU
@@ -748,9 +764,12 @@ const Command kCommands[] = {
      nullptr, 1, 2, 0, false, run_create},
     {"delete", "DOMAIN", "Removes DOMAIN's segment and lock file (QX_REALTIME_DeleteDomain).",
      nullptr, 1, 1, 0, false, run_delete},
-    {"list", "[--json]", "Prints the names of the registered domains, one per line.",
+    {"list", "[--json]",
+     "Prints the names of the registered domains, one per line.\n"
+     "An entry of the central record that is not a name is never printed: list then says how\n"
+     "many there are on stderr and exits 1 (rtctl check --repair rebuilds the list).",
      "  {\"command\":\"list\", \"result\":0, \"result_name\":\"RT_SUCCESS\",\n"
-     "   \"domains\":[\"Domain_Audio\", \"Domain_Camera\"]}",
+     "   \"domains\":[\"Domain_Audio\", \"Domain_Camera\"], \"damaged_entries\":0}",
      0, 0, kOptJson, false, run_list},
     {"layout", "[--json]",
      "Prints the cgroup layout the library finds here and where usage comes from:\n"
@@ -760,7 +779,8 @@ const Command kCommands[] = {
      "overrides what the mount table says.",
      "  {\"command\":\"layout\", \"result\":0, \"result_name\":\"RT_SUCCESS\",\n"
      "   \"layout\":\"android\", \"cpuset\":\"/dev/cpuset/\", \"cpuacct\":null,\n"
-     "   \"usage_from\":\"threads\"}      (\"cpuacct\" and \"usage_from\" on v1: the path, \"cpuacct\")",
+     "   \"usage_from\":\"threads\"}      (\"cpuacct\" and \"usage_from\" on v1: the path, "
+     "\"cpuacct\")",
      0, 0, kOptJson, false, run_layout},
     {"add", "DOMAIN CLASS TID [--overrun]",
      "Admits thread TID to CLASS of DOMAIN with the class's parameters and a budget check.\n"
@@ -860,7 +880,8 @@ const struct {
 const char kResultCodes[] =
     "0 RT_SUCCESS, 4 RT_ERR_FAILED, 8 RT_ERR_INVALID_PARAM,\n"
     "9 RT_ERR_OVER_BUDGET, 10 RT_ERR_NULL, 11 RT_ERR_NOT_EXIST, 12 RT_ERR_SYSTEM,\n"
-    "14 RT_ERR_SCHED_SETATTR; 2 bad arguments; lint exits 1 when the file has an error.";
+    "14 RT_ERR_SCHED_SETATTR; 2 bad arguments; lint exits 1 when the file has an error,\n"
+    "check when it finds an inconsistency, list when the central record's list is damaged.";
 
 void print_usage(FILE *out) {
     fprintf(out,

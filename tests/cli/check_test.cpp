@@ -255,3 +255,61 @@ TEST_F(RtctlCheck, CentralSegmentThatIsNoRegularFileIsRemoved) {
     Result after = rtctl({"check"});
     EXPECT_EQ(after.status, 0) << after.out << after.err;
 }
+
+// The central record written over (200 bytes of noise from its start, as `dd if=/dev/urandom`
+// would): list prints no byte that is not a name and says the record is damaged; check names
+// what is wrong; the repair rebuilds the domain list from the domain segments; list and check
+// then agree with the segments again.
+TEST_F(RtctlCheck, DamagedCentralRecordIsFoundAndItsListRebuilt) {
+    std::string path = "/dev/shm/realtime/rt_Global";
+    std::string bytes = qxt::read_file(path);
+    ASSERT_EQ(bytes.size(), (size_t)RT_SHM_SIZE);
+    uint32_t seed = 2463534242u;
+    for (int i = 0; i < 200; i++) {
+        seed ^= seed << 13;  // xorshift: the same noise every run
+        seed ^= seed >> 17;
+        seed ^= seed << 5;
+        bytes[i] = (char)(seed & 0xff);
+    }
+    bytes[21] = 0x5a;  // a reserved byte of the settings, never written
+    qxt::write_file(path, bytes);
+
+    Result list = rtctl({"list"});
+    EXPECT_EQ(list.status, 1) << list.out << list.err;
+    for (char ch : list.out) EXPECT_TRUE(ch == '\n' || (ch >= 0x20 && ch < 0x7f)) << list.out;
+    EXPECT_TRUE(contains(list.err, "of the central record's domain list")) << list.err;
+
+    Result found = rtctl({"check"});
+    EXPECT_EQ(found.status, 1) << found.out << found.err;
+    EXPECT_TRUE(contains(found.out, "Global")) << found.out;
+    EXPECT_TRUE(contains(found.out, "is not a domain name")) << found.out;
+    EXPECT_TRUE(contains(found.out, "the settings are damaged (reserved bytes 5a")) << found.out;
+
+    Result fixed = rtctl({"check", "--repair"});
+    EXPECT_EQ(fixed.status, 0) << fixed.out << fixed.err;
+    EXPECT_TRUE(contains(fixed.out, "repaired: domain list rebuilt: 2 domains, total 1536"))
+        << fixed.out;
+    Result after = rtctl({"check"});
+    EXPECT_EQ(after.status, 0) << after.out;
+    EXPECT_EQ(after.out, "consistent\n");
+    list = rtctl({"list"});
+    EXPECT_EQ(list.status, 0) << list.err;
+    EXPECT_EQ(list.out, "Domain_Audio\nDomain_Camera\n");
+    const QX_REALTIME_CENTRAL_t *c = qxt::map_central_file();
+    ASSERT_NE(c, nullptr);
+    EXPECT_EQ(c->s32DomainNum, 2);
+    EXPECT_EQ(c->s32UtilTotal, 512 + 1024);
+}
+
+// A count of domains out of range alone: found, and the list rebuilt with its names kept.
+TEST_F(RtctlCheck, DomainCountOutOfRangeIsFoundAndRepaired) {
+    QX_REALTIME_CENTRAL_t *c = qxt::map_central_file();
+    ASSERT_NE(c, nullptr);
+    c->s32DomainNum = 5000;
+    Result list = rtctl({"list"});
+    for (char ch : list.out) EXPECT_TRUE(ch == '\n' || (ch >= 0x20 && ch < 0x7f)) << list.out;
+    expect_found_and_repaired({"s32DomainNum is 5000, not 0 to 24"},
+                              {"domain list rebuilt: 2 domains, total 1536"});
+    EXPECT_EQ(c->s32DomainNum, 2);
+    EXPECT_EQ(rtctl({"list"}).out, "Domain_Audio\nDomain_Camera\n");
+}
