@@ -20,7 +20,7 @@ uint32_t _QX_WriteStrToPath(const char *pszValue, const char *pszPath) {
         RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", __func__);
         return RT_ERR_SYSTEM;
     }
-    FILE *pFile = fopen(pszPath, "w");
+    FILE *pFile = fopen(pszPath, "we");
     if (pFile == NULL) {
         RT_LOGE("[RT_Impl][Err] [%s] Can't open %s, errno=%s\n", __func__, pszPath, RT_ERRNO_STR);
         return RT_ERR_SYSTEM;
