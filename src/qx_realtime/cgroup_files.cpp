@@ -25,7 +25,7 @@ uint32_t _QX_WriteStrToPath(const char *pszValue, const char *pszPath) {
         RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", __func__);
         return RT_ERR_SYSTEM;
     }
-    FILE *pFile = fopen(pszPath, "w");
+    FILE *pFile = fopen(pszPath, "we");
     if (pFile == NULL) {
         RT_LOGE("[RT_Impl][Err] [%s] Can't open %s, errno=%s\n", __func__, pszPath, RT_ERRNO_STR);
         return RT_ERR_SYSTEM;
@@ -152,8 +152,8 @@ uint32_t qx_cgroup_domain_paths(QX_REALTIME_DOMAIN_t *pstDomain) {
 }
 
 // Whether a path field of a record reads exactly pszBase + pszName + pszTail.
-static int qx_path_is(const char *pszField, const char *pszBase, const char *pszName,
-                       const char *pszTail) {
+int qx_path_field_is(const char *pszField, const char *pszBase, const char *pszName,
+                     const char *pszTail) {
     const char *apszParts[] = {pszBase, pszName, pszTail};
     size_t uAt = 0;
     for (const char *pszPart : apszParts) {
@@ -171,18 +171,18 @@ static int qx_path_is_empty(const char *pszField) {
 }
 
 const char *qx_cgroup_foreign_path(const char *pszName, const QX_REALTIME_DOMAIN_t *pstDomain) {
-    if (!qx_path_is(pstDomain->pszCpusetPathRoot, RT_CPUSET_ROOT, pszName, ""))
+    if (!qx_path_field_is(pstDomain->pszCpusetPathRoot, RT_CPUSET_ROOT, pszName, ""))
         return "pszCpusetPathRoot";
-    if (!qx_path_is(pstDomain->pszCpusetPathTasks, RT_CPUSET_ROOT, pszName, "/tasks"))
+    if (!qx_path_field_is(pstDomain->pszCpusetPathTasks, RT_CPUSET_ROOT, pszName, "/tasks"))
         return "pszCpusetPathTasks";
     if (qx_cgroup_layout() == QX_CGROUP_ANDROID) {
         if (!qx_path_is_empty(pstDomain->pszCpuacctPathRoot)) return "pszCpuacctPathRoot";
         if (!qx_path_is_empty(pstDomain->pszCpuacctPathTasks)) return "pszCpuacctPathTasks";
         return NULL;
     }
-    if (!qx_path_is(pstDomain->pszCpuacctPathRoot, RT_CPUACCT_ROOT, pszName, ""))
+    if (!qx_path_field_is(pstDomain->pszCpuacctPathRoot, RT_CPUACCT_ROOT, pszName, ""))
         return "pszCpuacctPathRoot";
-    if (!qx_path_is(pstDomain->pszCpuacctPathTasks, RT_CPUACCT_ROOT, pszName, "/tasks"))
+    if (!qx_path_field_is(pstDomain->pszCpuacctPathTasks, RT_CPUACCT_ROOT, pszName, "/tasks"))
         return "pszCpuacctPathTasks";
     return NULL;
 }
@@ -261,9 +261,9 @@ const char *qx_cgroup_leave_domain(const QX_REALTIME_DOMAIN_t *pstDomain, int32_
     return NULL;
 }
 
-int qx_cgroup_tasks_files(const QX_REALTIME_DOMAIN_t *pstDomain, const char *apszFiles[2]) {
-    apszFiles[0] = pstDomain->pszCpusetPathTasks;
-    apszFiles[1] = pstDomain->pszCpuacctPathTasks;
+int qx_cgroup_tasks_files(const QX_REALTIME_DOMAIN_t *pstDomain, qx_tasks_file_t astFiles[2]) {
+    astFiles[0] = {pstDomain->pszCpusetPathTasks, RT_CPUSET_ROOT};
+    astFiles[1] = {pstDomain->pszCpuacctPathTasks, RT_CPUACCT_ROOT};
     return qx_cgroup_layout() == QX_CGROUP_ANDROID ? 1 : 2;
 }
 

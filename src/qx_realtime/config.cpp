@@ -107,13 +107,20 @@ uint32_t qx_read_file_first_word(const char *pszPath, char **ppszText, size_t *p
         RT_LOGE_AS(kFileReader, "[RT_Impl][Err] [%s] Arg is NULL.\n", kFileReader);
         return RT_ERR_INVALID_PARAM;
     }
-    FILE *pFile = fopen(pszPath, "r");
+    FILE *pFile = fopen(pszPath, "re");
     if (pFile == NULL) {
         RT_LOGE_AS(kFileReader, "[RT_Impl][Err] [%s] Failed to open %s: %s.\n", kFileReader,
                    pszPath, RT_ERRNO_STR);
         return RT_ERR_SYSTEM;
     }
     return qx_config_read_stream(pFile, pszPath, ppszText, puFirstWordLen);
+}
+
+uint32_t qx_read_refused(const char *pszPath) {
+    errno = EACCES;
+    RT_LOGE_AS(kFileReader, "[RT_Impl][Err] [%s] Failed to open %s: %s.\n", kFileReader, pszPath,
+               RT_ERRNO_STR);
+    return RT_ERR_SYSTEM;
 }
 
 uint32_t _QX_REALTIME_FileReader(const char *pszPath, char **ppszText) {

@@ -25,9 +25,11 @@ void qx_set_creation_mark(QX_REALTIME_DOMAIN_t *pstDomain, uint32_t u32Mark) {
 // What a mapped segment may be trusted with. A record whose creation never finished (its mark
 // still set, or not even its name written) is unfinished; one whose name or the cgroup paths the
 // library writes to are not those its name implies, or whose file is shorter than a segment, is
-// broken: another process wrote over it, and acting on it could write into any file.
+// broken: another process wrote over it, and acting on it could write into any file. A lookup
+// that only reads the record (bWrites 0) leaves the paths to its caller, which must not open one
+// that is not the domain's own.
 static int qx_check_segment(const char *pszOp, const char *pszName,
-                            const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32ShmFd) {
+                            const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32ShmFd, int bWrites) {
     long long s64Size = 0;
     if (qx_fd_is_short(s32ShmFd, &s64Size)) {
         RT_LOGE("[RT_Impl][Err] [%s] %s%s is %lld bytes, not %d: refused.\n", pszOp, RT_SHM_PREFIX,
@@ -39,6 +41,8 @@ static int qx_check_segment(const char *pszOp, const char *pszName,
     const char *pszBad = NULL;
     if (strncmp(pstDomain->szName, pszName, RT_NAME_LEN) != 0)
         pszBad = "szName";
+    else if (!bWrites)
+        return QX_LOOKUP_FOUND;
     else
         pszBad = qx_cgroup_foreign_path(pszName, pstDomain);
     if (pszBad == NULL) return QX_LOOKUP_FOUND;
@@ -54,8 +58,8 @@ static int qx_check_segment(const char *pszOp, const char *pszName,
 // lookup goes on to the lock file with *ppvAddr (NULL after a failed mapping, whose descriptor
 // stays open) and *ps32ShmFd.
 static int qx_map_domain(const char *kName, const char *pszDomainName, void **ppvAddr,
-                         int32_t *ps32ShmFd, QX_REALTIME_DOMAIN_MAP_t **ppstEntry,
-                         int *ps32Status) {
+                         int32_t *ps32ShmFd, QX_REALTIME_DOMAIN_MAP_t **ppstEntry, int *ps32Status,
+                         int bWrites) {
     char szPath[RT_PATH_LEN];
     if (RT_FORMAT_PATH(szPath, "%s%s", RT_SHM_PREFIX, pszDomainName) < 0) return 0;
     qx_fd stShm(open(szPath, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
@@ -105,8 +109,8 @@ static int qx_map_domain(const char *kName, const char *pszDomainName, void **pp
         return 1;
     }
     // Only a finished, sound domain enters the table.
-    *ps32Status =
-        qx_check_segment(kName, pszDomainName, (QX_REALTIME_DOMAIN_t *)stMap.get(), stShm.get());
+    *ps32Status = qx_check_segment(kName, pszDomainName, (QX_REALTIME_DOMAIN_t *)stMap.get(),
+                                   stShm.get(), bWrites);
     if (*ps32Status != QX_LOOKUP_FOUND) return 0;
     QX_REALTIME_DOMAIN_MAP_t *pstEntry = &pstTop->astDomainMap[pstTop->u32DomainMapNum];
     *ppstEntry = pstEntry;
@@ -121,8 +125,14 @@ static int qx_map_domain(const char *kName, const char *pszDomainName, void **pp
     return 1;
 }
 
-QX_REALTIME_DOMAIN_t *qx_find_domain(const char *pszDomainName, int32_t *pFlockFd,
-                                     int *ps32Status) {
+void qx_domain_lock_refused(const char *pszDomainName) {
+    RT_LOGE("[RT_Impl][Err] %s (%d), can't get %s flock\n", "_QX_REALTIME_GetDomainFromName",
+            __LINE__, pszDomainName);
+}
+
+// The lookup; bWrites 0 for a caller that only reads the record (see qx_check_segment).
+static QX_REALTIME_DOMAIN_t *qx_lookup(const char *pszDomainName, int32_t *pFlockFd,
+                                       int *ps32Status, int bWrites) {
     static const char kName[] = "_QX_REALTIME_GetDomainFromName";
     int s32Status = QX_LOOKUP_FAILED;
     if (ps32Status == NULL) ps32Status = &s32Status;
@@ -153,18 +163,18 @@ QX_REALTIME_DOMAIN_t *qx_find_domain(const char *pszDomainName, int32_t *pFlockF
             strcmp(pstTop->astDomainMap[i].szDomainName, pszDomainName) == 0) {
             pvAddr = pstTop->astDomainMap[i].pvDomainAddr;
             *ps32Status = qx_check_segment(kName, pszDomainName, (QX_REALTIME_DOMAIN_t *)pvAddr,
-                                           pstTop->astDomainMap[i].s32ShmFd);
+                                           pstTop->astDomainMap[i].s32ShmFd, bWrites);
             if (*ps32Status != QX_LOOKUP_FOUND) return NULL;
             break;
         }
     }
 
     if (pvAddr == NULL &&
-        !qx_map_domain(kName, pszDomainName, &pvAddr, &s32ShmFd, &pstEntry, ps32Status))
+        !qx_map_domain(kName, pszDomainName, &pvAddr, &s32ShmFd, &pstEntry, ps32Status, bWrites))
         return NULL;
 
     if (_QX_REALTIME_GetFlock(pszDomainName, pFlockFd) != RT_SUCCESS) {
-        RT_LOGE("[RT_Impl][Err] %s (%d), can't get %s flock\n", kName, __LINE__, pszDomainName);
+        qx_domain_lock_refused(pszDomainName);
         // A descriptor that entered the table stays open with it: it is how a later lookup
         // sees that another process cut the file short.
         if (s32ShmFd >= 0 && pstEntry == NULL) close(s32ShmFd);
@@ -176,15 +186,30 @@ QX_REALTIME_DOMAIN_t *qx_find_domain(const char *pszDomainName, int32_t *pFlockF
     return (QX_REALTIME_DOMAIN_t *)pvAddr;
 }
 
-QX_REALTIME_DOMAIN_t *_QX_REALTIME_GetDomainFromName(const char *pszDomainName, int32_t *pFlockFd) {
+QX_REALTIME_DOMAIN_t *qx_find_domain(const char *pszDomainName, int32_t *pFlockFd,
+                                     int *ps32Status) {
+    return qx_lookup(pszDomainName, pFlockFd, ps32Status, 1);
+}
+
+// The lookup with a domain whose creation never finished reported.
+static QX_REALTIME_DOMAIN_t *qx_lookup_reported(const char *pszDomainName, int32_t *pFlockFd,
+                                                int bWrites) {
     int s32Status = QX_LOOKUP_FAILED;
-    QX_REALTIME_DOMAIN_t *pstDomain = qx_find_domain(pszDomainName, pFlockFd, &s32Status);
+    QX_REALTIME_DOMAIN_t *pstDomain = qx_lookup(pszDomainName, pFlockFd, &s32Status, bWrites);
     if (s32Status == QX_LOOKUP_UNFINISHED)
         RT_LOGE(
             "[RT_Impl][Err] [%s] Domain [%s] is being created, or its creator died before "
             "it was done: refused.\n",
             "_QX_REALTIME_GetDomainFromName", pszDomainName);
     return pstDomain;
+}
+
+QX_REALTIME_DOMAIN_t *_QX_REALTIME_GetDomainFromName(const char *pszDomainName, int32_t *pFlockFd) {
+    return qx_lookup_reported(pszDomainName, pFlockFd, 1);
+}
+
+QX_REALTIME_DOMAIN_t *qx_get_domain_to_read(const char *pszDomainName, int32_t *pFlockFd) {
+    return qx_lookup_reported(pszDomainName, pFlockFd, 0);
 }
 
 // The charge as the in-use records add it up, after a holder died under the domain's lock.
@@ -210,15 +235,24 @@ int qx_domain_hold::take(const char *pszOp, const char *pszDomainName, uint32_t 
     stMutex_.lock();
     qx_lock_file stCentral;
     *stCentral.slot() = s32Central;
-    stCentral.lock();
+    if (!stCentral.lock()) {
+        stCentral.release();
+        release();
+        *pu32Ret = qx_central_lock_refused(pszOp);
+        return QX_DOMAIN_NO_CENTRAL;
+    }
     QX_REALTIME_DOMAIN_t *pstDomain = _QX_REALTIME_GetDomainFromName(pszDomainName, stFile_.slot());
     stCentral.release();
+    // A domain whose lock file can't be locked is one whose lock file can't be had.
+    if (pstDomain != NULL && !stFile_.lock()) {
+        qx_domain_lock_refused(pszDomainName);
+        pstDomain = NULL;
+    }
     if (pstDomain == NULL) {
         release();
         *pu32Ret = RT_ERR_NULL;
         return QX_DOMAIN_MISSING;
     }
-    stFile_.lock();
     if (qx_creation_mark(pstDomain) == RT_DOMAIN_BUSY) qx_recount_charge(pszOp, pstDomain);
     qx_set_creation_mark(pstDomain, RT_DOMAIN_BUSY);
     pstDomain_ = pstDomain;
@@ -352,6 +386,10 @@ uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
     uint32_t u32Ret;
     if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return u32Ret;
     qx_central_hold stCentral(s32Central);
+    if (!stCentral.locked()) {
+        stCentral.release();
+        return qx_central_lock_refused(kName);
+    }
 
     switch (qx_creation_wanted(kName, pszDomainName)) {
     case QX_CREATE_REFUSED:
@@ -408,6 +446,10 @@ uint32_t QX_REALTIME_GetAllDomainName(char *pNames, uint32_t u32BufSize) {
     uint32_t u32Ret;
     if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return u32Ret;
     qx_central_hold stCentral(s32Central);
+    if (!stCentral.locked()) {
+        stCentral.release();
+        return qx_central_lock_refused(kName);
+    }
 
     QX_REALTIME_CENTRAL_t *pstCentral = pstTop->pstCentral;
     RT_LOGI("[RT_Impl][Info] ==================================\n");
@@ -542,10 +584,14 @@ int32_t QX_REALTIME_DeleteDomain(const char *pszDomainName) {
 
     RT_ENTER(kName);
     RT_REQUIRE_ARG(kName, pszDomainName);
-    RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
+    RT_REQUIRE_LOOKUP_NAME(kName, pszDomainName);
     uint32_t u32Ret;
     if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return (int32_t)u32Ret;
     qx_central_hold stCentral(s32Central);
+    if (!stCentral.locked()) {
+        stCentral.release();
+        return (int32_t)qx_central_lock_refused(kName);
+    }
     int s32Found = QX_LOOKUP_FAILED;
     QX_REALTIME_DOMAIN_t *pstDomain = qx_find_domain(pszDomainName, NULL, &s32Found);
     if (s32Found == QX_LOOKUP_UNFINISHED || s32Found == QX_LOOKUP_BROKEN) {
@@ -656,7 +702,7 @@ uint32_t QX_REALTIME_QueryBudget(const char *pszDomainName, QX_REALTIME_UTIL_t *
         RT_LOGE("[RT_Impl][Err] [%s] ps32UtilLeft is NULL.\n", kName);
         return RT_ERR_NULL;
     }
-    RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
+    RT_REQUIRE_LOOKUP_NAME(kName, pszDomainName);
     qx_domain_hold stHold;
     uint32_t u32Ret;
     int s32Outcome = stHold.take(kName, pszDomainName, &u32Ret);

@@ -10,7 +10,7 @@
 // Quick line scan of the configuration for "Util", "Enabled" and "DbgLevel" (not a JSON parse).
 uint32_t _QX_REALTIME_GetCapability(void) {
     static const char kName[] = "_QX_REALTIME_GetCapability";
-    FILE *pFile = fopen(pstJsonPath, "r");
+    FILE *pFile = fopen(pstJsonPath, "re");
     if (pFile == NULL) {
         RT_LOGE("[RT_Impl][Err] [%s] Can't open %s, errno=%s\n", kName, pstJsonPath, RT_ERRNO_STR);
         return RT_ERR_SYSTEM;
@@ -36,7 +36,7 @@ static uint32_t qx_open_log_file(void) {
     char szPath[RT_PATH_LEN];
     if (RT_FORMAT_PATH(szPath, "%s%d", RT_LOG_FILE_PREFIX, (int32_t)(intptr_t)pstTop) < 0)
         return RT_ERR_SYSTEM;
-    FILE *pFile = fopen(szPath, "w");
+    FILE *pFile = fopen(szPath, "we");
     if (pFile == NULL) return RT_ERR_SYSTEM;
     rtlog = pFile;  // a stream opened by an earlier Init is left open, as before
     return RT_SUCCESS;
@@ -49,8 +49,9 @@ static uint32_t qx_init_json_path(const char *kName, uint32_t u32Mode) {
         char szValue[QX_PROPERTY_VALUE_MAX];
         memset(szValue, 0, sizeof(szValue));
         qx_property_get(RT_PROP_CFG_NAME, szValue, "0");
-        if (RT_FORMAT_PATH(u8JsonPath, "%s%s.json", RT_JSON_PREFIX, szValue) < 0)
-            return RT_ERR_FAILED;
+        // The bounded formatter, not the path builder: a name too long for the 64-byte buffer is
+        // cut to its 63 characters and that file is read, the formatter's answer, not a failure.
+        if (RT_SNPRINTF(u8JsonPath, "%s%s.json", RT_JSON_PREFIX, szValue) < 0) return RT_ERR_FAILED;
         pstJsonPath = u8JsonPath;
     } else if (u32Mode == 1) {
         pstJsonPath = RT_JSON_VERIFY_ONLY;
@@ -122,7 +123,15 @@ uint32_t QX_REALTIME_Init(uint32_t u32Mode) {
         }
     }
     qx_mutex_hold stHold;
-    stCentral.lock();
+    if (!stCentral.lock()) {
+        // A lock the kernel refuses is a lock file that can't be had: the same code logged and
+        // returned as when it can't be opened.
+        stCentral.release();
+        stHold.unlock();
+        qx_no_central_lock();
+        RT_EXIT(kName, RT_ERR_SYSTEM);
+        return RT_ERR_FAILED;
+    }
     uint32_t u32Ret = qx_init_locked(kName, u32Mode);
     stCentral.release();
     stHold.unlock();
@@ -160,7 +169,11 @@ uint32_t QX_REALTIME_Deinit(void) {
         }
     }
     qx_mutex_hold stHold;
-    stCentral.lock();
+    if (!stCentral.lock()) {
+        stCentral.release();
+        stHold.unlock();
+        return qx_central_lock_refused(kName);
+    }
     _QX_REALTIME_SharedMemoryFree(RT_CENTRAL_NAME, &pstTop->s32ShmFd, pstTop->pstCentral);
     // Domain segments mapped by this process stay mapped; rtlog stays open.
     free(pstTop);

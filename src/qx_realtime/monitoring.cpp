@@ -211,7 +211,7 @@ uint32_t QX_REALTIME_GetDomainCpuUsage(const char *pszDomainName, uint32_t u32In
     RT_ENTER(kName);
     RT_REQUIRE_ARG(kName, pszDomainName);
     // "All" (its first three characters) names every domain, not a file.
-    if (strncmp(pszDomainName, "All", 3) != 0) RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
+    if (strncmp(pszDomainName, "All", 3) != 0) RT_REQUIRE_LOOKUP_NAME(kName, pszDomainName);
     uint32_t u32Ret;
     if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return u32Ret;
     // The measurement takes no lock file: it only reads, and it may run for a long time.
@@ -292,12 +292,19 @@ static void qx_dump_classes_and_threads(QX_REALTIME_DOMAIN_t *pstDomain) {
 }
 
 static void qx_dump_kernel_view(const char *pszOp, QX_REALTIME_DOMAIN_t *pstDomain) {
-    const char *apszFields[2];
-    int s32Files = qx_cgroup_tasks_files(pstDomain, apszFields);
+    qx_tasks_file_t astFiles[2];
+    int s32Files = qx_cgroup_tasks_files(pstDomain, astFiles);
     for (int i = 0; i < s32Files; i++) {
-        qx_field<RT_PATH_LEN> stPath(apszFields[i]);
+        const qx_tasks_file_t &stFile = astFiles[i];
+        qx_field<RT_PATH_LEN> stPath(stFile.pszField);
         char *pszText = NULL;
-        if (_QX_REALTIME_FileReader(stPath.sz, &pszText) == RT_SUCCESS) {
+        // A tasks path other than the one the domain's name implies was written by someone else
+        // and may name any file: it is never opened, and reads as a file that can't be read.
+        uint32_t u32Read = qx_path_field_is(stFile.pszField, stFile.pszRoot,
+                                            qx_name_of(pstDomain->szName).sz, "/tasks")
+                               ? _QX_REALTIME_FileReader(stPath.sz, &pszText)
+                               : qx_read_refused(stPath.sz);
+        if (u32Read == RT_SUCCESS) {
             RT_LOGI("[RT_Impl][Info] Info from [%s]:\n%s\n", stPath.sz, pszText);
         } else {
             RT_LOGE("[RT_Impl][Err] Read %s failed in %s.\n", stPath.sz, pszOp);
@@ -312,7 +319,7 @@ uint32_t QX_REALTIME_DumpDomainInfo(const char *pszDomainName) {
     RT_ENTER(kName);
     RT_REQUIRE_ARG(kName, pszDomainName);
     // "All" (its first three characters) names every domain, not a file.
-    if (strncmp(pszDomainName, "All", 3) != 0) RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
+    if (strncmp(pszDomainName, "All", 3) != 0) RT_REQUIRE_LOOKUP_NAME(kName, pszDomainName);
     uint32_t u32Ret;
     if (qx_frame_open(kName, &s32Central, &u32Ret) != QX_FRAME_GO) return u32Ret;
     if (strncmp(pszDomainName, "All", 3) == 0) {
@@ -327,10 +334,18 @@ uint32_t QX_REALTIME_DumpDomainInfo(const char *pszDomainName) {
     qx_mutex_hold stMutex;
     qx_lock_file stCentral;
     *stCentral.slot() = s32Central;
-    stCentral.lock();
+    if (!stCentral.lock()) {
+        stCentral.release();
+        stMutex.unlock();
+        return qx_central_lock_refused(kName);
+    }
     qx_lock_file stDomainFile;
-    QX_REALTIME_DOMAIN_t *pstDomain =
-        _QX_REALTIME_GetDomainFromName(pszDomainName, stDomainFile.slot());
+    QX_REALTIME_DOMAIN_t *pstDomain = qx_get_domain_to_read(pszDomainName, stDomainFile.slot());
+    // A domain whose lock file can't be locked is one whose lock file can't be had.
+    if (pstDomain != NULL && !stDomainFile.lock()) {
+        qx_domain_lock_refused(pszDomainName);
+        pstDomain = NULL;
+    }
     if (pstDomain == NULL) {
         RT_LOGE("[RT_Impl][Err] [%s] pstDomain is NULL for [%s].\n", kName, pszDomainName);
         stCentral.release();
@@ -338,7 +353,6 @@ uint32_t QX_REALTIME_DumpDomainInfo(const char *pszDomainName) {
         return RT_ERR_NULL;
     }
     stCentral.release();
-    stDomainFile.lock();
 
     uint32_t u32MapNum = pstTop->u32DomainMapNum;
     if (u32MapNum > RT_MAX_DOMAIN_MAP) u32MapNum = RT_MAX_DOMAIN_MAP;

@@ -346,6 +346,13 @@ long long qx_regular_size(int32_t s32Fd);
 // Whether the file behind a segment descriptor is shorter than a segment (its size in
 // *ps64Size): such a mapping must not be touched. A descriptor of -1 can't tell and says no.
 int qx_fd_is_short(int32_t s32Fd, long long *ps64Size);
+// The one report of a central lock file that can't be had, whether it can't be opened or the
+// kernel refuses its lock (flock failing otherwise than by a signal): the error of
+// _QX_REALTIME_GetCentralAndTop; returns that step's code, RT_ERR_FAILED.
+uint32_t qx_no_central_lock(void);
+// The same, then pszOp's exit trace, for an operation that has released the lock file and the
+// mutex and fails as when the central lock file can't be opened.
+uint32_t qx_central_lock_refused(const char *pszOp);
 // Whether this process's central mapping is whole; if not, says so in an error message.
 int qx_central_intact(const char *pszOp);
 
@@ -374,6 +381,9 @@ uint32_t _QX_REALTIME_FileReader(const char *pszPath, char **ppszText);
 // up to its first zero byte (a command line's program), which always starts the text.
 uint32_t qx_config_read_stream(FILE *pFile, const char *pszPath, char **ppszText,
                                size_t *puFirstWordLen = NULL);
+// The reader's answer for a file it must not open (a path a damaged record names): the failure
+// of a file that can't be read, as the reader reports it (EACCES), without any system call.
+uint32_t qx_read_refused(const char *pszPath);
 // _QX_REALTIME_FileReader, with the first word's length as above.
 uint32_t qx_read_file_first_word(const char *pszPath, char **ppszText, size_t *puFirstWordLen);
 
@@ -430,6 +440,17 @@ enum {
     QX_LOOKUP_FAILED
 };
 QX_REALTIME_DOMAIN_t *qx_find_domain(const char *pszDomainName, int32_t *pFlockFd, int *ps32Status);
+// _QX_REALTIME_GetDomainFromName for a caller that only reads the record and opens none of the
+// files its paths name (the dump): a record whose cgroup paths are not those its name implies is
+// still found, and the caller tests each path with qx_path_field_is before it reads that file.
+QX_REALTIME_DOMAIN_t *qx_get_domain_to_read(const char *pszDomainName, int32_t *pFlockFd);
+// Whether a path field of a record reads exactly pszBase + pszName + pszTail.
+int qx_path_field_is(const char *pszField, const char *pszBase, const char *pszName,
+                     const char *pszTail);
+
+// A domain's lock refused by the kernel: the lookup's error for a lock file it can't get. The
+// caller then fails as for a domain that can't be found.
+void qx_domain_lock_refused(const char *pszDomainName);
 
 // A domain name names files and directories: 1 to 63 characters (the record's name field), no
 // '/', and neither "." nor "..", so that it can never lead out of the directories it is used in.
@@ -444,6 +465,15 @@ int qx_domain_name_ok(const char *pszName);
                 name);                                                                     \
             return RT_ERR_INVALID_PARAM;                                                   \
         }                                                                                  \
+    } while (0)
+
+// The name check of the operations that look a domain up. The empty name names no domain and no
+// file: it is looked up and not found, with the operation's answer for any unknown name. The
+// other names qx_domain_name_ok refuses could lead out of the library's directories and are
+// refused before any file is touched.
+#define RT_REQUIRE_LOOKUP_NAME(name, arg)                        \
+    do {                                                         \
+        if ((arg)[0] != '\0') RT_REQUIRE_DOMAIN_NAME(name, arg); \
     } while (0)
 
 // The smallest deadline reservation the kernel accepts: 1024 ns every 4 s. Its bandwidth rounds
@@ -511,8 +541,14 @@ uint32_t qx_cgroup_make_cpuset_group(QX_REALTIME_DOMAIN_t *pstDomain);
 // refused it.
 const char *qx_cgroup_join_domain(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid);
 const char *qx_cgroup_leave_domain(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid);
-// The tasks files that show the domain's threads, as the kernel sees them: how many of the two.
-int qx_cgroup_tasks_files(const QX_REALTIME_DOMAIN_t *pstDomain, const char *apszFiles[2]);
+// The tasks files that show the domain's threads, as the kernel sees them (each path field with
+// the hierarchy it must lie in: the caller opens only a field that is the domain's own): how
+// many of the two there are.
+typedef struct {
+    const char *pszField;
+    const char *pszRoot;
+} qx_tasks_file_t;
+int qx_cgroup_tasks_files(const QX_REALTIME_DOMAIN_t *pstDomain, qx_tasks_file_t astFiles[2]);
 // Without cpuacct: the domain's CPU time in clock ticks, the sum of what its admitted threads
 // used since this process first found each of them admitted (and kept after they leave).
 uint32_t qx_cgroup_threads_time(QX_REALTIME_DOMAIN_t *pstDomain, int32_t *ps32Time);
@@ -619,9 +655,15 @@ public:
     // Where the lock-file opener stores the descriptor.
     int32_t *slot() { return &s32Fd_; }
     int32_t get() const { return s32Fd_; }
-    void lock() {
-        flock(s32Fd_, LOCK_EX);
+    // Waits for the exclusive lock, through any signal that interrupts the wait (a handler
+    // installed without SA_RESTART makes flock return EINTR). false: the kernel refused the lock,
+    // and nothing may be done as if it were held.
+    [[nodiscard]] bool lock() {
+        while (flock(s32Fd_, LOCK_EX) != 0) {
+            if (errno != EINTR) return false;
+        }
         bLocked_ = true;
+        return true;
     }
     void release() {
         if (s32Fd_ < 0) return;
@@ -669,13 +711,15 @@ private:
 // The central lock file held to the end of an operation (creation, deletion, enumeration, the
 // one-domain dump's lookup): taken under the process mutex on construction; release() (or the
 // end of the scope) unlocks and closes the lock file, then unlocks the mutex, in that order.
-// Operations whose exit message follows the release call release() before it.
+// Operations whose exit message follows the release call release() before it. An operation
+// whose lock the kernel refused (locked() false) does nothing but release and fail.
 class qx_central_hold {
 public:
     explicit qx_central_hold(int32_t s32Fd) {
         *stFile_.slot() = s32Fd;
-        stFile_.lock();
+        bLocked_ = stFile_.lock();
     }
+    bool locked() const { return bLocked_; }
     ~qx_central_hold() { release(); }
     qx_central_hold(const qx_central_hold &) = delete;
     qx_central_hold &operator=(const qx_central_hold &) = delete;
@@ -689,6 +733,7 @@ public:
 private:
     qx_mutex_hold stMutex_;  // declared first: taken before, given back after the lock file
     qx_lock_file stFile_;
+    bool bLocked_ = false;
 };
 
 // One domain held for an operation, in the calling order of every operation that works on one

@@ -67,7 +67,10 @@ uint32_t _QX_REALTIME_GetFlock(const char *pszName, int32_t *ps32Fd) {
     if (RT_FORMAT_PATH(szPath, "%s%s", RT_FLOCK_PREFIX, pszName) < 0) return RT_ERR_SYSTEM;
     if (ps32Fd == NULL) return RT_SUCCESS;  // checked after the formatting, deliberately
 
-    int fd = open(szPath, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
+    // Owned here until it is handed on: a failing step leaves nothing open. Every descriptor of
+    // the library is close-on-exec, so a client that starts a program hands it none of them.
+    qx_fd stLock(open(szPath, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666));
+    int fd = stLock.get();
     *ps32Fd = fd;
     if (fd >= 0) {
         RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] flock open (%s) return %d, newly created\n",
@@ -76,14 +79,16 @@ uint32_t _QX_REALTIME_GetFlock(const char *pszName, int32_t *ps32Fd) {
         if (chmod(szPath, 0666) != 0) {
             RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] chmod(%s,%d) fails, errno=%s\n", __func__,
                     getpid(), qx_gettid(), szPath, 0666, RT_ERRNO_STR);
+            *ps32Fd = -1;
             return RT_ERR_SYSTEM;
         }
+        *ps32Fd = stLock.release();
         return RT_SUCCESS;
     }
     if (errno == EEXIST) {
         // Never through a symlink; a lock file is only locked, never mapped or written, so
         // what else it is does not matter.
-        fd = open(szPath, O_RDWR | O_NOFOLLOW);
+        fd = open(szPath, O_RDWR | O_CLOEXEC | O_NOFOLLOW);
         *ps32Fd = fd;
         if (fd >= 0) {
             RT_LOGI(
@@ -113,8 +118,11 @@ uint32_t _QX_REALTIME_SharedMemoryAlloc(const char *pszName, int32_t *ps32ShmFd,
     mode_t mode = strcmp(pszName, RT_CENTRAL_NAME) == 0 ? 0666 : 0660;
     int bNewCreate = 0;
 
-    int fd = open(szPath, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
-    *ps32ShmFd = fd;
+    // Owned from the open on: the caller gets the descriptor only with the mapping, and -1 on
+    // every failing path (the file stays where the steps below say so).
+    qx_fd stShm(open(szPath, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
+    int fd = stShm.get();
+    *ps32ShmFd = -1;
     if (fd >= 0) {
         RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] path=%s create success, shmFd=%d\n",
                 __func__, getpid(), qx_gettid(), szPath, fd);
@@ -126,8 +134,8 @@ uint32_t _QX_REALTIME_SharedMemoryAlloc(const char *pszName, int32_t *ps32ShmFd,
         bNewCreate = 1;
     } else {
         if (errno == EEXIST) {
-            fd = open(szPath, O_RDWR | O_NOFOLLOW);
-            *ps32ShmFd = fd;
+            stShm.reset(open(szPath, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+            fd = stShm.get();
             if (fd >= 0)
                 RT_LOGI(
                     "[RT_Impl][Info] [%s][PID=%d][TID=%ld] open %s an existed shared memory=%d\n",
@@ -140,8 +148,7 @@ uint32_t _QX_REALTIME_SharedMemoryAlloc(const char *pszName, int32_t *ps32ShmFd,
         }
     }
 
-    // A failure from here closes the descriptor (the caller gets -1) and removes the file.
-    qx_fd stShm(fd);
+    // A failure from here closes the descriptor and removes the file.
     qx_mapping stMap;
     bool bSized = qx_sizeable(fd) && ftruncate(fd, RT_SHM_SIZE) == 0;
     if (!bSized)
@@ -151,11 +158,10 @@ uint32_t _QX_REALTIME_SharedMemoryAlloc(const char *pszName, int32_t *ps32ShmFd,
                 qx_gettid());
     if (stMap.get() == NULL) {
         stShm.reset();
-        *ps32ShmFd = -1;
         qx_unlink_segment(__func__, szPath);
         return RT_ERR_FAILED;
     }
-    stShm.release();
+    *ps32ShmFd = stShm.release();
     void *pvAddr = stMap.release();
     *ppvAddr = pvAddr;
     RT_LOGI("[RT_Impl][Info] [%s][PID=%d][TID=%ld] mmap=%p, new_create=%d\n", __func__, getpid(),
@@ -187,7 +193,7 @@ void _QX_REALTIME_SharedMemoryFree(const char *pszName, int32_t *ps32ShmFd, void
 uint32_t _QX_REALTIME_GetCentralShm(void) {
     char szPath[RT_PATH_LEN];
     if (RT_FORMAT_PATH(szPath, "%s%s", RT_SHM_PREFIX, RT_CENTRAL_NAME) < 0) return RT_ERR_SYSTEM;
-    qx_fd stShm(open(szPath, O_RDWR | O_NOFOLLOW));
+    qx_fd stShm(open(szPath, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
     if (!stShm.ok()) {
         RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] shm_open (%s) return %d, errno=%s\n",
                 __func__, getpid(), qx_gettid(), szPath, stShm.get(), RT_ERRNO_STR);
@@ -229,11 +235,21 @@ uint32_t _QX_REALTIME_GetCentralShm(void) {
     return RT_SUCCESS;
 }
 
+uint32_t qx_no_central_lock(void) {
+    RT_LOGE("[RT_Impl][Err] %s (%d), can't get central flock\n", "_QX_REALTIME_GetCentralAndTop",
+            __LINE__);
+    return RT_ERR_FAILED;
+}
+
+uint32_t qx_central_lock_refused(const char *pszOp) {
+    uint32_t u32Ret = qx_no_central_lock();
+    RT_EXIT(pszOp, u32Ret);
+    return u32Ret;
+}
+
 uint32_t _QX_REALTIME_GetCentralAndTop(int32_t *ps32FlockFd) {
-    if (_QX_REALTIME_GetFlock(RT_CENTRAL_NAME, ps32FlockFd) != RT_SUCCESS) {
-        RT_LOGE("[RT_Impl][Err] %s (%d), can't get central flock\n", __func__, __LINE__);
-        return RT_ERR_FAILED;
-    }
+    if (_QX_REALTIME_GetFlock(RT_CENTRAL_NAME, ps32FlockFd) != RT_SUCCESS)
+        return qx_no_central_lock();
     if (pstTop == NULL || pstTop->pstCentral == NULL) {
         if (_QX_REALTIME_GetCentralShm() != RT_SUCCESS) {
             RT_LOGE("[RT_Impl][Err] %s (%d), can't get central shared memory\n", __func__,

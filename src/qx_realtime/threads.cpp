@@ -626,7 +626,7 @@ uint32_t QX_REALTIME_AddThread(const char *pszDomainName, const char *pszClassNa
         RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", kName);
         return RT_ERR_INVALID_PARAM;
     }
-    RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
+    RT_REQUIRE_LOOKUP_NAME(kName, pszDomainName);
     return qx_add_thread(kName, pszDomainName, pszClassName, NULL, s32Tid, bDlOverrun);
 }
 
@@ -643,7 +643,7 @@ uint32_t QX_REALTIME_AddThread_Lite(const char *pszDomainName, const char *pszCl
         RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", kName);
         return RT_ERR_INVALID_PARAM;
     }
-    RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
+    RT_REQUIRE_LOOKUP_NAME(kName, pszDomainName);
     return qx_add_thread(kName, pszDomainName, pszClassName, pstUtil, s32Tid, bDlOverrun);
 }
 
@@ -710,7 +710,7 @@ uint32_t QX_REALTIME_RemoveThread(const char *pszDomainName, int32_t s32Tid) {
 
     RT_ENTER_ARGPID(kName, s32Tid);
     RT_REQUIRE_ARG(kName, pszDomainName);
-    RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
+    RT_REQUIRE_LOOKUP_NAME(kName, pszDomainName);
     int s32Outcome = stHold.take(kName, pszDomainName, &u32Ret);
     // The arguments are in the reverse order of the other messages: kept.
     if (s32Outcome == QX_DOMAIN_MISSING)
@@ -792,7 +792,7 @@ uint32_t QX_REALTIME_UpdateThreadUtil(const char *pszDomainName, QX_REALTIME_UTI
         return RT_ERR_NULL;
     }
     RT_REQUIRE_ARG(kName, pszDomainName);
-    RT_REQUIRE_DOMAIN_NAME(kName, pszDomainName);
+    RT_REQUIRE_LOOKUP_NAME(kName, pszDomainName);
     int s32Outcome = stHold.take(kName, pszDomainName, &u32Ret);
     if (s32Outcome == QX_DOMAIN_MISSING) RT_LOGE("[RT_Impl][Err] [%s] pstDomain is NULL.\n", kName);
     if (s32Outcome != QX_DOMAIN_LOCKED) return u32Ret;

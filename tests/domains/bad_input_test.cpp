@@ -70,7 +70,6 @@ std::string invalid_name_error(const char *op) {
 TEST_F(BadInputTest, NamesThatCouldLeaveTheirDirectoryAreRefusedBeforeAnyFile) {
     const std::string names[] = {"Domain_" + std::string(193, 'x'),
                                  std::string(64, 'D'),
-                                 "",
                                  ".",
                                  "..",
                                  "evil/../../../../tmp/x",
@@ -105,6 +104,89 @@ TEST_F(BadInputTest, NamesThatCouldLeaveTheirDirectoryAreRefusedBeforeAnyFile) {
     EXPECT_FALSE(qxt::file_exists(kCentralFlock));
     EXPECT_EQ((std::vector<std::string>{}), files_in("/dev/shm/realtime"));
     EXPECT_EQ((std::vector<std::string>{}), files_in("/data/vendor/realtime"));
+}
+
+// The empty name names no domain and no file: every operation that looks a domain up finds
+// nothing, with the result code and the messages of an unknown name, to the byte; the creation,
+// which would make the domain's files, refuses it.
+TEST_F(BadInputTest, EmptyNameIsADomainThatIsNotFound) {
+    init_with(config_of({rr_domain("Domain_A", 100, "0")}));
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain("Domain_A"));
+    qxt::TestThread t;
+    struct Op {
+        const char *function;
+        std::function<uint32_t(const char *)> call;
+    };
+    const Op ops[] = {
+        {"QX_REALTIME_DeleteDomain",
+         [](const char *n) { return (uint32_t)QX_REALTIME_DeleteDomain(n); }},
+        {"QX_REALTIME_QueryBudget",
+         [](const char *n) {
+             QX_REALTIME_UTIL_t util = {1, 0, 0, 0};
+             int32_t left = -7;
+             return QX_REALTIME_QueryBudget(n, &util, &left);
+         }},
+        {"QX_REALTIME_AddThread",
+         [&t](const char *n) { return QX_REALTIME_AddThread(n, "Class_Rr", t.tid(), 0); }},
+        {"QX_REALTIME_AddThread_Lite",
+         [&t](const char *n) {
+             QX_REALTIME_UTIL_t util = {1, 0, 0, 0};
+             return QX_REALTIME_AddThread_Lite(n, "Class_Rr", &util, t.tid(), 0);
+         }},
+        {"QX_REALTIME_RemoveThread",
+         [&t](const char *n) { return QX_REALTIME_RemoveThread(n, t.tid()); }},
+        {"QX_REALTIME_UpdateThreadUtil",
+         [&t](const char *n) {
+             QX_REALTIME_UTIL_t util = {1, 0, 0, 0};
+             return QX_REALTIME_UpdateThreadUtil(n, &util, t.tid());
+         }},
+        {"QX_REALTIME_GetDomainCpuUsage",
+         [](const char *n) { return QX_REALTIME_GetDomainCpuUsage(n, 10, 1); }},
+        {"QX_REALTIME_DumpDomainInfo", [](const char *n) { return QX_REALTIME_DumpDomainInfo(n); }},
+    };
+    // The answer of each operation for a name, both forms of every line (debug lines included),
+    // the name itself left out.
+    auto answer = [](const Op &op, const std::string &name) {
+        qxt::LogCapture each;
+        std::string out = qxt::format("%u\n", op.call(name.c_str()));
+        for (const qxt::LogLine &line : each.lines()) {
+            std::string text = line.message;
+            size_t at = name.empty() ? std::string::npos : text.find(name);
+            if (at != std::string::npos) text.erase(at, name.size());
+            out += qxt::format("%d ", line.priority) + text;
+        }
+        return out;
+    };
+    _u32DbgLevel = 240;
+    for (const Op &op : ops) {
+        SCOPED_TRACE(op.function);
+        std::string empty = answer(op, "");
+        EXPECT_EQ(0u, empty.rfind("10\n", 0)) << empty;
+        EXPECT_EQ(std::string::npos, empty.find("Invalid domain name")) << empty;
+        EXPECT_EQ(empty, answer(op, "Domain_Nope"));
+    }
+    _u32DbgLevel = 32;
+    qxt::LogCapture log;  // the fixture's capture ended with the last one above
+    EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_DumpDomainInfo(""));
+    EXPECT_EQ(RT_ERR_NULL, QX_REALTIME_GetDomainCpuUsage("", 10, 1));
+    EXPECT_EQ((int32_t)RT_ERR_NULL, QX_REALTIME_DeleteDomain(""));
+    std::vector<std::string> expected = {
+        "[RT_Impl][Err] [QX_REALTIME_DumpDomainInfo] pstDomain is NULL for [].\n",
+        "[RT_Impl][Err] [QX_REALTIME_GetDomainCpuUsage] pstDomain is NULL.\n",
+        "[RT_Impl][Err] [QX_REALTIME_DeleteDomain] pstDomain is NULL.\n"};
+    std::vector<std::string> got;
+    for (const qxt::LogLine &line : log.lines()) got.push_back(line.file_form());
+    EXPECT_EQ(expected, got) << log.dump();
+    // Nothing was admitted, and the domain is whole.
+    EXPECT_EQ(0u, qxt::sched_of(t.tid()).policy);
+    EXPECT_EQ(100, qxt::map_domain_file("Domain_A")->s32UtilMax);
+    EXPECT_EQ(0, qxt::map_domain_file("Domain_A")->s32UtilCurrent);
+
+    // The creation would make the domain's files: it refuses the name before any is touched.
+    log.clear();
+    EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_CreateDomain(""));
+    EXPECT_TRUE(log.has_error(invalid_name_error("QX_REALTIME_CreateDomain"))) << log.dump();
+    EXPECT_FALSE(qxt::file_exists("/dev/shm/realtime/rt_"));
 }
 
 // A 63-character name is the longest the record holds: it is a domain like any other.

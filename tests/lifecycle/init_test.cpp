@@ -89,20 +89,59 @@ TEST_F(Init, Mode2LeavesExistingCentralSegmentUntouched) {
     qxt::expect_locks_free();
 }
 
-TEST_F(Init, ConfigurationNameTooLongForPathFailsWithoutMessage) {
-    // "/vendor/etc/realtime/rt-" + name + ".json" must fit 64 bytes with its terminator.
-    qxt::set_property(RT_PROP_CFG_NAME, std::string(35, 'n'));
+// "/vendor/etc/realtime/rt-" + name + ".json" is formatted into the 64-byte u8JsonPath by the
+// bounded formatter, which does not report a cut: a longer path is cut to its first 63
+// characters and the file of that name is the one read.
+TEST_F(Init, ConfigurationPathTooLongForItsBufferIsCutTo63Characters) {
+    const std::string name(60, 'c');
+    const std::string cut = "/vendor/etc/realtime/rt-" + name.substr(0, 39);
+    ASSERT_EQ(63u, cut.size());
+    qxt::set_property(RT_PROP_CFG_NAME, name);
+
+    // No file of the cut name yet: the scan fails on it, as on any missing configuration.
     LogCapture log;
-    EXPECT_EQ(RT_ERR_FAILED, QX_REALTIME_Init(0));
-    QXT_EXPECT_SILENT(log);
-    EXPECT_FALSE(qxt::file_exists(central_path()));
+    EXPECT_EQ(RT_ERR_INVALID_PARAM, QX_REALTIME_Init(0));
+    std::vector<std::string> expected = {
+        "[RT_Impl][Err] [_QX_REALTIME_GetCapability] Can't open " + cut +
+            ", errno=No such file or directory\n",
+        "[RT_Impl][Err] [QX_REALTIME_Init] _QX_REALTIME_GetCapability() return 12\n"};
+    std::vector<std::string> errors;
+    for (const qxt::LogLine &line : log.lines())
+        if (line.priority == QX_LOG_PRIO_ERROR) errors.push_back(line.file_form());
+    EXPECT_EQ(expected, errors) << log.dump();
+    EXPECT_EQ(cut, std::string(u8JsonPath));
+    EXPECT_EQ((const char *)u8JsonPath, pstJsonPath);
     qxt::expect_locks_free();
 
-    // One byte shorter fits exactly (63 characters) and is used.
+    // With the file of the cut name in place, that file is read.
+    qxt::write_file(cut, system_config(1, 432, 2));
+    _u32DbgLevel = 64;
+    log.clear();
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
+    EXPECT_EQ(cut, std::string(u8JsonPath));
+    EXPECT_EQ('\0', u8JsonPath[63]);
+    QXT_EXPECT_INFO(log, "[RT_Impl][Info] [QX_REALTIME_Init] JsonPath is " + cut + "\n");
+    EXPECT_EQ(432, qxt::map_central_file()->s32CapPerCore);
+    EXPECT_EQ(432, pstTop->s32CapPerCore);
+    qxt::expect_locks_free();
+}
+
+// One character more than fits: ".json" loses its last character.
+TEST_F(Init, ConfigurationPathOneCharacterTooLongLosesItsLast) {
+    qxt::set_property(RT_PROP_CFG_NAME, std::string(35, 'n'));
+    const std::string cut = "/vendor/etc/realtime/rt-" + std::string(35, 'n') + ".jso";
+    ASSERT_EQ(63u, cut.size());
+    qxt::write_file(cut, system_config(1, 123, 2));
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
+    EXPECT_EQ(cut, std::string(u8JsonPath));
+    EXPECT_EQ(123, qxt::map_central_file()->s32CapPerCore);
+
+    // One byte shorter fits exactly (63 characters) and is used whole.
     std::string name(34, 'n');
     qxt::install_config(name, system_config(1, 321, 2));
     ASSERT_EQ(RT_SUCCESS, QX_REALTIME_Init(0));
     EXPECT_EQ(63u, strlen(u8JsonPath));
+    EXPECT_EQ("/vendor/etc/realtime/rt-" + name + ".json", std::string(u8JsonPath));
     EXPECT_EQ(321, qxt::map_central_file()->s32CapPerCore);
 }
 

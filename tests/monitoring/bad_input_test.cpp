@@ -47,24 +47,55 @@ TEST_F(MonitoringBadInput, UnknownDomainReturnsNullBeforeAnySample) {
         << log.dump();
 }
 
-// An empty or overlong name names no domain and could name no file: both calls refuse it before
-// they touch anything.
-TEST_F(MonitoringBadInput, EmptyAndOverlongNamesAreRefused) {
+// An overlong name could name no file of a domain: both calls refuse it before they touch
+// anything.
+TEST_F(MonitoringBadInput, OverlongNameIsRefused) {
     ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
     ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
     const std::string overlong = "Domain_" + std::string(300, 'x');
-    for (const std::string &name : {std::string(), overlong}) {
-        LogCapture log;
-        EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(name.c_str(), 1, 1), RT_ERR_INVALID_PARAM);
-        EXPECT_EQ(QX_REALTIME_DumpDomainInfo(name.c_str()), RT_ERR_INVALID_PARAM);
-        const char *rule =
-            "Invalid domain name: it must be 1 to 63 characters, not \".\" or \"..\", without "
-            "'/'.\n";
-        std::vector<std::string> expected = {
-            format("[RT_Impl][Err] [QX_REALTIME_GetDomainCpuUsage] %s", rule),
-            format("[RT_Impl][Err] [QX_REALTIME_DumpDomainInfo] %s", rule)};
-        EXPECT_EQ(forms(log), expected) << log.dump();
-    }
+    LogCapture log;
+    EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(overlong.c_str(), 1, 1), RT_ERR_INVALID_PARAM);
+    EXPECT_EQ(QX_REALTIME_DumpDomainInfo(overlong.c_str()), RT_ERR_INVALID_PARAM);
+    const char *rule =
+        "Invalid domain name: it must be 1 to 63 characters, not \".\" or \"..\", without "
+        "'/'.\n";
+    std::vector<std::string> expected = {
+        format("[RT_Impl][Err] [QX_REALTIME_GetDomainCpuUsage] %s", rule),
+        format("[RT_Impl][Err] [QX_REALTIME_DumpDomainInfo] %s", rule)};
+    EXPECT_EQ(forms(log), expected) << log.dump();
+}
+
+// The empty name names no domain: both calls look it up and find nothing, with the answer they
+// give any unknown name, to the byte.
+TEST_F(MonitoringBadInput, EmptyNameIsADomainThatIsNotFound) {
+    ASSERT_EQ(start_framework(meter_domain()), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_CreateDomain(kMeter), RT_SUCCESS);
+    LogCapture log;
+    EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage("", 10, 1), RT_ERR_NULL);
+    EXPECT_EQ(QX_REALTIME_DumpDomainInfo(""), RT_ERR_NULL);
+    std::vector<std::string> expected = {
+        "[RT_Impl][Err] [QX_REALTIME_GetDomainCpuUsage] pstDomain is NULL.\n",
+        "[RT_Impl][Err] [QX_REALTIME_DumpDomainInfo] pstDomain is NULL for [].\n"};
+    EXPECT_EQ(forms(log), expected) << log.dump();
+
+    // Every line, debug ones included, is the one an unknown name gets, in both of its forms.
+    QX_REALTIME_SetDebugLevel(240);
+    auto lines_for = [](const std::string &name) {
+        LogCapture each;
+        EXPECT_EQ(QX_REALTIME_GetDomainCpuUsage(name.c_str(), 10, 1), RT_ERR_NULL);
+        EXPECT_EQ(QX_REALTIME_DumpDomainInfo(name.c_str()), RT_ERR_NULL);
+        std::vector<std::string> lines;
+        for (const LogLine &line : each.lines()) {
+            std::string text = line.message;
+            size_t at = text.find(name);
+            if (!name.empty() && at != std::string::npos) text.erase(at, name.size());
+            lines.push_back(format("%d ", line.priority) + text);
+        }
+        return lines;
+    };
+    std::vector<std::string> empty = lines_for("");
+    EXPECT_GT(empty.size(), 2u);
+    EXPECT_EQ(empty, lines_for("Domain_Nope"));
 }
 
 TEST_F(MonitoringBadInput, WithoutCentralDataBothCallsFailWithItsResult) {

@@ -1,6 +1,7 @@
 // The diagnostic dump: one domain's records, classes, thread slots and the kernel's task lists, or
 // the live threads of every domain.
 #include <errno.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -331,6 +332,70 @@ TEST_F(Dump, UnreadableTaskFilesAreReportedAndTheDumpStillClosesAndSucceeds) {
     std::vector<std::string> errors = error_forms(log);
     ASSERT_FALSE(errors.empty());
     EXPECT_EQ(errors.back(), kClosing) << log.dump();
+}
+
+// A record whose cpuset tasks path is not the one its name implies was written by someone else
+// and may name any file: the dump does not open it, and reports it as a tasks file it could not
+// read; the rest of the dump, the cpuacct list and the closing line included, is as ever, and the
+// dump succeeds. Operations that write into the tasks files still refuse the record.
+TEST_F(Dump, TasksPathNotTheDomainsOwnReadsAsAFileThatCannotBeRead) {
+    ASSERT_NO_FATAL_FAILURE(start_meter());
+    const std::string planted = "/vendor/etc/realtime/planted_tasks";
+    write_file(planted, "4242\n");
+    int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ASSERT_GE(watch, 0);
+    ASSERT_GE(inotify_add_watch(watch, planted.c_str(), IN_OPEN | IN_ACCESS), 0);
+    QX_REALTIME_DOMAIN_t *rec = map_domain_file(kMeter);
+    ASSERT_NE(rec, nullptr);
+    memset(rec->pszCpusetPathTasks, 0, RT_PATH_LEN);
+    memcpy(rec->pszCpusetPathTasks, planted.c_str(), planted.size());
+
+    QX_REALTIME_SetDebugLevel(64);
+    const std::string acct = read_file("/dev/cpuacct/Domain_Meter/tasks");
+    const Lines kernel_view = {
+        err("[RT_Impl][Err] [_QX_REALTIME_FileReader] Failed to open " + planted +
+            ": Permission denied.\n"),
+        err("[RT_Impl][Err] Read " + planted + " failed in QX_REALTIME_DumpDomainInfo.\n"),
+        info("[RT_Impl][Info] Info from [/dev/cpuacct/Domain_Meter/tasks]:\n" + acct + "\n"),
+        err(kClosing)};
+    // In this process, which has the domain mapped, and in one that maps it afresh.
+    for (bool fresh : {false, true}) {
+        SCOPED_TRACE(fresh ? "fresh process" : "mapped here");
+        LogCapture log;
+        uint32_t ret = ~0u;
+        if (fresh) {
+            ASSERT_EQ(0, run_in_child([&] {
+                          LogCapture child;
+                          if (QX_REALTIME_DumpDomainInfo(kMeter) != RT_SUCCESS) return 1;
+                          Lines lines = dump_lines(child);
+                          if (lines.size() < 4) return 2;
+                          return Lines(lines.end() - 4, lines.end()) == kernel_view ? 0 : 3;
+                      }));
+            continue;
+        }
+        ret = QX_REALTIME_DumpDomainInfo(kMeter);
+        EXPECT_EQ(ret, RT_SUCCESS);
+        Lines lines = dump_lines(log);
+        ASSERT_GE(lines.size(), 4u) << show(lines);
+        EXPECT_EQ(Lines(lines.end() - 4, lines.end()), kernel_view) << show(lines);
+        EXPECT_EQ(log.count_containing("corrupted"), 0) << log.dump();
+        EXPECT_TRUE(log.has_error(
+            format("[RT_Impl][Err] %30s=%60s\n", "pszCpusetPathTasks", planted.c_str())))
+            << log.dump();
+    }
+    struct inotify_event ev;
+    EXPECT_EQ(read(watch, &ev, sizeof(ev)), -1) << "the planted file was opened";
+    EXPECT_EQ(errno, EAGAIN);
+    close(watch);
+
+    // Admission writes into the tasks files: it refuses the record, as before.
+    TestThread sleeper;
+    LogCapture log;
+    EXPECT_EQ(QX_REALTIME_AddThread(kMeter, "Class_Meter", sleeper.tid(), 0), RT_ERR_NULL);
+    QXT_EXPECT_ERROR(log,
+                     "[RT_Impl][Err] [_QX_REALTIME_GetDomainFromName] Domain [Domain_Meter] is "
+                     "corrupted (pszCpusetPathTasks): refused.\n");
+    EXPECT_EQ(read_file(planted), "4242\n");
 }
 
 TEST_F(Dump, AllAndNamesBeginningWithAllListTheLiveThreadsOfEveryDomain) {

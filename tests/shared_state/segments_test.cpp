@@ -87,7 +87,7 @@ TEST_F(GetFlock, CreatesLockFileMode0666WhateverTheUmask) {
     close(fd);
 }
 
-TEST_F(GetFlock, OpensExistingLockFileWithoutCloseOnExec) {
+TEST_F(GetFlock, OpensExistingLockFileCloseOnExec) {
     qxt::write_file(kLockGlobal, "");
     chmod(kLockGlobal, 0600);
     _u32DbgLevel = 64;
@@ -98,7 +98,8 @@ TEST_F(GetFlock, OpensExistingLockFileWithoutCloseOnExec) {
     QXT_EXPECT_INFO(log,
                     info_head("_QX_REALTIME_GetFlock") +
                         qxt::format("flock open (%s) return %d, open existed.\n", kLockGlobal, fd));
-    EXPECT_EQ(0, fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    // A client that starts a program hands it none of the library's descriptors.
+    EXPECT_EQ(FD_CLOEXEC, fcntl(fd, F_GETFD) & FD_CLOEXEC);
     EXPECT_EQ(0600u, qxt::file_mode(kLockGlobal));  // an existing file keeps its mode
     close(fd);
 }
@@ -150,8 +151,8 @@ TEST_F(SharedMemoryAlloc, NewSegmentIsAllZerosAndSized) {
     EXPECT_EQ(0, domain->s32ClassNum);
     EXPECT_EQ(0, domain->s32ThreadNum);
     EXPECT_EQ(0, domain->processIDListNum);
-    // Not close-on-exec, unlike the lock files.
-    EXPECT_EQ(0, fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    // Close-on-exec, like every descriptor of the library.
+    EXPECT_EQ(FD_CLOEXEC, fcntl(fd, F_GETFD) & FD_CLOEXEC);
     std::string head = info_head("_QX_REALTIME_SharedMemoryAlloc");
     QXT_EXPECT_INFO(
         log,
