@@ -46,6 +46,16 @@ std::string str(const char *fmt, ...) {
     return buf;
 }
 
+// The library's own paths of a name's segment and lock file ("" when they can't be formatted).
+std::string segment_path(const std::string &name) {
+    char buf[RT_PATH_LEN];
+    return qx_segment_path(buf, sizeof(buf), name.c_str()) < 0 ? std::string() : buf;
+}
+std::string lock_path(const std::string &name) {
+    char buf[RT_PATH_LEN];
+    return qx_lock_path(buf, sizeof(buf), name.c_str()) < 0 ? std::string() : buf;
+}
+
 // A descriptor that closes itself.
 class Fd {
 public:
@@ -65,7 +75,7 @@ private:
 class FlockGuard {
 public:
     explicit FlockGuard(const std::string &name) {
-        std::string path = std::string(RT_FLOCK_PREFIX) + name;
+        std::string path = lock_path(name);
         fd_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0666);
         if (fd_ >= 0) {
             struct stat st;
@@ -259,7 +269,7 @@ private:
 };
 
 void Checker::check_central() {
-    std::string path = std::string(RT_SHM_PREFIX) + RT_CENTRAL_NAME;
+    std::string path = segment_path(RT_CENTRAL_NAME);
     struct stat st;
     if (lstat(path.c_str(), &st) != 0) return;
     if (!S_ISREG(st.st_mode)) {
@@ -310,7 +320,7 @@ std::vector<std::string> segment_names() {
 bool segment_util_max(const std::string &name, int32_t *out) {
     FlockGuard lock(name);
     if (!lock.held()) return false;
-    std::string path = std::string(RT_SHM_PREFIX) + name;
+    std::string path = segment_path(name);
     Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
     struct stat st;
     if (fd.get() < 0 || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) ||
@@ -408,7 +418,7 @@ void Checker::check_central_record(QX_REALTIME_CENTRAL_t *c) {
 }
 
 void Checker::check_domain(const std::string &name) {
-    std::string path = std::string(RT_SHM_PREFIX) + name;
+    std::string path = segment_path(name);
     FlockGuard lock(name);
     if (!lock.held()) {
         found(name, "its lock file can't be opened and locked", "");
@@ -641,10 +651,10 @@ std::vector<Finding> run(bool repair, std::string *error) {
     // domain's, so the order can't deadlock.
     FlockGuard central(RT_CENTRAL_NAME);
     if (!central.held()) {
-        *error = str("can't lock %s%s", RT_FLOCK_PREFIX, RT_CENTRAL_NAME);
+        *error = str("can't lock %s", lock_path(RT_CENTRAL_NAME).c_str());
         return findings;
     }
-    std::string path = std::string(RT_SHM_PREFIX) + RT_CENTRAL_NAME;
+    std::string path = segment_path(RT_CENTRAL_NAME);
     Fd fd(open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
     if (fd.get() < 0) {
         *error = str("no central segment %s (is the framework initialised?)", path.c_str());

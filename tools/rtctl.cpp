@@ -246,7 +246,9 @@ const Command *cmd_of(const char *name) {
 // so the stored value is read first (straight from the central segment, without a lock: a
 // diagnostic setting) and put back when the command is done.
 bool read_stored_level(int32_t *level) {
-    int fd = open(RT_SHM_PREFIX RT_CENTRAL_NAME, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    char path[RT_PATH_LEN];
+    if (qx_segment_path(path, sizeof(path), RT_CENTRAL_NAME) < 0) return false;
+    int fd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) return false;
     ssize_t got = pread(fd, level, sizeof(*level), offsetof(QX_REALTIME_CENTRAL_t, s32DbgLevel));
     close(fd);

@@ -61,7 +61,7 @@ static int qx_map_domain(const char *kName, const char *pszDomainName, void **pp
                          int32_t *ps32ShmFd, QX_REALTIME_DOMAIN_MAP_t **ppstEntry, int *ps32Status,
                          int bWrites) {
     char szPath[RT_PATH_LEN];
-    if (RT_FORMAT_PATH(szPath, "%s%s", RT_SHM_PREFIX, pszDomainName) < 0) return 0;
+    if (qx_segment_path(szPath, sizeof(szPath), pszDomainName) < 0) return 0;
     qx_fd stShm(open(szPath, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
     // No such domain (or a symlink, which is never followed): the caller reports it.
     *ps32Status = QX_LOOKUP_MISSING;
@@ -324,7 +324,7 @@ static int qx_creation_wanted(const char *kName, const char *pszDomainName) {
     if (qx_find_domain(pszDomainName, NULL, &s32Found) != NULL) return QX_CREATE_EXISTS;
     if (s32Found == QX_LOOKUP_BROKEN) return QX_CREATE_REFUSED;
     char szShmPath[RT_PATH_LEN];
-    if (RT_FORMAT_PATH(szShmPath, "%s%s", RT_SHM_PREFIX, pszDomainName) < 0) return QX_CREATE_NEW;
+    if (qx_segment_path(szShmPath, sizeof(szShmPath), pszDomainName) < 0) return QX_CREATE_NEW;
     if (s32Found == QX_LOOKUP_UNFINISHED) {
         RT_LOGE(
             "[RT_Impl][Err] [%s]: Domain [%s] was left half-created by a process that died: "
@@ -599,7 +599,7 @@ int32_t QX_REALTIME_DeleteDomain(const char *pszDomainName) {
         // reading it, and the files go, as a domain's would.
         qx_forget_mapping(pszDomainName);
         char szShmPath[RT_PATH_LEN];
-        if (RT_FORMAT_PATH(szShmPath, "%s%s", RT_SHM_PREFIX, pszDomainName) >= 0 &&
+        if (qx_segment_path(szShmPath, sizeof(szShmPath), pszDomainName) >= 0 &&
             unlink(szShmPath) == 0)
             RT_LOGE("[RT_Impl][Err] [%s] unlink %s success\n", kName, szShmPath);
     } else if (pstDomain == NULL) {
@@ -626,7 +626,7 @@ int32_t QX_REALTIME_DeleteDomain(const char *pszDomainName) {
     }
 
     char szPath[RT_PATH_LEN];
-    if (RT_FORMAT_PATH(szPath, "%s%s", RT_FLOCK_PREFIX, pszDomainName) < 0) {
+    if (qx_lock_path(szPath, sizeof(szPath), pszDomainName) < 0) {
         u32Ret = RT_ERR_SYSTEM;
     } else if (unlink(szPath) == 0) {
         // At error level on purpose, so that a deletion is always seen.

@@ -142,7 +142,7 @@ uint32_t QX_REALTIME_Init(uint32_t u32Mode) {
 // Removes the central lock file (Deinit's last step).
 static uint32_t qx_unlink_central_lock(const char *kName) {
     char szPath[RT_PATH_LEN];
-    if (RT_FORMAT_PATH(szPath, "%s%s", RT_FLOCK_PREFIX, RT_CENTRAL_NAME) < 0) return RT_ERR_SYSTEM;
+    if (qx_lock_path(szPath, sizeof(szPath), RT_CENTRAL_NAME) < 0) return RT_ERR_SYSTEM;
     if (unlink(szPath) == 0) {
         RT_LOGI("[RT_Impl][Info] [%s] unlink %s success\n", kName, szPath);
     } else if (errno == ENOENT) {

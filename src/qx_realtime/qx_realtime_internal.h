@@ -326,6 +326,12 @@ int qx_format_path(char *dst, size_t dst_size, const char *fmt, ...)
     __attribute__((format(printf, 3, 4)));
 #define RT_FORMAT_PATH(buf, ...) qx_format_path((buf), sizeof(buf), __VA_ARGS__)
 
+// The paths of the shared segment and of the lock file of a name ("Global" or a domain's): the
+// one place each is formatted, for the library and its tools. The formatter's result: negative
+// when it fails.
+int qx_segment_path(char *dst, size_t dst_size, const char *pszName);
+int qx_lock_path(char *dst, size_t dst_size, const char *pszName);
+
 uint32_t _QX_REALTIME_GetFlock(const char *pszName, int32_t *ps32Fd);
 uint32_t _QX_REALTIME_SharedMemoryAlloc(const char *pszName, int32_t *ps32ShmFd, void **ppvAddr);
 void _QX_REALTIME_SharedMemoryFree(const char *pszName, int32_t *ps32ShmFd, void *pvAddr);

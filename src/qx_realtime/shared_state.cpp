@@ -58,13 +58,21 @@ static int qx_sizeable(int fd) {
     return qx_regular_size(fd) >= 0;
 }
 
+int qx_segment_path(char *dst, size_t dst_size, const char *pszName) {
+    return qx_format_path(dst, dst_size, "%s%s", RT_SHM_PREFIX, pszName);
+}
+
+int qx_lock_path(char *dst, size_t dst_size, const char *pszName) {
+    return qx_format_path(dst, dst_size, "%s%s", RT_FLOCK_PREFIX, pszName);
+}
+
 uint32_t _QX_REALTIME_GetFlock(const char *pszName, int32_t *ps32Fd) {
     char szPath[RT_PATH_LEN];
     if (pszName == NULL) {
         RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", __func__);
         return RT_ERR_INVALID_PARAM;
     }
-    if (RT_FORMAT_PATH(szPath, "%s%s", RT_FLOCK_PREFIX, pszName) < 0) return RT_ERR_SYSTEM;
+    if (qx_lock_path(szPath, sizeof(szPath), pszName) < 0) return RT_ERR_SYSTEM;
     if (ps32Fd == NULL) return RT_SUCCESS;  // checked after the formatting, deliberately
 
     // Owned here until it is handed on: a failing step leaves nothing open. Every descriptor of
@@ -114,7 +122,7 @@ uint32_t _QX_REALTIME_SharedMemoryAlloc(const char *pszName, int32_t *ps32ShmFd,
         RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", __func__);
         return RT_ERR_INVALID_PARAM;
     }
-    if (RT_FORMAT_PATH(szPath, "%s%s", RT_SHM_PREFIX, pszName) < 0) return RT_ERR_SYSTEM;
+    if (qx_segment_path(szPath, sizeof(szPath), pszName) < 0) return RT_ERR_SYSTEM;
     mode_t mode = strcmp(pszName, RT_CENTRAL_NAME) == 0 ? 0666 : 0660;
     int bNewCreate = 0;
 
@@ -178,7 +186,7 @@ void _QX_REALTIME_SharedMemoryFree(const char *pszName, int32_t *ps32ShmFd, void
     }
     close(*ps32ShmFd);
     *ps32ShmFd = -1;
-    if (RT_FORMAT_PATH(szPath, "%s%s", RT_SHM_PREFIX, pszName) < 0) return;
+    if (qx_segment_path(szPath, sizeof(szPath), pszName) < 0) return;
     if (unlink(szPath) == 0) {
         if (pvAddr != NULL) munmap(pvAddr, RT_SHM_SIZE);
         RT_LOGI("[RT_Impl][Info] [%s] unlink %s success\n", __func__, szPath);
@@ -192,7 +200,7 @@ void _QX_REALTIME_SharedMemoryFree(const char *pszName, int32_t *ps32ShmFd, void
 
 uint32_t _QX_REALTIME_GetCentralShm(void) {
     char szPath[RT_PATH_LEN];
-    if (RT_FORMAT_PATH(szPath, "%s%s", RT_SHM_PREFIX, RT_CENTRAL_NAME) < 0) return RT_ERR_SYSTEM;
+    if (qx_segment_path(szPath, sizeof(szPath), RT_CENTRAL_NAME) < 0) return RT_ERR_SYSTEM;
     qx_fd stShm(open(szPath, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
     if (!stShm.ok()) {
         RT_LOGE("[RT_Impl][Err] [%s][PID=%d][TID=%ld] shm_open (%s) return %d, errno=%s\n",
