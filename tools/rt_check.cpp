@@ -494,6 +494,22 @@ void Checker::check_record(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
     }
 }
 
+// Whether admission moves the domain's threads into its cpuset: a budget, and fewer CPUs than
+// the machine.
+bool moves_into_cpuset(const QX_REALTIME_DOMAIN_t *d) {
+    return d->s32UtilMax >= 1 && d->s32CpuNum != get_nprocs();
+}
+
+// Whether a thread is where admission puts it: in the domain's cpuacct group, or without cpuacct
+// in its cpuset when admission moves it there (elsewhere no group tells).
+bool in_domain_groups(const std::string &name, const QX_REALTIME_DOMAIN_t *d, int32_t tid) {
+    if (!has_cpuacct() && !moves_into_cpuset(d)) return true;
+    std::string membership = has_cpuacct() ? cpuacct_tasks(name) : cpuset_tasks(name);
+    for (int32_t id : tasks_of(membership))
+        if (id == tid) return true;
+    return false;
+}
+
 void Checker::check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
     int64_t sum = 0;
     for (QX_REALTIME_THREAD_t *t : slots_of(d)) {
@@ -517,13 +533,8 @@ void Checker::check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
         if (!thread_alive(t->Pid)) continue;
         qx_sched_attr now = {};
         qx_sched_attr want = wanted_attr(d, t);
-        // Where the thread must be: in the cpuacct group, or without cpuacct in the domain's
-        // cpuset when admission moves it there (elsewhere no group tells).
-        bool in_cpuset = d->s32UtilMax >= 1 && d->s32CpuNum != get_nprocs();
-        bool in_group = !has_cpuacct() && !in_cpuset;
-        std::string membership = has_cpuacct() ? cpuacct_tasks(name) : cpuset_tasks(name);
-        if (!in_group)
-            for (int32_t id : tasks_of(membership)) in_group |= id == t->Pid;
+        bool in_cpuset = moves_into_cpuset(d);
+        bool in_group = in_domain_groups(name, d, t->Pid);
         if (getattr(t->Pid, &now) && kernel_matches(d, now, want) && in_group) continue;
         std::string action;
         if (repair_) {
