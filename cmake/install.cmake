@@ -2,6 +2,7 @@
 #   include/qx_realtime.h                      the public header (with QX_REALTIME_VERSION)
 #   <libdir>/libqxt_realtime_hal.so            the library (SONAME libqxt_realtime_hal.so)
 #   bin/rtctl, share/man/man1/rtctl.1          the operator's command line and its manual
+#   share/bash-completion/completions/rtctl    its bash completion
 #   <libdir>/pkgconfig/qxt_realtime_hal.pc     for `pkg-config --cflags --libs qxt_realtime_hal`
 #   <libdir>/cmake/qxt_realtime_hal/           for `find_package(qxt_realtime_hal)`, which gives
 #                                              the target qxt_realtime_hal::qxt_realtime_hal
@@ -23,6 +24,9 @@ install(TARGETS qxt_realtime_hal EXPORT qxt_realtime_hal_targets
 install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/include/qx_realtime.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(TARGETS rtctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# bash completion, where bash-completion looks for it under the prefix.
+install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/tools/rtctl.bash-completion
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME rtctl)
 if(QXRT_RTCTL_MAN)
   install(FILES ${QXRT_RTCTL_MAN} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endif()

@@ -31,6 +31,7 @@
 #include "rt_check.h"
 #include "qx_realtime.h"
 #include "qx_realtime_internal.h"  // the central record's layout and the segment path
+#include "rtctl_hints.h"
 #include "rtctl_report.h"
 #include "rtctl_top.h"
 #include "result_name.h"
@@ -123,12 +124,28 @@ void plain_logger(int, const char *, const char *message) {
 
 // ---- results ----
 
-// The exit status is the result code itself (all of them are below 256).
+// The domain the command names ("" for none), for the hints of a failure.
+std::string g_domain;
+// Hints a command found itself (the order of a deadline triple), printed before the general ones.
+std::vector<std::string> g_hints;
+
+void print_hints(const std::string &command, uint32_t code) {
+    std::vector<std::string> hints = g_hints;
+    std::vector<std::string> causes = rtctl::failure_causes(command, code, g_domain);
+    hints.insert(hints.end(), causes.begin(), causes.end());
+    for (const std::string &h : hints) fprintf(stderr, "rtctl: hint: %s\n", h.c_str());
+}
+
+// The exit status is the result code itself (all of them are below 256). A failure is named, and
+// followed by what the files show of its likely cause.
 int finish(const char *command, uint32_t code) {
     close_open_line();
     fflush(stdout);
-    if (code != RT_SUCCESS)
+    if (code != RT_SUCCESS) {
         fprintf(stderr, "rtctl: %s: %s (%u)\n", command, result_name(code), code);
+        std::string base = command;
+        print_hints(base.substr(0, base.find(':')), code);
+    }
     return (int)(code & 0xFFu);
 }
 
@@ -143,6 +160,7 @@ enum : unsigned {
     kOptCount = 1u << 4,     // --count N
     kOptInterval = 1u << 5,  // --interval MS
     kOptRepair = 1u << 6,    // --repair
+    kOptDemand = 1u << 7,    // -T/--runtime, -D/--deadline, -P/--period
 };
 
 struct Args {
@@ -152,6 +170,7 @@ struct Args {
     std::string cpus, svg, count, interval;
     bool verbose = false;
     bool repair = false;
+    std::string runtime, deadline, period;  // the named deadline parameters ("" when not given)
 };
 
 typedef int (*Handler)(const char *name, const Args &args);
@@ -172,21 +191,52 @@ struct Command {
 const Command *find_command(const std::string &name);
 void print_usage(FILE *out);
 
+// The one-line usage (a usage error shows it); alternative forms are separated by " | ".
 std::string usage_line(const Command &c) {
     return std::string("usage: rtctl [-v] ") + c.name + (c.synopsis[0] ? " " : "") + c.synopsis;
 }
 
+// The synopsis's alternative forms, each whole, for the help and the manual page.
+std::vector<std::string> forms(const Command &c) {
+    std::vector<std::string> out;
+    std::string rest = c.synopsis;
+    for (size_t bar = rest.find(" | "); bar != std::string::npos; bar = rest.find(" | ")) {
+        out.push_back(rest.substr(0, bar));
+        rest = rest.substr(bar + 3);
+    }
+    out.push_back(rest);
+    return out;
+}
+
 void print_command_help(FILE *out, const Command &c) {
-    fprintf(out, "%s\n\n%s\n", usage_line(c).c_str(), c.help);
+    std::string usage;
+    for (const std::string &form : forms(c))
+        usage += std::string(usage.empty() ? "usage: " : "\n       ") + "rtctl [-v] " + c.name +
+                 (form.empty() ? "" : " ") + form;
+    fprintf(out, "%s\n\n%s\n", usage.c_str(), c.help);
     if (c.json != nullptr) fprintf(out, "\n--json prints one JSON object:\n%s\n", c.json);
 }
 
+bool g_json = false;  // --json was given: a usage error is a JSON document too
+
+// Two lines on stderr, the mistake and the usage, never the whole help; exit status 2. With
+// --json also one document on stdout, so that a script reading it is not left with nothing.
 int usage_error(const Command *c, const std::string &message) {
-    fprintf(stderr, "rtctl: %s\n", message.c_str());
-    if (c != nullptr)
-        fprintf(stderr, "%s\n(see rtctl %s --help)\n", usage_line(*c).c_str(), c->name);
-    else
-        print_usage(stderr);
+    std::string usage = c != nullptr ? usage_line(*c) : "usage: rtctl [-v] COMMAND [ARGS...]";
+    std::string help = c != nullptr ? std::string("rtctl ") + c->name + " --help" : "rtctl --help";
+    fprintf(stderr, "rtctl: %s\n%s; try '%s'\n", message.c_str(), usage.c_str(), help.c_str());
+    if (g_json) {
+        rtctl::Json j;
+        j.begin_object().key("command");
+        if (c != nullptr)
+            j.value(c->name);
+        else
+            j.null();
+        j.key("status").value((int64_t)kExitUsage).key("error").value("usage");
+        j.key("message").value(message).key("usage").value(usage.substr(strlen("usage: ")));
+        j.end_object();
+        printf("%s\n", j.str().c_str());
+    }
     return kExitUsage;
 }
 
@@ -339,6 +389,15 @@ int run_debug_level(const char *name, const Args &a) {
     int32_t level = 0;
     p.s32(a.pos[0], "LEVEL", &level);
     if (!p.ok) return kExitUsage;
+    // The library stores any number. Processes attaching later read it on the configuration's
+    // DbgLevel scale 0..7, the caller itself as an internal level: anything else selects nothing.
+    static const int32_t kInternal[] = {16, 32, 48, 64, 80, 240, 241};
+    bool known = level >= 0 && level <= 7;
+    for (int32_t l : kInternal) known = known || l == level;
+    if (!known)
+        return usage_error(cmd_of(name), "LEVEL: " + a.pos[0] +
+                                             " is not a debug level (0..7, or the internal 16, "
+                                             "32, 48, 64, 80, 240, 241)");
     return finish(name, QX_REALTIME_SetDebugLevel(level));
 }
 
@@ -439,23 +498,89 @@ int run_add(const char *name, const Args &a) {
         name, QX_REALTIME_AddThread(a.pos[0].c_str(), a.pos[1].c_str(), tid, a.overrun ? 1 : 0));
 }
 
-bool parse_util(NumberParser &p, const std::vector<std::string> &pos, size_t first,
-                QX_REALTIME_UTIL_t *util) {
-    p.s32(pos[first], "UTIL", &util->s32Util);
-    p.s32(pos[first + 1], "DEADLINE_US", &util->DlDeadlineUs);
-    p.s32(pos[first + 2], "RUNTIME_US", &util->DlRuntimeUs);
-    p.s32(pos[first + 3], "PERIOD_US", &util->DlPeriodUs);
+// The demand of add-lite, update and budget, from the arguments after the first `first` ones.
+// Positional, the utilisation record's order: UTIL DEADLINE_US RUNTIME_US PERIOD_US (UTIL alone
+// leaves the triple at 0). Named, the kernel's order and chrt's letters: [UTIL] -T RUNTIME_US
+// -D DEADLINE_US -P PERIOD_US, where a missing deadline is the period and a missing period the
+// deadline, as the kernel's implicit-deadline tasks have them.
+struct Demand {
+    QX_REALTIME_UTIL_t util = {0, 0, 0, 0};
+    bool named = false;
+};
+
+bool parse_demand(NumberParser &p, const Args &a, size_t first, Demand *d) {
+    size_t given = a.pos.size() - first;
+    d->named = !a.runtime.empty() || !a.deadline.empty() || !a.period.empty();
+    if (d->named ? given > 1 : (given != 1 && given != 4)) {
+        p.ok = false;
+        usage_error(p.cmd, std::string(p.cmd->name) +
+                               (d->named ? ": the deadline parameters are given both by position "
+                                           "and by name: give UTIL and -T/-D/-P, or four numbers"
+                                         : ": give UTIL DEADLINE_US RUNTIME_US PERIOD_US, UTIL "
+                                           "alone, or -T RUNTIME_US -D DEADLINE_US -P PERIOD_US"));
+        return false;
+    }
+    if (given >= 1) p.s32(a.pos[first], "UTIL", &d->util.s32Util);
+    if (given == 4) {
+        p.s32(a.pos[first + 1], "DEADLINE_US", &d->util.DlDeadlineUs);
+        p.s32(a.pos[first + 2], "RUNTIME_US", &d->util.DlRuntimeUs);
+        p.s32(a.pos[first + 3], "PERIOD_US", &d->util.DlPeriodUs);
+    }
+    if (!d->named || !p.ok) return p.ok;
+    if (a.runtime.empty() || (a.deadline.empty() && a.period.empty())) {
+        p.ok = false;
+        usage_error(p.cmd, std::string(p.cmd->name) +
+                               ": -T RUNTIME_US needs -D DEADLINE_US or -P PERIOD_US (or both)");
+        return false;
+    }
+    p.s32(a.runtime, "-T/--runtime", &d->util.DlRuntimeUs);
+    if (!a.deadline.empty()) p.s32(a.deadline, "-D/--deadline", &d->util.DlDeadlineUs);
+    if (!a.period.empty()) p.s32(a.period, "-P/--period", &d->util.DlPeriodUs);
+    if (a.deadline.empty()) d->util.DlDeadlineUs = d->util.DlPeriodUs;
+    if (a.period.empty()) d->util.DlPeriodUs = d->util.DlDeadlineUs;
     return p.ok;
+}
+
+// Names on stderr what the domain's policy makes the library ignore of a demand, so that a value
+// typed in is never dropped without a word. add-lite books UTIL as given in either policy.
+void note_ignored(const char *command, const std::string &domain, const Demand &d) {
+    uint32_t type = rtctl::domain_sched_type(domain);
+    const QX_REALTIME_UTIL_t &u = d.util;
+    if (type == 2 && u.s32Util != 0 && strcmp(command, "add-lite") != 0)
+        fprintf(stderr,
+                "rtctl: note: %s: UTIL %d is ignored in the deadline domain %s: the demand is "
+                "computed from the runtime and the period\n",
+                command, u.s32Util, domain.c_str());
+    if (type == 1 && (u.DlDeadlineUs != 0 || u.DlRuntimeUs != 0 || u.DlPeriodUs != 0))
+        fprintf(stderr,
+                "rtctl: note: %s: the deadline parameters are ignored in the round-robin domain "
+                "%s: UTIL is the demand\n",
+                command, domain.c_str());
+}
+
+// A deadline triple the library refused because it was typed in the kernel's order into the
+// positional form: say which order that form takes.
+void hint_order(const Demand &d, uint32_t code) {
+    const QX_REALTIME_UTIL_t &u = d.util;
+    if (code == RT_ERR_INVALID_PARAM && !d.named && u.DlRuntimeUs > u.DlDeadlineUs)
+        g_hints.push_back("runtime " + std::to_string(u.DlRuntimeUs) + " us > deadline " +
+                          std::to_string(u.DlDeadlineUs) +
+                          " us: the positional order is UTIL DEADLINE_US RUNTIME_US PERIOD_US; in "
+                          "the kernel's order, name them: -T RUNTIME_US -D DEADLINE_US -P "
+                          "PERIOD_US");
 }
 
 int run_add_lite(const char *name, const Args &a) {
     NumberParser p(cmd_of(name));
     int32_t tid = 0;
-    QX_REALTIME_UTIL_t util = {0, 0, 0, 0};
+    Demand d;
     p.s32(a.pos[2], "TID", &tid);
-    if (!parse_util(p, a.pos, 3, &util)) return kExitUsage;
-    return finish(name, QX_REALTIME_AddThread_Lite(a.pos[0].c_str(), a.pos[1].c_str(), &util, tid,
-                                                   a.overrun ? 1 : 0));
+    if (!p.ok || !parse_demand(p, a, 3, &d)) return kExitUsage;
+    note_ignored(name, a.pos[0], d);
+    uint32_t rc = QX_REALTIME_AddThread_Lite(a.pos[0].c_str(), a.pos[1].c_str(), &d.util, tid,
+                                             a.overrun ? 1 : 0);
+    hint_order(d, rc);
+    return finish(name, rc);
 }
 
 int run_remove(const char *name, const Args &a) {
@@ -469,22 +594,28 @@ int run_remove(const char *name, const Args &a) {
 int run_update(const char *name, const Args &a) {
     NumberParser p(cmd_of(name));
     int32_t tid = 0;
-    QX_REALTIME_UTIL_t util = {0, 0, 0, 0};
+    Demand d;
     p.s32(a.pos[1], "TID", &tid);
-    if (!parse_util(p, a.pos, 2, &util)) return kExitUsage;
-    return finish(name, QX_REALTIME_UpdateThreadUtil(a.pos[0].c_str(), &util, tid));
+    if (!p.ok || !parse_demand(p, a, 2, &d)) return kExitUsage;
+    note_ignored(name, a.pos[0], d);
+    uint32_t rc = QX_REALTIME_UpdateThreadUtil(a.pos[0].c_str(), &d.util, tid);
+    hint_order(d, rc);
+    return finish(name, rc);
 }
 
 int run_budget(const char *name, const Args &a) {
     NumberParser p(cmd_of(name));
-    QX_REALTIME_UTIL_t util = {0, 0, 0, 0};
-    if (!parse_util(p, a.pos, 1, &util)) return kExitUsage;
+    Demand d;
+    if (!parse_demand(p, a, 1, &d)) return kExitUsage;
+    note_ignored(name, a.pos[0], d);
+    QX_REALTIME_UTIL_t &util = d.util;
     // The library writes the answer only on the paths that reach the domain; an untouched
     // sentinel means there is nothing to show (unknown domain, framework disabled).
     const int32_t kUnset = INT32_MIN;
     int32_t left = kUnset;
     uint32_t rc = QX_REALTIME_QueryBudget(a.pos[0].c_str(), &util, &left);
     close_open_line();
+    hint_order(d, rc);
     if (a.json) {
         rtctl::Json j;
         json_head(j, name, rc);
@@ -627,7 +758,18 @@ int run_mem_available(const char *name, const Args &a) {
     return finish(name, rc);
 }
 
-// The linter reads the file only: no shared state, no library call.
+bool read_stdin(std::string *text, std::string *error) {
+    char buf[65536];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof(buf), stdin)) > 0) text->append(buf, n);
+    if (ferror(stdin)) {
+        *error = strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+// The linter reads the files only: no shared state, no library call.
 int run_lint(const char *, const Args &a) {
     qxrt_lint::Options options;
     if (!a.cpus.empty()) {
@@ -637,25 +779,36 @@ int run_lint(const char *, const Args &a) {
                                "--cpus: '" + a.cpus + "' is not a CPU count (1..4096)");
         options.cpu_count = (int)cpus;
     }
-    const std::string &path = a.pos[0];
-    std::string text;
-    std::string error;
-    if (!qxrt_lint::read_file(path, &text, &error)) {
-        printf("%s: error: cannot read the file: %s\n", path.c_str(), error.c_str());
-        return 1;
+    int status = 0;
+    bool stdin_read = false;
+    for (const std::string &arg : a.pos) {
+        // "-" is the standard input, read once; its diagnostics name it "<stdin>".
+        bool from_stdin = arg == "-";
+        std::string path = from_stdin ? "<stdin>" : arg;
+        std::string text, error;
+        bool read = from_stdin ? !stdin_read && read_stdin(&text, &error)
+                               : qxrt_lint::read_file(path, &text, &error);
+        if (from_stdin && stdin_read) error = "the standard input was read already";
+        stdin_read = stdin_read || from_stdin;
+        if (!read) {
+            printf("%s: error: cannot read the file: %s\n", path.c_str(), error.c_str());
+            status = 1;
+            continue;
+        }
+        std::vector<qxrt_lint::Diagnostic> found = qxrt_lint::lint_text(text, options);
+        int errors = 0, warnings = 0;
+        for (const qxrt_lint::Diagnostic &d : found) {
+            printf("%s\n", qxrt_lint::format_diagnostic(path, d).c_str());
+            if (d.severity == qxrt_lint::Severity::kError)
+                errors++;
+            else
+                warnings++;
+        }
+        printf("%s: %d error%s, %d warning%s\n", path.c_str(), errors, errors == 1 ? "" : "s",
+               warnings, warnings == 1 ? "" : "s");
+        if (errors > 0) status = 1;
     }
-    std::vector<qxrt_lint::Diagnostic> found = qxrt_lint::lint_text(text, options);
-    int errors = 0, warnings = 0;
-    for (const qxrt_lint::Diagnostic &d : found) {
-        printf("%s\n", qxrt_lint::format_diagnostic(path, d).c_str());
-        if (d.severity == qxrt_lint::Severity::kError)
-            errors++;
-        else
-            warnings++;
-    }
-    printf("%s: %d error%s, %d warning%s\n", path.c_str(), errors, errors == 1 ? "" : "s", warnings,
-           warnings == 1 ? "" : "s");
-    return errors > 0 ? 1 : 0;
+    return status;
 }
 
 const char kJsonUsage[] =
@@ -691,7 +844,18 @@ const char kJsonDump[] =
 // was none (or, with --repair, when every one was repaired).
 int run_check(const char *name, const Args &a) {
     std::string error;
-    std::vector<rtcheck::Finding> findings = rtcheck::run(a.repair, &error);
+    std::vector<rtcheck::Finding> findings;
+    // A file this user may not open is no inconsistency to repair: the walk needs root (or the
+    // segments' group) then, and says so instead of reporting what it could not see.
+    std::vector<std::string> denied;
+    if (geteuid() != 0) denied = rtctl::access_problems();
+    if (!denied.empty())
+        error = "needs root: " + denied[0] +
+                (denied.size() > 1 ? " and " + std::to_string(denied.size() - 1) + " more" : "");
+    else if (a.repair && geteuid() != 0)
+        error = "--repair needs root: it changes the scheduling and control groups of threads";
+    else
+        findings = rtcheck::run(a.repair, &error);
     size_t repaired = 0;
     for (const rtcheck::Finding &f : findings) repaired += f.repaired() ? 1 : 0;
     int status = !error.empty()                            ? 1
@@ -722,6 +886,7 @@ int run_check(const char *name, const Args &a) {
     }
     if (!error.empty()) {
         fprintf(stderr, "rtctl check: %s\n", error.c_str());
+        if (denied.empty()) print_hints(name, RT_ERR_FAILED);
         return status;
     }
     for (const rtcheck::Finding &f : findings) {
@@ -733,7 +898,8 @@ int run_check(const char *name, const Args &a) {
     else if (a.repair)
         printf("%zu inconsistencies, %zu repaired\n", findings.size(), repaired);
     else
-        printf("%zu inconsistencies (rtctl check --repair repairs them)\n", findings.size());
+        printf("%zu inconsistencies (rtctl check --repair%s repairs them)\n", findings.size(),
+               geteuid() != 0 ? ", as root," : "");
     return status;
 }
 
@@ -744,6 +910,17 @@ const char kJsonCheck[] =
     "\"status\" is the exit status; \"action\" is what --repair did (null without it);\n"
     "\"error\" says why the walk could not be done (no central segment, ...).";
 
+// The two forms of a demand (add-lite, update, budget), and what a policy ignores of it.
+#define RTCTL_DEMAND_HELP                                                                       \
+    "\nThe positional form takes the utilisation record's order, UTIL DEADLINE_US RUNTIME_US\n" \
+    "PERIOD_US (not chrt's); UTIL alone leaves the three at 0. The named form takes the\n"      \
+    "kernel's order with chrt's letters, -T/--runtime, -D/--deadline, -P/--period (us), UTIL\n" \
+    "then optional (0): a missing -D is the period, a missing -P the deadline."
+#define RTCTL_DEMAND_IGNORED                                                                \
+    "\nWhat the domain's policy ignores is named on stderr (rtctl: note: ...): UTIL in a\n" \
+    "deadline domain (the demand is computed from runtime and period), the deadline\n"      \
+    "parameters in a round-robin domain."
+
 const Command kCommands[] = {
     {"init", "[MODE]",
      "Creates the shared state and reads the system settings of the configuration.\n"
@@ -753,8 +930,12 @@ const Command kCommands[] = {
     {"deinit", "", "Removes the shared state for every process (QX_REALTIME_Deinit).", nullptr, 0,
      0, 0, false, run_deinit},
     {"debug-level", "LEVEL",
-     "Sets this process's internal debug level (0, 16, 32, 48, 64, 80, 240, 241).\n"
-     "It is also stored in the shared settings when the framework is enabled.",
+     "Stores a debug level in the shared settings, for the processes that attach after it.\n"
+     "They read LEVEL as the configuration's DbgLevel, 0..7: 0/1 silent, 2/3 errors, 4/5 info\n"
+     "and debug, 6 plus entry traces, 7 plus a log file per process. The library's internal\n"
+     "levels 16, 32, 48, 64, 80, 240, 241 (QX_REALTIME_SetDebugLevel sets one for the calling\n"
+     "process) are accepted too, but a process attaching later reads them as 2. Any other\n"
+     "LEVEL is a usage error (exit 2). Stored only while the framework is enabled.",
      nullptr, 1, 1, 0, false, run_debug_level},
     {"self-test", "", "Runs the library's self test (QX_REALTIME_SelfTest).", nullptr, 0, 0, 0,
      false, run_self_test},
@@ -774,8 +955,8 @@ const Command kCommands[] = {
      "   \"domains\":[\"Domain_Audio\", \"Domain_Camera\"], \"damaged_entries\":0}",
      0, 0, kOptJson, false, run_list},
     {"layout", "[--json]",
-     "Prints the cgroup layout the library finds here and where usage comes from:\n"
-     "v1 (cpuset and cpuacct hierarchies at /dev/cpuset and /dev/cpuacct) or android\n"
+     "Prints the cgroup layout the library finds here and where CPU usage comes from.\n"
+     "Either v1 (cpuset and cpuacct hierarchies at /dev/cpuset, /dev/cpuacct) or android\n"
      "(cpuset only, as Android 12 and later mount it: a domain's usage is the CPU time of its\n"
      "admitted threads). The property vendor.kpo.realtime.cgroup_layout (v1 or android)\n"
      "overrides what the mount table says.",
@@ -789,22 +970,32 @@ const Command kCommands[] = {
      "--overrun asks a deadline domain for SCHED_FLAG_DL_OVERRUN: the kernel then sends the\n"
      "thread SIGXCPU whenever it overruns its runtime.",
      nullptr, 3, 3, kOptOverrun, false, run_add},
-    {"add-lite", "DOMAIN CLASS TID UTIL DEADLINE_US RUNTIME_US PERIOD_US [--overrun]",
-     "Admits thread TID with the given parameters and no checks (QX_REALTIME_AddThread_Lite).",
-     nullptr, 7, 7, kOptOverrun, false, run_add_lite},
+    {"add-lite",
+     "DOMAIN CLASS TID UTIL [DEADLINE_US RUNTIME_US PERIOD_US] [--overrun] | DOMAIN CLASS TID "
+     "[UTIL] -T RUNTIME_US -D DEADLINE_US -P PERIOD_US [--overrun]",
+     "Admits thread TID with the given parameters and no checks (QX_REALTIME_AddThread_Lite).\n"
+     "UTIL is booked as given, in either policy." RTCTL_DEMAND_HELP
+     "\nIn a round-robin domain the deadline parameters are ignored (a note says so).",
+     nullptr, 3, 7, kOptOverrun | kOptDemand, false, run_add_lite},
     {"remove", "DOMAIN TID",
      "Takes thread TID out of DOMAIN and restores its former scheduling and cgroups.", nullptr, 2,
      2, 0, false, run_remove},
-    {"update", "DOMAIN TID UTIL DEADLINE_US RUNTIME_US PERIOD_US",
-     "Changes an admitted thread's utilisation (and deadline parameters in a deadline domain).",
-     nullptr, 6, 6, 0, false, run_update},
-    {"budget", "[--json] DOMAIN UTIL DEADLINE_US RUNTIME_US PERIOD_US",
+    {"update",
+     "DOMAIN TID UTIL [DEADLINE_US RUNTIME_US PERIOD_US] | DOMAIN TID [UTIL] "
+     "-T RUNTIME_US -D DEADLINE_US -P PERIOD_US",
+     "Changes an admitted thread's utilisation (and deadline parameters in a deadline "
+     "domain)." RTCTL_DEMAND_HELP RTCTL_DEMAND_IGNORED,
+     nullptr, 2, 6, kOptDemand, false, run_update},
+    {"budget",
+     "[--json] DOMAIN UTIL [DEADLINE_US RUNTIME_US PERIOD_US] | DOMAIN [UTIL] "
+     "-T RUNTIME_US -D DEADLINE_US -P PERIOD_US",
      "Prints the utilisation DOMAIN has left and whether this demand would fit.\n"
-     "In a deadline domain the demand is RUNTIME_US x Util-per-core / PERIOD_US.",
+     "In a deadline domain the demand is RUNTIME_US x Util-per-core / PERIOD_US." RTCTL_DEMAND_HELP
+         RTCTL_DEMAND_IGNORED,
      "  {\"command\":\"budget\", \"result\":9, \"result_name\":\"RT_ERR_OVER_BUDGET\",\n"
      "   \"domain\":\"Domain_Audio\", \"demand\":513, \"left\":512, \"fits\":false}\n"
      "\"left\" is null when the library gave no figure (unknown domain, framework disabled).",
-     5, 5, kOptJson, false, run_budget},
+     1, 5, kOptJson | kOptDemand, false, run_budget},
     {"dmips", "[--json] N",
      "Converts N DMIPS into microseconds of CPU time per second on one core.",
      "  {\"command\":\"dmips\", \"result\":0, \"result_name\":\"RT_SUCCESS\", \"dmips\":512,\n"
@@ -821,11 +1012,12 @@ const Command kCommands[] = {
      "With All: every live thread of every domain, with its program and class.",
      kJsonDump, 1, 1, kOptJson, true, run_dump},
     {"top", "[--interval MS] [--count N]",
-     "Live view of every domain, refreshed every MS milliseconds (default 1000): policy, CPUs,\n"
-     "budget and booked utilisation (capacity units), measured CPU usage as a bar against the\n"
-     "budget (OVER when above it), and each admitted thread: tid, process, class and the policy\n"
-     "the kernel reports for it. q quits; --count N ends after N refreshes. When stdout is not a\n"
-     "terminal it prints one plain-text block per refresh instead.",
+     "Shows every domain and its threads live, refreshed every MS milliseconds (default 1000).\n"
+     "Each domain: policy, CPUs, budget and booked utilisation (capacity units), and the CPU\n"
+     "usage measured over the last interval as a bar against the budget (OVER when above it).\n"
+     "Each admitted thread: tid, process, class and the policy the kernel reports for it.\n"
+     "q quits; --count N ends after N refreshes. When stdout is not a terminal it prints one\n"
+     "plain-text block per refresh instead.",
      nullptr, 0, 0, kOptCount | kOptInterval, false, run_top},
     {"mem-enable", "", "QX_REALTIME_EnableMemoryHighPriority (reserved, does nothing).", nullptr, 0,
      0, 0, false, run_mem_enable},
@@ -835,18 +1027,21 @@ const Command kCommands[] = {
      "QX_REALTIME_GetAvailableHighPriorityResource with *ps32Avai = VALUE (default 0).", nullptr, 0,
      1, 0, false, run_mem_available},
     {"check", "[--json] [--repair]",
-     "Checks every domain against its records and the kernel, under their lock files:\n"
-     "charges without a record, records of dead processes or threads, threads in a domain's\n"
-     "groups without a record, records the kernel disagrees with, half-created or damaged\n"
-     "domains, segment sizes and modes. Prints each; exits 0 only when there is none.\n"
-     "--repair fixes each one and says what it did (exit 0 when all were repaired).",
+     "Checks the shared state against its records and the kernel, and can repair it.\n"
+     "Under their lock files it looks for charges without a record, records of dead processes\n"
+     "or threads, threads in a domain's groups without a record, records the kernel disagrees\n"
+     "with, half-created or damaged domains, segment sizes and modes. Prints each; exits 0\n"
+     "only when there is none. --repair fixes each one and says what it did (exit 0 when all\n"
+     "were repaired). It needs root, or the segments' group without --repair: a segment it may\n"
+     "not open is named as such, never reported as an inconsistency.",
      kJsonCheck, 0, 0, kOptRepair | kOptJson, false, run_check},
-    {"lint", "[--cpus N] FILE",
-     "Checks a configuration file without touching the shared state.\n"
-     "Prints every problem as FILE:LINE: error|warning: message (fix: suggestion);\n"
-     "exits 1 when there is an error, 0 otherwise (warnings alone included).\n"
+    {"lint", "[--cpus N] FILE|-...",
+     "Checks configuration files without touching the shared state.\n"
+     "Prints every problem as FILE:LINE: error|warning: message (fix: suggestion), then a\n"
+     "summary per file; - reads the standard input (named <stdin>). Exits 1 when any file has\n"
+     "an error or cannot be read, 0 otherwise (warnings alone included).\n"
      "CPU sets and BudgetCpuNum are checked against this machine's CPUs, or N with --cpus.",
-     nullptr, 1, 1, kOptCpus, false, run_lint},
+     nullptr, 1, INT_MAX, kOptCpus, false, run_lint},
 };
 const size_t kCommandCount = sizeof(kCommands) / sizeof(kCommands[0]);
 
@@ -871,18 +1066,60 @@ const struct {
      "too. The level stored in the shared settings (read by every\n"
      "process that attaches later) is put back afterwards, except\n"
      "by debug-level, whose job it is to store one"},
-    {"--json",
-     "one JSON document on stdout (list, budget, dmips, usage,\n"
-     "dump); rtctl COMMAND --help shows its shape"},
+    {"--json", nullptr},  // its text names the commands that take it: json_option_help()
     {"--version", "the version of rtctl and of the library it was built with"},
     {"--man", "this help as a manual page (troff)"},
     {"-h, --help", "this text; rtctl COMMAND --help explains one command"},
 };
 
+// The text of --json, from the table: every command that takes it, wrapped as the other options.
+std::string json_option_help() {
+    std::string text =
+        "one JSON document on stdout (also for a usage error);\n"
+        "rtctl COMMAND --help shows its shape. Taken by\n";
+    size_t line_start = text.size();
+    bool first = true;
+    for (size_t i = 0; i < kCommandCount; i++) {
+        if ((kCommands[i].options & kOptJson) == 0) continue;
+        std::string item = std::string(first ? "" : ", ") + kCommands[i].name;
+        if (text.size() - line_start + item.size() > 60) {
+            text += ",\n";
+            line_start = text.size();
+            item = kCommands[i].name;
+        }
+        text += item;
+        first = false;
+    }
+    return text + ".";
+}
+
+std::string option_help(const char *name, const char *help) {
+    return help != nullptr ? help : strcmp(name, "--json") == 0 ? json_option_help() : "";
+}
+
+// Exit statuses: the result codes, then rtctl's own.
+const struct {
+    int status;
+    const char *meaning;
+} kExitStatuses[] = {
+    {0, "RT_SUCCESS; lint: no error; check: consistent (or every finding repaired)"},
+    {1,
+     "lint: a file has an error; check: an inconsistency, or the walk could not be done;\n"
+     "list: the central record's domain list is damaged"},
+    {2, "bad arguments (a usage error): nothing was done"},
+    {4, "RT_ERR_FAILED"},
+    {8, "RT_ERR_INVALID_PARAM"},
+    {9, "RT_ERR_OVER_BUDGET"},
+    {10, "RT_ERR_NULL (no framework, no such domain, or no permission: see the hint)"},
+    {11, "RT_ERR_NOT_EXIST"},
+    {12, "RT_ERR_SYSTEM"},
+    {14, "RT_ERR_SCHED_SETATTR"},
+};
+
 const char kResultCodes[] =
     "0 RT_SUCCESS, 4 RT_ERR_FAILED, 8 RT_ERR_INVALID_PARAM,\n"
     "9 RT_ERR_OVER_BUDGET, 10 RT_ERR_NULL, 11 RT_ERR_NOT_EXIST, 12 RT_ERR_SYSTEM,\n"
-    "14 RT_ERR_SCHED_SETATTR; 2 bad arguments; lint exits 1 when the file has an error,\n"
+    "14 RT_ERR_SCHED_SETATTR; 2 bad arguments; lint exits 1 when a file has an error,\n"
     "check when it finds an inconsistency, list when the central record's list is damaged.";
 
 void print_usage(FILE *out) {
@@ -892,15 +1129,17 @@ void print_usage(FILE *out) {
             "\n%s\n\noptions:\n",
             kDescription);
     for (const auto &o : kGlobalOptions) {
-        std::string help = o.help;
+        std::string help = option_help(o.name, o.help);
         for (size_t pos = help.find('\n'); pos != std::string::npos; pos = help.find('\n', pos + 1))
             help.insert(pos + 1, 16, ' ');
         fprintf(out, "  %-13s %s\n", o.name, help.c_str());
     }
     fprintf(out, "\ncommands:\n");
     for (size_t i = 0; i < kCommandCount; i++) {
-        std::string line = kCommands[i].name;
-        if (kCommands[i].synopsis[0] != '\0') line += std::string(" ") + kCommands[i].synopsis;
+        std::string line;
+        for (const std::string &form : forms(kCommands[i]))
+            line += std::string(line.empty() ? "" : "\n  ") + kCommands[i].name +
+                    (form.empty() ? "" : " ") + form;
         const char *help = kCommands[i].help;
         const char *nl = strchr(help, '\n');
         int first_len = nl ? (int)(nl - help) : (int)strlen(help);
@@ -947,12 +1186,16 @@ void print_man() {
     printf(".SH OPTIONS\n");
     for (const auto &o : kGlobalOptions) {
         printf(".TP\n.B %s\n", roff(o.name).c_str());
-        man_block(o.help);
+        man_block(option_help(o.name, o.help));
     }
     printf(".SH COMMANDS\n");
     for (size_t i = 0; i < kCommandCount; i++) {
         const Command &c = kCommands[i];
-        printf(".TP\n\\fB%s\\fR %s\n", roff(c.name).c_str(), roff(c.synopsis).c_str());
+        std::string heading;
+        for (const std::string &form : forms(c))
+            heading += std::string(heading.empty() ? "" : "\n.br\n") + "\\fB" + roff(c.name) +
+                       "\\fR " + roff(form);
+        printf(".TP\n%s\n", heading.c_str());
         man_block(c.help);
         if (c.json != nullptr) {
             printf(".IP\n\\fB\\-\\-json\\fR prints one JSON object:\n");
@@ -960,7 +1203,10 @@ void print_man() {
         }
     }
     printf(".SH EXIT STATUS\n");
-    man_block(kResultCodes);
+    for (const auto &e : kExitStatuses) {
+        printf(".TP\n.B %d\n", e.status);
+        man_block(e.meaning);
+    }
     printf(
         ".SH FILES\n.TP\n/vendor/etc/realtime/rt\\-*.json\nthe configuration\n"
         ".TP\n/dev/shm/realtime/, /data/vendor/realtime/\nshared segments and lock files\n"
@@ -969,6 +1215,33 @@ void print_man() {
         ".SH EXAMPLES\n.nf\nrtctl init\nrtctl create Domain_Audio\n"
         "rtctl add Domain_Audio Class_Render 4242\nrtctl top\n"
         "rtctl usage All 500 20 \\-\\-svg usage.svg\nrtctl \\-\\-json dump Domain_Audio\n.fi\n");
+    printf(
+        ".SH SEE ALSO\n.BR chrt (1),\n.BR taskset (1),\n.BR cgroups (7),\n.BR sched (7),\n"
+        ".BR sched_setattr (2)\n");
+}
+
+// Whether the command's first argument is a domain (or All): the first word of its synopsis
+// outside brackets.
+bool names_domain(const Command &c) {
+    int depth = 0;
+    for (const char *p = c.synopsis; *p != '\0'; p++) {
+        if (*p == '[') depth++;
+        if (*p == ']') depth--;
+        if (depth == 0 && isupper((unsigned char)*p)) return strncmp(p, "DOMAIN", 6) == 0;
+    }
+    return false;
+}
+
+// The reports of every domain (usage, dump All, top) answer for the domains this user may read
+// and leave the others out with a bare "pstDomain is NULL": name the cause once they are done.
+void note_unreadable(const Command &c, int status) {
+    bool every_domain =
+        strcmp(c.name, "top") == 0 ||
+        (names_domain(c) && (strcmp(c.name, "usage") == 0 || strcmp(c.name, "dump") == 0) &&
+         g_domain.compare(0, 3, "All") == 0);
+    if (!every_domain || status != 0 || geteuid() == 0) return;
+    for (const std::string &problem : rtctl::access_problems())
+        fprintf(stderr, "rtctl: note: %s: its domain is left out\n", problem.c_str());
 }
 
 // Arguments that look like negative numbers are values, not options: getopt would read "-5"
@@ -985,6 +1258,7 @@ int main(int argc, char **argv) {
     qx_log_sink::set(plain_logger);
 
     enum { kJson = 256, kVersion, kMan, kOverrun, kCpus, kSvg, kCount, kInterval, kRepair };
+    // The deadline parameters by name take chrt's letters.
     static const struct option kLong[] = {{"help", no_argument, nullptr, 'h'},
                                           {"verbose", no_argument, nullptr, 'v'},
                                           {"json", no_argument, nullptr, kJson},
@@ -996,6 +1270,9 @@ int main(int argc, char **argv) {
                                           {"count", required_argument, nullptr, kCount},
                                           {"interval", required_argument, nullptr, kInterval},
                                           {"repair", no_argument, nullptr, kRepair},
+                                          {"runtime", required_argument, nullptr, 'T'},
+                                          {"deadline", required_argument, nullptr, 'D'},
+                                          {"period", required_argument, nullptr, 'P'},
                                           {nullptr, 0, nullptr, 0}};
 
     std::vector<std::string> marked;
@@ -1012,9 +1289,15 @@ int main(int argc, char **argv) {
     Args args;
     unsigned given = 0;  // kOpt* bits of the command options given
     bool want_help = false, want_version = false, want_man = false;
+    // The first mistake among the options; told once the command is known, so that the usage
+    // shown is that command's.
+    std::string option_error;
+    auto value = [](const char *text) {
+        return text[0] == kNumberMark ? std::string(text + 1) : std::string(text);
+    };
     opterr = 0;
     int c;
-    while ((c = getopt_long(argc, av.data(), ":hv", kLong, nullptr)) != -1) {
+    while ((c = getopt_long(argc, av.data(), ":hvT:D:P:", kLong, nullptr)) != -1) {
         switch (c) {
         case 'h':
             want_help = true;
@@ -1056,13 +1339,32 @@ int main(int argc, char **argv) {
             args.repair = true;
             given |= kOptRepair;
             break;
+        case 'T':
+            args.runtime = value(optarg);
+            given |= kOptDemand;
+            break;
+        case 'D':
+            args.deadline = value(optarg);
+            given |= kOptDemand;
+            break;
+        case 'P':
+            args.period = value(optarg);
+            given |= kOptDemand;
+            break;
         case ':':
-            return usage_error(nullptr, std::string(av[(size_t)optind - 1]) + " needs a value");
+            if (option_error.empty())
+                option_error = std::string(av[(size_t)optind - 1]) + " needs a value";
+            break;
         default:
-            return usage_error(nullptr,
-                               "unknown option '" + std::string(av[(size_t)optind - 1]) + "'");
+            if (option_error.empty())
+                option_error = "unknown option '" +
+                               (optopt != 0 ? std::string("-") + (char)optopt
+                                            : std::string(av[(size_t)optind - 1])) +
+                               "'";
+            break;
         }
     }
+    g_json = args.json;
     if (want_version) {
         printf("rtctl (libqxt_realtime_hal) %s\n", QX_REALTIME_VERSION);
         return 0;
@@ -1073,18 +1375,20 @@ int main(int argc, char **argv) {
     }
 
     const Command *cmd = nullptr;
+    std::string unknown;  // a command name that is none
     for (int i = optind; i < argc; i++) {
-        std::string arg = av[(size_t)i];
-        if (!arg.empty() && arg[0] == kNumberMark) arg = arg.substr(1);
-        if (cmd == nullptr && arg == "help" && !want_help) {
+        std::string arg = value(av[(size_t)i]);
+        if (cmd == nullptr && unknown.empty() && arg == "help" && !want_help) {
             want_help = true;
-        } else if (cmd == nullptr) {
+        } else if (cmd == nullptr && unknown.empty()) {
             cmd = find_command(arg);
-            if (cmd == nullptr) return usage_error(nullptr, "unknown command '" + arg + "'");
+            if (cmd == nullptr) unknown = arg;
         } else {
             args.pos.push_back(arg);
         }
     }
+    if (!option_error.empty()) return usage_error(cmd, option_error);
+    if (!unknown.empty()) return usage_error(nullptr, "unknown command '" + unknown + "'");
     if (want_help) {
         if (cmd != nullptr)
             print_command_help(stdout, *cmd);
@@ -1099,7 +1403,7 @@ int main(int argc, char **argv) {
     } kOptionNames[] = {{kOptOverrun, "--overrun"}, {kOptCpus, "--cpus"},
                         {kOptSvg, "--svg"},         {kOptJson, "--json"},
                         {kOptCount, "--count"},     {kOptInterval, "--interval"},
-                        {kOptRepair, "--repair"}};
+                        {kOptRepair, "--repair"},   {kOptDemand, "-T/-D/-P"}};
     for (const auto &o : kOptionNames)
         if ((given & o.bit) != 0 && (cmd->options & o.bit) == 0)
             return usage_error(cmd, std::string(o.name) + " does not apply to " + cmd->name);
@@ -1109,6 +1413,7 @@ int main(int argc, char **argv) {
         return usage_error(cmd,
                            "too many arguments, from '" + args.pos[(size_t)cmd->max_args] + "' on");
 
+    if (names_domain(*cmd)) g_domain = args.pos[0];
     if (cmd->output_is_log) {
         g_log_out = stdout;
         g_report = true;
@@ -1120,6 +1425,7 @@ int main(int argc, char **argv) {
     }
     int status = cmd->run(cmd->name, args);
     close_open_line();
+    note_unreadable(*cmd, status);
     if (g_verbose) restore_stored_level(cmd->name);
     return status;
 }

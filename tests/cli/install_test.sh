@@ -17,7 +17,7 @@ version=$(sed -n 's/^#define QX_REALTIME_VERSION "\(.*\)"$/\1/p' "$src/include/q
 [ -n "$version" ] || fail "no QX_REALTIME_VERSION in the header"
 
 libdir=$(dirname "$(find "$prefix" -name libqxt_realtime_hal.so | head -1)")
-for f in include/qx_realtime.h bin/rtctl share/man/man1/rtctl.1; do
+for f in include/qx_realtime.h bin/rtctl share/man/man1/rtctl.1 share/bash-completion/completions/rtctl; do
     [ -f "$prefix/$f" ] || fail "$f is not installed"
 done
 [ -f "$libdir/pkgconfig/qxt_realtime_hal.pc" ] || fail "no pkg-config file next to the library"

@@ -130,7 +130,11 @@ TEST(RtctlJson, JsonOnACommandWithoutItIsAUsageError) {
     Result r = rtctl({"--json", "add", "Domain_Audio", "Class_Render", "1"});
     EXPECT_EQ(r.status, 2);
     EXPECT_TRUE(contains(r.err, "--json does not apply to add")) << r.err;
-    EXPECT_EQ(r.out, "");
+    // Still one document, as every usage error under --json.
+    json j = document(r);
+    EXPECT_EQ(j["command"], "add");
+    EXPECT_EQ(j["error"], "usage");
+    EXPECT_EQ(j["message"], "--json does not apply to add");
 }
 
 TEST_F(RtctlOps, ListJsonNamesTheDomains) {

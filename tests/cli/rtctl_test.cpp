@@ -126,7 +126,9 @@ TEST_F(Rtctl, LibraryMessagesArePlainTextWithoutDecorationsOrDoubledNewlines) {
     EXPECT_EQ(r.status, 10);
     EXPECT_EQ(r.err,
               "[RT_Impl][Err] [QX_REALTIME_DeleteDomain] pstDomain is NULL.\n"
-              "rtctl: delete: RT_ERR_NULL (10)\n");
+              "rtctl: delete: RT_ERR_NULL (10)\n"
+              "rtctl: hint: no domain Domain_Nowhere: rtctl list shows the domains, rtctl create "
+              "Domain_Nowhere makes it from the configuration\n");
 }
 
 TEST_F(Rtctl, InitWithUnknownModeFails) {

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <stdio.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,16 +21,28 @@ std::string slurp_and_remove(const char *path) {
 }
 }  // namespace
 
-Result rtctl(const std::vector<std::string> &args) {
+Result rtctl_via(const std::vector<std::string> &prefix, const std::vector<std::string> &args,
+                 const std::string &input) {
     char out_path[] = "/tmp/qxrt_cli_out.XXXXXX";
     char err_path[] = "/tmp/qxrt_cli_err.XXXXXX";
+    char in_path[] = "/tmp/qxrt_cli_in.XXXXXX";
     int out_fd = mkstemp(out_path);
     int err_fd = mkstemp(err_path);
+    int in_fd = mkstemp(in_path);
+    if (write(in_fd, input.data(), input.size()) != (ssize_t)input.size()) perror("stdin file");
+    lseek(in_fd, 0, SEEK_SET);
+    unlink(in_path);
+    // An unprivileged child must be able to write its output files.
+    fchmod(out_fd, 0666);
+    fchmod(err_fd, 0666);
     pid_t pid = fork();
     if (pid == 0) {
+        dup2(in_fd, 0);
         dup2(out_fd, 1);
         dup2(err_fd, 2);
-        std::vector<std::string> words = qxt::target_command(QXRT_RTCTL);
+        std::vector<std::string> words = prefix;
+        std::vector<std::string> target = qxt::target_command(QXRT_RTCTL);
+        words.insert(words.end(), target.begin(), target.end());
         words.insert(words.end(), args.begin(), args.end());
         std::vector<char *> argv;
         for (std::string &w : words) argv.push_back(const_cast<char *>(w.c_str()));
@@ -36,6 +50,7 @@ Result rtctl(const std::vector<std::string> &args) {
         execvp(argv[0], argv.data());
         _exit(127);
     }
+    close(in_fd);
     close(out_fd);
     close(err_fd);
     int status = 0;
@@ -45,6 +60,14 @@ Result rtctl(const std::vector<std::string> &args) {
     r.out = slurp_and_remove(out_path);
     r.err = slurp_and_remove(err_path);
     return r;
+}
+
+Result rtctl(const std::vector<std::string> &args) {
+    return rtctl_via({}, args);
+}
+
+Result rtctl_as_nobody(const std::vector<std::string> &args) {
+    return rtctl_via({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"}, args);
 }
 
 void install_shipped_config() {

@@ -18,6 +18,14 @@ struct Result {
 // rtctl ARGS..., with stdout and stderr kept apart.
 Result rtctl(const std::vector<std::string> &args);
 
+// The same, started through the words of `prefix` (e.g. setpriv and its options) and with `input`
+// on its standard input (empty: none, /dev/null).
+Result rtctl_via(const std::vector<std::string> &prefix, const std::vector<std::string> &args,
+                 const std::string &input = "");
+
+// rtctl ARGS... as the unprivileged user nobody (uid and gid 65534, no supplementary groups).
+Result rtctl_as_nobody(const std::vector<std::string> &args);
+
 // The base of the tests on the shipped configuration: it needs the sandbox and 2 CPUs.
 class ShippedConfigTest : public SandboxTest {
 protected:
