@@ -129,6 +129,9 @@ fresh_paths() {
     mkdir -m 0777 /dev/qxrt_properties
 }
 export QXRT_SANDBOX="vm-$LAYOUT"
+# The layout, as tools/rt_sandbox names it to the tests and the demo (only "android" changes what
+# they expect: no cpuacct hierarchy).
+export QXRT_SANDBOX_LAYOUT="$LAYOUT"
 export QXRT_STRESS_SECONDS="${STRESS_SECONDS:-5}"
 
 # Ends every process but init, this runner and the kernel's threads (which have no executable).
