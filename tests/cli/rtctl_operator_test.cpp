@@ -14,14 +14,11 @@
 #include "test_support.h"
 
 using nlohmann::json;
+using qxt::contains;
 using qxt::Result;
 using qxt::rtctl;
 
 namespace {
-
-bool contains(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
 
 std::vector<std::string> lines_of(const std::string &text) {
     std::vector<std::string> lines;

@@ -20,14 +20,11 @@
 #include "test_support.h"
 
 using nlohmann::json;
+using qxt::contains;
 using qxt::Result;
 using qxt::rtctl;
 
 namespace {
-
-bool contains(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
 
 // The one JSON document a --json call printed; a parse failure fails the test.
 json document(const Result &r) {

@@ -8,6 +8,7 @@
 #include "cli_support.h"
 #include "test_support.h"
 
+using qxt::contains;
 using qxt::Result;
 using qxt::rtctl;
 
@@ -17,10 +18,6 @@ const char *const kAllCommands[] = {
     "init", "deinit",     "debug-level", "self-test",     "create", "delete", "list",
     "add",  "add-lite",   "remove",      "update",        "budget", "dmips",  "usage",
     "dump", "mem-enable", "mem-disable", "mem-available", "check",  "top",    "lint"};
-
-bool contains(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
 
 int count_of(const std::string &text, const std::string &part) {
     int n = 0;

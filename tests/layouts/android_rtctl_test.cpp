@@ -6,14 +6,11 @@
 #include "cli_support.h"
 #include "test_support.h"
 
+using qxt::contains;
 using qxt::Result;
 using qxt::rtctl;
 
 namespace {
-
-bool contains(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
 
 class AndroidRtctl : public qxt::ShippedConfigTest {
 protected:

@@ -15,6 +15,11 @@ struct Result {
     std::string err;
 };
 
+// Whether text holds part anywhere.
+inline bool contains(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
+
 // rtctl ARGS..., with stdout and stderr kept apart.
 Result rtctl(const std::vector<std::string> &args);
 
