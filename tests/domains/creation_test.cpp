@@ -9,6 +9,8 @@
 
 #include <algorithm>
 
+#include <sstream>
+
 #include "domains_support.h"
 
 using namespace qxt;
@@ -445,7 +447,10 @@ TEST_F(CreateDomainTest, ExistingCgroupDirectoriesAreAccepted) {
     EXPECT_EQ(last_cpu(), first_line(cpuset_file("/dev/cpuset/Domain_A", "cpus")));
 }
 
+// On a device with cpuacct (layout v1: pinned here by its property, so that the case holds where
+// the sandbox's /dev/cpuacct is the only cpuacct mount there is, as in a VM guest).
 TEST_F(CreateDomainTest, MissingCpuacctHierarchyFailsEveryCreationAtMkdir) {
+    qxt::set_property(RT_PROP_CGROUP_LAYOUT, "v1");
     init_with(config_of({rr_domain("Domain_A", 100, "0"), rr_domain("Domain_B", 100, "0")}));
     // The sandbox's own mount and mount point; the host's are untouched.
     ASSERT_EQ(0, umount2("/dev/cpuacct", MNT_DETACH)) << errno_text(errno);
@@ -460,6 +465,32 @@ TEST_F(CreateDomainTest, MissingCpuacctHierarchyFailsEveryCreationAtMkdir) {
         EXPECT_FALSE(qxt::file_exists(std::string("/dev/cpuset/") + name)) << name;
     }
     EXPECT_EQ(0u, pstTop->u32DomainMapNum);
+}
+
+// With no cpuacct hierarchy mounted anywhere and no layout set, the library is on Android's
+// layout: the same creations succeed, with the cpuset group only.
+TEST_F(CreateDomainTest, NoCpuacctHierarchyAnywhereIsAndroidsLayoutAndCreationWorks) {
+    init_with(config_of({rr_domain("Domain_A", 100, "0"), rr_domain("Domain_B", 100, "0")}));
+    // Every cpuacct mount of the sandbox's own mount namespace; the host's are untouched.
+    std::istringstream mounts(qxt::read_file("/proc/self/mounts"));
+    std::string line;
+    std::vector<std::string> points;
+    while (std::getline(mounts, line)) {
+        std::istringstream fields(line);
+        std::string source, target, type, options;
+        fields >> source >> target >> type >> options;
+        if (type == "cgroup" && ("," + options + ",").find(",cpuacct,") != std::string::npos)
+            points.push_back(target);
+    }
+    for (const std::string &point : points)
+        ASSERT_EQ(0, umount2(point.c_str(), MNT_DETACH)) << point << " " << errno_text(errno);
+
+    for (const char *name : {"Domain_A", "Domain_B"}) {
+        EXPECT_EQ(RT_SUCCESS, QX_REALTIME_CreateDomain(name)) << name << log.dump();
+        EXPECT_TRUE(qxt::file_exists(std::string("/dev/cpuset/") + name)) << name;
+    }
+    EXPECT_EQ(QX_CGROUP_ANDROID, qx_cgroup_layout());
+    EXPECT_EQ(0, log.count_containing("cpuacct")) << log.dump();
 }
 
 // A process whose file-size limit is below a segment cannot size a new one: the creation fails,
