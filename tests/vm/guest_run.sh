@@ -48,7 +48,7 @@ say "vm: booted in $(secs "$now") s (kernel $(uname -r), $(uname -m), $(grep -c 
 # What each layout mounts, one "DIR TYPE OPTIONS" a line, in mount order.
 layout_table() {
     case "$LAYOUT" in
-        spec)
+        device)
             # The device the library was written for: unprefixed cpuset files, cpuacct beside it.
             echo "/dev/cpuset cgroup cpuset,noprefix"
             echo "/dev/cpuacct cgroup cpuacct"
