@@ -261,6 +261,18 @@ const char *qx_cgroup_leave_domain(const QX_REALTIME_DOMAIN_t *pstDomain, int32_
     return NULL;
 }
 
+const char *qx_cgroup_park_in_root_cpuset(int32_t s32Tid) {
+    return _QX_WriteS32ToPath(s32Tid, RT_CPUSET_ROOT_TASKS) == RT_SUCCESS ? NULL
+                                                                          : RT_CPUSET_ROOT_TASKS;
+}
+
+const char *qx_cgroup_return_to_domain_cpuset(const QX_REALTIME_DOMAIN_t *pstDomain,
+                                              int32_t s32Tid) {
+    return _QX_WriteS32ToPath(s32Tid, pstDomain->pszCpusetPathTasks) == RT_SUCCESS
+               ? NULL
+               : pstDomain->pszCpusetPathTasks;
+}
+
 int qx_cgroup_tasks_files(const QX_REALTIME_DOMAIN_t *pstDomain, qx_tasks_file_t astFiles[2]) {
     astFiles[0] = {pstDomain->pszCpusetPathTasks, RT_CPUSET_ROOT};
     astFiles[1] = {pstDomain->pszCpuacctPathTasks, RT_CPUACCT_ROOT};
@@ -314,16 +326,18 @@ typedef struct {
     int32_t s32Count;
     qx_seen_thread_t astThreads[QX_SEEN_THREADS];
 } qx_seen_domain_t;
-static qx_seen_domain_t astSeen[RT_MAX_DOMAIN];
+// Allocated at the first reading: a process on a layout with cpuacct never pays for it.
+static qx_seen_domain_t *pastSeen = NULL;
 static pthread_mutex_t stSeenMutex = PTHREAD_MUTEX_INITIALIZER;
 
 static qx_seen_domain_t *qx_seen_domain(const char *pszName) {
     qx_seen_domain_t *pstFree = NULL;
-    for (qx_seen_domain_t &stSeen : astSeen) {
+    for (int i = 0; i < RT_MAX_DOMAIN; i++) {
+        qx_seen_domain_t &stSeen = pastSeen[i];
         if (strncmp(stSeen.szName, pszName, RT_NAME_LEN) == 0) return &stSeen;
         if (pstFree == NULL && stSeen.szName[0] == '\0') pstFree = &stSeen;
     }
-    if (pstFree == NULL) pstFree = &astSeen[0];  // more domains than the central lists hold
+    if (pstFree == NULL) pstFree = &pastSeen[0];  // more domains than the central lists hold
     memset(pstFree, 0, sizeof(*pstFree));
     memcpy(pstFree->szName, pszName, RT_NAME_LEN);
     pstFree->szName[RT_NAME_LEN - 1] = '\0';
@@ -349,6 +363,11 @@ uint32_t qx_cgroup_threads_time(QX_REALTIME_DOMAIN_t *pstDomain, int32_t *ps32Ti
     memcpy(szName, pstDomain->szName, RT_NAME_LEN);
     szName[RT_NAME_LEN - 1] = '\0';
     pthread_mutex_lock(&stSeenMutex);
+    if (pastSeen == NULL) pastSeen = (qx_seen_domain_t *)calloc(RT_MAX_DOMAIN, sizeof(*pastSeen));
+    if (pastSeen == NULL) {
+        pthread_mutex_unlock(&stSeenMutex);
+        return RT_ERR_SYSTEM;
+    }
     qx_seen_domain_t *pstSeen = qx_seen_domain(szName);
     for (int32_t i = 0; i < pstSeen->s32Count; i++) pstSeen->astThreads[i].bSeen = 0;
     int32_t s32Num = qx_domain_thread_num(pstDomain);

@@ -547,6 +547,11 @@ uint32_t qx_cgroup_make_cpuset_group(QX_REALTIME_DOMAIN_t *pstDomain);
 // refused it.
 const char *qx_cgroup_join_domain(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid);
 const char *qx_cgroup_leave_domain(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid);
+// A deadline update's two moves: into the root cpuset (where the kernel accepts the new
+// parameters) and back into the domain's; NULL, or the tasks file that refused it.
+const char *qx_cgroup_park_in_root_cpuset(int32_t s32Tid);
+const char *qx_cgroup_return_to_domain_cpuset(const QX_REALTIME_DOMAIN_t *pstDomain,
+                                              int32_t s32Tid);
 // The tasks files that show the domain's threads, as the kernel sees them (each path field with
 // the hierarchy it must lie in: the caller opens only a field that is the domain's own): how
 // many of the two there are.

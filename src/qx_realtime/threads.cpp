@@ -734,17 +734,17 @@ static uint32_t qx_update_deadline(const char *kName, QX_REALTIME_DOMAIN_t *pstD
         RT_LOGE("[RT_Impl][Err] _QX_REALTMIE_SchedGetAttr fails, s32Pid=[%d]\n", s32Tid);
     else
         bOverrun = (stNow.sched_flags & RT_SCHED_FLAG_DL_OVERRUN) != 0;
-    if (_QX_WriteS32ToPath(s32Tid, RT_CPUSET_ROOT_TASKS) != RT_SUCCESS) {
-        RT_LOGE("[RT_Impl][Err] [%s] Move pid=[%d] to %s failed.\n", kName, s32Tid,
-                RT_CPUSET_ROOT_TASKS);
+    const char *pszRefused = qx_cgroup_park_in_root_cpuset(s32Tid);
+    if (pszRefused != NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] Move pid=[%d] to %s failed.\n", kName, s32Tid, pszRefused);
         return RT_ERR_SYSTEM;
     }
     uint32_t u32Ret = _QX_REALTIME_SetSchedAttr(
         pstDomain, qx_domain_class(pstDomain, pstThread->ClassIdx), pstUtil, s32Tid, bOverrun);
     if (u32Ret != RT_SUCCESS) return u32Ret;
-    if (_QX_WriteS32ToPath(s32Tid, pstDomain->pszCpusetPathTasks) != RT_SUCCESS) {
-        RT_LOGE("[RT_Impl][Err] [%s] Move pid = [%d] to [%s] failed.\n", kName, s32Tid,
-                pstDomain->pszCpusetPathTasks);
+    pszRefused = qx_cgroup_return_to_domain_cpuset(pstDomain, s32Tid);
+    if (pszRefused != NULL) {
+        RT_LOGE("[RT_Impl][Err] [%s] Move pid = [%d] to [%s] failed.\n", kName, s32Tid, pszRefused);
         return RT_ERR_SYSTEM;
     }
     return RT_SUCCESS;
