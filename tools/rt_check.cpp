@@ -227,14 +227,43 @@ std::string cpuacct_tasks(const std::string &name) {
 }
 // Whether this machine's layout has a cpuacct hierarchy (as the library tells it).
 bool has_cpuacct() {
-    return qx_cgroup_layout() == QX_CGROUP_V1;
+    return qx_cgroup_has_cpuacct() != 0;
 }
-// The tasks files that hold a domain's threads: its cpuset's, and its cpuacct group's where
-// there is one.
-std::vector<std::string> group_tasks(const std::string &name) {
-    std::vector<std::string> files = {cpuset_tasks(name)};
-    if (has_cpuacct()) files.push_back(cpuacct_tasks(name));
-    return files;
+bool on_cgroup2() {
+    return qx_cgroup_layout() == QX_CGROUP_V2;
+}
+// Whether a thread sits in a domain's threaded group on cgroup v2 (<its home>/qxrt-<name>).
+bool in_cgroup2_group(const std::string &name, int32_t tid) {
+    char group[RT_PATH_LEN];
+    if (qx_cgroup2_thread_group(tid, group, sizeof(group)) < 0) return false;
+    std::string tail = "/" QX_CGROUP2_GROUP_PREFIX + name;
+    std::string now(group);
+    return now.size() >= tail.size() &&
+           now.compare(now.size() - tail.size(), tail.size(), tail) == 0;
+}
+// The threads the kernel shows in a domain's groups: its cpuset's and cpuacct group's tasks, or on
+// cgroup v2 every thread of this machine sitting in a group named for the domain.
+std::set<int32_t> group_members(const std::string &name) {
+    std::set<int32_t> ids;
+    if (on_cgroup2()) {
+        DIR *procs = opendir("/proc");
+        for (dirent *p = procs ? readdir(procs) : nullptr; p != nullptr; p = readdir(procs)) {
+            if (p->d_name[0] < '1' || p->d_name[0] > '9') continue;
+            DIR *tasks = opendir(str("/proc/%s/task", p->d_name).c_str());
+            for (dirent *t = tasks ? readdir(tasks) : nullptr; t != nullptr; t = readdir(tasks)) {
+                int32_t tid = (int32_t)atoi(t->d_name);
+                if (tid > 0 && in_cgroup2_group(name, tid)) ids.insert(tid);
+            }
+            if (tasks != nullptr) closedir(tasks);
+        }
+        if (procs != nullptr) closedir(procs);
+        return ids;
+    }
+    for (const std::string &path : {cpuset_tasks(name), cpuacct_tasks(name)}) {
+        if (path == cpuacct_tasks(name) && !has_cpuacct()) continue;
+        for (int32_t id : tasks_of(path)) ids.insert(id);
+    }
+    return ids;
 }
 
 class Checker {
@@ -472,8 +501,11 @@ void Checker::check_record(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
         std::string value;
     } expected[] = {
         {"szName", d->szName, RT_NAME_LEN, name},
-        {"pszCpusetPathRoot", d->pszCpusetPathRoot, RT_PATH_LEN, RT_CPUSET_ROOT + name},
-        {"pszCpusetPathTasks", d->pszCpusetPathTasks, RT_PATH_LEN, cpuset_tasks(name)},
+        // Empty on cgroup v2, where a domain has no group of its own.
+        {"pszCpusetPathRoot", d->pszCpusetPathRoot, RT_PATH_LEN,
+         on_cgroup2() ? "" : RT_CPUSET_ROOT + name},
+        {"pszCpusetPathTasks", d->pszCpusetPathTasks, RT_PATH_LEN,
+         on_cgroup2() ? "" : cpuset_tasks(name)},
         // Empty where there is no cpuacct hierarchy: no record names a file that isn't there.
         {"pszCpuacctPathRoot", d->pszCpuacctPathRoot, RT_PATH_LEN,
          has_cpuacct() ? RT_CPUACCT_ROOT + name : ""},
@@ -501,9 +533,11 @@ bool moves_into_cpuset(const QX_REALTIME_DOMAIN_t *d) {
 }
 
 // Whether a thread is where admission puts it: in the domain's cpuacct group, or without cpuacct
-// in its cpuset when admission moves it there (elsewhere no group tells).
+// in its cpuset (its threaded group on cgroup v2) when admission moves it there (elsewhere no
+// group tells).
 bool in_domain_groups(const std::string &name, const QX_REALTIME_DOMAIN_t *d, int32_t tid) {
     if (!has_cpuacct() && !moves_into_cpuset(d)) return true;
+    if (on_cgroup2()) return in_cgroup2_group(name, tid);
     std::string membership = has_cpuacct() ? cpuacct_tasks(name) : cpuset_tasks(name);
     for (int32_t id : tasks_of(membership))
         if (id == tid) return true;
@@ -539,11 +573,11 @@ void Checker::check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
         std::string action;
         if (repair_) {
             // As admission orders it: the policy before the move into a narrower cpuset.
-            (void)write_text(std::string(RT_CPUSET_ROOT) + "tasks", str("%d", t->Pid));
+            (void)qx_cgroup_park_in_root_cpuset(t->Pid);
             if (!setattr(t->Pid, want)) {
                 action = str("could not apply the policy again: %s", strerror(errno));
             } else {
-                if (in_cpuset) (void)write_text(cpuset_tasks(name), str("%d", t->Pid));
+                if (in_cpuset) (void)qx_cgroup_return_to_domain_cpuset(d, t->Pid);
                 if (has_cpuacct()) (void)write_text(cpuacct_tasks(name), str("%d", t->Pid));
                 action = "policy and groups applied again";
             }
@@ -597,16 +631,15 @@ void Checker::check_groups(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
     for (QX_REALTIME_THREAD_t *t : slots_of(d))
         if (t->Alive != 0) recorded.insert(t->Pid);
     std::set<int32_t> strays;
-    for (const std::string &path : group_tasks(name))
-        for (int32_t id : tasks_of(path))
-            if (recorded.count(id) == 0) strays.insert(id);
+    for (int32_t id : group_members(name))
+        if (recorded.count(id) == 0) strays.insert(id);
     for (int32_t tid : strays) {
         qx_sched_attr now;
         bool rt = getattr(tid, &now) && now.sched_policy != kPolicyOther;
         std::string action;
         if (repair_) {
             // Both moves are tried, whatever the first one gives.
-            bool moved_cpuset = write_text(std::string(RT_CPUSET_ROOT) + "tasks", str("%d", tid));
+            bool moved_cpuset = qx_cgroup_park_in_root_cpuset(tid) == NULL;
             bool moved_cpuacct = !has_cpuacct() ||
                                  write_text(std::string(RT_CPUACCT_ROOT) + "tasks", str("%d", tid));
             bool moved = moved_cpuset && moved_cpuacct;

@@ -466,12 +466,14 @@ int run_list(const char *name, const Args &a) {
 // time comes from on it.
 int run_layout(const char *name, const Args &a) {
     int layout = qx_cgroup_layout();
-    bool cpuacct = layout == QX_CGROUP_V1;
+    bool cpuacct = qx_cgroup_has_cpuacct();
+    bool v2 = layout == QX_CGROUP_V2;
+    const char *cpuset = v2 ? QX_CGROUP2_MOUNT : RT_CPUSET_ROOT;
     const char *source = cpuacct ? "cpuacct" : "threads";
     if (a.json) {
         rtctl::Json j;
         json_head(j, name, RT_SUCCESS);
-        j.key("layout").value(qx_cgroup_layout_name(layout)).key("cpuset").value(RT_CPUSET_ROOT);
+        j.key("layout").value(qx_cgroup_layout_name(layout)).key("cpuset").value(cpuset);
         j.key("cpuacct");
         if (cpuacct)
             j.value(RT_CPUACCT_ROOT);
@@ -480,8 +482,11 @@ int run_layout(const char *name, const Args &a) {
         j.key("usage_from").value(source);
         json_print(j);
     } else {
-        printf("layout: %s\ncpuset: %s\ncpuacct: %s\nusage from: %s\n",
-               qx_cgroup_layout_name(layout), RT_CPUSET_ROOT,
+        printf("layout: %s\ncpuset: %s%s\ncpuacct: %s\nusage from: %s\n",
+               qx_cgroup_layout_name(layout), cpuset,
+               v2 ? " (cgroup v2: a threaded group " QX_CGROUP2_GROUP_PREFIX
+                    "DOMAIN in each admitted thread's own group)"
+                  : "",
                cpuacct ? RT_CPUACCT_ROOT : "none (no cpuacct hierarchy is mounted)",
                cpuacct ? "each domain's cpuacct group"
                        : "the CPU time of each domain's admitted threads");
@@ -956,10 +961,12 @@ const Command kCommands[] = {
      0, 0, kOptJson, false, run_list},
     {"layout", "[--json]",
      "Prints the cgroup layout the library finds here and where CPU usage comes from.\n"
-     "Either v1 (cpuset and cpuacct hierarchies at /dev/cpuset, /dev/cpuacct) or android\n"
+     "One of v1 (cpuset and cpuacct hierarchies at /dev/cpuset, /dev/cpuacct), android\n"
      "(cpuset only, as Android 12 and later mount it: a domain's usage is the CPU time of its\n"
-     "admitted threads). The property vendor.kpo.realtime.cgroup_layout (v1 or android)\n"
-     "overrides what the mount table says.",
+     "admitted threads) or v2 (one cgroup v2 hierarchy at /sys/fs/cgroup: a domain's threads\n"
+     "go into a threaded group qxrt-DOMAIN inside their own process's group; usage as on\n"
+     "android). The property vendor.kpo.realtime.cgroup_layout (v1, android or v2) overrides\n"
+     "what the mount table says.",
      "  {\"command\":\"layout\", \"result\":0, \"result_name\":\"RT_SUCCESS\",\n"
      "   \"layout\":\"android\", \"cpuset\":\"/dev/cpuset/\", \"cpuacct\":null,\n"
      "   \"usage_from\":\"threads\"}      (\"cpuacct\" and \"usage_from\" on v1: the path, "

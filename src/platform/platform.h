@@ -45,6 +45,7 @@ struct qx_sched_attr {
 #define QX_CONFIG_DIR "/vendor/etc/realtime/"  // configuration files (read only)
 #define QX_CPUSET_MOUNT "/dev/cpuset/"         // cgroup v1 cpuset hierarchy
 #define QX_CPUACCT_MOUNT "/dev/cpuacct/"       // cgroup v1 cpuacct hierarchy
+#define QX_CGROUP2_MOUNT "/sys/fs/cgroup"      // cgroup v2 hierarchy (where there is no v1 cpuset)
 
 // Writes one already formatted line to the Android log with tag "<QXT>".
 void qx_platform_log(int prio, const char *text);

@@ -69,7 +69,9 @@ void _QX_REALTIME_Overwrite_Cpuset(QX_REALTIME_DOMAIN_t *pstDomain) {
     if (qx_cpuset_file_path(szPath, sizeof(szPath), szRoot, "cpus") < 0) return;
     // The shared record changes for every process: at most 15 characters are kept.
     RT_SNPRINTF(pstDomain->pszCpuset, "%.*s", RT_CPUSET_LEN - 1, szValue);
-    if (_QX_WriteStrToPath(pstDomain->pszCpuset, szPath) == RT_SUCCESS)
+    // On cgroup v2 there is no domain-wide group: each move writes the record's CPUs.
+    if (qx_cgroup_layout() != QX_CGROUP_V2 &&
+        _QX_WriteStrToPath(pstDomain->pszCpuset, szPath) == RT_SUCCESS)
         RT_LOGI("[RT_Impl][Info] %s is reset to %s.\n", szPath, pstDomain->pszCpuset);
     _QX_REALTIME_ParseCpuSelection(pstDomain->pszCpuset, &pstDomain->s32CpuNum,
                                    &pstDomain->u32CpuMask);
@@ -77,23 +79,57 @@ void _QX_REALTIME_Overwrite_Cpuset(QX_REALTIME_DOMAIN_t *pstDomain) {
 
 // ---- the layout ----
 
-// True when the mount table holds a cgroup v1 hierarchy with the cpuacct controller, wherever it
-// is mounted. Unreadable table: as if it did (the device's own layout stays the default).
-static int qx_mounts_have_cpuacct(void) {
+// What the mount table holds: a cgroup v1 hierarchy with the cpuacct controller, one with cpuset
+// (wherever they are mounted), a cgroup v2 hierarchy at /sys/fs/cgroup. Unreadable table: as if
+// cpuacct were there (the device's own layout stays the default).
+enum { QX_MOUNTS_CPUACCT = 1, QX_MOUNTS_CPUSET = 2, QX_MOUNTS_CGROUP2 = 4 };
+static int qx_mounted_cgroups(void) {
     FILE *pFile = fopen("/proc/self/mounts", "re");
-    if (pFile == NULL) return 1;
+    if (pFile == NULL) return QX_MOUNTS_CPUACCT;
     char szLine[512];
-    int bFound = 0;
-    while (!bFound && fgets(szLine, sizeof(szLine), pFile) != NULL) {
-        char szType[32], szOptions[256];
-        if (sscanf(szLine, "%*s %*s %31s %255s", szType, szOptions) != 2) continue;
+    int s32Found = 0;
+    while (fgets(szLine, sizeof(szLine), pFile) != NULL) {
+        char szDir[256], szType[32], szOptions[256];
+        if (sscanf(szLine, "%*s %255s %31s %255s", szDir, szType, szOptions) != 3) continue;
+        if (strcmp(szType, "cgroup2") == 0 && strcmp(szDir, QX_CGROUP2_MOUNT) == 0)
+            s32Found |= QX_MOUNTS_CGROUP2;
         if (strcmp(szType, "cgroup") != 0) continue;
         for (char *pszSave = NULL, *pszOpt = strtok_r(szOptions, ",", &pszSave); pszOpt != NULL;
-             pszOpt = strtok_r(NULL, ",", &pszSave))
-            if (strcmp(pszOpt, "cpuacct") == 0) bFound = 1;
+             pszOpt = strtok_r(NULL, ",", &pszSave)) {
+            if (strcmp(pszOpt, "cpuacct") == 0) s32Found |= QX_MOUNTS_CPUACCT;
+            if (strcmp(pszOpt, "cpuset") == 0) s32Found |= QX_MOUNTS_CPUSET;
+        }
     }
     fclose(pFile);
-    return bFound;
+    return s32Found;
+}
+
+// Reads a small control file whole (at most uSize - 1 bytes, NUL-terminated); its length, or -1.
+static ssize_t qx_read_small(const char *pszPath, char *pszDst, size_t uSize) {
+    int fd = open(pszPath, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return -1;
+    ssize_t n = read(fd, pszDst, uSize - 1);
+    close(fd);
+    if (n < 0) return -1;
+    pszDst[n] = '\0';
+    return n;
+}
+
+// Whether a space-separated list (a controllers file) holds the word.
+static int qx_list_has(const char *pszList, const char *pszWord) {
+    size_t uLen = strlen(pszWord);
+    for (const char *p = pszList; (p = strstr(p, pszWord)) != NULL; p += uLen) {
+        int bStart = p == pszList || p[-1] == ' ';
+        int bEnd = p[uLen] == '\0' || p[uLen] == ' ' || p[uLen] == '\n';
+        if (bStart && bEnd) return 1;
+    }
+    return 0;
+}
+
+static int qx_cgroup2_offers_cpuset(void) {
+    char szList[256];
+    return qx_read_small(QX_CGROUP2_MOUNT "/cgroup.controllers", szList, sizeof(szList)) > 0 &&
+           qx_list_has(szList, "cpuset");
 }
 
 static int s32Layout = QX_CGROUP_V1;
@@ -103,12 +139,22 @@ static void qx_detect_layout(void) {
     char szValue[QX_PROPERTY_VALUE_MAX];
     memset(szValue, 0, sizeof(szValue));
     qx_property_get(RT_PROP_CGROUP_LAYOUT, szValue, "");
-    if (strcmp(szValue, "v1") == 0)
+    if (strcmp(szValue, "v1") == 0) {
         s32Layout = QX_CGROUP_V1;
-    else if (strcmp(szValue, "android") == 0)
+    } else if (strcmp(szValue, "android") == 0) {
         s32Layout = QX_CGROUP_ANDROID;
-    else
-        s32Layout = qx_mounts_have_cpuacct() ? QX_CGROUP_V1 : QX_CGROUP_ANDROID;
+    } else if (strcmp(szValue, "v2") == 0) {
+        s32Layout = QX_CGROUP_V2;
+    } else {
+        int s32Mounts = qx_mounted_cgroups();
+        if (s32Mounts & QX_MOUNTS_CPUACCT)
+            s32Layout = QX_CGROUP_V1;
+        else if (!(s32Mounts & QX_MOUNTS_CPUSET) && (s32Mounts & QX_MOUNTS_CGROUP2) &&
+                 qx_cgroup2_offers_cpuset())
+            s32Layout = QX_CGROUP_V2;
+        else
+            s32Layout = QX_CGROUP_ANDROID;
+    }
 }
 
 int qx_cgroup_layout(void) {
@@ -117,7 +163,12 @@ int qx_cgroup_layout(void) {
 }
 
 const char *qx_cgroup_layout_name(int s32Layout_) {
+    if (s32Layout_ == QX_CGROUP_V2) return "v2";
     return s32Layout_ == QX_CGROUP_ANDROID ? "android" : "v1";
+}
+
+int qx_cgroup_has_cpuacct(void) {
+    return qx_cgroup_layout() == QX_CGROUP_V1;
 }
 
 // ---- a domain's groups ----
@@ -140,8 +191,10 @@ uint32_t qx_cgroup_domain_paths(QX_REALTIME_DOMAIN_t *pstDomain) {
          "/cpuacct.stat"},
     };
     // Without a cpuacct hierarchy the three cpuacct fields stay empty: no record names a file
-    // that does not exist.
-    size_t uCount = qx_cgroup_layout() == QX_CGROUP_ANDROID ? 2 : 5;
+    // that does not exist. On cgroup v2 a domain has no group of its own (each process's threads
+    // have theirs, see qx_cgroup2_join): all five stay empty.
+    int s32Layout_ = qx_cgroup_layout();
+    size_t uCount = s32Layout_ == QX_CGROUP_V1 ? 5 : s32Layout_ == QX_CGROUP_ANDROID ? 2 : 0;
     for (size_t i = 0; i < uCount; i++) {
         if (qx_format_path(astPaths[i].pszDst, RT_PATH_LEN, "%s%s", astPaths[i].pszBase,
                            astPaths[i].pszTail) < 0)
@@ -171,6 +224,13 @@ static int qx_path_is_empty(const char *pszField) {
 }
 
 const char *qx_cgroup_foreign_path(const char *pszName, const QX_REALTIME_DOMAIN_t *pstDomain) {
+    if (qx_cgroup_layout() == QX_CGROUP_V2) {
+        if (!qx_path_is_empty(pstDomain->pszCpusetPathRoot)) return "pszCpusetPathRoot";
+        if (!qx_path_is_empty(pstDomain->pszCpusetPathTasks)) return "pszCpusetPathTasks";
+        if (!qx_path_is_empty(pstDomain->pszCpuacctPathRoot)) return "pszCpuacctPathRoot";
+        if (!qx_path_is_empty(pstDomain->pszCpuacctPathTasks)) return "pszCpuacctPathTasks";
+        return NULL;
+    }
     if (!qx_path_field_is(pstDomain->pszCpusetPathRoot, RT_CPUSET_ROOT, pszName, ""))
         return "pszCpusetPathRoot";
     if (!qx_path_field_is(pstDomain->pszCpusetPathTasks, RT_CPUSET_ROOT, pszName, "/tasks"))
@@ -207,7 +267,7 @@ static uint32_t qx_make_group_dir(const char *pszDir, const char *pszTasks) {
 }
 
 uint32_t qx_cgroup_make_accounting_group(const QX_REALTIME_DOMAIN_t *pstDomain) {
-    if (qx_cgroup_layout() == QX_CGROUP_ANDROID) return RT_SUCCESS;
+    if (!qx_cgroup_has_cpuacct()) return RT_SUCCESS;
     return qx_make_group_dir(pstDomain->pszCpuacctPathRoot, pstDomain->pszCpuacctPathTasks);
 }
 
@@ -227,47 +287,184 @@ static uint32_t qx_set_cpuset_file(const QX_REALTIME_DOMAIN_t *pstDomain, const 
 }
 
 uint32_t qx_cgroup_make_cpuset_group(QX_REALTIME_DOMAIN_t *pstDomain) {
+    pstDomain->pszCpuset[RT_CPUSET_LEN - 1] = '\0';
+    // On cgroup v2 the groups are made where the threads' processes live, at admission.
+    if (qx_cgroup_layout() == QX_CGROUP_V2) return RT_SUCCESS;
     if (qx_make_group_dir(pstDomain->pszCpusetPathRoot, pstDomain->pszCpusetPathTasks) !=
         RT_SUCCESS)
         return RT_ERR_FAILED;
-    pstDomain->pszCpuset[RT_CPUSET_LEN - 1] = '\0';
     if (qx_set_cpuset_file(pstDomain, "cpus", pstDomain->pszCpuset) != RT_SUCCESS)
         return RT_ERR_FAILED;
     return qx_set_cpuset_file(pstDomain, "mems", "0");
 }
 
+// ---- cgroup v2: threaded groups inside each process's own group ----
+//
+// On cgroup v2 all threads of a process stay inside one threaded subtree, rooted at the group
+// its service manager put it in (its home). A domain's threads are therefore placed in a threaded
+// child "qxrt-<domain>" of their home, made at the first admission: the home becomes the root of
+// a threaded subtree (it keeps its processes, and the memory and pids accounting stays there),
+// cpuset is enabled for its children, and the child gets the domain's CPUs. Removal writes the
+// thread back into its home and removes the child once it is empty.
+
+int qx_cgroup2_thread_group(int32_t s32Tid, char *pszGroup, size_t uSize) {
+    char szPath[64], szText[RT_PATH_LEN + 64];
+    if (RT_FORMAT_PATH(szPath, "/proc/%d/task/%d/cgroup", s32Tid, s32Tid) < 0) return -1;
+    if (qx_read_small(szPath, szText, sizeof(szText)) <= 0) return -1;
+    // The unified hierarchy's line is "0::<path>" (a hybrid host lists v1 lines before it).
+    const char *pszLine = strncmp(szText, "0::", 3) == 0 ? szText : strstr(szText, "\n0::");
+    if (pszLine == NULL) return -1;
+    pszLine += pszLine[0] == '\n' ? 4 : 3;
+    size_t uLen = strcspn(pszLine, "\n");
+    if (pszLine[0] != '/' || strstr(pszLine, "/..") != NULL) return -1;
+    if (uLen == 1) uLen = 0;  // the root group: the mount itself
+    return qx_format_path(pszGroup, uSize, "%s%.*s", QX_CGROUP2_MOUNT, (int)uLen, pszLine);
+}
+
+int qx_cgroup2_thread_home(int32_t s32Tid, char *pszHome, size_t uSize) {
+    if (qx_cgroup2_thread_group(s32Tid, pszHome, uSize) < 0) return -1;
+    char *pszLast = strrchr(pszHome, '/');
+    if (pszLast == NULL ||
+        strncmp(pszLast + 1, QX_CGROUP2_GROUP_PREFIX, sizeof(QX_CGROUP2_GROUP_PREFIX) - 1) != 0)
+        return 0;
+    char szType[RT_PATH_LEN], szText[32];
+    if (RT_FORMAT_PATH(szType, "%s/cgroup.type", pszHome) < 0) return -1;
+    if (qx_read_small(szType, szText, sizeof(szText)) > 0 && strcmp(szText, "threaded\n") == 0)
+        *pszLast = '\0';
+    return 0;
+}
+
+// The path refused by the latest failed move of this thread, for the caller's message.
+static thread_local char szCgroup2Refused[RT_PATH_LEN];
+
+static const char *qx_cgroup2_refuse(const char *pszPath) {
+    RT_SNPRINTF(szCgroup2Refused, "%s", pszPath);
+    return szCgroup2Refused;
+}
+
+// A thread whose group can't be read (it has ended): its cgroup file is what refused.
+static const char *qx_cgroup2_unknown_group(int32_t s32Tid) {
+    RT_SNPRINTF(szCgroup2Refused, "/proc/%d/task/%d/cgroup", s32Tid, s32Tid);
+    return szCgroup2Refused;
+}
+
+// Makes <home>/qxrt-<domain> a threaded group with the domain's CPUs, cpuset enabled for it.
+static const char *qx_cgroup2_make_group(const QX_REALTIME_DOMAIN_t *pstDomain, const char *pszHome,
+                                         const char *pszGroup) {
+    char szPath[RT_PATH_LEN], szText[256];
+    if (RT_FORMAT_PATH(szPath, "%s/cgroup.controllers", pszHome) < 0)
+        return qx_cgroup2_refuse(pszHome);
+    if (qx_read_small(szPath, szText, sizeof(szText)) < 0 || !qx_list_has(szText, "cpuset")) {
+        RT_LOGE(
+            "[RT_Impl][Err] The cpuset controller is not enabled for %s: its parent's "
+            "cgroup.subtree_control must hold it.\n",
+            pszHome);
+        return qx_cgroup2_refuse(szPath);
+    }
+    if (mkdir(pszGroup, 0755) != 0 && errno != EEXIST) {
+        RT_LOGE("[RT_Impl][Err] Can't mkdir %s, errno=%s.\n", pszGroup, RT_ERRNO_STR);
+        return qx_cgroup2_refuse(pszGroup);
+    }
+    if (RT_FORMAT_PATH(szPath, "%s/cgroup.type", pszGroup) < 0) return qx_cgroup2_refuse(pszGroup);
+    if ((qx_read_small(szPath, szText, sizeof(szText)) < 0 || strcmp(szText, "threaded\n") != 0) &&
+        _QX_WriteStrToPath("threaded", szPath) != RT_SUCCESS) {
+        RT_LOGE(
+            "[RT_Impl][Err] %s can't be made threaded: %s must hold no domain groups with "
+            "processes and enable no domain controllers for its children.\n",
+            pszGroup, pszHome);
+        return qx_cgroup2_refuse(szPath);
+    }
+    if (RT_FORMAT_PATH(szPath, "%s/cgroup.subtree_control", pszHome) < 0)
+        return qx_cgroup2_refuse(pszHome);
+    if ((qx_read_small(szPath, szText, sizeof(szText)) < 0 || !qx_list_has(szText, "cpuset")) &&
+        _QX_WriteStrToPath("+cpuset", szPath) != RT_SUCCESS)
+        return qx_cgroup2_refuse(szPath);
+    if (RT_FORMAT_PATH(szPath, "%s/cpuset.cpus", pszGroup) < 0) return qx_cgroup2_refuse(pszGroup);
+    char szCpus[RT_CPUSET_LEN];
+    memcpy(szCpus, pstDomain->pszCpuset, RT_CPUSET_LEN);
+    szCpus[RT_CPUSET_LEN - 1] = '\0';
+    if (_QX_WriteStrToPath(szCpus, szPath) != RT_SUCCESS) return qx_cgroup2_refuse(szPath);
+    return NULL;
+}
+
+// The domain's threaded group for a thread: <its home>/qxrt-<domain>.
+static int qx_cgroup2_domain_group(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid,
+                                   char *pszHome, char *pszGroup) {
+    if (qx_cgroup2_thread_home(s32Tid, pszHome, RT_PATH_LEN) < 0) return -1;
+    return qx_format_path(pszGroup, RT_PATH_LEN, "%s/" QX_CGROUP2_GROUP_PREFIX "%s", pszHome,
+                          qx_name_of(pstDomain->szName).sz);
+}
+
+static const char *qx_cgroup2_write_thread(int32_t s32Tid, const char *pszGroup) {
+    char szPath[RT_PATH_LEN];
+    if (RT_FORMAT_PATH(szPath, "%s/cgroup.threads", pszGroup) < 0)
+        return qx_cgroup2_refuse(pszGroup);
+    return _QX_WriteS32ToPath(s32Tid, szPath) == RT_SUCCESS ? NULL : qx_cgroup2_refuse(szPath);
+}
+
+static const char *qx_cgroup2_join(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid) {
+    char szHome[RT_PATH_LEN], szGroup[RT_PATH_LEN];
+    if (qx_cgroup2_domain_group(pstDomain, s32Tid, szHome, szGroup) < 0)
+        return qx_cgroup2_unknown_group(s32Tid);
+    const char *pszRefused = qx_cgroup2_make_group(pstDomain, szHome, szGroup);
+    return pszRefused != NULL ? pszRefused : qx_cgroup2_write_thread(s32Tid, szGroup);
+}
+
+// Back into the thread's home; its domain group goes once empty (still in use: kept).
+static const char *qx_cgroup2_leave(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid) {
+    char szHome[RT_PATH_LEN], szGroup[RT_PATH_LEN];
+    if (qx_cgroup2_domain_group(pstDomain, s32Tid, szHome, szGroup) < 0)
+        return qx_cgroup2_unknown_group(s32Tid);
+    const char *pszRefused = qx_cgroup2_write_thread(s32Tid, szHome);
+    if (pszRefused == NULL) (void)rmdir(szGroup);
+    return pszRefused;
+}
+
 // ---- task moves ----
 
 const char *qx_cgroup_join_domain(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid) {
+    int s32Layout_ = qx_cgroup_layout();
     if (pstDomain->s32UtilMax >= 1) {
         _QX_REALTIME_Overwrite_Cpuset(pstDomain);
-        if (pstDomain->s32CpuNum != qx_cpu_count() &&
-            _QX_WriteS32ToPath(s32Tid, pstDomain->pszCpusetPathTasks) != RT_SUCCESS)
-            return pstDomain->pszCpusetPathTasks;
+        if (pstDomain->s32CpuNum != qx_cpu_count()) {
+            if (s32Layout_ == QX_CGROUP_V2) return qx_cgroup2_join(pstDomain, s32Tid);
+            if (_QX_WriteS32ToPath(s32Tid, pstDomain->pszCpusetPathTasks) != RT_SUCCESS)
+                return pstDomain->pszCpusetPathTasks;
+        }
     }
-    if (qx_cgroup_layout() == QX_CGROUP_ANDROID) return NULL;
+    if (s32Layout_ != QX_CGROUP_V1) return NULL;
     if (_QX_WriteS32ToPath(s32Tid, pstDomain->pszCpuacctPathTasks) != RT_SUCCESS)
         return pstDomain->pszCpuacctPathTasks;
     return NULL;
 }
 
 const char *qx_cgroup_leave_domain(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid) {
-    if (pstDomain->s32CpuNum != qx_cpu_count() &&
-        _QX_WriteS32ToPath(s32Tid, RT_CPUSET_ROOT_TASKS) != RT_SUCCESS)
-        return RT_CPUSET_ROOT_TASKS;
-    if (qx_cgroup_layout() == QX_CGROUP_ANDROID) return NULL;
+    int s32Layout_ = qx_cgroup_layout();
+    if (pstDomain->s32CpuNum != qx_cpu_count()) {
+        if (s32Layout_ == QX_CGROUP_V2) return qx_cgroup2_leave(pstDomain, s32Tid);
+        if (_QX_WriteS32ToPath(s32Tid, RT_CPUSET_ROOT_TASKS) != RT_SUCCESS)
+            return RT_CPUSET_ROOT_TASKS;
+    }
+    if (s32Layout_ != QX_CGROUP_V1) return NULL;
     if (_QX_WriteS32ToPath(s32Tid, RT_CPUACCT_ROOT_TASKS) != RT_SUCCESS)
         return RT_CPUACCT_ROOT_TASKS;
     return NULL;
 }
 
 const char *qx_cgroup_park_in_root_cpuset(int32_t s32Tid) {
+    if (qx_cgroup_layout() == QX_CGROUP_V2) {
+        char szHome[RT_PATH_LEN];
+        if (qx_cgroup2_thread_home(s32Tid, szHome, sizeof(szHome)) < 0)
+            return qx_cgroup2_unknown_group(s32Tid);
+        return qx_cgroup2_write_thread(s32Tid, szHome);
+    }
     return _QX_WriteS32ToPath(s32Tid, RT_CPUSET_ROOT_TASKS) == RT_SUCCESS ? NULL
                                                                           : RT_CPUSET_ROOT_TASKS;
 }
 
 const char *qx_cgroup_return_to_domain_cpuset(const QX_REALTIME_DOMAIN_t *pstDomain,
                                               int32_t s32Tid) {
+    if (qx_cgroup_layout() == QX_CGROUP_V2) return qx_cgroup2_join(pstDomain, s32Tid);
     return _QX_WriteS32ToPath(s32Tid, pstDomain->pszCpusetPathTasks) == RT_SUCCESS
                ? NULL
                : pstDomain->pszCpusetPathTasks;
@@ -276,7 +473,9 @@ const char *qx_cgroup_return_to_domain_cpuset(const QX_REALTIME_DOMAIN_t *pstDom
 int qx_cgroup_tasks_files(const QX_REALTIME_DOMAIN_t *pstDomain, qx_tasks_file_t astFiles[2]) {
     astFiles[0] = {pstDomain->pszCpusetPathTasks, RT_CPUSET_ROOT};
     astFiles[1] = {pstDomain->pszCpuacctPathTasks, RT_CPUACCT_ROOT};
-    return qx_cgroup_layout() == QX_CGROUP_ANDROID ? 1 : 2;
+    // On cgroup v2 no one file holds a domain's threads (each process's group has its own).
+    int s32Layout_ = qx_cgroup_layout();
+    return s32Layout_ == QX_CGROUP_V1 ? 2 : s32Layout_ == QX_CGROUP_ANDROID ? 1 : 0;
 }
 
 // ---- CPU time without cpuacct ----

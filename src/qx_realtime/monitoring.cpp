@@ -25,7 +25,7 @@ uint32_t _QX_REALTIME_GetGroupCpuStat(QX_REALTIME_DOMAIN_t *pstDomain, int32_t *
         RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", __func__);
         return RT_ERR_SYSTEM;
     }
-    if (qx_cgroup_layout() == QX_CGROUP_ANDROID) return qx_cgroup_threads_time(pstDomain, ps32Time);
+    if (!qx_cgroup_has_cpuacct()) return qx_cgroup_threads_time(pstDomain, ps32Time);
     qx_field<RT_PATH_LEN> stPath(pstDomain->pszCpuacctPathStat);
     if (_QX_REALTIME_FileReader(stPath.sz, &pszText) != RT_SUCCESS) {
         RT_LOGE("[RT_Impl][Err] Read %s failed in %s.\n", stPath.sz, __func__);

@@ -525,12 +525,28 @@ int qx_cpuset_file_path(char *dst, size_t dst_size, const char *pszDir, const ch
 //   QX_CGROUP_V1       cpuset and cpuacct cgroup v1 hierarchies at /dev/cpuset and /dev/cpuacct
 //                      (the device's layout; a missing hierarchy fails as it always has);
 //   QX_CGROUP_ANDROID  cpuset at /dev/cpuset and no cpuacct hierarchy at all, as Android 12 and
-//                      later mount them: a domain's CPU time is its admitted threads' own.
-// The property vendor.kpo.realtime.cgroup_layout ("v1" or "android") decides; unset, the mount
-// table does: any mounted cgroup v1 hierarchy with the cpuacct controller means QX_CGROUP_V1.
-enum { QX_CGROUP_V1 = 0, QX_CGROUP_ANDROID = 1 };
+//                      later mount them: a domain's CPU time is its admitted threads' own;
+//   QX_CGROUP_V2       no cgroup v1 cpuset at all, one cgroup v2 hierarchy at /sys/fs/cgroup with
+//                      the cpuset controller: a domain's threads are placed in a threaded group
+//                      "qxrt-<domain>" made inside their own process's group (the process stays
+//                      where its service manager put it); CPU time as on QX_CGROUP_ANDROID.
+// The property vendor.kpo.realtime.cgroup_layout ("v1", "android" or "v2") decides; unset, the
+// mount table does: any mounted cgroup v1 hierarchy with the cpuacct controller means
+// QX_CGROUP_V1, else a v1 cpuset hierarchy QX_CGROUP_ANDROID, else a cgroup v2 hierarchy at
+// /sys/fs/cgroup offering cpuset QX_CGROUP_V2 (and nothing of these QX_CGROUP_ANDROID).
+enum { QX_CGROUP_V1 = 0, QX_CGROUP_ANDROID = 1, QX_CGROUP_V2 = 2 };
 int qx_cgroup_layout(void);
 const char *qx_cgroup_layout_name(int s32Layout);
+// Whether the layout has a cpuacct hierarchy (QX_CGROUP_V1); elsewhere a domain's CPU time is
+// its threads' own (qx_cgroup_threads_time).
+int qx_cgroup_has_cpuacct(void);
+// The prefix of a domain's threaded group on QX_CGROUP_V2.
+#define QX_CGROUP2_GROUP_PREFIX "qxrt-"
+// On QX_CGROUP_V2: the group a thread sits in (absolute path under /sys/fs/cgroup) and its home,
+// the group of its process it returns to: its group, or the parent when it sits in a domain's
+// threaded group. -1 when the thread's group can't be read.
+int qx_cgroup2_thread_group(int32_t s32Tid, char *pszGroup, size_t uSize);
+int qx_cgroup2_thread_home(int32_t s32Tid, char *pszHome, size_t uSize);
 
 // A new domain's path fields, each announced at debug level (the cpuacct ones only where there
 // is a cpuacct hierarchy; otherwise they stay empty). RT_ERR_FAILED when one can't be formatted.

@@ -467,6 +467,21 @@ static void qx_warn_overrun_signal(const char *pszOp, int32_t s32ProcessID, int3
         pszOp, s32Pid, szComm, s32Tid);
 }
 
+// Gives a thread back the attributes it had before admission; a deadline domain's thread steps
+// down first (see qx_dl_step_down).
+static int qx_put_back_attr(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid,
+                            const struct qx_sched_attr *pstSaved) {
+    if (pstDomain->u32SchedType == RT_SCHED_TYPE_DEADLINE &&
+        pstSaved->sched_policy != RT_SCHED_DEADLINE) {
+        struct qx_sched_attr stNow;
+        memset(&stNow, 0, sizeof(stNow));
+        if (qx_sched_getattr(s32Tid, &stNow, QX_SCHED_ATTR_SIZE, 0) == 0 &&
+            stNow.sched_policy == RT_SCHED_DEADLINE)
+            qx_dl_step_down(s32Tid);
+    }
+    return qx_sched_setattr(s32Tid, pstSaved, 0);
+}
+
 // Applies the policy and moves the thread into the domain's groups (admission steps 13 to 15).
 static uint32_t qx_admit_in_kernel(const char *pszOp, QX_REALTIME_DOMAIN_t *pstDomain,
                                    QX_REALTIME_CLASS_t *pstClass, const QX_REALTIME_UTIL_t *pstUtil,
@@ -491,6 +506,10 @@ static uint32_t qx_admit_in_kernel(const char *pszOp, QX_REALTIME_DOMAIN_t *pstD
     const char *pszMoveTo = qx_cgroup_join_domain(pstDomain, s32Tid);
     if (pszMoveTo != NULL) {
         RT_LOGE("[RT_Impl][Err] [%s] Move pid = [%d] to [%s] failed.\n", pszOp, s32Tid, pszMoveTo);
+        // On cgroup v2 a refused move is the layout saying no (no cpuset for the thread's
+        // process): the thread gets back what it had rather than run real-time outside its
+        // domain's CPUs with no record.
+        if (qx_cgroup_layout() == QX_CGROUP_V2) (void)qx_put_back_attr(pstDomain, s32Tid, pstSaved);
         return RT_ERR_SYSTEM;
     }
     return RT_SUCCESS;
@@ -655,15 +674,7 @@ static int qx_restore_attr(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid
                            const QX_REALTIME_THREAD_t *pstThread) {
     struct qx_sched_attr stAttr;
     memcpy(&stAttr, pstThread->stSavedAttr, sizeof(stAttr));
-    if (pstDomain->u32SchedType == RT_SCHED_TYPE_DEADLINE &&
-        stAttr.sched_policy != RT_SCHED_DEADLINE) {
-        struct qx_sched_attr stNow;
-        memset(&stNow, 0, sizeof(stNow));
-        if (qx_sched_getattr(s32Tid, &stNow, QX_SCHED_ATTR_SIZE, 0) == 0 &&
-            stNow.sched_policy == RT_SCHED_DEADLINE)
-            qx_dl_step_down(s32Tid);
-    }
-    return qx_sched_setattr(s32Tid, &stAttr, 0);
+    return qx_put_back_attr(pstDomain, s32Tid, &stAttr);
 }
 
 // RemoveThread's work under the domain lock.
