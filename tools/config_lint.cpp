@@ -930,8 +930,9 @@ private:
                   "write a number from 1 to " + num(options_.cpu_count));
     }
 
-    void check_cpuset(const DomainInfo &d, const Member &m) {
-        if (m.value->kind != Node::kString) return;  // reported by record()
+    // The CPUs the Cpuset names (none when it is not usable), each problem reported.
+    std::vector<long> check_cpuset(const DomainInfo &d, const Member &m) {
+        if (m.value->kind != Node::kString) return {};  // reported by record()
         const std::string &t = m.value->text;
         int line = m.value->line;
         std::string fix_all =
@@ -939,7 +940,7 @@ private:
         if (t.empty()) {
             error(line, "the Cpuset of " + quoted(d.name) + " is empty: the domain gets no CPU",
                   fix_all);
-            return;
+            return {};
         }
         if (t.size() > kCpusetMax)
             error(line,
@@ -964,11 +965,11 @@ private:
                       "the Cpuset " + quoted(t) +
                           " ends its range at CPU 0, which the parser refuses",
                       "write \"0\" for CPU 0 alone");
-                return;
+                return {};
             } else if (a > b) {
                 error(line, "the Cpuset range " + quoted(t) + " is backwards and selects no CPU",
                       "write " + quoted(num(b) + "-" + num(a)));
-                return;
+                return {};
             } else {
                 for (long n = a; n <= b; n++) cpus.push_back(n);
             }
@@ -1004,7 +1005,7 @@ private:
                   "the Cpuset " + quoted(t) +
                       " is neither a range a-b nor a list a,b,c of CPU numbers",
                   fix_all);
-            return;
+            return {};
         }
         for (long n : cpus) {
             if (n >= options_.cpu_count) {
@@ -1023,6 +1024,37 @@ private:
                 break;
             }
         }
+        return cpus;
+    }
+
+    // What the cgroup layout the linter runs on cannot give (cgroup v2 only: the other layouts
+    // place every domain as its configuration says).
+    void check_layout(const DomainInfo &d, const Member &cpuset, const std::vector<long> &cpus,
+                      bool deadline_domain) {
+        if (options_.layout != "v2" || cpus.empty()) return;
+        int line = cpuset.value->line;
+        for (long n : cpus) {
+            if (options_.granted_cpus.empty() ||
+                std::find(options_.granted_cpus.begin(), options_.granted_cpus.end(), n) !=
+                    options_.granted_cpus.end())
+                continue;
+            warning(line,
+                    "the cgroup v2 hierarchy here grants CPUs " + options_.granted_text +
+                        " only (cpuset.cpus.effective); CPU " + num(n) + " of " + quoted(d.name) +
+                        " is not among them and a move onto it is refused",
+                    "use CPUs of " + quoted(options_.granted_text));
+            break;
+        }
+        if (deadline_domain && (int)cpus.size() < options_.cpu_count)
+            warning(line,
+                    "on cgroup v2 a thread of the deadline domain " + quoted(d.name) +
+                        " gets its reservation in its own process's group before it moves to "
+                        "CPUs " +
+                        quoted(cpuset.value->text) +
+                        ": that group must span every CPU of its root domain, or the kernel "
+                        "refuses the reservation (EPERM)",
+                    "run the domain's clients in groups that span every CPU, or give the domain "
+                    "every CPU");
     }
 
     void check_domain(const DomainInfo &d) {
@@ -1041,8 +1073,8 @@ private:
             error(d.line,
                   quoted(d.name) + " has no \"Cpuset\"; its creation fails on the CPU count",
                   "add \"Cpuset\": \"0-" + num(options_.cpu_count - 1) + "\" above its classes");
-        else
-            check_cpuset(d, *cpuset);
+        std::vector<long> cpus;
+        if (cpuset != nullptr) cpus = check_cpuset(d, *cpuset);
         if (d.classes.empty() && !d.duplicate)
             warning(d.line, quoted(d.name) + " has no class; no thread can be admitted to it",
                     "add a Class_ object");
@@ -1088,6 +1120,7 @@ private:
             }
         }
         bool deadline_domain = dl && !rr;
+        if (cpuset != nullptr) check_layout(d, *cpuset, cpus, deadline_domain);
         if (deadline_domain && util != nullptr && util->has_int && util->number == 0)
             error(util->value->line,
                   "the deadline domain " + quoted(d.name) +

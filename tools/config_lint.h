@@ -28,6 +28,11 @@ struct Diagnostic {
 struct Options {
     Options();
     int cpu_count;  // CPUs of the target machine; get_nprocs() of this one by default
+    // The cgroup layout the configuration is for ("v1", "android", "v2"; empty: no layout rule)
+    // and, on v2, the CPUs its hierarchy grants (empty: not known), as a list and as written.
+    std::string layout;
+    std::vector<long> granted_cpus;
+    std::string granted_text;
 };
 
 // Every problem of the configuration text, in line order.

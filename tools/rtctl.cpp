@@ -22,7 +22,9 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -774,9 +776,38 @@ bool read_stdin(std::string *text, std::string *error) {
     return true;
 }
 
-// The linter reads the files only: no shared state, no library call.
+// A kernel CPU list ("0-3,6"): its CPUs; an unreadable or malformed list gives none.
+std::vector<long> parse_cpu_list(const std::string &text) {
+    std::vector<long> cpus;
+    std::istringstream in(text);
+    std::string part;
+    while (std::getline(in, part, ',')) {
+        long a = 0, b = 0;
+        int n = sscanf(part.c_str(), "%ld-%ld", &a, &b);
+        if (n < 1 || a < 0 || (n == 2 && (b < a || b - a > 4096))) return {};
+        for (long c = a; c <= (n == 2 ? b : a); c++) cpus.push_back(c);
+    }
+    return cpus;
+}
+
+// The layout this machine has, for the linter's layout rules: the library's own telling, and on
+// cgroup v2 the CPUs the hierarchy grants.
+void lint_layout_of_this_machine(qxrt_lint::Options *options) {
+    int layout = qx_cgroup_layout();
+    options->layout = qx_cgroup_layout_name(layout);
+    if (layout != QX_CGROUP_V2) return;
+    std::ifstream in(QX_CGROUP2_MOUNT "/cpuset.cpus.effective");
+    std::string text;
+    if (std::getline(in, text)) {
+        options->granted_cpus = parse_cpu_list(text);
+        if (!options->granted_cpus.empty()) options->granted_text = text;
+    }
+}
+
+// The linter reads the files only: no shared state, no library call but the layout's telling.
 int run_lint(const char *, const Args &a) {
     qxrt_lint::Options options;
+    lint_layout_of_this_machine(&options);
     if (!a.cpus.empty()) {
         uint32_t cpus = 0;
         if (!parse_u32(a.cpus, &cpus) || cpus < 1 || cpus > 4096)

@@ -119,6 +119,37 @@ TEST(Lint, CpuChecksFollowTheTargetMachine) {
     EXPECT_TRUE(refused_on_two);
 }
 
+// On cgroup v2 the linter warns where the hierarchy can't give what a domain asks: a CPU its
+// cpuset.cpus.effective does not grant, a deadline domain on fewer CPUs than the machine. Other
+// layouts (or none told) get no such rule.
+TEST(Lint, LayoutRulesFollowTheTargetLayout) {
+    const std::string text = qxt::config_with(
+        1, 1024, 0, 80, 2,
+        qxt::join_domains(
+            {qxt::rr_domain("Domain_One", 100, "1", {{"Class_One", 10, 50}}),
+             qxt::dl_domain("Domain_Dl", 300, "1", {{"Class_Dl", 1000, 10000, 10000}}),
+             qxt::dl_domain("Domain_All", 300, "0-3", {{"Class_All", 1000, 10000, 10000}})}));
+    qxrt_lint::Options v2;
+    v2.cpu_count = 4;
+    v2.layout = "v2";
+    v2.granted_cpus = {0, 2, 3};
+    v2.granted_text = "0,2-3";
+    std::string all = describe(qxrt_lint::lint_text(text, v2));
+    EXPECT_NE(all.find("grants CPUs 0,2-3 only (cpuset.cpus.effective); CPU 1 of \"Domain_One\""),
+              std::string::npos)
+        << all;
+    EXPECT_NE(all.find("on cgroup v2 a thread of the deadline domain \"Domain_Dl\""),
+              std::string::npos)
+        << all;
+    EXPECT_EQ(all.find("deadline domain \"Domain_All\""), std::string::npos) << all;
+    for (const char *layout : {"", "v1", "android"}) {
+        qxrt_lint::Options other = v2;
+        other.layout = layout;
+        EXPECT_EQ(describe(qxrt_lint::lint_text(text, other)).find("cgroup v2"), std::string::npos)
+            << layout;
+    }
+}
+
 TEST(Lint, ReportFormatNamesFileLineSeverityAndFix) {
     Diagnostic e{7, Severity::kError, "something is wrong", "do this"};
     EXPECT_EQ(qxrt_lint::format_diagnostic("rt-0.json", e),
