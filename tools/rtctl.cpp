@@ -24,6 +24,7 @@
 
 #include <fstream>
 #include <functional>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -35,6 +36,7 @@
 #include "qx_realtime_internal.h"  // the central record's layout and the segment path
 #include "rtctl_hints.h"
 #include "rtctl_report.h"
+#include "rtctl_run.h"
 #include "rtctl_top.h"
 #include "result_name.h"
 
@@ -163,6 +165,7 @@ enum : unsigned {
     kOptInterval = 1u << 5,  // --interval MS
     kOptRepair = 1u << 6,    // --repair
     kOptDemand = 1u << 7,    // -T/--runtime, -D/--deadline, -P/--period
+    kOptAll = 1u << 8,       // -a/--all
 };
 
 struct Args {
@@ -172,6 +175,7 @@ struct Args {
     std::string cpus, svg, count, interval;
     bool verbose = false;
     bool repair = false;
+    bool all = false;
     std::string runtime, deadline, period;  // the named deadline parameters ("" when not given)
 };
 
@@ -499,10 +503,36 @@ int run_layout(const char *name, const Args &a) {
 int run_add(const char *name, const Args &a) {
     NumberParser p(cmd_of(name));
     int32_t tid = 0;
-    p.s32(a.pos[2], "TID", &tid);
+    p.s32(a.pos[2], a.all ? "PID" : "TID", &tid);
     if (!p.ok) return kExitUsage;
-    return finish(
-        name, QX_REALTIME_AddThread(a.pos[0].c_str(), a.pos[1].c_str(), tid, a.overrun ? 1 : 0));
+    if (!a.all)
+        return finish(name, QX_REALTIME_AddThread(a.pos[0].c_str(), a.pos[1].c_str(), tid,
+                                                  a.overrun ? 1 : 0));
+    // -a: every thread the process has now, as chrt -a and taskset -a take them.
+    if (rtctl::threads_of(tid).empty()) {
+        fprintf(stderr, "rtctl: %s: no process %d\n", name, (int)tid);
+        return finish(name, RT_ERR_NOT_EXIST);
+    }
+    std::set<pid_t> done;
+    return finish(name, rtctl::admit_threads(name, {a.pos[0], a.pos[1], a.overrun}, tid, &done));
+}
+
+// The library gives a dead client's charge back at the start of every admission to its domain,
+// before it looks the class up: an admission that names no class does that and nothing else.
+void reap_domain(const std::string &domain) {
+    bool saved = g_print;
+    g_print = false;
+    (void)QX_REALTIME_AddThread(domain.c_str(), "", (int32_t)getpid(), 0);
+    g_print = saved;
+}
+
+int run_run(const char *name, const Args &a) {
+    rtctl::Admission admission{a.pos[0], a.pos[1], a.overrun};
+    std::vector<std::string> argv(a.pos.begin() + 2, a.pos.end());
+    uint32_t refused = RT_SUCCESS;
+    int status =
+        rtctl::run_program(name, admission, a.all, argv, &refused, [&] { reap_domain(a.pos[0]); });
+    return refused != RT_SUCCESS ? finish(name, refused) : status;
 }
 
 // The demand of add-lite, update and budget, from the arguments after the first `first` ones.
@@ -1003,11 +1033,24 @@ const Command kCommands[] = {
      "   \"usage_from\":\"threads\"}      (\"cpuacct\" and \"usage_from\" on v1: the path, "
      "\"cpuacct\")",
      0, 0, kOptJson, false, run_layout},
-    {"add", "DOMAIN CLASS TID [--overrun]",
+    {"add", "DOMAIN CLASS TID [--overrun] | -a DOMAIN CLASS PID [--overrun]",
      "Admits thread TID to CLASS of DOMAIN with the class's parameters and a budget check.\n"
+     "-a/--all admits every thread process PID has now (each a booking of its own; a failure\n"
+     "is named per thread, and the first one's result is the exit status).\n"
      "--overrun asks a deadline domain for SCHED_FLAG_DL_OVERRUN: the kernel then sends the\n"
      "thread SIGXCPU whenever it overruns its runtime.",
-     nullptr, 3, 3, kOptOverrun, false, run_add},
+     nullptr, 3, 3, kOptOverrun | kOptAll, false, run_add},
+    {"run", "[-a] DOMAIN CLASS [--] PROGRAM [ARGS...]",
+     "Runs PROGRAM with its main thread admitted to CLASS of DOMAIN before it starts.\n"
+     "rtctl waits for it, gives its charge back when it ends and exits with its status (127:\n"
+     "not found, 126: not runnable; a refused admission: the result's status, PROGRAM never\n"
+     "runs).\n"
+     "Threads a round-robin program creates inherit its policy and CPUs from the kernel but\n"
+     "are not booked; -a/--all books each one as it appears. A deadline thread cannot create\n"
+     "threads (the kernel refuses with EAGAIN): with a deadline class -a starts PROGRAM\n"
+     "unadmitted and admits all its threads once their set has held still for 200 ms.\n"
+     "Put -- before PROGRAM when it takes options of its own.",
+     nullptr, 3, INT_MAX, kOptOverrun | kOptAll, false, run_run},
     {"add-lite",
      "DOMAIN CLASS TID UTIL [DEADLINE_US RUNTIME_US PERIOD_US] [--overrun] | DOMAIN CLASS TID "
      "[UTIL] -T RUNTIME_US -D DEADLINE_US -P PERIOD_US [--overrun]",
@@ -1308,6 +1351,7 @@ int main(int argc, char **argv) {
                                           {"count", required_argument, nullptr, kCount},
                                           {"interval", required_argument, nullptr, kInterval},
                                           {"repair", no_argument, nullptr, kRepair},
+                                          {"all", no_argument, nullptr, 'a'},
                                           {"runtime", required_argument, nullptr, 'T'},
                                           {"deadline", required_argument, nullptr, 'D'},
                                           {"period", required_argument, nullptr, 'P'},
@@ -1335,7 +1379,7 @@ int main(int argc, char **argv) {
     };
     opterr = 0;
     int c;
-    while ((c = getopt_long(argc, av.data(), ":hvT:D:P:", kLong, nullptr)) != -1) {
+    while ((c = getopt_long(argc, av.data(), ":hvaT:D:P:", kLong, nullptr)) != -1) {
         switch (c) {
         case 'h':
             want_help = true;
@@ -1376,6 +1420,10 @@ int main(int argc, char **argv) {
         case kRepair:
             args.repair = true;
             given |= kOptRepair;
+            break;
+        case 'a':
+            args.all = true;
+            given |= kOptAll;
             break;
         case 'T':
             args.runtime = value(optarg);
@@ -1438,10 +1486,10 @@ int main(int argc, char **argv) {
     static const struct {
         unsigned bit;
         const char *name;
-    } kOptionNames[] = {{kOptOverrun, "--overrun"}, {kOptCpus, "--cpus"},
-                        {kOptSvg, "--svg"},         {kOptJson, "--json"},
-                        {kOptCount, "--count"},     {kOptInterval, "--interval"},
-                        {kOptRepair, "--repair"},   {kOptDemand, "-T/-D/-P"}};
+    } kOptionNames[] = {
+        {kOptOverrun, "--overrun"}, {kOptCpus, "--cpus"},     {kOptSvg, "--svg"},
+        {kOptJson, "--json"},       {kOptCount, "--count"},   {kOptInterval, "--interval"},
+        {kOptRepair, "--repair"},   {kOptDemand, "-T/-D/-P"}, {kOptAll, "-a/--all"}};
     for (const auto &o : kOptionNames)
         if ((given & o.bit) != 0 && (cmd->options & o.bit) == 0)
             return usage_error(cmd, std::string(o.name) + " does not apply to " + cmd->name);

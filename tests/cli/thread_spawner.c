@@ -1,0 +1,65 @@
+/* A program for rtctl run's tests: reports its main thread's scheduling and CPUs, waits, creates
+ * threads that hold for a while and report their policy, and exits with the status it is given.
+ *
+ *   thread_spawner THREADS DELAY_MS HOLD_MS STATUS
+ *
+ * Lines on stdout: "main POLICY CPUS", then per thread "thread POLICY" (after its hold) or
+ * "create failed ERRNO". */
+#define _GNU_SOURCE
+#include <errno.h>
+#include <pthread.h>
+#include <sched.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+static int hold_ms;
+
+static void sleep_ms(int ms) {
+    struct timespec ts = {ms / 1000, (long)(ms % 1000) * 1000000L};
+    while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+    }
+}
+
+static void print_cpus(void) {
+    FILE *f = fopen("/proc/self/status", "re");
+    char line[256];
+    while (f != NULL && fgets(line, sizeof(line), f) != NULL)
+        if (strncmp(line, "Cpus_allowed_list:", 18) == 0) printf("%s", line + 19);
+    if (f != NULL) fclose(f);
+}
+
+static void *worker(void *arg) {
+    (void)arg;
+    sleep_ms(hold_ms);
+    printf("thread %d\n", sched_getscheduler(0));
+    fflush(stdout);
+    return NULL;
+}
+
+int main(int argc, char **argv) {
+    if (argc != 5) {
+        fprintf(stderr, "usage: thread_spawner THREADS DELAY_MS HOLD_MS STATUS\n");
+        return 2;
+    }
+    int threads = atoi(argv[1]), delay_ms = atoi(argv[2]), status = atoi(argv[4]);
+    hold_ms = atoi(argv[3]);
+    printf("main %d ", sched_getscheduler(0));
+    print_cpus();
+    fflush(stdout);
+    sleep_ms(delay_ms);
+    pthread_t ids[16];
+    int made = 0;
+    for (int i = 0; i < threads && i < 16; i++) {
+        int err = pthread_create(&ids[made], NULL, worker, NULL);
+        if (err != 0) {
+            printf("create failed %d\n", err);
+            fflush(stdout);
+        } else {
+            made++;
+        }
+    }
+    for (int i = 0; i < made; i++) pthread_join(ids[i], NULL);
+    return status;
+}
