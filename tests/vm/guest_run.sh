@@ -6,12 +6,14 @@
 # the last line is "vm-status: N" (0: every case passed or was skipped).
 #
 # Inputs, written by scripts/vm into the initramfs:
-#   /vm/settings   shell assignments: LAYOUT SRC BUILD CASE_TIMEOUT STRESS_SECONDS
+#   /vm/settings   shell assignments: LAYOUT SRC BUILD CASE_TIMEOUT STRESS_SECONDS LAUNCHER (the
+#                  command a test case runs under, or nothing: the guest is the sandbox)
 #   /vm/plan       one item a line, fields separated by a tab:
 #                    gtest<TAB>BINARY<TAB>FILTER      every case of BINARY matching FILTER, one by one
 #                    prog<TAB>NAME<TAB>COMMAND        one program (sh -c COMMAND); exit 77 = skipped
 #   /vm/skips      PATTERN<TAB>REASON: cases (Suite.Case, shell patterns) not run, and why
 #   /vm/config/    the configuration files copied into /vendor/etc/realtime before each case
+#   /vm/modules/   kernel modules the layout needs (overlay.ko for the test launcher on v2)
 # shellcheck shell=sh disable=SC3043 # busybox ash has local
 
 export PATH=/usr/sbin:/usr/bin:/sbin:/bin
@@ -19,11 +21,13 @@ export HOME=/root TERM=xterm LANG=C.UTF-8
 umask 022
 
 # ---- the kernel's filesystems ----
-mkdir -p /proc /sys /dev /tmp /root /run
+mkdir -p /proc /sys /dev /tmp /root /run/lock
 mount -t proc proc /proc
 mount -t sysfs sysfs /sys
 mount -t devtmpfs devtmpfs /dev 2>/dev/null
 mkdir -p /dev/pts /dev/shm
+# What a service manager links in /dev (bash's process substitution reads /dev/fd).
+[ -e /dev/fd ] || ln -s /proc/self/fd /dev/fd
 mount -t devpts -o ptmxmode=0666,mode=0620 devpts /dev/pts
 mount -t tmpfs -o mode=1777 tmp /tmp
 # Only emergencies on the console: kernel warnings must not interleave with the report.
@@ -72,6 +76,11 @@ layout_table() {
             echo "/dev/cpuset cgroup cpuset"
             echo "/dev/cpuacct cgroup cpuacct"
             ;;
+        v2)
+            # A host that has left v1 (the kernel binds nothing to it: cgroup_no_v1=all): the one
+            # hierarchy, organised as a service manager does by service_layout below.
+            echo "/sys/fs/cgroup cgroup2 -"
+            ;;
         *) return 1 ;;
     esac
 }
@@ -103,9 +112,35 @@ $(layout_table)
 EOF_LAYOUT
     return "$ok"
 }
+# v2: the hierarchy as a service manager sets it up: cpuset and cpu on at the root and in
+# /system.slice, init in /init.scope, and this runner's service /system.slice/qxrt-tests.service
+# delegated to it, the runner in the service's leaf main (as systemd's Delegate=yes with
+# DelegateSubgroup=main puts it), cpuset and cpu on in the service's group (its subtree is the
+# runner's to manage): the test launcher makes its groups beside that leaf, in the delegated
+# group. Processes live in leaves only. (The runner can't sit in the service's group
+# itself: a group with processes and cpuset on for its children is a thread root, below which
+# the kernel takes no domain group.)
+service=/sys/fs/cgroup/system.slice/qxrt-tests.service
+service_layout() {
+    local g=/sys/fs/cgroup
+    if ! { echo "+cpuset +cpu" >"$g/cgroup.subtree_control" &&
+        mkdir -p "$g/init.scope" "$g/system.slice" && echo 1 >"$g/init.scope/cgroup.procs" &&
+        echo "+cpuset +cpu" >"$g/system.slice/cgroup.subtree_control" &&
+        mkdir -p "$service/main" && echo "+cpuset +cpu" >"$service/cgroup.subtree_control" &&
+        echo $$ >"$service/main/cgroup.procs"; }; then
+        say "vm: cannot set up the service layout on /sys/fs/cgroup"
+        return 1
+    fi
+    # The test launcher's overlay on /dev.
+    if [ -f /vm/modules/overlay.ko ] && ! grep -qw overlay /proc/filesystems; then
+        insmod /vm/modules/overlay.ko || say "vm: cannot load overlay.ko"
+    fi
+    return 0
+}
 layout_ok=1
 layout_table >/dev/null || { say "vm: unknown layout $LAYOUT"; layout_ok=0; }
 [ "$layout_ok" = 1 ] && { mount_layout || layout_ok=0; }
+[ "$layout_ok" = 1 ] && [ "$LAYOUT" = v2 ] && { service_layout || layout_ok=0; }
 grep -E ' (cgroup|cgroup2|cpuset) ' /proc/mounts | awk '{ print "vm: mount " $2 " " $3 " " $4 }'
 
 # ---- the library's fixed paths ----
@@ -162,6 +197,10 @@ reset_state() {
     for root in $cgroup_roots; do
         find "$root" -mindepth 1 -depth -type d -exec rmdir {} \; 2>/dev/null
     done
+    if [ "$LAYOUT" = v2 ]; then
+        # No test launcher's state of a killed case.
+        rm -rf /run/lock/qxrt_*
+    fi
     fresh_paths
     return 0
 }
@@ -241,8 +280,9 @@ run_gtest() { # BINARY FILTER
     # "Suite." lines, then "  Case" lines (parameterised ones carry a "  # GetParam() = ..." note).
     sed 's/ *#.*//' /vm/list.txt >/vm/cases.txt
     while IFS= read -r line; do
+        # shellcheck disable=SC2086 # the launcher is a command line of several words, or none
         case "$line" in
-            "  "*) name="$suite${line#  }"; run_one "$name" "${bin%/*}" "$bin" --gtest_filter="$name" ;;
+            "  "*) name="$suite${line#  }"; run_one "$name" "${bin%/*}" $LAUNCHER "$bin" --gtest_filter="$name" ;;
             *.) suite=$line ;;
         esac
     done </vm/cases.txt

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # scripts/vm on bad input and in its plain outcomes: an unknown layout, architecture or program
 # set, a missing kernel or build, a host without qemu, a kernel that does not boot, a guest that
-# hangs, and a guest whose programs pass and fail. Each gives its exit status and, where it
-# fails, exactly one line on stderr, within a bounded time.
+# hangs, and a guest whose programs pass and fail; the v2 layout's guest as it is set up. Each
+# gives its exit status and, where it fails, exactly one line on stderr, within a bounded time.
 #
 #   tests/vm/vm_script_test.sh [BUILD_DIR]    (default: build/ of this checkout, built already)
 #
@@ -51,6 +51,8 @@ expect unknown-set 2 5 "unknown program set 'everything'" everything
 expect missing-kernel 2 5 "no kernel image at /nonexistent/vmlinuz" --kernel /nonexistent/vmlinuz
 expect bad-number 2 5 "'soon' is not a positive number" --timeout soon
 expect missing-build 2 60 "no build in /nonexistent/build" --no-build --build /nonexistent/build
+# The v2 layout is known: the run gets as far as the build.
+expect v2-layout-known 2 60 "no build in /nonexistent/build" --layout v2 --no-build --build /nonexistent/build
 # A host without qemu that may not install it: skipped, with the reason.
 QXRT_VM_NO_INSTALL=1 QXRT_VM_QEMU=/nonexistent/qemu-system-x86_64 \
     expect no-qemu 77 5 "skipped: .*qemu" --no-build --build "$build"
@@ -83,6 +85,16 @@ expect hung-case 1 150 "." --no-build --build "$build" --timeout 120 --case-time
 # A guest that hangs as a whole is killed after --timeout.
 expect hung-guest 3 60 "did not finish within 30 s and was killed" --no-build --build "$build" \
     --timeout 30 --case-timeout 600 --run 'sleep 600'
+# The v2 layout: no v1 hierarchy (cgroup_no_v1=all), cgroup2 alone at /sys/fs/cgroup, the runner in
+# the leaf of its delegated service group, the test launcher available there; the set layouts
+# runs the v2 suite, through the launcher.
+# shellcheck disable=SC2016 # the guest's shell expands them
+v2_checks='grep -qw cgroup_no_v1=all /proc/cmdline && [ "$(awk "\$3 ~ /^cgroup/ || \$3 == \"cpuset\" { print \$2, \$3 }" /proc/mounts)" = "/sys/fs/cgroup cgroup2" ] && grep -qx 0::/system.slice/qxrt-tests.service/main /proc/self/cgroup && tools/rt_sandbox --layout v2 --check'
+expect v2-guest 0 240 "." --no-build --build "$build" --timeout 200 --layout v2 \
+    layouts --run "$v2_checks" &&
+    { { grep -q '^== test_layouts_v2 ' "$out" && grep -q '^PASS V2Sandbox\.' "$out" &&
+        grep -q '^PASS run: grep -qw cgroup_no_v1=all' "$out"; } ||
+        { echo "FAIL v2-guest: no v2 suite or the guest's layout is not as set up"; failures=$((failures + 1)); }; }
 # A file that is no kernel: qemu ends without a report.
 expect not-a-kernel 3 60 "ended without a report" --no-build --build "$build" --timeout 60 \
     --kernel "$PWD/README.md" --run true
