@@ -242,20 +242,23 @@ std::string policy_of(pid_t tid) {
     return buf;
 }
 
-// The thread's group in the hierarchy that carries the controller, from /proc/<tid>/cgroup.
+// The thread's group in the hierarchy that carries the controller, from /proc/<tid>/cgroup; where
+// no cgroup v1 hierarchy carries it, the cgroup v2 group ("0::" line), which carries every
+// controller the kernel offers there.
 std::string cgroup_of(pid_t tid, const std::string &controller) {
-    std::ifstream f("/proc/" + std::to_string(tid) + "/cgroup");
-    std::string line;
+    std::ifstream f("/proc/" + std::to_string(tid) + "/task/" + std::to_string(tid) + "/cgroup");
+    std::string line, unified = "?";
     while (std::getline(f, line)) {
         size_t a = line.find(':');
         size_t b = a == std::string::npos ? a : line.find(':', a + 1);
         if (b == std::string::npos) continue;
+        if (line.compare(0, 3, "0::") == 0 && controller == "cpuset") unified = line.substr(3);
         std::stringstream list(line.substr(a + 1, b - a - 1));
         std::string item;
         while (std::getline(list, item, ','))
             if (item == controller) return line.substr(b + 1);
     }
-    return "?";
+    return unified;
 }
 
 int run_show(int argc, char **argv) {
