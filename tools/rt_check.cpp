@@ -544,14 +544,44 @@ bool in_domain_groups(const std::string &name, const QX_REALTIME_DOMAIN_t *d, in
     return false;
 }
 
+// A domain's identity file, read whole: the start times kept for its records (see the library's
+// thread identities). A record freed by a repair loses its entry first, as the library frees one.
+class Identities {
+public:
+    explicit Identities(const std::string &name)
+        : fd_(qx_identity_open(name.c_str(), QX_IDENTITY_EXISTING)) {
+        ok_ = fd_.get() >= 0 && qx_identity_read(fd_.get(), entries_) == 0;
+    }
+    const QX_REALTIME_IDENTITY_t *of(size_t slot, const QX_REALTIME_THREAD_t *t) const {
+        return ok_ && slot < (size_t)RT_IDENTITY_SLOTS ? qx_identity_of(t, &entries_[slot])
+                                                       : nullptr;
+    }
+    void erase(size_t slot) {
+        if (!ok_ || slot >= (size_t)RT_IDENTITY_SLOTS) return;
+        QX_REALTIME_IDENTITY_t none = {0, 0, 0, 0};
+        if (memcmp(&entries_[slot], &none, sizeof(none)) == 0) return;
+        if (qx_identity_write(fd_.get(), (int32_t)slot, &none) == 0) entries_[slot] = none;
+    }
+
+private:
+    Fd fd_;
+    bool ok_ = false;
+    QX_REALTIME_IDENTITY_t entries_[RT_IDENTITY_SLOTS];
+};
+
 void Checker::check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
     int64_t sum = 0;
-    for (QX_REALTIME_THREAD_t *t : slots_of(d)) {
+    Identities ids(name);
+    qx_start_cache_t starts = {};
+    std::vector<QX_REALTIME_THREAD_t *> slots = slots_of(d);
+    for (size_t i = 0; i < slots.size(); i++) {
+        QX_REALTIME_THREAD_t *t = slots[i];
         if (t->Alive == 0) continue;
         bool gone = !process_alive(t->ProcessID) && t->ProcessID != 0;
         if (gone || !thread_alive(t->Pid)) {
             std::string action;
             if (repair_) {
+                ids.erase(i);
                 t->Alive = 0;
                 d->s32UtilCurrent = (int32_t)((uint32_t)d->s32UtilCurrent - (uint32_t)t->Util);
                 action = "record freed, its utilisation returned";
@@ -562,6 +592,28 @@ void Checker::check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
                        : str("record of thread %d, which has ended", t->Pid),
                   action);
             if (repair_) continue;
+        }
+        // Alive, but perhaps no longer the one admitted: its id given to a newcomer.
+        int other = qx_identity_check(t, ids.of(i, t), &starts);
+        if (other != QX_IDENTITY_SAME) {
+            std::string action;
+            if (repair_) {
+                ids.erase(i);
+                t->Alive = 0;
+                d->s32UtilCurrent = (int32_t)((uint32_t)d->s32UtilCurrent - (uint32_t)t->Util);
+                action = "record freed, its utilisation returned";
+            }
+            found(name,
+                  other == QX_IDENTITY_OTHER_PROCESS
+                      ? str("record of thread %d of process %d, which has died: its process id "
+                            "names another process now",
+                            t->Pid, t->ProcessID)
+                      : str("record of thread %d, which has ended: its id names another thread "
+                            "now",
+                            t->Pid),
+                  action);
+            if (!repair_) sum += t->Util;
+            continue;
         }
         sum += t->Util;
         if (!thread_alive(t->Pid)) continue;
@@ -603,12 +655,15 @@ void Checker::check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
         std::string action;
         if (repair_) {
             // Its records go with it, as the library's reaping does.
-            for (QX_REALTIME_THREAD_t *t : slots_of(d))
+            for (size_t s = 0; s < slots.size(); s++) {
+                QX_REALTIME_THREAD_t *t = slots[s];
                 if (t->Alive != 0 && t->ProcessID == pid) {
+                    ids.erase(s);
                     t->Alive = 0;
                     sum -= t->Util;
                     d->s32UtilCurrent = (int32_t)((uint32_t)d->s32UtilCurrent - (uint32_t)t->Util);
                 }
+            }
             d->s32ProcessIDList[i] = 0;
             action = "taken off the list";
         }

@@ -417,6 +417,10 @@ uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
 
     QX_REALTIME_DOMAIN_t *pstDomain = (QX_REALTIME_DOMAIN_t *)pvAddr;
     qx_start_domain_record(pstDomain, pszDomainName);
+    // The identities of the threads to come, in a file of their own made while the domain is still
+    // marked as being created (a creation cut short is done again, file included). Without it
+    // the domain works as before; its first admission tries to make it again.
+    { qx_fd stIdentities(qx_identity_open(pszDomainName, QX_IDENTITY_FRESH)); }
     u32Ret = _QX_REALTIME_JsonParser(pstJsonPath, pstDomain);
     if (u32Ret != RT_SUCCESS) {
         RT_LOGE("[RT_Impl][Err] Failed to parse Json at [%s].\n",
@@ -428,6 +432,7 @@ uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
 
     if (u32Ret != RT_SUCCESS) {
         _QX_REALTIME_SharedMemoryFree(pszDomainName, &s32ShmFd, pvAddr);
+        qx_identity_remove(pszDomainName);
         return u32Ret;
     }
     qx_set_creation_mark(pstDomain, 0);  // complete: from here on it is a domain
@@ -602,6 +607,7 @@ int32_t QX_REALTIME_DeleteDomain(const char *pszDomainName) {
         if (qx_segment_path(szShmPath, sizeof(szShmPath), pszDomainName) >= 0 &&
             unlink(szShmPath) == 0)
             RT_LOGE("[RT_Impl][Err] [%s] unlink %s success\n", kName, szShmPath);
+        qx_identity_remove(pszDomainName);
     } else if (pstDomain == NULL) {
         RT_LOGE("[RT_Impl][Err] [%s] pstDomain is NULL.\n", kName);
         return (int32_t)RT_ERR_NULL;
@@ -618,6 +624,8 @@ int32_t QX_REALTIME_DeleteDomain(const char *pszDomainName) {
             continue;
         qx_name_t stName = qx_name_of(pstDomain->szName);
         _QX_REALTIME_SharedMemoryFree(stName.sz, &pstEntry->s32ShmFd, pstEntry->pvDomainAddr);
+        // The identities go with the records they belong to.
+        qx_identity_remove(stName.sz);
         for (uint32_t j = i; j + 1 < u32MapNum; j++)
             pstTop->astDomainMap[j] = pstTop->astDomainMap[j + 1];
         memset(&pstTop->astDomainMap[u32MapNum - 1], 0, sizeof(QX_REALTIME_DOMAIN_MAP_t));

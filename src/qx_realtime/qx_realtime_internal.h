@@ -607,6 +607,102 @@ void QX_REALTIME_RemoveKilledThread(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32
 uint32_t _QX_ThreadDataDelete(QX_REALTIME_THREAD_t *pstThread);
 
 // ---------------------------------------------------------------------------------------------
+// Thread identities
+// ---------------------------------------------------------------------------------------------
+
+// The kernel reuses process and thread ids, so the ids of a record may come to name a thread
+// that was never admitted. What tells two threads with one id apart is their start time (clock
+// ticks since boot, /proc/<tid>/task/<tid>/stat): beside each domain segment a small file,
+// /dev/shm/realtime/id_<domain>, holds for every thread slot the start times of the admitted
+// thread and of its process. The records keep their layout. An entry counts only while its ids
+// are those of the slot's in-use record and its thread start is known; otherwise the record is
+// trusted by its ids alone, as records always were (one written by an older build, or by a holder
+// killed between the record and its entry). Write order: the entry after the record it belongs
+// to, and cleared before its slot is freed, so a free slot carries none.
+typedef struct {
+    int32_t s32Tid;            // the record's Pid
+    int32_t s32ProcessID;      // the record's ProcessID
+    uint64_t u64ProcessStart;  // 0: unknown (no process, or it could not be read)
+    uint64_t u64ThreadStart;   // 0: the entry is unknown
+} QX_REALTIME_IDENTITY_t;
+RT_ASSERT_AT(QX_REALTIME_IDENTITY_t, s32Tid, 0);
+RT_ASSERT_AT(QX_REALTIME_IDENTITY_t, s32ProcessID, 4);
+RT_ASSERT_AT(QX_REALTIME_IDENTITY_t, u64ProcessStart, 8);
+RT_ASSERT_AT(QX_REALTIME_IDENTITY_t, u64ThreadStart, 16);
+static_assert(sizeof(QX_REALTIME_IDENTITY_t) == 24, "identity entry size");
+#define RT_IDENTITY_PREFIX QX_SHM_DIR "id_"
+// Entry i belongs to thread slot i; no segment has room for more slots than this.
+#define RT_IDENTITY_SLOTS ((RT_SHM_SIZE - RT_DOMAIN_HEADER_SIZE) / RT_THREAD_SIZE)
+#define RT_IDENTITY_SIZE (RT_IDENTITY_SLOTS * (int32_t)sizeof(QX_REALTIME_IDENTITY_t))
+
+int qx_identity_path(char *dst, size_t dst_size, const char *pszName);
+// How qx_identity_open gets a domain's identity file: only an existing one; an existing one or,
+// where there is none, a new empty one; or a new one in place of any old one (a new domain).
+enum { QX_IDENTITY_EXISTING = 0, QX_IDENTITY_MAKE, QX_IDENTITY_FRESH };
+// Its descriptor (close-on-exec, a regular file, never through a symlink), or -1. A new file is
+// made as a domain segment is: exclusive create, mode 0660 whatever the umask, all zeros.
+int32_t qx_identity_open(const char *pszName, int s32How);
+// Removes a domain's identity file, quietly: it goes with the domain.
+void qx_identity_remove(const char *pszName);
+// All entries (RT_IDENTITY_SLOTS); what the file does not hold reads as unknown. -1: unreadable.
+int qx_identity_read(int32_t s32Fd, QX_REALTIME_IDENTITY_t *astEntries);
+// Writes entry s32Slot; -1 when it can't be written.
+int qx_identity_write(int32_t s32Fd, int32_t s32Slot, const QX_REALTIME_IDENTITY_t *pstEntry);
+
+// The entry kept for an in-use record, or NULL when its identity is unknown.
+static inline const QX_REALTIME_IDENTITY_t *qx_identity_of(const QX_REALTIME_THREAD_t *pstThread,
+                                                           const QX_REALTIME_IDENTITY_t *pstEntry) {
+    if (pstEntry == NULL || pstEntry->u64ThreadStart == 0 || pstEntry->s32Tid != pstThread->Pid ||
+        pstEntry->s32ProcessID != pstThread->ProcessID)
+        return NULL;
+    return pstEntry;
+}
+
+// Start times read during one operation, each id read once.
+#define QX_START_CACHE_NUM 16
+typedef struct {
+    int32_t s32Num;
+    int32_t as32Id[QX_START_CACHE_NUM];
+    uint64_t au64Start[QX_START_CACHE_NUM];
+} qx_start_cache_t;
+// The two below are inline so that rtctl's check asks the same questions without taking the
+// threads' code (and its state) from the core archive.
+
+// The start time of the thread (or of the process, by its leader) with this id; 0 when there is
+// none or it can't be read. pstCache may be NULL.
+static inline uint64_t qx_start_time(qx_start_cache_t *pstCache, int32_t s32Id) {
+    if (s32Id <= 0) return 0;
+    for (int32_t i = 0; pstCache != NULL && i < pstCache->s32Num; i++)
+        if (pstCache->as32Id[i] == s32Id) return pstCache->au64Start[i];
+    uint64_t u64Ticks = 0, u64Start = 0;
+    if (qx_thread_cpu_ticks(s32Id, &u64Ticks, &u64Start) != 0) u64Start = 0;
+    if (pstCache != NULL && pstCache->s32Num < QX_START_CACHE_NUM) {
+        pstCache->as32Id[pstCache->s32Num] = s32Id;
+        pstCache->au64Start[pstCache->s32Num] = u64Start;
+        pstCache->s32Num++;
+    }
+    return u64Start;
+}
+
+// What the ids of a record name now, against the identity kept for it (NULL: unknown).
+enum { QX_IDENTITY_SAME = 0, QX_IDENTITY_OTHER_PROCESS, QX_IDENTITY_OTHER_THREAD };
+// QX_IDENTITY_SAME also when it can't be told: a process or thread that has gone is no other one
+// (the liveness walk deals with a dead process as it always has).
+static inline int qx_identity_check(const QX_REALTIME_THREAD_t *pstThread,
+                                    const QX_REALTIME_IDENTITY_t *pstId,
+                                    qx_start_cache_t *pstCache) {
+    if (pstId == NULL) return QX_IDENTITY_SAME;
+    // The process first: when it is another one, so is every thread the record could name.
+    if (pstThread->ProcessID > 0 && pstId->u64ProcessStart != 0) {
+        uint64_t u64Now = qx_start_time(pstCache, pstThread->ProcessID);
+        if (u64Now != 0 && u64Now != pstId->u64ProcessStart) return QX_IDENTITY_OTHER_PROCESS;
+    }
+    uint64_t u64Now = qx_start_time(pstCache, pstThread->Pid);
+    return u64Now != 0 && u64Now != pstId->u64ThreadStart ? QX_IDENTITY_OTHER_THREAD
+                                                          : QX_IDENTITY_SAME;
+}
+
+// ---------------------------------------------------------------------------------------------
 // Monitoring
 // ---------------------------------------------------------------------------------------------
 

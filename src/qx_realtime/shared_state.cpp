@@ -110,6 +110,79 @@ uint32_t _QX_REALTIME_GetFlock(const char *pszName, int32_t *ps32Fd) {
     return RT_ERR_SYSTEM;
 }
 
+// ---- identity files ----
+
+int qx_identity_path(char *dst, size_t dst_size, const char *pszName) {
+    return qx_format_path(dst, dst_size, "%s%s", RT_IDENTITY_PREFIX, pszName);
+}
+
+// An opened identity file is used only when it is a regular file (a FIFO or a device planted
+// under its name is not read or written).
+static int32_t qx_identity_checked(qx_fd *pstFd) {
+    if (!pstFd->ok() || !qx_sizeable(pstFd->get())) return -1;
+    return pstFd->release();
+}
+
+int32_t qx_identity_open(const char *pszName, int s32How) {
+    char szPath[RT_PATH_LEN];
+    if (!qx_domain_name_ok(pszName) || qx_identity_path(szPath, sizeof(szPath), pszName) < 0)
+        return -1;
+    if (s32How == QX_IDENTITY_FRESH) {
+        // A new domain's records are all new: nothing an older file holds may be taken for theirs.
+        (void)unlink(szPath);
+    } else {
+        qx_fd stOld(open(szPath, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+        if (stOld.ok() || errno != ENOENT || s32How == QX_IDENTITY_EXISTING)
+            return qx_identity_checked(&stOld);
+    }
+    qx_fd stNew(open(szPath, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0660));
+    if (!stNew.ok()) {
+        if (errno != EEXIST) return -1;
+        // Made meanwhile by another process.
+        stNew.reset(open(szPath, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+        return qx_identity_checked(&stNew);
+    }
+    if (fchmod(stNew.get(), 0660) != 0 || ftruncate(stNew.get(), RT_IDENTITY_SIZE) != 0) {
+        stNew.reset();
+        (void)unlink(szPath);
+        return -1;
+    }
+    return stNew.release();
+}
+
+void qx_identity_remove(const char *pszName) {
+    char szPath[RT_PATH_LEN];
+    if (!qx_domain_name_ok(pszName) || qx_identity_path(szPath, sizeof(szPath), pszName) < 0)
+        return;
+    (void)unlink(szPath);
+}
+
+int qx_identity_read(int32_t s32Fd, QX_REALTIME_IDENTITY_t *astEntries) {
+    memset(astEntries, 0, (size_t)RT_IDENTITY_SIZE);
+    ssize_t n;
+    do {
+        n = pread(s32Fd, astEntries, (size_t)RT_IDENTITY_SIZE, 0);
+    } while (n < 0 && errno == EINTR);
+    if (n < 0) {
+        memset(astEntries, 0, (size_t)RT_IDENTITY_SIZE);
+        return -1;
+    }
+    // A file cut short holds no whole entry past its end: a partial one reads as unknown.
+    size_t uWhole = (size_t)n / sizeof(QX_REALTIME_IDENTITY_t) * sizeof(QX_REALTIME_IDENTITY_t);
+    memset((char *)astEntries + uWhole, 0, (size_t)RT_IDENTITY_SIZE - uWhole);
+    return 0;
+}
+
+int qx_identity_write(int32_t s32Fd, int32_t s32Slot, const QX_REALTIME_IDENTITY_t *pstEntry) {
+    if (s32Fd < 0 || s32Slot < 0 || s32Slot >= RT_IDENTITY_SLOTS) return -1;
+    off_t s64At = (off_t)s32Slot * (off_t)sizeof(*pstEntry);
+    ssize_t n;
+    do {
+        n = pwrite(s32Fd, pstEntry, sizeof(*pstEntry), s64At);
+    } while (n < 0 && errno == EINTR);
+    return n == (ssize_t)sizeof(*pstEntry) ? 0 : -1;
+}
+
 // Removes a segment file after a failed size or map step.
 static void qx_unlink_segment(const char *pszFunc, const char *pszPath) {
     if (unlink(pszPath) != 0)

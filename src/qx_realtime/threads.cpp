@@ -101,6 +101,79 @@ uint32_t _QX_GetThreadByPid(QX_REALTIME_DOMAIN_t *pstDomain, QX_REALTIME_CLASS_t
     return RT_SUCCESS;
 }
 
+// ---- thread identities ----
+
+// A domain's identity entries for one operation under its lock: the file is opened and read at
+// the first question, and closed at the end of the scope. Without a file (a domain made by an
+// older build, or one that can't be opened) every record's identity is unknown.
+class qx_identities {
+public:
+    explicit qx_identities(const QX_REALTIME_DOMAIN_t *pstDomain, int s32How)
+        : pstDomain_(pstDomain), s32How_(s32How) {}
+    qx_identities(const qx_identities &) = delete;
+    qx_identities &operator=(const qx_identities &) = delete;
+    // The identity kept for in-use slot s32Slot, or NULL when it is unknown.
+    const QX_REALTIME_IDENTITY_t *of(int32_t s32Slot, const QX_REALTIME_THREAD_t *pstThread) {
+        if (s32Slot < 0 || s32Slot >= RT_IDENTITY_SLOTS || !load()) return NULL;
+        return qx_identity_of(pstThread, &astEntries_[s32Slot]);
+    }
+    void set(int32_t s32Slot, const QX_REALTIME_IDENTITY_t *pstEntry) {
+        if (s32Slot < 0 || s32Slot >= RT_IDENTITY_SLOTS || !load()) return;
+        if (qx_identity_write(stFd_.get(), s32Slot, pstEntry) == 0)
+            astEntries_[s32Slot] = *pstEntry;
+    }
+    // Before the slot is freed; a slot whose entry is already unknown costs no write.
+    void clear(int32_t s32Slot) {
+        if (s32Slot < 0 || s32Slot >= RT_IDENTITY_SLOTS || !load()) return;
+        static const QX_REALTIME_IDENTITY_t stNone = {0, 0, 0, 0};
+        if (memcmp(&astEntries_[s32Slot], &stNone, sizeof(stNone)) == 0) return;
+        if (qx_identity_write(stFd_.get(), s32Slot, &stNone) == 0) astEntries_[s32Slot] = stNone;
+    }
+    qx_start_cache_t *starts() { return &stStarts_; }
+
+private:
+    bool load() {
+        if (!bTried_) {
+            bTried_ = true;
+            stFd_.reset(qx_identity_open(pstDomain_->szName, s32How_));
+            bLoaded_ = stFd_.ok() && qx_identity_read(stFd_.get(), astEntries_) == 0;
+        }
+        return bLoaded_;
+    }
+    const QX_REALTIME_DOMAIN_t *pstDomain_;
+    int s32How_;
+    bool bTried_ = false;
+    bool bLoaded_ = false;
+    qx_fd stFd_;
+    QX_REALTIME_IDENTITY_t astEntries_[RT_IDENTITY_SLOTS];
+    qx_start_cache_t stStarts_ = {};
+};
+
+// The slot number of a record of the domain.
+static int32_t qx_slot_of(const QX_REALTIME_DOMAIN_t *pstDomain,
+                          const QX_REALTIME_THREAD_t *pstThread) {
+    return (int32_t)(((const char *)pstThread - (const char *)pstDomain -
+                      pstDomain->s32ThreadStartOffset) /
+                     RT_THREAD_SIZE);
+}
+
+// The first in-use record of the thread that still names it: a record whose ids now name another
+// thread is not that thread's.
+static QX_REALTIME_THREAD_t *qx_find_admitted(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid,
+                                              qx_identities *pstIds) {
+    int32_t s32Num = qx_domain_thread_num(pstDomain);
+    for (int32_t i = 0; i < s32Num; i++) {
+        QX_REALTIME_THREAD_t *pstThread = qx_domain_thread(pstDomain, i);
+        if (pstThread->Alive == 0 || pstThread->Pid != s32Tid) continue;
+        // The thread's own start time decides: the one admitted, or (gone) no other one.
+        const QX_REALTIME_IDENTITY_t *pstId = pstIds->of(i, pstThread);
+        if (pstId == NULL) return pstThread;
+        uint64_t u64Now = qx_start_time(pstIds->starts(), s32Tid);
+        if (u64Now == 0 || u64Now == pstId->u64ThreadStart) return pstThread;
+    }
+    return NULL;
+}
+
 // ---- the thread's process ----
 
 // What the process-id step found out about a thread, with the system calls done and the messages
@@ -236,16 +309,42 @@ uint32_t _QX_REALTIME_getProcessID(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32T
     return RT_ERR_SYSTEM;
 }
 
-void _QX_REALTIME_CheckProcessAlive(QX_REALTIME_DOMAIN_t *pstDomain) {
-    if (pstDomain == NULL) return;
+// Frees the in-use records whose ids name another process or thread than the one admitted: the
+// admitted thread has gone, and its id was given to a newcomer (which may never have used the
+// library). Their utilisation goes back to the domain. A record of unknown identity is left to the
+// process walk, as always.
+static void qx_reap_reused(QX_REALTIME_DOMAIN_t *pstDomain, qx_identities *pstIds) {
+    static const char kName[] = "_QX_REALTIME_CheckProcessAlive";
+    int32_t s32Num = qx_domain_thread_num(pstDomain);
+    for (int32_t i = 0; i < s32Num; i++) {
+        QX_REALTIME_THREAD_t *pstThread = qx_domain_thread(pstDomain, i);
+        if (pstThread->Alive == 0) continue;
+        int s32What = qx_identity_check(pstThread, pstIds->of(i, pstThread), pstIds->starts());
+        if (s32What == QX_IDENTITY_SAME) continue;
+        RT_LOGE_AS(
+            kName,
+            "[RT_Impl][Err] [%s] Thread %d of process %d has gone and its %s id names another "
+            "one now: its record is freed.\n",
+            kName, pstThread->Pid, pstThread->ProcessID,
+            s32What == QX_IDENTITY_OTHER_PROCESS ? "process" : "thread");
+        pstDomain->s32UtilCurrent = qx_wrap_sub(pstDomain->s32UtilCurrent, pstThread->Util);
+        pstIds->clear(i);
+        (void)_QX_ThreadDataDelete(pstThread);
+    }
+}
+
+// The liveness walk: the processes of the list that have died, then the records whose ids were
+// given to a newcomer.
+static void qx_check_alive(QX_REALTIME_DOMAIN_t *pstDomain, qx_identities *pstIds) {
+    static const char kName[] = "_QX_REALTIME_CheckProcessAlive";
     int32_t s32Num = qx_domain_pid_list_num(pstDomain);
     for (int32_t i = 0; i < s32Num; i++) {
         int32_t s32Pid = pstDomain->s32ProcessIDList[i];
         if (s32Pid == 0) continue;
         if (getpgid(s32Pid) < 0) {
             if (errno != ESRCH) continue;
-            RT_LOGE("[RT_Impl][Err] [%s] Process %d doesn't exist. errnor=%s\n", __func__, s32Pid,
-                    RT_ERRNO_STR);
+            RT_LOGE_AS(kName, "[RT_Impl][Err] [%s] Process %d doesn't exist. errnor=%s\n", kName,
+                       s32Pid, RT_ERRNO_STR);
         } else {
             char szPath[80];
             if (RT_FORMAT_PATH(szPath, "/proc/%d", s32Pid) < 0) return;
@@ -254,12 +353,26 @@ void _QX_REALTIME_CheckProcessAlive(QX_REALTIME_DOMAIN_t *pstDomain) {
                 closedir(pDir);
                 continue;
             }
-            RT_LOGE("[RT_Impl][Err] [%s] %s doesn't exist. It has been killed, errnor=%s\n",
-                    __func__, szPath, RT_ERRNO_STR);
+            RT_LOGE_AS(kName,
+                       "[RT_Impl][Err] [%s] %s doesn't exist. It has been killed, errnor=%s\n",
+                       kName, szPath, RT_ERRNO_STR);
+        }
+        // Entries first, then the records they belong to.
+        int32_t s32Threads = qx_domain_thread_num(pstDomain);
+        for (int32_t j = 0; j < s32Threads; j++) {
+            const QX_REALTIME_THREAD_t *pstThread = qx_domain_thread(pstDomain, j);
+            if (pstThread->Alive != 0 && pstThread->ProcessID == s32Pid) pstIds->clear(j);
         }
         QX_REALTIME_RemoveKilledThread(pstDomain, s32Pid);
         pstDomain->s32ProcessIDList[i] = 0;
     }
+    qx_reap_reused(pstDomain, pstIds);
+}
+
+void _QX_REALTIME_CheckProcessAlive(QX_REALTIME_DOMAIN_t *pstDomain) {
+    if (pstDomain == NULL) return;
+    qx_identities stIds(pstDomain, QX_IDENTITY_EXISTING);
+    qx_check_alive(pstDomain, &stIds);
 }
 
 // The slot a new thread record goes to: the first free one, else one past the last (then equal
@@ -387,6 +500,7 @@ static QX_REALTIME_CLASS_t *qx_find_class(QX_REALTIME_DOMAIN_t *pstDomain, const
 typedef struct {
     int32_t s32ListSlot;              // process-ID slot this admission filled, or -1
     QX_REALTIME_THREAD_t *pstThread;  // record stored, or NULL
+    int32_t s32Slot;                  // its slot number
     uint8_t au8OldSlot[sizeof(QX_REALTIME_THREAD_t)];  // that slot's bytes before
     int32_t s32OldThreadNum;
     int32_t s32OldNextOffset;
@@ -399,6 +513,7 @@ static int qx_book(QX_REALTIME_DOMAIN_t *pstDomain, QX_REALTIME_CLASS_t *pstClas
                    int bListed, const uint8_t *pu8Saved, qx_booking_t *pstBooking) {
     pstBooking->s32ListSlot = -1;
     pstBooking->pstThread = NULL;
+    pstBooking->s32Slot = -1;
     pstBooking->s32OldThreadNum = pstDomain->s32ThreadNum;
     pstBooking->s32OldNextOffset = pstDomain->s32NextOffset;
     int bListRoom = !bListed || qx_list_owner(pstDomain, s32ProcessID, &pstBooking->s32ListSlot);
@@ -411,6 +526,7 @@ static int qx_book(QX_REALTIME_DOMAIN_t *pstDomain, QX_REALTIME_CLASS_t *pstClas
         memcpy(pstBooking->au8OldSlot, pstThread, sizeof(pstBooking->au8OldSlot));
         (void)_QX_AddThreadDataAtHead(pstDomain, pstClass, pstUtil, s32Tid, s32ProcessID, pu8Saved);
         pstBooking->pstThread = pstThread;
+        pstBooking->s32Slot = s32Slot;
     }
     pstBooking->s32Charge = pstUtil->s32Util;
     pstDomain->s32UtilCurrent = qx_wrap_add(pstDomain->s32UtilCurrent, pstUtil->s32Util);
@@ -523,7 +639,10 @@ static uint32_t qx_admit_locked(const char *pszOp, QX_REALTIME_DOMAIN_t *pstDoma
     uint8_t au8Saved[QX_SCHED_ATTR_SIZE];
     memset(au8Saved, 0, sizeof(au8Saved));
     uint32_t u32Ret = RT_SUCCESS;
-    _QX_REALTIME_CheckProcessAlive(pstDomain);
+    // One reading of the identity file serves the walk and the new record's entry; a domain made
+    // by an older build gets its file here.
+    qx_identities stIds(pstDomain, QX_IDENTITY_MAKE);
+    qx_check_alive(pstDomain, &stIds);
     QX_REALTIME_CLASS_t *pstClass = qx_find_class(pstDomain, pszClassName);
     if (pstClass == NULL) {
         RT_LOGE("[RT_Impl][Err] [%s] Class:[%s] does not exist.\n", pszOp, pszClassName);
@@ -563,13 +682,22 @@ static uint32_t qx_admit_locked(const char *pszOp, QX_REALTIME_DOMAIN_t *pstDoma
     stOwner.s32ProcessID = getpid();
     qx_probe_owner(s32Tid, &stOwner);
     int bOwnerKnown = stOwner.s32What == QX_OWNER_FOUND || stOwner.s32What == QX_OWNER_NO_PGID;
+    // The thread's identity, to be kept beside its record.
+    QX_REALTIME_IDENTITY_t stId;
+    stId.s32Tid = s32Tid;
+    stId.s32ProcessID = stOwner.s32ProcessID;
+    stId.u64ThreadStart = qx_start_time(stIds.starts(), s32Tid);
+    stId.u64ProcessStart = qx_start_time(stIds.starts(), stOwner.s32ProcessID);
     qx_booking_t stBooking;
     int bListFull = !qx_book(pstDomain, pstClass, &stUtil, s32Tid, stOwner.s32ProcessID,
                              bOwnerKnown, au8Saved, &stBooking);
+    if (stBooking.pstThread != NULL && stId.u64ThreadStart != 0)
+        stIds.set(stBooking.s32Slot, &stId);
 
     u32Ret =
         qx_admit_in_kernel(pszOp, pstDomain, pstClass, &stUtil, s32Tid, bDlOverrun != 0, &stSaved);
     if (u32Ret != RT_SUCCESS) {
+        if (stBooking.pstThread != NULL) stIds.clear(stBooking.s32Slot);
         qx_unbook(pstDomain, &stBooking);
         return u32Ret;
     }
@@ -681,7 +809,8 @@ static int qx_restore_attr(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid
 static uint32_t qx_remove_locked(const char *kName, const char *pszDomainName,
                                  QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid) {
     qx_name_t stDomain = qx_name_of(pstDomain->szName);
-    QX_REALTIME_THREAD_t *pstThread = qx_find_thread(pstDomain, s32Tid);
+    qx_identities stIds(pstDomain, QX_IDENTITY_EXISTING);
+    QX_REALTIME_THREAD_t *pstThread = qx_find_admitted(pstDomain, s32Tid, &stIds);
     if (pstThread == NULL) {
         RT_LOGE("[RT_Impl][Err] [%s]: Thread [%d] doesn't exist in [%s].\n", kName, s32Tid,
                 pszDomainName);
@@ -701,6 +830,7 @@ static uint32_t qx_remove_locked(const char *kName, const char *pszDomainName,
     // The release and the freed record go together, before the message: a caller killed while it
     // writes the message leaves no charge without a record.
     pstDomain->s32UtilCurrent = qx_wrap_sub(pstDomain->s32UtilCurrent, pstThread->Util);
+    stIds.clear(qx_slot_of(pstDomain, pstThread));
     uint32_t u32Deleted = _QX_ThreadDataDelete(pstThread);
     RT_LOGI("[RT_Impl][Info] s32UtilCurrent in Domain(%s) is %d.\n", stDomain.sz,
             pstDomain->s32UtilCurrent);
@@ -764,7 +894,8 @@ static uint32_t qx_update_deadline(const char *kName, QX_REALTIME_DOMAIN_t *pstD
 // UpdateThreadUtil's work under the domain lock.
 static uint32_t qx_update_locked(const char *kName, QX_REALTIME_DOMAIN_t *pstDomain,
                                  QX_REALTIME_UTIL_t *pstUtil, int32_t s32Tid) {
-    QX_REALTIME_THREAD_t *pstThread = qx_find_thread(pstDomain, s32Tid);
+    qx_identities stIds(pstDomain, QX_IDENTITY_EXISTING);
+    QX_REALTIME_THREAD_t *pstThread = qx_find_admitted(pstDomain, s32Tid, &stIds);
     if (pstThread == NULL) {
         RT_LOGE("[RT_Impl][Err] [%s]: Thread of pid=[%d] does not exist in RT.\n", kName, s32Tid);
         return RT_ERR_NOT_EXIST;

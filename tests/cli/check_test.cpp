@@ -99,6 +99,39 @@ TEST_F(RtctlCheck, RecordsOfAKilledClientAreReaped) {
     EXPECT_EQ(audio_->s32UtilCurrent, 0);
 }
 
+// The id of a killed client given to a newcomer (through ns_last_pid, inside the sandbox's own
+// PID namespace): the record's ids name a living process, but not the one admitted.
+TEST_F(RtctlCheck, RecordWhoseIdWasGivenToANewcomerIsReportedAndFreed) {
+    std::string why;
+    if (!qxt::can_choose_pids(&why)) GTEST_SKIP() << why;
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    fflush(nullptr);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        char ok = QX_REALTIME_AddThread("Domain_Audio", "Class_Render", getpid(), 0) == RT_SUCCESS;
+        (void)!write(ready[1], &ok, 1);
+        pause();
+        qxt::exit_child(0);
+    }
+    char ok = 0;
+    ASSERT_EQ(read(ready[0], &ok, 1), 1);
+    ASSERT_EQ(ok, 1);
+    qxt::kill_and_reap(child);
+    usleep(qxt::kStartTimeTickUs);
+    pid_t newcomer = qxt::spawn_child_as(child, [] {});
+    ASSERT_EQ(newcomer, child) << "the dead client's id could not be had";
+    ASSERT_EQ(audio_->s32UtilCurrent, 200);
+    expect_found_and_repaired({qxt::format("record of thread %d of process %d, which has died: its "
+                                           "process id names another process now",
+                                           child, child)},
+                              {"record freed, its utilisation returned"});
+    EXPECT_EQ(audio_->s32UtilCurrent, 0);
+    EXPECT_EQ(qxt::sched_of(newcomer).policy, (uint32_t)SCHED_OTHER);
+    qxt::kill_and_reap(newcomer);
+}
+
 TEST_F(RtctlCheck, RealTimeThreadInADomainGroupWithoutARecordIsReleased) {
     qxt::TestThread t;
     struct sched_param p = {};

@@ -145,10 +145,10 @@ std::string every_operation(pid_t foreign_tid) {
     return codes;
 }
 
-// What may be in the library's directories after every_operation: the configuration's segments
-// and lock files, per-process log files and what the case planted. Anything else, or a segment
-// grown past 16384 bytes, is reported. Also the private /tmp and /dev/shm itself must hold nothing
-// new.
+// What may be in the library's directories after every_operation: the configuration's segments,
+// their identity files and lock files, per-process log files and what the case planted. Anything
+// else, or a segment grown past 16384 bytes, is reported. Also the private /tmp and /dev/shm itself
+// must hold nothing new.
 std::string unexpected_files(const std::vector<std::string> &tmp_before,
                              const std::vector<std::string> &shm_before,
                              const std::vector<std::string> &planted) {
@@ -156,6 +156,7 @@ std::string unexpected_files(const std::vector<std::string> &tmp_before,
     std::vector<std::string> allowed;
     for (const char *n : {"Global", kRr, kDl, kNew, kNewDl}) {
         allowed.push_back(std::string("/dev/shm/realtime/rt_") + n);
+        allowed.push_back(std::string(RT_IDENTITY_PREFIX) + n);
         allowed.push_back(std::string("/data/vendor/realtime/flock_rt_") + n);
     }
     for (const std::string &f : library_files()) {

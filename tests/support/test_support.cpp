@@ -385,6 +385,56 @@ void kill_and_reap(pid_t pid) {
     waitpid(pid, &status, 0);
 }
 
+namespace {
+const char kNsLastPid[] = "/proc/sys/kernel/ns_last_pid";
+// The inode of the initial PID namespace (PROC_PID_INIT_INO): the host's.
+const char kHostPidNamespace[] = "pid:[4026531836]";
+}  // namespace
+
+bool can_choose_pids(std::string *why) {
+    char link[64] = {};
+    if (readlink("/proc/self/ns/pid", link, sizeof(link) - 1) < 0) {
+        *why = "no /proc/self/ns/pid: can't tell whose PID namespace this is";
+        return false;
+    }
+    if (strcmp(link, kHostPidNamespace) == 0) {
+        *why = "this runs in the host's PID namespace, whose ids a test must not steer";
+        return false;
+    }
+    int fd = open(kNsLastPid, O_WRONLY | O_CLOEXEC);
+    if (fd < 0) {
+        *why = std::string(kNsLastPid) + " is not writable here (" + strerror(errno) + ")";
+        return false;
+    }
+    close(fd);
+    return true;
+}
+
+pid_t spawn_child_as(pid_t pid, const std::function<void()> &fn) {
+    // Another process of the sandbox may take the id first: a few tries.
+    for (int attempt = 0; attempt < 5 && pid > 1; attempt++) {
+        std::string last = std::to_string(pid - 1);
+        int fd = open(kNsLastPid, O_WRONLY | O_CLOEXEC);
+        if (fd < 0) return -1;
+        bool written = write(fd, last.data(), last.size()) == (ssize_t)last.size();
+        close(fd);
+        if (!written) return -1;
+        fflush(nullptr);
+        pid_t child = fork();
+        if (child < 0) return -1;
+        if (child == 0) {
+            if (getpid() != pid) _exit(0);
+            fn();
+            fflush(nullptr);
+            for (;;) pause();
+        }
+        if (child == pid) return child;
+        int status;
+        waitpid(child, &status, 0);
+    }
+    return -1;
+}
+
 SchedInfo sched_of(pid_t tid) {
     SchedInfo info{};
     struct qx_sched_attr attr;

@@ -186,6 +186,17 @@ int run_in_child(const std::function<int()> &fn);
 pid_t spawn_child(const std::function<void()> &fn);
 void kill_and_reap(pid_t pid);
 
+// Whether this process can choose the id of the next process it starts: only inside a PID
+// namespace of its own (never the host's: there ns_last_pid would steer the ids of the host's
+// processes), with /proc/sys/kernel/ns_last_pid writable; otherwise why not, in one line.
+bool can_choose_pids(std::string *why);
+// spawn_child, with the child given the id pid (that of a process that has died and been reaped)
+// through ns_last_pid; -1 when the id could not be had.
+pid_t spawn_child_as(pid_t pid, const std::function<void()> &fn);
+// Long enough for a process started after it to have another start time than one started before
+// (start times count clock ticks of 10 ms).
+constexpr unsigned kStartTimeTickUs = 30000;
+
 // The kernel's view of a thread.
 struct SchedInfo {
     bool ok;
