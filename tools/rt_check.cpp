@@ -234,7 +234,7 @@ bool on_cgroup2() {
 }
 // Whether a thread sits in a domain's threaded group on cgroup v2 (<its home>/qxrt-<name>).
 bool in_cgroup2_group(const std::string &name, int32_t tid) {
-    char group[RT_PATH_LEN];
+    char group[QX_CGROUP2_PATH_LEN];
     if (qx_cgroup2_thread_group(tid, group, sizeof(group)) < 0) return false;
     std::string tail = "/" QX_CGROUP2_GROUP_PREFIX + name;
     std::string now(group);

@@ -308,7 +308,8 @@ uint32_t qx_cgroup_make_cpuset_group(QX_REALTIME_DOMAIN_t *pstDomain) {
 // thread back into its home and removes the child once it is empty.
 
 int qx_cgroup2_thread_group(int32_t s32Tid, char *pszGroup, size_t uSize) {
-    char szPath[64], szText[RT_PATH_LEN + 64];
+    // A hybrid host lists its v1 hierarchies' lines first.
+    char szPath[64], szText[4 * QX_CGROUP2_PATH_LEN];
     if (RT_FORMAT_PATH(szPath, "/proc/%d/task/%d/cgroup", s32Tid, s32Tid) < 0) return -1;
     if (qx_read_small(szPath, szText, sizeof(szText)) <= 0) return -1;
     // The unified hierarchy's line is "0::<path>" (a hybrid host lists v1 lines before it).
@@ -327,7 +328,7 @@ int qx_cgroup2_thread_home(int32_t s32Tid, char *pszHome, size_t uSize) {
     if (pszLast == NULL ||
         strncmp(pszLast + 1, QX_CGROUP2_GROUP_PREFIX, sizeof(QX_CGROUP2_GROUP_PREFIX) - 1) != 0)
         return 0;
-    char szType[RT_PATH_LEN], szText[32];
+    char szType[QX_CGROUP2_PATH_LEN], szText[32];
     if (RT_FORMAT_PATH(szType, "%s/cgroup.type", pszHome) < 0) return -1;
     if (qx_read_small(szType, szText, sizeof(szText)) > 0 && strcmp(szText, "threaded\n") == 0)
         *pszLast = '\0';
@@ -335,7 +336,7 @@ int qx_cgroup2_thread_home(int32_t s32Tid, char *pszHome, size_t uSize) {
 }
 
 // The path refused by the latest failed move of this thread, for the caller's message.
-static thread_local char szCgroup2Refused[RT_PATH_LEN];
+static thread_local char szCgroup2Refused[QX_CGROUP2_PATH_LEN];
 
 static const char *qx_cgroup2_refuse(const char *pszPath) {
     RT_SNPRINTF(szCgroup2Refused, "%s", pszPath);
@@ -351,7 +352,7 @@ static const char *qx_cgroup2_unknown_group(int32_t s32Tid) {
 // Makes <home>/qxrt-<domain> a threaded group with the domain's CPUs, cpuset enabled for it.
 static const char *qx_cgroup2_make_group(const QX_REALTIME_DOMAIN_t *pstDomain, const char *pszHome,
                                          const char *pszGroup) {
-    char szPath[RT_PATH_LEN], szText[256];
+    char szPath[QX_CGROUP2_PATH_LEN], szText[256];
     if (RT_FORMAT_PATH(szPath, "%s/cgroup.controllers", pszHome) < 0)
         return qx_cgroup2_refuse(pszHome);
     if (qx_read_small(szPath, szText, sizeof(szText)) < 0 || !qx_list_has(szText, "cpuset")) {
@@ -390,20 +391,20 @@ static const char *qx_cgroup2_make_group(const QX_REALTIME_DOMAIN_t *pstDomain, 
 // The domain's threaded group for a thread: <its home>/qxrt-<domain>.
 static int qx_cgroup2_domain_group(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid,
                                    char *pszHome, char *pszGroup) {
-    if (qx_cgroup2_thread_home(s32Tid, pszHome, RT_PATH_LEN) < 0) return -1;
-    return qx_format_path(pszGroup, RT_PATH_LEN, "%s/" QX_CGROUP2_GROUP_PREFIX "%s", pszHome,
-                          qx_name_of(pstDomain->szName).sz);
+    if (qx_cgroup2_thread_home(s32Tid, pszHome, QX_CGROUP2_PATH_LEN) < 0) return -1;
+    return qx_format_path(pszGroup, QX_CGROUP2_PATH_LEN, "%s/" QX_CGROUP2_GROUP_PREFIX "%s",
+                          pszHome, qx_name_of(pstDomain->szName).sz);
 }
 
 static const char *qx_cgroup2_write_thread(int32_t s32Tid, const char *pszGroup) {
-    char szPath[RT_PATH_LEN];
+    char szPath[QX_CGROUP2_PATH_LEN];
     if (RT_FORMAT_PATH(szPath, "%s/cgroup.threads", pszGroup) < 0)
         return qx_cgroup2_refuse(pszGroup);
     return _QX_WriteS32ToPath(s32Tid, szPath) == RT_SUCCESS ? NULL : qx_cgroup2_refuse(szPath);
 }
 
 static const char *qx_cgroup2_join(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid) {
-    char szHome[RT_PATH_LEN], szGroup[RT_PATH_LEN];
+    char szHome[QX_CGROUP2_PATH_LEN], szGroup[QX_CGROUP2_PATH_LEN];
     if (qx_cgroup2_domain_group(pstDomain, s32Tid, szHome, szGroup) < 0)
         return qx_cgroup2_unknown_group(s32Tid);
     const char *pszRefused = qx_cgroup2_make_group(pstDomain, szHome, szGroup);
@@ -412,7 +413,7 @@ static const char *qx_cgroup2_join(const QX_REALTIME_DOMAIN_t *pstDomain, int32_
 
 // Back into the thread's home; its domain group goes once empty (still in use: kept).
 static const char *qx_cgroup2_leave(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid) {
-    char szHome[RT_PATH_LEN], szGroup[RT_PATH_LEN];
+    char szHome[QX_CGROUP2_PATH_LEN], szGroup[QX_CGROUP2_PATH_LEN];
     if (qx_cgroup2_domain_group(pstDomain, s32Tid, szHome, szGroup) < 0)
         return qx_cgroup2_unknown_group(s32Tid);
     const char *pszRefused = qx_cgroup2_write_thread(s32Tid, szHome);
@@ -453,7 +454,7 @@ const char *qx_cgroup_leave_domain(const QX_REALTIME_DOMAIN_t *pstDomain, int32_
 
 const char *qx_cgroup_park_in_root_cpuset(int32_t s32Tid) {
     if (qx_cgroup_layout() == QX_CGROUP_V2) {
-        char szHome[RT_PATH_LEN];
+        char szHome[QX_CGROUP2_PATH_LEN];
         if (qx_cgroup2_thread_home(s32Tid, szHome, sizeof(szHome)) < 0)
             return qx_cgroup2_unknown_group(s32Tid);
         return qx_cgroup2_write_thread(s32Tid, szHome);

@@ -542,6 +542,9 @@ const char *qx_cgroup_layout_name(int s32Layout);
 int qx_cgroup_has_cpuacct(void);
 // The prefix of a domain's threaded group on QX_CGROUP_V2.
 #define QX_CGROUP2_GROUP_PREFIX "qxrt-"
+// Room for a cgroup v2 group's path: no record keeps one, and a service manager's groups nest
+// deeper than a record's path field holds. A deeper group refuses the move.
+#define QX_CGROUP2_PATH_LEN 1024
 // On QX_CGROUP_V2: the group a thread sits in (absolute path under /sys/fs/cgroup) and its home,
 // the group of its process it returns to: its group, or the parent when it sits in a domain's
 // threaded group. -1 when the thread's group can't be read.

@@ -187,6 +187,36 @@ TEST_F(V2Layout, AServicesProcessStaysInItsServiceGroup) {
     EXPECT_EQ(0, rmdir(service.c_str())) << strerror(errno);
 }
 
+// A service manager nests groups deeper than a record's 128-byte path field: a thread of a
+// process four levels down, its group's path over 200 characters, is placed all the same.
+TEST_F(V2Layout, AProcessInADeeplyNestedGroupIsPlaced) {
+    ASSERT_NO_FATAL_FAILURE(start_and_create());
+    std::vector<std::string> levels;
+    std::string dir = kMount;
+    for (int i = 0; i < 4; i++) {
+        if (i > 0) {
+            ASSERT_TRUE(write_text(dir + "/cgroup.subtree_control", "+cpuset"));
+        }
+        dir += format("/level-%d-of-a-service-managers-nested-groups.slice", i);
+        ASSERT_EQ(0, mkdir(dir.c_str(), 0755)) << strerror(errno);
+        levels.push_back(dir);
+    }
+    ASSERT_GT(dir.size(), (size_t)RT_PATH_LEN + 64);
+    int status = run_in_child([&] {
+        if (!write_text(dir + "/cgroup.procs", format("%d", getpid()))) return 10;
+        TestThread t;
+        if (QX_REALTIME_AddThread(kRr, "Class_Render", t.tid(), 0) != RT_SUCCESS) return 11;
+        std::string own = group_of(getpid());
+        bool placed = kMount + group_of(t.tid()) == dir + "/qxrt-Domain_Audio" &&
+                      cpus_allowed(t.tid()) == "1";
+        if (QX_REALTIME_RemoveThread(kRr, t.tid()) != RT_SUCCESS) return 12;
+        return placed && group_of(t.tid()) == own ? 0 : 13;
+    });
+    EXPECT_EQ(0, status);
+    for (auto it = levels.rbegin(); it != levels.rend(); ++it)
+        EXPECT_EQ(0, rmdir(it->c_str())) << *it << ": " << strerror(errno);
+}
+
 // A process whose group can't have cpuset for its children (its parent enables no cpuset): the
 // admission is refused with a message that says why, and the thread is left as it was.
 TEST_F(V2Layout, AGroupWithoutCpusetRefusesTheMoveAndSaysWhy) {
