@@ -111,27 +111,7 @@ TEST_F(AndroidLayout, AdmissionUpdateAndRemovalPlaceAndRestoreThreads) {
 // A client killed with a thread admitted: the next admission reaps it and its charge goes back.
 TEST_F(AndroidLayout, ADeadClientIsReaped) {
     ASSERT_NO_FATAL_FAILURE(start_and_create());
-    int ready[2];
-    ASSERT_EQ(0, pipe(ready));
-    pid_t client = spawn_child([&] {
-        char rc = (char)QX_REALTIME_AddThread(kRr, "Class_Render", (int32_t)qx_gettid(), 0);
-        (void)!write(ready[1], &rc, 1);
-    });
-    char rc = -1;
-    ASSERT_EQ(1, read(ready[0], &rc, 1));
-    ASSERT_EQ(0, rc);
-    QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
-    ASSERT_NE(nullptr, d);
-    EXPECT_EQ(100, d->s32UtilCurrent);
-    kill_and_reap(client);
-
-    TestThread t;
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_Render", t.tid(), 0)) << log.dump();
-    EXPECT_EQ(100, d->s32UtilCurrent);  // the dead client's 100 went back, ours came in
-    EXPECT_EQ(1, live_slot_count(d));
-    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kRr, t.tid()));
-    close(ready[0]);
-    close(ready[1]);
+    expect_dead_client_reaped(kRr, "Class_Render", 100, log);
 }
 
 // CPU usage without cpuacct: the admitted thread's own CPU time. A thread that spins half of the
@@ -210,16 +190,7 @@ TEST_F(AndroidLayout, ARecordNamingACpuacctFileIsRefused) {
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
     ASSERT_NE(nullptr, d);
     snprintf(d->pszCpuacctPathTasks, RT_PATH_LEN, "/dev/cpuacct/Domain_Audio/tasks");
-    ASSERT_EQ(0, run_in_child([] {
-                  LogCapture child_log;
-                  TestThread t;
-                  uint32_t rc = QX_REALTIME_AddThread(kRr, "Class_Render", t.tid(), 0);
-                  bool refused = child_log.has_error(
-                      "[RT_Impl][Err] [_QX_REALTIME_GetDomainFromName] Domain [Domain_Audio] is "
-                      "corrupted "
-                      "(pszCpuacctPathTasks): refused.\n");
-                  return rc == RT_ERR_NULL && refused ? 0 : 1;
-              }));
+    expect_admission_refused_for_field(kRr, "Class_Render", "pszCpuacctPathTasks");
 }
 
 }  // namespace

@@ -20,12 +20,6 @@ protected:
             GTEST_SKIP() << "runs in a sandbox with --layout android only";
         ASSERT_NO_FATAL_FAILURE(qxt::start_shipped_domains());
     }
-    // rtctl check says "consistent" with status 0.
-    static void expect_consistent() {
-        Result r = rtctl({"check"});
-        EXPECT_EQ(r.status, 0) << r.out << r.err;
-        EXPECT_EQ(r.out, "consistent\n");
-    }
 };
 
 }  // namespace
@@ -67,9 +61,9 @@ TEST_F(AndroidRtctl, UsageTopAndDumpWork) {
     EXPECT_FALSE(contains(dump.out + dump.err, "cpuacct")) << dump.out << dump.err;
     EXPECT_FALSE(contains(dump.out + dump.err, "failed")) << dump.out << dump.err;
 
-    expect_consistent();
+    qxt::expect_check_consistent();
     EXPECT_EQ(rtctl({"remove", "Domain_Audio", std::to_string(t.tid())}).status, 0);
-    expect_consistent();
+    qxt::expect_check_consistent();
 }
 
 // A thread in the domain's cpuset with no record: found and moved back to the root cpuset.
@@ -87,7 +81,7 @@ TEST_F(AndroidRtctl, CheckFindsAndRepairsAStrayInTheDomainsCpuset) {
     EXPECT_EQ(fixed.status, 0) << fixed.out << fixed.err;
     EXPECT_TRUE(contains(fixed.out, "repaired: moved to the root groups")) << fixed.out;
     EXPECT_EQ("/", qxt::cgroup_of(stray.tid(), "cpuset"));
-    expect_consistent();
+    qxt::expect_check_consistent();
 }
 
 // A thread moved out of its domain's cpuset behind the library's back: found, and put back.
@@ -101,6 +95,6 @@ TEST_F(AndroidRtctl, CheckFindsAndRepairsAThreadOutsideItsCpuset) {
     Result fixed = rtctl({"check", "--repair"});
     EXPECT_EQ(fixed.status, 0) << fixed.out << fixed.err;
     EXPECT_EQ("/Domain_Audio", qxt::cgroup_of(t.tid(), "cpuset"));
-    expect_consistent();
+    qxt::expect_check_consistent();
     EXPECT_EQ(rtctl({"remove", "Domain_Audio", std::to_string(t.tid())}).status, 0);
 }

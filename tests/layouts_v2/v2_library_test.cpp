@@ -250,27 +250,7 @@ TEST_F(V2Layout, AGroupWithoutCpusetRefusesTheMoveAndSaysWhy) {
 // A client killed with a thread admitted: the next admission reaps it and its charge goes back.
 TEST_F(V2Layout, ADeadClientIsReaped) {
     ASSERT_NO_FATAL_FAILURE(start_and_create());
-    int ready[2];
-    ASSERT_EQ(0, pipe(ready));
-    pid_t client = spawn_child([&] {
-        char rc = (char)QX_REALTIME_AddThread(kRr, "Class_Render", (int32_t)qx_gettid(), 0);
-        (void)!write(ready[1], &rc, 1);
-    });
-    char rc = -1;
-    ASSERT_EQ(1, read(ready[0], &rc, 1));
-    ASSERT_EQ(0, rc);
-    QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
-    ASSERT_NE(nullptr, d);
-    EXPECT_EQ(100, d->s32UtilCurrent);
-    kill_and_reap(client);
-
-    TestThread t;
-    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_Render", t.tid(), 0)) << log.dump();
-    EXPECT_EQ(100, d->s32UtilCurrent);  // the dead client's 100 went back, ours came in
-    EXPECT_EQ(1, live_slot_count(d));
-    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kRr, t.tid()));
-    close(ready[0]);
-    close(ready[1]);
+    expect_dead_client_reaped(kRr, "Class_Render", 100, log);
 }
 
 // Usage on v2 is the admitted threads' own CPU time; it agrees with the kernel's cpu.stat of the
@@ -324,15 +304,7 @@ TEST_F(V2Layout, ARecordNamingAGroupPathIsRefused) {
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
     ASSERT_NE(nullptr, d);
     snprintf(d->pszCpusetPathTasks, RT_PATH_LEN, "/dev/cpuset/Domain_Audio/tasks");
-    ASSERT_EQ(0, run_in_child([] {
-                  LogCapture child_log;
-                  TestThread t;
-                  uint32_t rc = QX_REALTIME_AddThread(kRr, "Class_Render", t.tid(), 0);
-                  bool refused = child_log.has_error(
-                      "[RT_Impl][Err] [_QX_REALTIME_GetDomainFromName] Domain [Domain_Audio] is "
-                      "corrupted (pszCpusetPathTasks): refused.\n");
-                  return rc == RT_ERR_NULL && refused ? 0 : 1;
-              }));
+    expect_admission_refused_for_field(kRr, "Class_Render", "pszCpusetPathTasks");
 }
 
 }  // namespace

@@ -25,11 +25,6 @@ protected:
         home_ = group_of(getpid());
         audio_group_ = (home_ == "/" ? "" : home_) + "/qxrt-Domain_Audio";
     }
-    static void expect_consistent() {
-        Result r = rtctl({"check"});
-        EXPECT_EQ(r.status, 0) << r.out << r.err;
-        EXPECT_EQ(r.out, "consistent\n");
-    }
     std::string home_, audio_group_;
 };
 
@@ -71,10 +66,10 @@ TEST_F(V2Rtctl, AddUsageTopDumpAndRemoveWork) {
     EXPECT_EQ(dump.status, 0) << dump.err;
     EXPECT_FALSE(contains(dump.out + dump.err, "failed")) << dump.out << dump.err;
 
-    expect_consistent();
+    qxt::expect_check_consistent();
     EXPECT_EQ(rtctl({"remove", "Domain_Audio", tid}).status, 0);
     EXPECT_EQ(home_, group_of(t.tid()));
-    expect_consistent();
+    qxt::expect_check_consistent();
 }
 
 // A thread put into a domain's threaded group behind the library's back: found (by its group's
@@ -95,7 +90,7 @@ TEST_F(V2Rtctl, CheckFindsAndRepairsAStrayInADomainsGroup) {
     Result fixed = rtctl({"check", "--repair"});
     EXPECT_EQ(fixed.status, 0) << fixed.out << fixed.err;
     EXPECT_EQ(home_, group_of(stray.tid()));
-    expect_consistent();
+    qxt::expect_check_consistent();
     EXPECT_EQ(rtctl({"remove", "Domain_Audio", std::to_string(held.tid())}).status, 0);
 }
 
@@ -112,7 +107,7 @@ TEST_F(V2Rtctl, CheckFindsAndRepairsAThreadOutsideItsGroup) {
     Result fixed = rtctl({"check", "--repair"});
     EXPECT_EQ(fixed.status, 0) << fixed.out << fixed.err;
     EXPECT_EQ(audio_group_, group_of(t.tid()));
-    expect_consistent();
+    qxt::expect_check_consistent();
     EXPECT_EQ(rtctl({"remove", "Domain_Audio", std::to_string(t.tid())}).status, 0);
 }
 

@@ -70,6 +70,12 @@ Result rtctl_as_nobody(const std::vector<std::string> &args) {
     return rtctl_via({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"}, args);
 }
 
+void expect_check_consistent() {
+    Result r = rtctl({"check"});
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_EQ(r.out, "consistent\n");
+}
+
 void install_shipped_config() {
     qxt::install_config("0", qxt::read_file(std::string(QXRT_SOURCE_DIR) + "/config/rt-0.json"));
 }

@@ -31,6 +31,9 @@ Result rtctl_via(const std::vector<std::string> &prefix, const std::vector<std::
 // rtctl ARGS... as the unprivileged user nobody (uid and gid 65534, no supplementary groups).
 Result rtctl_as_nobody(const std::vector<std::string> &args);
 
+// rtctl check says "consistent" with status 0.
+void expect_check_consistent();
+
 // The base of the tests on the shipped configuration: it needs the sandbox and 2 CPUs.
 class ShippedConfigTest : public SandboxTest {
 protected:

@@ -140,4 +140,42 @@ int error_count(const qxt::LogCapture &log) {
     return n;
 }
 
+void expect_dead_client_reaped(const char *domain, const char *cls, int32_t units,
+                               const qxt::LogCapture &log) {
+    int ready[2];
+    ASSERT_EQ(0, pipe(ready));
+    pid_t client = qxt::spawn_child([&] {
+        char rc = (char)QX_REALTIME_AddThread(domain, cls, (int32_t)qx_gettid(), 0);
+        (void)!write(ready[1], &rc, 1);
+    });
+    char rc = -1;
+    ASSERT_EQ(1, read(ready[0], &rc, 1));
+    close(ready[0]);
+    close(ready[1]);
+    ASSERT_EQ(0, rc);
+    QX_REALTIME_DOMAIN_t *d = qxt::map_domain_file(domain);
+    ASSERT_NE(nullptr, d);
+    EXPECT_EQ(units, d->s32UtilCurrent);
+    qxt::kill_and_reap(client);
+
+    qxt::TestThread t;
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(domain, cls, t.tid(), 0)) << log.dump();
+    EXPECT_EQ(units, d->s32UtilCurrent);  // the dead client's units went back, ours came in
+    EXPECT_EQ(1, live_slot_count(d));
+    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(domain, t.tid()));
+}
+
+void expect_admission_refused_for_field(const char *domain, const char *cls, const char *field) {
+    ASSERT_EQ(0, qxt::run_in_child([&] {
+                  qxt::LogCapture child_log;
+                  qxt::TestThread t;
+                  uint32_t rc = QX_REALTIME_AddThread(domain, cls, t.tid(), 0);
+                  bool refused = child_log.has_error(qxt::format(
+                      "[RT_Impl][Err] [_QX_REALTIME_GetDomainFromName] Domain [%s] is corrupted "
+                      "(%s): refused.\n",
+                      domain, field));
+                  return rc == RT_ERR_NULL && refused ? 0 : 1;
+              }));
+}
+
 }  // namespace qxt

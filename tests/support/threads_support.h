@@ -73,6 +73,16 @@ void expect_placed(pid_t tid, uint32_t policy, const std::string &cpuset_group);
 // Number of captured lines at the error priority.
 int error_count(const qxt::LogCapture &log);
 
+// A client process admits its thread to cls of domain (units each) and is killed; the next
+// admission, of a thread of this process, reaps it: its units go back, one live record stays
+// (removed again at the end).
+void expect_dead_client_reaped(const char *domain, const char *cls, int32_t units,
+                               const qxt::LogCapture &log);
+
+// An admission to a domain whose record names another file in its path field `field` (written
+// by something else) is refused in a new client: RT_ERR_NULL and "is corrupted (FIELD)".
+void expect_admission_refused_for_field(const char *domain, const char *cls, const char *field);
+
 }  // namespace qxt
 
 #endif
