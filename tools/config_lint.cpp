@@ -281,6 +281,7 @@ constexpr Key kRtPriority = QX_CFG_KEY_RT_PRIORITY;
 constexpr Key kDlDeadline = QX_CFG_KEY_DL_DEADLINE;
 constexpr Key kDlRuntime = QX_CFG_KEY_DL_RUNTIME;
 constexpr Key kDlPeriod = QX_CFG_KEY_DL_PERIOD;
+constexpr Key kDlReclaim = QX_CFG_KEY_DL_RECLAIM;
 constexpr Key kDescription = QX_CFG_KEY_DESCRIPTION;
 constexpr Key kUnknown = QX_CFG_KEY_COUNT;
 
@@ -1134,6 +1135,7 @@ private:
                 check_rr_class(d, c, domain_util);
             else if (get(c.keys, kDlRuntime) && !get(c.keys, kRtPriority))
                 check_dl_class(d, c, domain_util);
+            check_reclaim(c);
         }
     }
 
@@ -1167,6 +1169,21 @@ private:
                       "); every admission is refused",
                   "lower the class's Util or raise the domain's");
         }
+    }
+
+    // DL_Reclaim: 1 (the default) or 0, and only a deadline class's threads take it.
+    void check_reclaim(const ClassInfo &c) {
+        const Member *m = get(c.keys, kDlReclaim);
+        if (m == nullptr) return;
+        if (!get(c.keys, kDlRuntime) || get(c.keys, kRtPriority))
+            warning(m->key->line,
+                    "DL_Reclaim of " + quoted(c.name) +
+                        " is ignored: only a deadline class (DL_RuntimeUs) reclaims or not",
+                    "remove it, or make the class a deadline class");
+        else if (!m->has_int || (m->number != 0 && m->number != 1))
+            error(m->key->line,
+                  "DL_Reclaim of " + quoted(c.name) + " must be 0 or 1; any other value reads as 1",
+                  "write 0 to hold the class's threads to their reservation, or 1 (the default)");
     }
 
     void check_dl_class(const DomainInfo &d, const ClassInfo &c, long long domain_util) {

@@ -23,6 +23,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <map>
 #include <set>
 #include <sstream>
 
@@ -177,13 +178,15 @@ bool to_normal(int32_t tid) {
 }
 
 // What the kernel should show for an admitted thread of this domain.
-qx_sched_attr wanted_attr(const QX_REALTIME_DOMAIN_t *d, const QX_REALTIME_THREAD_t *t) {
+// class_options: the options kept for the thread's class (see the library's class options).
+qx_sched_attr wanted_attr(const QX_REALTIME_DOMAIN_t *d, const QX_REALTIME_THREAD_t *t,
+                          uint8_t class_options) {
     qx_sched_attr a;
     memset(&a, 0, sizeof(a));
     a.size = QX_SCHED_ATTR_SIZE;
     if (d->u32SchedType == RT_SCHED_TYPE_DEADLINE) {
         a.sched_policy = kPolicyDeadline;
-        a.sched_flags = kFlagReclaim;
+        a.sched_flags = (class_options & RT_CLASS_OPT_NO_RECLAIM) != 0 ? 0 : kFlagReclaim;
         a.sched_runtime = us_to_ns(t->RuntimeUs);
         a.sched_deadline = us_to_ns(t->DeadlineUs);
         a.sched_period = us_to_ns(t->PeriodUs);
@@ -199,7 +202,8 @@ bool kernel_matches(const QX_REALTIME_DOMAIN_t *d, const qx_sched_attr &now,
     if (now.sched_policy != want.sched_policy) return false;
     if (d->u32SchedType == RT_SCHED_TYPE_DEADLINE)
         return now.sched_runtime == want.sched_runtime &&
-               now.sched_deadline == want.sched_deadline && now.sched_period == want.sched_period;
+               now.sched_deadline == want.sched_deadline && now.sched_period == want.sched_period &&
+               (now.sched_flags & kFlagReclaim) == (want.sched_flags & kFlagReclaim);
     return now.sched_priority == want.sched_priority;
 }
 
@@ -295,6 +299,11 @@ private:
 
     bool repair_;
     std::vector<Finding> *out_;
+    // The domains whose live records name each thread, in the order they were checked.
+    std::map<int32_t, std::vector<std::string>> booked_;
+
+public:
+    void check_bookings();
 };
 
 void Checker::check_central() {
@@ -550,7 +559,11 @@ class Identities {
 public:
     explicit Identities(const std::string &name)
         : fd_(qx_identity_open(name.c_str(), QX_IDENTITY_EXISTING)) {
-        ok_ = fd_.get() >= 0 && qx_identity_read(fd_.get(), entries_) == 0;
+        ok_ = fd_.get() >= 0 && qx_identity_read(fd_.get(), entries_, options_) == 0;
+    }
+    // The options of the class with this index; 0 (the defaults) when the file has none.
+    uint8_t class_options(int32_t idx) const {
+        return ok_ && idx >= 0 && idx < RT_CLASS_OPTIONS_NUM ? options_[idx] : 0;
     }
     const QX_REALTIME_IDENTITY_t *of(size_t slot, const QX_REALTIME_THREAD_t *t) const {
         return ok_ && slot < (size_t)RT_IDENTITY_SLOTS ? qx_identity_of(t, &entries_[slot])
@@ -567,6 +580,7 @@ private:
     Fd fd_;
     bool ok_ = false;
     QX_REALTIME_IDENTITY_t entries_[RT_IDENTITY_SLOTS];
+    uint8_t options_[RT_CLASS_OPTIONS_NUM] = {};
 };
 
 void Checker::check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
@@ -617,8 +631,10 @@ void Checker::check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
         }
         sum += t->Util;
         if (!thread_alive(t->Pid)) continue;
+        std::vector<std::string> &in = booked_[t->Pid];
+        if (std::find(in.begin(), in.end(), name) == in.end()) in.push_back(name);
         qx_sched_attr now = {};
-        qx_sched_attr want = wanted_attr(d, t);
+        qx_sched_attr want = wanted_attr(d, t, ids.class_options(t->ClassIdx));
         bool in_cpuset = moves_into_cpuset(d);
         bool in_group = in_domain_groups(name, d, t->Pid);
         if (getattr(t->Pid, &now) && kernel_matches(d, now, want) && in_group) continue;
@@ -715,6 +731,20 @@ void Checker::check_groups(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
     }
 }
 
+// A thread admitted to a second domain is booked in both, and each charges it. Which booking is
+// the wrong one only its caller knows, so the repair leaves both: it reports.
+void Checker::check_bookings() {
+    for (const auto &entry : booked_) {
+        const std::vector<std::string> &in = entry.second;
+        if (in.size() < 2) continue;
+        std::string list = in[0];
+        for (size_t i = 1; i < in.size(); i++)
+            list += (i + 1 == in.size() ? " and " : ", ") + in[i];
+        found(in[0], str("thread %d is booked in %s", entry.first, list.c_str()),
+              "could not tell which booking is wrong: left booked in each");
+    }
+}
+
 // Names of the domains: those the central record lists and those with a segment file.
 std::vector<std::string> domain_names(const QX_REALTIME_CENTRAL_t *c) {
     std::set<std::string> names;
@@ -772,6 +802,7 @@ std::vector<Finding> run(bool repair, std::string *error) {
         if (name.size() > RT_DOMAIN_NAME_MAX) continue;
         checker.check_domain(name);
     }
+    checker.check_bookings();
     return findings;
 }
 

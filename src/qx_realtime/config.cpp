@@ -33,10 +33,11 @@ static constexpr uint64_t PS_DL_DEADLINE = qx_key_bit(QX_CFG_KEY_DL_DEADLINE);
 static constexpr uint64_t PS_DL_RUNTIME = qx_key_bit(QX_CFG_KEY_DL_RUNTIME);
 static constexpr uint64_t PS_DL_PERIOD = qx_key_bit(QX_CFG_KEY_DL_PERIOD);
 static constexpr uint64_t PS_DESCRIPTION = qx_key_bit(QX_CFG_KEY_DESCRIPTION);
+static constexpr uint64_t PS_DL_RECLAIM = qx_key_bit(QX_CFG_KEY_DL_RECLAIM);
 static_assert(PS_UTIL == 0x10 && PS_RESERVATION == 0x20 && PS_DBGLEVEL == 0x40 &&
                   PS_ENABLED == 0x80 && PS_BUDGETCPUNUM == 0x100 && PS_CPUSET == 0x200 &&
                   PS_RT_PRIORITY == 0x400 && PS_DL_DEADLINE == 0x800 && PS_DL_RUNTIME == 0x1000 &&
-                  PS_DL_PERIOD == 0x2000 && PS_DESCRIPTION == 0x4000,
+                  PS_DL_PERIOD == 0x2000 && PS_DESCRIPTION == 0x4000 && PS_DL_RECLAIM == 0x8000,
               "the status word is shown in messages: its bits never move");
 
 static const char kParsingString[] = "_QX_REALTIME_ParsingString";
@@ -453,6 +454,23 @@ static int qx_take_dl_period(qx_parse_ctx_t *pstCtx, int32_t s32Value) {
     return 1;
 }
 
+// Kept beside the class record, which has no room for it: 0 holds the class's threads to their
+// reservation, anything else is the default. A parse that keeps no options (the linter's) reads
+// it all the same.
+static int qx_take_dl_reclaim(qx_parse_ctx_t *pstCtx, int32_t s32Value) {
+    QX_REALTIME_DOMAIN_t *pstDomain = pstCtx->pstDomain;
+    int32_t s32Idx = pstDomain->s32ClassNum - 1;
+    if (pstCtx->pu8ClassOptions != NULL && s32Idx >= 0 && s32Idx < RT_CLASS_OPTIONS_NUM) {
+        if (s32Value == 0)
+            pstCtx->pu8ClassOptions[s32Idx] |= RT_CLASS_OPT_NO_RECLAIM;
+        else
+            pstCtx->pu8ClassOptions[s32Idx] &= (uint8_t)~RT_CLASS_OPT_NO_RECLAIM;
+    }
+    RT_LOGI("[RT_Impl][Info] Domain [%s] Class [%s] DL_Reclaim = [%d].\n", pstDomain->szName,
+            qx_last_class(pstCtx)->szClassName, s32Value);
+    return 1;
+}
+
 // A primitive for which no key of its scope is due.
 static void qx_unknown_system(const qx_parse_ctx_t *pstCtx, const char *pszText, int s32Len) {
     // "_description" does not silence this one.
@@ -498,7 +516,7 @@ static const qx_value_rule_t kDomainValues[] = {
 static const qx_value_rule_t kClassValues[] = {
     {PS_UTIL, qx_take_class_util},         {PS_RT_PRIORITY, qx_take_rt_priority},
     {PS_DL_DEADLINE, qx_take_dl_deadline}, {PS_DL_RUNTIME, qx_take_dl_runtime},
-    {PS_DL_PERIOD, qx_take_dl_period},
+    {PS_DL_PERIOD, qx_take_dl_period},     {PS_DL_RECLAIM, qx_take_dl_reclaim},
 };
 
 #define QX_RULES(a) a, sizeof(a) / sizeof((a)[0])
@@ -761,7 +779,8 @@ uint32_t qx_config_parse_text(qx_parse_ctx_t *pstCtx, const char *pszJsonPath) {
     return u32Ret;
 }
 
-uint32_t _QX_REALTIME_JsonParser(const char *pszJsonPath, QX_REALTIME_DOMAIN_t *pstDomain) {
+uint32_t qx_config_parse_domain(const char *pszJsonPath, QX_REALTIME_DOMAIN_t *pstDomain,
+                                uint8_t *pu8ClassOptions) {
     char *pszJson = NULL;
 
     RT_ENTER(kJsonParser);
@@ -781,8 +800,14 @@ uint32_t _QX_REALTIME_JsonParser(const char *pszJsonPath, QX_REALTIME_DOMAIN_t *
     stCtx.pstDomain = pstDomain;
     stCtx.pstTop = pstTop;
     stCtx.pszJson = pszJson;
+    stCtx.pu8ClassOptions = pu8ClassOptions;
+    if (pu8ClassOptions != NULL) memset(pu8ClassOptions, 0, (size_t)RT_CLASS_OPTIONS_NUM);
     uint32_t u32Ret = qx_config_parse_text(&stCtx, pszJsonPath);
     free(pszJson);
     RT_EXIT(kJsonParser, u32Ret);
     return u32Ret;
+}
+
+uint32_t _QX_REALTIME_JsonParser(const char *pszJsonPath, QX_REALTIME_DOMAIN_t *pstDomain) {
+    return qx_config_parse_domain(pszJsonPath, pstDomain, NULL);
 }

@@ -47,6 +47,7 @@ typedef enum {
     QX_CFG_KEY_DL_RUNTIME,
     QX_CFG_KEY_DL_PERIOD,
     QX_CFG_KEY_DESCRIPTION,
+    QX_CFG_KEY_DL_RECLAIM,
     QX_CFG_KEY_COUNT
 } qx_cfg_key_t;
 
@@ -75,6 +76,9 @@ inline constexpr qx_cfg_key_name_t kQxCfgKeys[] = {
     {"DL_PeriodUs", QX_CFG_KEY_DL_PERIOD, 0x2000ull, QX_CFG_IN_CLASS},
     {"_description", QX_CFG_KEY_DESCRIPTION, 0x4000ull,
      QX_CFG_IN_SYSTEM | QX_CFG_IN_DOMAIN | QX_CFG_IN_CLASS},
+    // A deadline class's choice of reclaiming: 1 (the default) lets its threads take bandwidth
+    // no other deadline thread uses, 0 holds them to their runtime per period.
+    {"DL_Reclaim", QX_CFG_KEY_DL_RECLAIM, 0x8000ull, QX_CFG_IN_CLASS},
 };
 
 // The keys the start-up scan of QX_REALTIME_Init looks for, in the order it tests a line, each

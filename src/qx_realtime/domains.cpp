@@ -420,8 +420,18 @@ uint32_t QX_REALTIME_CreateDomain(const char *pszDomainName) {
     // The identities of the threads to come, in a file of their own made while the domain is still
     // marked as being created (a creation cut short is done again, file included). Without it
     // the domain works as before; its first admission tries to make it again.
-    { qx_fd stIdentities(qx_identity_open(pszDomainName, QX_IDENTITY_FRESH)); }
-    u32Ret = _QX_REALTIME_JsonParser(pstJsonPath, pstDomain);
+    // The classes' options go into it once the configuration is read.
+    qx_fd stIdentities(qx_identity_open(pszDomainName, QX_IDENTITY_FRESH));
+    uint8_t au8ClassOptions[RT_CLASS_OPTIONS_NUM];
+    u32Ret = qx_config_parse_domain(pstJsonPath, pstDomain, au8ClassOptions);
+    // Written only when a class chose something: all defaults are what the new file holds.
+    bool bChosen = false;
+    for (uint8_t u8Option : au8ClassOptions) bChosen = bChosen || u8Option != 0;
+    if (u32Ret == RT_SUCCESS && stIdentities.ok() && bChosen &&
+        qx_identity_write_options(stIdentities.get(), au8ClassOptions) != 0)
+        RT_LOGE("[RT_Impl][Err] [%s] Domain [%s]: the class options can't be kept, errno=%s.\n",
+                kName, pszDomainName, RT_ERRNO_STR);
+    stIdentities.reset();
     if (u32Ret != RT_SUCCESS) {
         RT_LOGE("[RT_Impl][Err] Failed to parse Json at [%s].\n",
                 pstJsonPath != NULL ? pstJsonPath : "(none)");

@@ -404,6 +404,7 @@ typedef struct {
     uint64_t u64Status;               // the ParsingStatus word
     uint8_t bFound;                   // the wanted domain's key was seen
     uint8_t bCentralListFull;         // the central lists had no room for the domain
+    uint8_t *pu8ClassOptions;         // RT_CLASS_OPTIONS_NUM bytes, by class index; NULL: not kept
 } qx_parse_ctx_t;
 
 // Tokenizes pstCtx->pszJson, walks it into the records and applies the checks of a whole parse;
@@ -422,6 +423,10 @@ typedef struct {
 } qx_startup_scan_t;
 void qx_config_scan_startup(FILE *pFile, char *pszLine, qx_startup_scan_t *pstScan);
 uint32_t _QX_REALTIME_JsonParser(const char *pszJsonPath, QX_REALTIME_DOMAIN_t *pstDomain);
+// The same, keeping the options of each class the text gives (see the class options below) in
+// pu8ClassOptions (RT_CLASS_OPTIONS_NUM bytes, zeroed first).
+uint32_t qx_config_parse_domain(const char *pszJsonPath, QX_REALTIME_DOMAIN_t *pstDomain,
+                                uint8_t *pu8ClassOptions);
 int _QX_JSMN_TokParsing(QX_REALTIME_DOMAIN_t *pstDomain, const char *pszJson, jsmntok_t *pstTok,
                         uint64_t *pu64ParsingStatus, uint8_t *pbFound);
 int _QX_JSMN_TokEqual(const char *pszJson, const jsmntok_t *pstTok, const char *pszKey);
@@ -591,7 +596,7 @@ int qx_thread_cpu_ticks(int32_t s32Tid, uint64_t *pu64Ticks, uint64_t *pu64Start
 
 uint32_t _QX_REALTIME_SetSchedAttr(QX_REALTIME_DOMAIN_t *pstDomain, QX_REALTIME_CLASS_t *pstClass,
                                    const QX_REALTIME_UTIL_t *pstUtil, int32_t s32Tid,
-                                   uint8_t bDlOverrun);
+                                   uint8_t bDlOverrun, uint8_t u8ClassOptions = 0);
 uint32_t _QX_WriteStrToPath(const char *pszValue, const char *pszPath);
 uint32_t _QX_WriteS32ToPath(int32_t s32Value, const char *pszPath);
 void _QX_REALTIME_Overwrite_Cpuset(QX_REALTIME_DOMAIN_t *pstDomain);
@@ -638,6 +643,17 @@ static_assert(sizeof(QX_REALTIME_IDENTITY_t) == 24, "identity entry size");
 #define RT_IDENTITY_SLOTS ((RT_SHM_SIZE - RT_DOMAIN_HEADER_SIZE) / RT_THREAD_SIZE)
 #define RT_IDENTITY_SIZE (RT_IDENTITY_SLOTS * (int32_t)sizeof(QX_REALTIME_IDENTITY_t))
 
+// Class options. What a class may choose beyond its record (which has no room left) is kept in
+// the identity file too, after the entries: one byte per class record, by class index, written
+// once when the domain is created. Zero is every default, so a file made by an older build (or a
+// new one made for an older domain at its first admission), which ends before this region or
+// holds zeros there, gives every class the behaviour classes always had.
+#define RT_CLASS_OPTIONS_NUM ((RT_SHM_SIZE - RT_DOMAIN_HEADER_SIZE) / RT_CLASS_SIZE)
+#define RT_CLASS_OPTIONS_AT RT_IDENTITY_SIZE
+#define RT_IDENTITY_FILE_SIZE (RT_CLASS_OPTIONS_AT + RT_CLASS_OPTIONS_NUM)
+// A deadline class whose threads hold their reservation: admitted without SCHED_FLAG_RECLAIM.
+#define RT_CLASS_OPT_NO_RECLAIM 0x01u
+
 int qx_identity_path(char *dst, size_t dst_size, const char *pszName);
 // How qx_identity_open gets a domain's identity file: only an existing one; an existing one or,
 // where there is none, a new empty one; or a new one in place of any old one (a new domain).
@@ -648,7 +664,11 @@ int32_t qx_identity_open(const char *pszName, int s32How);
 // Removes a domain's identity file, quietly: it goes with the domain.
 void qx_identity_remove(const char *pszName);
 // All entries (RT_IDENTITY_SLOTS); what the file does not hold reads as unknown. -1: unreadable.
-int qx_identity_read(int32_t s32Fd, QX_REALTIME_IDENTITY_t *astEntries);
+// pu8Options, when not NULL, receives the class options in the same read (RT_CLASS_OPTIONS_NUM
+// bytes; what the file does not hold reads as zero, the defaults).
+int qx_identity_read(int32_t s32Fd, QX_REALTIME_IDENTITY_t *astEntries, uint8_t *pu8Options);
+// Writes the class options of a new domain; -1 when they can't be written.
+int qx_identity_write_options(int32_t s32Fd, const uint8_t *pu8Options);
 // Writes entry s32Slot; -1 when it can't be written.
 int qx_identity_write(int32_t s32Fd, int32_t s32Slot, const QX_REALTIME_IDENTITY_t *pstEntry);
 

@@ -8,6 +8,7 @@
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 
 #include "qx_realtime_internal.h"
 
@@ -142,7 +143,7 @@ int32_t qx_identity_open(const char *pszName, int s32How) {
         stNew.reset(open(szPath, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
         return qx_identity_checked(&stNew);
     }
-    if (fchmod(stNew.get(), 0660) != 0 || ftruncate(stNew.get(), RT_IDENTITY_SIZE) != 0) {
+    if (fchmod(stNew.get(), 0660) != 0 || ftruncate(stNew.get(), RT_IDENTITY_FILE_SIZE) != 0) {
         stNew.reset();
         (void)unlink(szPath);
         return -1;
@@ -157,20 +158,36 @@ void qx_identity_remove(const char *pszName) {
     (void)unlink(szPath);
 }
 
-int qx_identity_read(int32_t s32Fd, QX_REALTIME_IDENTITY_t *astEntries) {
+int qx_identity_read(int32_t s32Fd, QX_REALTIME_IDENTITY_t *astEntries, uint8_t *pu8Options) {
     memset(astEntries, 0, (size_t)RT_IDENTITY_SIZE);
+    if (pu8Options != NULL) memset(pu8Options, 0, (size_t)RT_CLASS_OPTIONS_NUM);
+    // The options follow the entries: one read takes both.
+    struct iovec astIov[2] = {{astEntries, (size_t)RT_IDENTITY_SIZE},
+                              {pu8Options, (size_t)RT_CLASS_OPTIONS_NUM}};
     ssize_t n;
     do {
-        n = pread(s32Fd, astEntries, (size_t)RT_IDENTITY_SIZE, 0);
+        n = preadv(s32Fd, astIov, pu8Options != NULL ? 2 : 1, 0);
     } while (n < 0 && errno == EINTR);
     if (n < 0) {
         memset(astEntries, 0, (size_t)RT_IDENTITY_SIZE);
+        if (pu8Options != NULL) memset(pu8Options, 0, (size_t)RT_CLASS_OPTIONS_NUM);
         return -1;
     }
-    // A file cut short holds no whole entry past its end: a partial one reads as unknown.
-    size_t uWhole = (size_t)n / sizeof(QX_REALTIME_IDENTITY_t) * sizeof(QX_REALTIME_IDENTITY_t);
+    // A file cut short holds no whole entry past its end: a partial one reads as unknown. The
+    // options it does not reach stay zero.
+    size_t uRead = (size_t)n < (size_t)RT_IDENTITY_SIZE ? (size_t)n : (size_t)RT_IDENTITY_SIZE;
+    size_t uWhole = uRead / sizeof(QX_REALTIME_IDENTITY_t) * sizeof(QX_REALTIME_IDENTITY_t);
     memset((char *)astEntries + uWhole, 0, (size_t)RT_IDENTITY_SIZE - uWhole);
     return 0;
+}
+
+int qx_identity_write_options(int32_t s32Fd, const uint8_t *pu8Options) {
+    if (s32Fd < 0 || pu8Options == NULL) return -1;
+    ssize_t n;
+    do {
+        n = pwrite(s32Fd, pu8Options, (size_t)RT_CLASS_OPTIONS_NUM, (off_t)RT_CLASS_OPTIONS_AT);
+    } while (n < 0 && errno == EINTR);
+    return n == (ssize_t)RT_CLASS_OPTIONS_NUM ? 0 : -1;
 }
 
 int qx_identity_write(int32_t s32Fd, int32_t s32Slot, const QX_REALTIME_IDENTITY_t *pstEntry) {

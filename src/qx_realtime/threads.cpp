@@ -26,7 +26,7 @@ static uint64_t qx_us_to_ns(int32_t s32Us) {
 
 uint32_t _QX_REALTIME_SetSchedAttr(QX_REALTIME_DOMAIN_t *pstDomain, QX_REALTIME_CLASS_t *pstClass,
                                    const QX_REALTIME_UTIL_t *pstUtil, int32_t s32Tid,
-                                   uint8_t bDlOverrun) {
+                                   uint8_t bDlOverrun, uint8_t u8ClassOptions) {
     struct qx_sched_attr stAttr;
     if (pstDomain == NULL) {
         RT_LOGE("[RT_Impl][Err] [%s] Arg is NULL.\n", __func__);
@@ -40,8 +40,11 @@ uint32_t _QX_REALTIME_SetSchedAttr(QX_REALTIME_DOMAIN_t *pstDomain, QX_REALTIME_
             return RT_ERR_INVALID_PARAM;
         }
         stAttr.sched_policy = RT_SCHED_DEADLINE;
-        stAttr.sched_flags =
-            bDlOverrun ? (RT_SCHED_FLAG_RECLAIM | RT_SCHED_FLAG_DL_OVERRUN) : RT_SCHED_FLAG_RECLAIM;
+        // A class that holds its reservation does without reclaiming: its threads get their
+        // runtime per period and no more, however idle the CPU is otherwise.
+        uint64_t u64Reclaim =
+            (u8ClassOptions & RT_CLASS_OPT_NO_RECLAIM) != 0 ? 0 : RT_SCHED_FLAG_RECLAIM;
+        stAttr.sched_flags = bDlOverrun ? (u64Reclaim | RT_SCHED_FLAG_DL_OVERRUN) : u64Reclaim;
         stAttr.sched_runtime = qx_us_to_ns(pstUtil->DlRuntimeUs);
         stAttr.sched_deadline = qx_us_to_ns(pstUtil->DlDeadlineUs);
         stAttr.sched_period = qx_us_to_ns(pstUtil->DlPeriodUs);
@@ -130,13 +133,19 @@ public:
         if (qx_identity_write(stFd_.get(), s32Slot, &stNone) == 0) astEntries_[s32Slot] = stNone;
     }
     qx_start_cache_t *starts() { return &stStarts_; }
+    // The options of the class with this index, read with the entries; 0 (the defaults) when the
+    // file does not hold them.
+    uint8_t class_options(int32_t s32ClassIdx) {
+        if (s32ClassIdx < 0 || s32ClassIdx >= RT_CLASS_OPTIONS_NUM || !load()) return 0;
+        return au8Options_[s32ClassIdx];
+    }
 
 private:
     bool load() {
         if (!bTried_) {
             bTried_ = true;
             stFd_.reset(qx_identity_open(pstDomain_->szName, s32How_));
-            bLoaded_ = stFd_.ok() && qx_identity_read(stFd_.get(), astEntries_) == 0;
+            bLoaded_ = stFd_.ok() && qx_identity_read(stFd_.get(), astEntries_, au8Options_) == 0;
         }
         return bLoaded_;
     }
@@ -146,6 +155,7 @@ private:
     bool bLoaded_ = false;
     qx_fd stFd_;
     QX_REALTIME_IDENTITY_t astEntries_[RT_IDENTITY_SLOTS];
+    uint8_t au8Options_[RT_CLASS_OPTIONS_NUM] = {};
     qx_start_cache_t stStarts_ = {};
 };
 
@@ -601,7 +611,7 @@ static int qx_put_back_attr(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Ti
 // Applies the policy and moves the thread into the domain's groups (admission steps 13 to 15).
 static uint32_t qx_admit_in_kernel(const char *pszOp, QX_REALTIME_DOMAIN_t *pstDomain,
                                    QX_REALTIME_CLASS_t *pstClass, const QX_REALTIME_UTIL_t *pstUtil,
-                                   int32_t s32Tid, uint8_t bDlOverrun,
+                                   int32_t s32Tid, uint8_t bDlOverrun, uint8_t u8ClassOptions,
                                    const struct qx_sched_attr *pstSaved) {
     // A deadline thread admitted into a round-robin domain leaves SCHED_DEADLINE here: step it
     // down first (see qx_dl_step_down), and give it back its reservation if the new policy is
@@ -612,7 +622,8 @@ static uint32_t qx_admit_in_kernel(const char *pszOp, QX_REALTIME_DOMAIN_t *pstD
         qx_dl_step_down(s32Tid);
         bSteppedDown = 1;
     }
-    uint32_t u32Ret = _QX_REALTIME_SetSchedAttr(pstDomain, pstClass, pstUtil, s32Tid, bDlOverrun);
+    uint32_t u32Ret =
+        _QX_REALTIME_SetSchedAttr(pstDomain, pstClass, pstUtil, s32Tid, bDlOverrun, u8ClassOptions);
     if (u32Ret != RT_SUCCESS) {
         if (bSteppedDown) (void)qx_sched_setattr(s32Tid, pstSaved, 0);
         return u32Ret;
@@ -694,8 +705,8 @@ static uint32_t qx_admit_locked(const char *pszOp, QX_REALTIME_DOMAIN_t *pstDoma
     if (stBooking.pstThread != NULL && stId.u64ThreadStart != 0)
         stIds.set(stBooking.s32Slot, &stId);
 
-    u32Ret =
-        qx_admit_in_kernel(pszOp, pstDomain, pstClass, &stUtil, s32Tid, bDlOverrun != 0, &stSaved);
+    u32Ret = qx_admit_in_kernel(pszOp, pstDomain, pstClass, &stUtil, s32Tid, bDlOverrun != 0,
+                                stIds.class_options(pstClass->s32ClassId), &stSaved);
     if (u32Ret != RT_SUCCESS) {
         if (stBooking.pstThread != NULL) stIds.clear(stBooking.s32Slot);
         qx_unbook(pstDomain, &stBooking);
@@ -867,7 +878,8 @@ uint32_t QX_REALTIME_RemoveThread(const char *pszDomainName, int32_t s32Tid) {
 // and the thread moved back into the domain's.
 static uint32_t qx_update_deadline(const char *kName, QX_REALTIME_DOMAIN_t *pstDomain,
                                    const QX_REALTIME_THREAD_t *pstThread,
-                                   const QX_REALTIME_UTIL_t *pstUtil, int32_t s32Tid) {
+                                   const QX_REALTIME_UTIL_t *pstUtil, int32_t s32Tid,
+                                   uint8_t u8ClassOptions) {
     struct qx_sched_attr stNow;
     memset(&stNow, 0, sizeof(stNow));
     uint8_t bOverrun = 0;
@@ -880,8 +892,9 @@ static uint32_t qx_update_deadline(const char *kName, QX_REALTIME_DOMAIN_t *pstD
         RT_LOGE("[RT_Impl][Err] [%s] Move pid=[%d] to %s failed.\n", kName, s32Tid, pszRefused);
         return RT_ERR_SYSTEM;
     }
-    uint32_t u32Ret = _QX_REALTIME_SetSchedAttr(
-        pstDomain, qx_domain_class(pstDomain, pstThread->ClassIdx), pstUtil, s32Tid, bOverrun);
+    uint32_t u32Ret =
+        _QX_REALTIME_SetSchedAttr(pstDomain, qx_domain_class(pstDomain, pstThread->ClassIdx),
+                                  pstUtil, s32Tid, bOverrun, u8ClassOptions);
     if (u32Ret != RT_SUCCESS) return u32Ret;
     pszRefused = qx_cgroup_return_to_domain_cpuset(pstDomain, s32Tid);
     if (pszRefused != NULL) {
@@ -906,7 +919,8 @@ static uint32_t qx_update_locked(const char *kName, QX_REALTIME_DOMAIN_t *pstDom
                                    pstUtil->DlPeriodUs, &pstUtil->s32Util, pstThread->Util);
     if (u32Ret != RT_SUCCESS) return u32Ret;
     if (pstDomain->u32SchedType == RT_SCHED_TYPE_DEADLINE) {
-        u32Ret = qx_update_deadline(kName, pstDomain, pstThread, pstUtil, s32Tid);
+        u32Ret = qx_update_deadline(kName, pstDomain, pstThread, pstUtil, s32Tid,
+                                    stIds.class_options(pstThread->ClassIdx));
         if (u32Ret != RT_SUCCESS) return u32Ret;
     }
     // The charge and the record change together, before the message (see the removal).

@@ -343,3 +343,25 @@ TEST_F(RtctlCheck, DomainCountOutOfRangeIsFoundAndRepaired) {
     EXPECT_EQ(c->s32DomainNum, 2);
     EXPECT_EQ(rtctl({"list"}).out, "Domain_Audio\nDomain_Camera\n");
 }
+
+// Admission to a second domain books the thread there too; the check names both bookings and,
+// not knowing which one is wrong, leaves them.
+TEST_F(RtctlCheck, ThreadBookedInTwoDomainsIsReportedAndLeftAsItIs) {
+    qxt::TestThread t;
+    // Deadline first: the kernel refuses SCHED_DEADLINE to a thread already in a narrower cpuset.
+    ASSERT_EQ(QX_REALTIME_AddThread("Domain_Camera", "Class_Isp", t.tid(), 0), RT_SUCCESS);
+    ASSERT_EQ(QX_REALTIME_AddThread("Domain_Audio", "Class_Render", t.tid(), 0), RT_SUCCESS);
+    const std::string line =
+        qxt::format("thread %d is booked in Domain_Audio and Domain_Camera", t.tid());
+    Result found = rtctl({"check"});
+    EXPECT_EQ(found.status, 1) << found.out << found.err;
+    EXPECT_TRUE(contains(found.out, line)) << found.out;
+    Result left = rtctl({"check", "--repair"});
+    EXPECT_TRUE(contains(left.out, line)) << left.out;
+    EXPECT_TRUE(contains(left.out, "could not tell which booking is wrong: left booked in each"))
+        << left.out;
+    EXPECT_EQ(QX_REALTIME_RemoveThread("Domain_Audio", t.tid()), RT_SUCCESS);
+    EXPECT_EQ(QX_REALTIME_RemoveThread("Domain_Camera", t.tid()), RT_SUCCESS);
+    Result clean = rtctl({"check"});
+    EXPECT_FALSE(contains(clean.out, "is booked in")) << clean.out;
+}
