@@ -262,7 +262,20 @@ static void qx_dump_record(QX_REALTIME_DOMAIN_t *pstDomain) {
     RT_LOGI("[RT_Impl][Info]  ]\n");
 }
 
+// The class options the domain's identity file keeps (all zero, the defaults, when it has none).
+static void qx_read_class_options(const QX_REALTIME_DOMAIN_t *pstDomain, uint8_t *pu8Options) {
+    memset(pu8Options, 0, RT_CLASS_OPTIONS_NUM);
+    int32_t s32Fd = qx_identity_open(qx_name_of(pstDomain->szName).sz, QX_IDENTITY_EXISTING);
+    if (s32Fd < 0) return;
+    static QX_REALTIME_IDENTITY_t astEntries[RT_IDENTITY_SLOTS];  // the dump's lock is held
+    if (qx_identity_read(s32Fd, astEntries, pu8Options) != 0)
+        memset(pu8Options, 0, RT_CLASS_OPTIONS_NUM);
+    close(s32Fd);
+}
+
 static void qx_dump_classes_and_threads(QX_REALTIME_DOMAIN_t *pstDomain) {
+    uint8_t au8Options[RT_CLASS_OPTIONS_NUM];
+    qx_read_class_options(pstDomain, au8Options);
     int32_t s32Classes = qx_domain_class_num(pstDomain);
     for (int32_t i = 0; i < s32Classes; i++) {
         QX_REALTIME_CLASS_t *pstClass = qx_domain_class(pstDomain, i);
@@ -271,6 +284,12 @@ static void qx_dump_classes_and_threads(QX_REALTIME_DOMAIN_t *pstDomain) {
             "[%d], DL_DeadlineUs = [%d], DL_RuntimeUs = [%d], DL_PeriodUs = [%d];--------\n",
             i, qx_name_of(pstClass->szClassName).sz, pstClass->s32Util, pstClass->s32RtPriority,
             pstClass->s32DlDeadlineUs, pstClass->s32DlRuntimeUs, pstClass->s32DlPeriodUs);
+        // Only a class that chose it says so: the lines above stay what they always were.
+        if (i < RT_CLASS_OPTIONS_NUM && (au8Options[i] & RT_CLASS_OPT_NO_RECLAIM) != 0)
+            RT_LOGE(
+                "[RT_Impl][Err] -------- Class[%2d]: [%s] holds its reservation (DL_Reclaim 0: "
+                "admitted without SCHED_FLAG_RECLAIM);--------\n",
+                i, qx_name_of(pstClass->szClassName).sz);
     }
     RT_LOGE("[RT_Impl][Err] ==============================\n");
     int32_t s32Threads = qx_domain_thread_num(pstDomain);

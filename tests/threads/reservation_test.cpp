@@ -102,3 +102,14 @@ TEST_F(HeldReservation, ClassWithoutReclaimGetsItsRuntimePerPeriodAndNoMore) {
     EXPECT_NEAR(0.30, held_share, 0.03);
     EXPECT_GT(free_share, 0.40);
 }
+
+// The dump names a class that holds its reservation, and only that one.
+TEST_F(HeldReservation, TheDumpNamesTheClassThatHoldsItsReservation) {
+    ASSERT_NO_FATAL_FAILURE(start({held_domain()}, {kDl}));
+    LogCapture log;
+    ASSERT_EQ(RT_SUCCESS, QX_REALTIME_DumpDomainInfo(kDl));
+    EXPECT_EQ(1, log.count_containing("-------- Class[ 0]: [Class_Held] holds its reservation "
+                                      "(DL_Reclaim 0: admitted without SCHED_FLAG_RECLAIM);"))
+        << log.dump();
+    EXPECT_EQ(1, log.count_containing("holds its reservation")) << log.dump();
+}

@@ -235,7 +235,7 @@ TEST_F(ThreadIdentityFile, IsMadeWithTheDomainAndRemovedWithIt) {
     EXPECT_EQ(0660u, file_mode(kIdentityFile));
     struct stat st;
     ASSERT_EQ(0, stat(kIdentityFile, &st));
-    EXPECT_EQ((off_t)RT_IDENTITY_SIZE, st.st_size);
+    EXPECT_EQ((off_t)RT_IDENTITY_FILE_SIZE, st.st_size);
     ASSERT_EQ(RT_SUCCESS, (uint32_t)QX_REALTIME_DeleteDomain(kRr));
     EXPECT_FALSE(file_exists(kIdentityFile));
 }
@@ -248,7 +248,7 @@ TEST_F(ThreadIdentityFile, HoldsTheStartTimesOfAnAdmittedThreadUntilItIsRemoved)
     QX_REALTIME_THREAD_t *rec = live_slot(d, t.tid());
     ASSERT_NE(nullptr, rec);
     std::string bytes = read_file(kIdentityFile);
-    ASSERT_EQ((size_t)RT_IDENTITY_SIZE, bytes.size());
+    ASSERT_EQ((size_t)RT_IDENTITY_FILE_SIZE, bytes.size());
     QX_REALTIME_IDENTITY_t id;
     memcpy(&id, bytes.data() + sizeof(id) * rec->ThreadIdx, sizeof(id));
     EXPECT_EQ(t.tid(), id.s32Tid);
