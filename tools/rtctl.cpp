@@ -947,6 +947,12 @@ int run_check(const char *name, const Args &a) {
             j.end_object();
         }
         j.end_array();
+        std::string cpus = rtcheck::cpu_note();
+        j.key("cpus");
+        if (cpus.empty())
+            j.null();
+        else
+            j.value(cpus);
         json_print(j);
         return status;
     }
@@ -955,6 +961,8 @@ int run_check(const char *name, const Args &a) {
         if (denied.empty()) print_hints(name, RT_ERR_FAILED);
         return status;
     }
+    std::string cpus = rtcheck::cpu_note();
+    if (!cpus.empty()) printf("%s\n", cpus.c_str());
     for (const rtcheck::Finding &f : findings) {
         printf("%s: %s\n", f.where.c_str(), f.what.c_str());
         if (!f.action.empty()) printf("    repaired: %s\n", f.action.c_str());
