@@ -296,6 +296,7 @@ private:
     void check_record(const std::string &name, QX_REALTIME_DOMAIN_t *d);
     void check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d);
     void check_groups(const std::string &name, QX_REALTIME_DOMAIN_t *d);
+    void check_cpus(const std::string &name, QX_REALTIME_DOMAIN_t *d);
 
     bool repair_;
     std::vector<Finding> *out_;
@@ -500,6 +501,7 @@ void Checker::check_domain(const std::string &name) {
     check_record(name, d);
     check_threads(name, d);
     check_groups(name, d);
+    check_cpus(name, d);
 }
 
 void Checker::check_record(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
@@ -745,6 +747,35 @@ void Checker::check_bookings() {
     }
 }
 
+// A domain's cpuset against its record: on cgroup v1 a CPU taken offline leaves every cpuset for
+// good, and the kernel does not put it back when the CPU returns. The repair writes the record's
+// CPUs back, which the kernel takes only once they are all online again. (cgroup v2 has no
+// domain-wide cpuset, and gives a group's effective CPUs back by itself.)
+void Checker::check_cpus(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
+    if (on_cgroup2() || !qx_path_field_is(d->pszCpusetPathRoot, RT_CPUSET_ROOT, name.c_str(), ""))
+        return;
+    char now[64];
+    if (qx_cgroup_domain_cpus(d, now, sizeof(now)) < 0) return;  // no group: creation's business
+    std::string wanted = field(d->pszCpuset, RT_CPUSET_LEN);
+    int32_t num = 0;
+    uint32_t now_mask = 0, wanted_mask = 0;
+    if (now[0] != '\0') _QX_REALTIME_ParseCpuSelection(now, &num, &now_mask);
+    _QX_REALTIME_ParseCpuSelection(wanted.c_str(), &num, &wanted_mask);
+    if (now_mask == wanted_mask) return;
+    char offline[64];
+    uint32_t offline_mask = qx_offline_cpus(offline, sizeof(offline)) & wanted_mask;
+    std::string why = offline_mask != 0 ? str(" (CPUs %s offline)", offline) : "";
+    std::string action;
+    if (repair_)
+        action = qx_cgroup_restore_cpus(d) >= 0
+                     ? "cpus set to " + wanted
+                     : "could not set cpus to " + wanted + ": a CPU of them is offline; the " +
+                           "next admission to the domain, or --repair, sets them once it is online";
+    found(name,
+          str("its cpuset holds CPUs [%s], its record [%s]%s", now, wanted.c_str(), why.c_str()),
+          action);
+}
+
 // Names of the domains: those the central record lists and those with a segment file.
 std::vector<std::string> domain_names(const QX_REALTIME_CENTRAL_t *c) {
     std::set<std::string> names;
@@ -769,6 +800,55 @@ bool is_domain_name(const char *entry, size_t size) {
         if (ch < 0x20 || ch == 0x7f || ch == '/') return false;
     }
     return true;
+}
+
+std::string cpu_note() {
+    char offline[64];
+    uint32_t mask = qx_offline_cpus(offline, sizeof(offline));
+    char online[64] = "";
+    std::ifstream in("/sys/devices/system/cpu/online");
+    in.getline(online, sizeof(online));
+    // The deadline bandwidth the kernel holds for the threads of every root domain: the sum of
+    // runtime / period of every SCHED_DEADLINE thread on the machine.
+    double bandwidth = 0;
+    int dl_threads = 0;
+    if (DIR *procs = opendir("/proc")) {
+        while (struct dirent *p = readdir(procs)) {
+            if (p->d_name[0] < '1' || p->d_name[0] > '9') continue;
+            std::string dir = std::string("/proc/") + p->d_name + "/task";
+            DIR *tasks = opendir(dir.c_str());
+            if (tasks == nullptr) continue;
+            while (struct dirent *t = readdir(tasks)) {
+                if (t->d_name[0] < '1' || t->d_name[0] > '9') continue;
+                qx_sched_attr a;
+                if (getattr(atoi(t->d_name), &a) && a.sched_policy == kPolicyDeadline &&
+                    a.sched_period != 0) {
+                    bandwidth += (double)a.sched_runtime / (double)a.sched_period;
+                    dl_threads++;
+                }
+            }
+            closedir(tasks);
+        }
+        closedir(procs);
+    }
+    // The offline list also names possible CPUs that are not there at all: only present ones
+    // count as taken offline.
+    char present[64] = "";
+    std::ifstream present_in("/sys/devices/system/cpu/present");
+    present_in.getline(present, sizeof(present));
+    int32_t num = 0;
+    uint32_t present_mask = 0;
+    if (present[0] != '\0') _QX_REALTIME_ParseCpuSelection(present, &num, &present_mask);
+    mask &= present_mask;
+    if (mask == 0 && dl_threads == 0) return "";
+    std::string note =
+        str("CPUs online %s, offline %s", online[0] ? online : "?", mask != 0 ? offline : "none");
+    if (dl_threads > 0)
+        note +=
+            str("; deadline threads hold %.2f CPU of bandwidth (%d threads): the kernel "
+                "refuses to take a CPU offline (EBUSY) when the CPUs left can't hold it",
+                bandwidth, dl_threads);
+    return note;
 }
 
 std::vector<Finding> run(bool repair, std::string *error) {

@@ -23,6 +23,12 @@ struct Finding {
 // at all (no central segment, lock file unusable); the findings are then empty.
 std::vector<Finding> run(bool repair, std::string *error);
 
+// One line for the operator about CPU hotplug: the CPUs online and offline, and the deadline
+// bandwidth the machine's SCHED_DEADLINE threads hold (which makes the kernel refuse to take a CPU
+// offline when the CPUs left can't hold it). "" when every present CPU is online and no thread
+// is SCHED_DEADLINE.
+std::string cpu_note();
+
 // Whether an entry of the central record's domain list (size bytes) holds a domain name: 1 to 63
 // bytes before its terminating zero, not "." or "..", no '/' and no control character.
 bool is_domain_name(const char *entry, size_t size);

@@ -947,6 +947,9 @@ int run_check(const char *name, const Args &a) {
             j.end_object();
         }
         j.end_array();
+        // Only when there is something to say: the document is otherwise as it always was.
+        std::string cpus = rtcheck::cpu_note();
+        if (!cpus.empty()) j.key("cpus").value(cpus);
         json_print(j);
         return status;
     }
@@ -955,6 +958,8 @@ int run_check(const char *name, const Args &a) {
         if (denied.empty()) print_hints(name, RT_ERR_FAILED);
         return status;
     }
+    std::string cpus = rtcheck::cpu_note();
+    if (!cpus.empty()) printf("%s\n", cpus.c_str());
     for (const rtcheck::Finding &f : findings) {
         printf("%s: %s\n", f.where.c_str(), f.what.c_str());
         if (!f.action.empty()) printf("    repaired: %s\n", f.action.c_str());
@@ -972,9 +977,12 @@ int run_check(const char *name, const Args &a) {
 const char kJsonCheck[] =
     "  {\"command\":\"check\", \"status\":1, \"repair\":false, \"consistent\":false,\n"
     "   \"error\":null, \"findings\":[{\"where\":\"Domain_Audio\",\n"
-    "   \"what\":\"process 1234 is listed but has died\", \"action\":null}, ...]}\n"
+    "   \"what\":\"process 1234 is listed but has died\", \"action\":null}, ...],\n"
+    "   \"cpus\":\"CPUs online 0, offline 1\"}\n"
     "\"status\" is the exit status; \"action\" is what --repair did (null without it);\n"
-    "\"error\" says why the walk could not be done (no central segment, ...).";
+    "\"error\" says why the walk could not be done (no central segment, ...);\n"
+    "\"cpus\" names the CPUs online and offline and the deadline bandwidth held; present only\n"
+    "when a CPU is offline or a thread is SCHED_DEADLINE.";
 
 // The two forms of a demand (add-lite, update, budget), and what a policy ignores of it.
 #define RTCTL_DEMAND_HELP                                                                       \

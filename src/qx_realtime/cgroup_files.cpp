@@ -5,6 +5,7 @@
 // of values and thread ids, and the cpuset override by system property.
 #include <fcntl.h>
 #include <pthread.h>
+#include <sched.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 
@@ -421,16 +422,165 @@ static const char *qx_cgroup2_leave(const QX_REALTIME_DOMAIN_t *pstDomain, int32
     return pszRefused;
 }
 
+// ---- CPU hotplug on cgroup v1 ----
+//
+// A CPU taken offline leaves the cpus of every v1 cpuset for good (it does not come back with the
+// CPU), a cpuset left with none has its tasks moved to its parent and takes no new task (ENOSPC).
+// So a domain's cpuset may hold fewer CPUs than its record says, or none. The record is what the
+// configuration asked for: a move into the cpuset that the kernel refuses, or one that gives the
+// thread other CPUs than the record's, writes the record's CPUs back into the cpuset (the kernel
+// takes them once they are online again). The common path pays one sched_getaffinity.
+
+// Reads one of the kernel's CPU lists ("0-1,3\n", or "\n" for none) into a mask; 0 when empty
+// or unreadable.
+static uint32_t qx_cpu_list_mask(const char *pszPath, char *pszText, size_t uSize) {
+    pszText[0] = '\0';
+    if (qx_read_small(pszPath, pszText, uSize) <= 0) return 0;
+    pszText[strcspn(pszText, "\n")] = '\0';
+    if (pszText[0] == '\0') return 0;
+    int32_t s32Num = 0;
+    uint32_t u32Mask = 0;
+    _QX_REALTIME_ParseCpuSelection(pszText, &s32Num, &u32Mask);
+    return u32Mask;
+}
+
+uint32_t qx_offline_cpus(char *pszText, size_t uSize) {
+    return qx_cpu_list_mask(QX_CPU_OFFLINE_FILE, pszText, uSize);
+}
+
+int qx_cgroup_domain_cpus(const QX_REALTIME_DOMAIN_t *pstDomain, char *pszCpus, size_t uSize) {
+    char szRoot[RT_PATH_LEN], szPath[RT_PATH_LEN];
+    memcpy(szRoot, pstDomain->pszCpusetPathRoot, RT_PATH_LEN);
+    szRoot[RT_PATH_LEN - 1] = '\0';
+    if (szRoot[0] == '\0' || qx_cpuset_file_path(szPath, sizeof(szPath), szRoot, "cpus") < 0 ||
+        qx_read_small(szPath, pszCpus, uSize) < 0)
+        return -1;
+    pszCpus[strcspn(pszCpus, "\n")] = '\0';
+    return 0;
+}
+
+// A write of a value that may be refused, without the error message of _QX_WriteStrToPath: the
+// caller tells what a refusal means.
+static int qx_write_quietly(const char *pszPath, const char *pszValue) {
+    int fd = open(pszPath, O_WRONLY | O_CLOEXEC);
+    if (fd < 0) return -1;
+    size_t uLen = strlen(pszValue);
+    int s32Ok = write(fd, pszValue, uLen) == (ssize_t)uLen;
+    close(fd);
+    return s32Ok ? 0 : -1;
+}
+
+int qx_cgroup_restore_cpus(const QX_REALTIME_DOMAIN_t *pstDomain) {
+    if (qx_cgroup_layout() == QX_CGROUP_V2) return 0;  // v2 gives effective CPUs back itself
+    char szCpus[64], szWanted[RT_CPUSET_LEN], szPath[RT_PATH_LEN], szRoot[RT_PATH_LEN];
+    memcpy(szWanted, pstDomain->pszCpuset, RT_CPUSET_LEN);
+    szWanted[RT_CPUSET_LEN - 1] = '\0';
+    if (qx_cgroup_domain_cpus(pstDomain, szCpus, sizeof(szCpus)) < 0) return -1;
+    int32_t s32Num = 0;
+    uint32_t u32Now = 0, u32Wanted = 0;
+    if (szCpus[0] != '\0') _QX_REALTIME_ParseCpuSelection(szCpus, &s32Num, &u32Now);
+    _QX_REALTIME_ParseCpuSelection(szWanted, &s32Num, &u32Wanted);
+    if (u32Now == u32Wanted) return 0;
+    memcpy(szRoot, pstDomain->pszCpusetPathRoot, RT_PATH_LEN);
+    szRoot[RT_PATH_LEN - 1] = '\0';
+    if (qx_cpuset_file_path(szPath, sizeof(szPath), szRoot, "cpus") < 0 ||
+        qx_write_quietly(szPath, szWanted) != 0) {
+        RT_LOGI("[RT_Impl][Info] %s holds [%s], not [%s]: a CPU of it is offline.\n", szPath,
+                szCpus, szWanted);
+        return -1;
+    }
+    RT_LOGI("[RT_Impl][Info] %s is reset to %s.\n", szPath, szWanted);
+    return 1;
+}
+
+// Whether the kernel gave the thread other CPUs than the domain's record: its cpuset has lost
+// CPUs to hotplug (or the thread narrowed its own affinity, which the check below tells apart).
+static int qx_affinity_differs(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid) {
+    cpu_set_t stSet;
+    CPU_ZERO(&stSet);
+    if (sched_getaffinity(s32Tid, sizeof(stSet), &stSet) != 0) return 0;
+    uint32_t u32Mask = 0;
+    for (int i = 0; i < 32; i++)
+        if (CPU_ISSET(i, &stSet)) u32Mask |= 1u << i;
+    return u32Mask != pstDomain->u32CpuMask;
+}
+
+// Set by the latest refused move of this thread into a domain's cpuset: none of the domain's
+// CPUs is online.
+static thread_local int bNoCpuOnline = 0;
+
+int qx_cgroup_refused_no_cpu_online(void) {
+    return bNoCpuOnline;
+}
+
+// The move into a v1 domain cpuset. The first try is quiet: a cpuset that lost its CPUs to
+// hotplug gets them back from the record and the move is tried again; a move still refused is
+// reported as any refused move is (the tasks file and its error), with a line saying why.
+static const char *qx_cgroup1_join_cpuset(const QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid) {
+    char szTid[16];
+    bNoCpuOnline = 0;
+    RT_SNPRINTF(szTid, "%d", s32Tid);
+    if (qx_write_quietly(pstDomain->pszCpusetPathTasks, szTid) == 0) {
+        if (qx_affinity_differs(pstDomain, s32Tid)) (void)qx_cgroup_restore_cpus(pstDomain);
+        return NULL;
+    }
+    int s32Errno = errno;
+    if (s32Errno == ENOSPC && qx_cgroup_restore_cpus(pstDomain) == 1 &&
+        qx_write_quietly(pstDomain->pszCpusetPathTasks, szTid) == 0)
+        return NULL;
+    if (s32Errno == ENOSPC) {
+        char szCpus[64], szOffline[64];
+        if (qx_cgroup_domain_cpus(pstDomain, szCpus, sizeof(szCpus)) == 0 && szCpus[0] == '\0') {
+            char szWanted[RT_CPUSET_LEN];
+            memcpy(szWanted, pstDomain->pszCpuset, RT_CPUSET_LEN);
+            szWanted[RT_CPUSET_LEN - 1] = '\0';
+            (void)qx_offline_cpus(szOffline, sizeof(szOffline));
+            bNoCpuOnline = 1;
+            // On the device's own layout the refusal reads exactly as any refused move does
+            // (rtctl check names the offline CPUs there); elsewhere this line says why.
+            if (qx_cgroup_layout() != QX_CGROUP_V1)
+                RT_LOGE(
+                    "[RT_Impl][Err] Domain [%s] has no CPU online: its CPUs [%s], offline "
+                    "[%s].\n",
+                    qx_name_of(pstDomain->szName).sz, szWanted, szOffline);
+        }
+    }
+    if (_QX_WriteS32ToPath(s32Tid, pstDomain->pszCpusetPathTasks) != RT_SUCCESS)
+        return pstDomain->pszCpusetPathTasks;
+    bNoCpuOnline = 0;  // taken at the third try: a CPU came back meanwhile
+    return NULL;
+}
+
+// Whether admission moves the thread into the domain's cpuset: the domain has fewer CPUs than
+// are online (the common path: nothing more is read); as many, but one of its own is offline (its
+// count matches by chance, and its cpuset holds fewer CPUs or none); more, because CPUs of it are
+// offline, and a CPU online is not its own. A domain that holds every CPU online stays out of its
+// cpuset, which would keep the thread from the CPUs that come back.
+static int qx_moves_into_cpuset(const QX_REALTIME_DOMAIN_t *pstDomain) {
+    int s32Online = qx_cpu_count();
+    if (pstDomain->s32CpuNum < s32Online) return 1;
+    char szList[64];
+    if (pstDomain->s32CpuNum == s32Online)
+        return (qx_offline_cpus(szList, sizeof(szList)) & pstDomain->u32CpuMask) != 0;
+    return (qx_cpu_list_mask(QX_CPU_ONLINE_FILE, szList, sizeof(szList)) &
+            ~pstDomain->u32CpuMask) != 0;
+}
+
 // ---- task moves ----
 
 const char *qx_cgroup_join_domain(QX_REALTIME_DOMAIN_t *pstDomain, int32_t s32Tid) {
     int s32Layout_ = qx_cgroup_layout();
+    bNoCpuOnline = 0;
     if (pstDomain->s32UtilMax >= 1) {
         _QX_REALTIME_Overwrite_Cpuset(pstDomain);
-        if (pstDomain->s32CpuNum != qx_cpu_count()) {
-            if (s32Layout_ == QX_CGROUP_V2) return qx_cgroup2_join(pstDomain, s32Tid);
-            if (_QX_WriteS32ToPath(s32Tid, pstDomain->pszCpusetPathTasks) != RT_SUCCESS)
-                return pstDomain->pszCpusetPathTasks;
+        // cgroup v2 takes offline CPUs in a group's cpuset.cpus (its effective CPUs are then the
+        // parent's, and the CPUs come back by themselves): the same rule keeps a thread admitted
+        // while its domain's CPU is offline from staying off it once it returns.
+        if (s32Layout_ == QX_CGROUP_V2) {
+            if (qx_moves_into_cpuset(pstDomain)) return qx_cgroup2_join(pstDomain, s32Tid);
+        } else if (qx_moves_into_cpuset(pstDomain)) {
+            const char *pszRefused = qx_cgroup1_join_cpuset(pstDomain, s32Tid);
+            if (pszRefused != NULL) return pszRefused;
         }
     }
     if (s32Layout_ != QX_CGROUP_V1) return NULL;
@@ -445,6 +595,17 @@ const char *qx_cgroup_leave_domain(const QX_REALTIME_DOMAIN_t *pstDomain, int32_
         if (s32Layout_ == QX_CGROUP_V2) return qx_cgroup2_leave(pstDomain, s32Tid);
         if (_QX_WriteS32ToPath(s32Tid, RT_CPUSET_ROOT_TASKS) != RT_SUCCESS)
             return RT_CPUSET_ROOT_TASKS;
+    } else {
+        // The count matches, but a CPU may be offline: the thread may still sit in the cpuset it
+        // was given when the count differed. Back to the root (its home on v2), whatever it gives
+        // (a thread already there, or one that has ended, changes nothing).
+        char szOffline[64], szTid[16];
+        if (qx_offline_cpus(szOffline, sizeof(szOffline)) != 0) {
+            if (s32Layout_ == QX_CGROUP_V2)
+                (void)qx_cgroup2_leave(pstDomain, s32Tid);
+            else if (RT_SNPRINTF(szTid, "%d", s32Tid) >= 0)
+                (void)qx_write_quietly(RT_CPUSET_ROOT_TASKS, szTid);
+        }
     }
     if (s32Layout_ != QX_CGROUP_V1) return NULL;
     if (_QX_WriteS32ToPath(s32Tid, RT_CPUACCT_ROOT_TASKS) != RT_SUCCESS)
@@ -466,9 +627,7 @@ const char *qx_cgroup_park_in_root_cpuset(int32_t s32Tid) {
 const char *qx_cgroup_return_to_domain_cpuset(const QX_REALTIME_DOMAIN_t *pstDomain,
                                               int32_t s32Tid) {
     if (qx_cgroup_layout() == QX_CGROUP_V2) return qx_cgroup2_join(pstDomain, s32Tid);
-    return _QX_WriteS32ToPath(s32Tid, pstDomain->pszCpusetPathTasks) == RT_SUCCESS
-               ? NULL
-               : pstDomain->pszCpusetPathTasks;
+    return qx_cgroup1_join_cpuset(pstDomain, s32Tid);
 }
 
 int qx_cgroup_tasks_files(const QX_REALTIME_DOMAIN_t *pstDomain, qx_tasks_file_t astFiles[2]) {

@@ -576,6 +576,17 @@ const char *qx_cgroup_leave_domain(const QX_REALTIME_DOMAIN_t *pstDomain, int32_
 const char *qx_cgroup_park_in_root_cpuset(int32_t s32Tid);
 const char *qx_cgroup_return_to_domain_cpuset(const QX_REALTIME_DOMAIN_t *pstDomain,
                                               int32_t s32Tid);
+// CPU hotplug on cgroup v1 (an offlined CPU leaves every cpuset's cpus for good): the CPUs the
+// kernel lists as offline (a mask; their list in pszText), the CPU list a domain's cpuset holds now
+// (-1 when unreadable), and the record's CPUs written back into the cpuset when it holds others
+// (1 written, 0 nothing to do, -1 refused: a CPU of them is still offline). Whether the latest
+// refused move of this thread into a cpuset was refused because none of its CPUs is online.
+#define QX_CPU_OFFLINE_FILE "/sys/devices/system/cpu/offline"
+#define QX_CPU_ONLINE_FILE "/sys/devices/system/cpu/online"
+uint32_t qx_offline_cpus(char *pszText, size_t uSize);
+int qx_cgroup_domain_cpus(const QX_REALTIME_DOMAIN_t *pstDomain, char *pszCpus, size_t uSize);
+int qx_cgroup_restore_cpus(const QX_REALTIME_DOMAIN_t *pstDomain);
+int qx_cgroup_refused_no_cpu_online(void);
 // The tasks files that show the domain's threads, as the kernel sees them (each path field with
 // the hierarchy it must lie in: the caller opens only a field that is the domain's own): how
 // many of the two there are.

@@ -634,9 +634,10 @@ static uint32_t qx_admit_in_kernel(const char *pszOp, QX_REALTIME_DOMAIN_t *pstD
     if (pszMoveTo != NULL) {
         RT_LOGE("[RT_Impl][Err] [%s] Move pid = [%d] to [%s] failed.\n", pszOp, s32Tid, pszMoveTo);
         // On cgroup v2 a refused move is the layout saying no (no cpuset for the thread's
-        // process): the thread gets back what it had rather than run real-time outside its
-        // domain's CPUs with no record.
-        if (qx_cgroup_layout() == QX_CGROUP_V2) (void)qx_put_back_attr(pstDomain, s32Tid, pstSaved);
+        // process), on v1 a domain whose CPUs are all offline: the thread gets back what it had
+        // rather than run real-time outside its domain's CPUs with no record.
+        if (qx_cgroup_layout() == QX_CGROUP_V2 || qx_cgroup_refused_no_cpu_online())
+            (void)qx_put_back_attr(pstDomain, s32Tid, pstSaved);
         return RT_ERR_SYSTEM;
     }
     return RT_SUCCESS;

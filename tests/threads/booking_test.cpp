@@ -4,6 +4,7 @@
 // process would be killed by the signal.
 #include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include "threads_support.h"
@@ -62,10 +63,10 @@ TEST_F(AdmissionBooking, RefusedMoveKeepsThePolicyButNoBooking) {
     QX_REALTIME_DOMAIN_t *d = map_domain_file(kRr);
     ASSERT_NE(nullptr, d);
     std::vector<uint8_t> before = segment_bytes(kRr);
-    // The domain's cpuset with no CPU refuses every task that is moved into it.
-    std::string cpus = "/dev/cpuset/Domain_Rr/cpuset.cpus";
-    if (!file_exists(cpus)) cpus = "/dev/cpuset/Domain_Rr/cpus";
-    write_file(cpus, "\n");
+    // The domain's tasks file refuses every write (an emptied cpuset would not do: admission
+    // gives it the record's CPUs back, as it does after CPU hotplug).
+    std::string why;
+    ASSERT_TRUE(bind_over("/dev/full", "/dev/cpuset/Domain_Rr/tasks", &why)) << why;
     TestThread t;
     EXPECT_EQ(RT_ERR_SYSTEM, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0));
     // The policy stays applied, as the admission has always left it; nothing is booked.
@@ -73,7 +74,23 @@ TEST_F(AdmissionBooking, RefusedMoveKeepsThePolicyButNoBooking) {
     EXPECT_EQ(nullptr, live_slot(d, t.tid()));
     EXPECT_EQ(0, d->s32UtilCurrent);
     EXPECT_TRUE(before == segment_bytes(kRr)) << "the refused admission left a change";
-    write_file(cpus, "1");
+    umount2("/dev/cpuset/Domain_Rr/tasks", MNT_DETACH);
+}
+
+TEST_F(AdmissionBooking, CpusetEmptiedSinceCreationGetsTheRecordsCpusBackAndAdmits) {
+    // What CPU hotplug leaves on cgroup v1 (a CPU taken offline and back), done here by hand.
+    ASSERT_NO_FATAL_FAILURE(start({rr()}, {kRr}));
+    std::string cpus = "/dev/cpuset/Domain_Rr/cpuset.cpus";
+    if (!file_exists(cpus)) cpus = "/dev/cpuset/Domain_Rr/cpus";
+    write_file(cpus, "\n");
+    TestThread t;
+    LogCapture log;
+    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_AddThread(kRr, "Class_A", t.tid(), 0)) << log.dump();
+    EXPECT_EQ("1\n", read_file(cpus));
+    expect_placed(t.tid(), SCHED_RR, "/Domain_Rr");
+    EXPECT_EQ(0, error_count(log)) << log.dump();
+    QXT_EXPECT_INFO(log, format("[RT_Impl][Info] %s is reset to 1.\n", cpus.c_str()));
+    EXPECT_EQ(RT_SUCCESS, QX_REALTIME_RemoveThread(kRr, t.tid()));
 }
 
 TEST_F(AdmissionBooking, OverrunSignallingWarnsWhenTheSignalWouldKillTheProcess) {
