@@ -4,7 +4,8 @@
  *   thread_spawner THREADS DELAY_MS HOLD_MS STATUS
  *
  * Lines on stdout: "main POLICY CPUS", then per thread "thread POLICY" (after its hold) or
- * "create failed ERRNO". */
+ * "create failed ERRNO", then "threads N": how many threads the process had with all of them
+ * running (a sanitizer's runtime may add its own). */
 #define _GNU_SOURCE
 #include <errno.h>
 #include <pthread.h>
@@ -12,6 +13,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <dirent.h>
 #include <time.h>
 
 static int hold_ms;
@@ -35,6 +37,15 @@ static void print_cpus(void) {
     while (f != NULL && fgets(line, sizeof(line), f) != NULL)
         if (strncmp(line, "Cpus_allowed_list:", 18) == 0) printf("%s", line + 19);
     if (f != NULL) fclose(f);
+}
+
+static int thread_count(void) {
+    DIR *dir = opendir("/proc/self/task");
+    int n = 0;
+    for (struct dirent *e = dir != NULL ? readdir(dir) : NULL; e != NULL; e = readdir(dir))
+        if (e->d_name[0] != '.') n++;
+    if (dir != NULL) closedir(dir);
+    return n;
 }
 
 static void *worker(void *arg) {
@@ -67,6 +78,8 @@ int main(int argc, char **argv) {
             made++;
         }
     }
+    int peak = thread_count();
     for (int i = 0; i < made; i++) pthread_join(ids[i], NULL);
+    printf("threads %d\n", peak);
     return status;
 }
