@@ -585,6 +585,13 @@ private:
     uint8_t options_[RT_CLASS_OPTIONS_NUM] = {};
 };
 
+// Frees a record and returns its utilisation to the domain; what the repair did.
+std::string free_record(QX_REALTIME_DOMAIN_t *d, QX_REALTIME_THREAD_t *t) {
+    t->Alive = 0;
+    d->s32UtilCurrent = (int32_t)((uint32_t)d->s32UtilCurrent - (uint32_t)t->Util);
+    return "record freed, its utilisation returned";
+}
+
 void Checker::check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
     int64_t sum = 0;
     Identities ids(name);
@@ -597,10 +604,8 @@ void Checker::check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
         if (gone || !thread_alive(t->Pid)) {
             std::string action;
             if (repair_) {
-                ids.erase(i);
-                t->Alive = 0;
-                d->s32UtilCurrent = (int32_t)((uint32_t)d->s32UtilCurrent - (uint32_t)t->Util);
-                action = "record freed, its utilisation returned";
+                ids.erase(i);  // the identity before the slot, as the library orders it
+                action = free_record(d, t);
             }
             found(name,
                   gone ? str("record of thread %d of process %d, which has died", t->Pid,
@@ -614,10 +619,8 @@ void Checker::check_threads(const std::string &name, QX_REALTIME_DOMAIN_t *d) {
         if (other != QX_IDENTITY_SAME) {
             std::string action;
             if (repair_) {
-                ids.erase(i);
-                t->Alive = 0;
-                d->s32UtilCurrent = (int32_t)((uint32_t)d->s32UtilCurrent - (uint32_t)t->Util);
-                action = "record freed, its utilisation returned";
+                ids.erase(i);  // the identity before the slot, as the library orders it
+                action = free_record(d, t);
             }
             found(name,
                   other == QX_IDENTITY_OTHER_PROCESS
