@@ -805,7 +805,7 @@ bool is_domain_name(const char *entry, size_t size) {
     return true;
 }
 
-std::string cpu_note() {
+std::string cpu_note(bool with_bandwidth) {
     char offline[64];
     uint32_t mask = qx_offline_cpus(offline, sizeof(offline));
     char online[64] = "";
@@ -843,7 +843,7 @@ std::string cpu_note() {
     uint32_t present_mask = 0;
     if (present[0] != '\0') _QX_REALTIME_ParseCpuSelection(present, &num, &present_mask);
     mask &= present_mask;
-    if (mask == 0 && dl_threads == 0) return "";
+    if (mask == 0 && (dl_threads == 0 || !with_bandwidth)) return "";
     std::string note =
         str("CPUs online %s, offline %s", online[0] ? online : "?", mask != 0 ? offline : "none");
     if (dl_threads > 0)

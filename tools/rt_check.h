@@ -25,9 +25,10 @@ std::vector<Finding> run(bool repair, std::string *error);
 
 // One line for the operator about CPU hotplug: the CPUs online and offline, and the deadline
 // bandwidth the machine's SCHED_DEADLINE threads hold (which makes the kernel refuse to take a CPU
-// offline when the CPUs left can't hold it). "" when every present CPU is online and no thread
-// is SCHED_DEADLINE.
-std::string cpu_note();
+// offline when the CPUs left can't hold it). "" when every present CPU is online, unless
+// with_bandwidth (rtctl -v) asks for it while a thread is SCHED_DEADLINE: a consistent machine's
+// check says "consistent" and nothing else.
+std::string cpu_note(bool with_bandwidth);
 
 // Whether an entry of the central record's domain list (size bytes) holds a domain name: 1 to 63
 // bytes before its terminating zero, not "." or "..", no '/' and no control character.

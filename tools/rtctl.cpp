@@ -948,7 +948,7 @@ int run_check(const char *name, const Args &a) {
         }
         j.end_array();
         // Only when there is something to say: the document is otherwise as it always was.
-        std::string cpus = rtcheck::cpu_note();
+        std::string cpus = rtcheck::cpu_note(a.verbose);
         if (!cpus.empty()) j.key("cpus").value(cpus);
         json_print(j);
         return status;
@@ -958,7 +958,7 @@ int run_check(const char *name, const Args &a) {
         if (denied.empty()) print_hints(name, RT_ERR_FAILED);
         return status;
     }
-    std::string cpus = rtcheck::cpu_note();
+    std::string cpus = rtcheck::cpu_note(a.verbose);
     if (!cpus.empty()) printf("%s\n", cpus.c_str());
     for (const rtcheck::Finding &f : findings) {
         printf("%s: %s\n", f.where.c_str(), f.what.c_str());
@@ -982,7 +982,7 @@ const char kJsonCheck[] =
     "\"status\" is the exit status; \"action\" is what --repair did (null without it);\n"
     "\"error\" says why the walk could not be done (no central segment, ...);\n"
     "\"cpus\" names the CPUs online and offline and the deadline bandwidth held; present only\n"
-    "when a CPU is offline or a thread is SCHED_DEADLINE.";
+    "when a CPU is offline, or with -v while a thread is SCHED_DEADLINE.";
 
 // The two forms of a demand (add-lite, update, budget), and what a policy ignores of it.
 #define RTCTL_DEMAND_HELP                                                                       \
