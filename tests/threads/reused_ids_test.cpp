@@ -106,6 +106,9 @@ struct SelfAdmission {
 }  // namespace
 
 TEST_F(ReusedIds, RecordsOfAClientWhoseIdWasGivenToANewcomerAreReapedAndTheirUnitsReturned) {
+    if (!emulator().empty())
+        GTEST_SKIP() << "under qemu-user the emulator's own threads take ids of their own: the "
+                        "client's two ids can't be steered to a newcomer";
     TestThread t;  // started first: its id is none of the client's
     Client client;
     ASSERT_NO_FATAL_FAILURE(run_and_kill_client(true, &client));
