@@ -29,7 +29,8 @@ mkdir -p /dev/pts /dev/shm
 # What a service manager links in /dev (bash's process substitution reads /dev/fd).
 [ -e /dev/fd ] || ln -s /proc/self/fd /dev/fd
 mount -t devpts -o ptmxmode=0666,mode=0620 devpts /dev/pts
-mount -t tmpfs -o mode=1777 tmp /tmp
+# A fresh /tmp, unless the staged source or build tree lies under it (a checkout in /tmp).
+[ -n "$(ls -A /tmp 2>/dev/null)" ] || mount -t tmpfs -o mode=1777 tmp /tmp
 # Only emergencies on the console: kernel warnings must not interleave with the report.
 echo 1 >/proc/sys/kernel/printk
 
