@@ -93,14 +93,27 @@ protected:
         ASSERT_EQ(pid, newcomer_) << "the dead client's id could not be had";
     }
 
+    // The newcomer admits its own main thread and tells what it got.
+    struct SelfAdmission {
+        int32_t rc = -1;
+        int32_t policy = -1;
+    };
+    void newcomer_admits_itself(pid_t pid, SelfAdmission *self) {
+        int report[2];
+        ASSERT_EQ(0, pipe(report));
+        ASSERT_NO_FATAL_FAILURE(newcomer_takes(pid, [&] {
+            SelfAdmission told;
+            told.rc = (int32_t)QX_REALTIME_AddThread(kRr, "Class_A", getpid(), 0);
+            told.policy = sched_getscheduler(0);
+            (void)!write(report[1], &told, sizeof(told));
+        }));
+        ASSERT_EQ((ssize_t)sizeof(*self), read(report[0], self, sizeof(*self)));
+        close(report[0]);
+        close(report[1]);
+    }
+
     QX_REALTIME_DOMAIN_t *d_ = nullptr;
     pid_t newcomer_ = -1;
-};
-
-// What the newcomer tells of its own admission of its main thread.
-struct SelfAdmission {
-    int32_t rc = -1;
-    int32_t policy = -1;
 };
 
 }  // namespace
@@ -137,18 +150,8 @@ TEST_F(ReusedIds, RecordsOfAClientWhoseIdWasGivenToANewcomerAreReapedAndTheirUni
 TEST_F(ReusedIds, NewcomerAdmittingItsMainThreadWithTheDeadClientsIdGetsItAndIsBookedOnce) {
     Client client;
     ASSERT_NO_FATAL_FAILURE(run_and_kill_client(false, &client));
-    int report[2];
-    ASSERT_EQ(0, pipe(report));
-    ASSERT_NO_FATAL_FAILURE(newcomer_takes(client.pid, [&] {
-        SelfAdmission self;
-        self.rc = (int32_t)QX_REALTIME_AddThread(kRr, "Class_A", getpid(), 0);
-        self.policy = sched_getscheduler(0);
-        (void)!write(report[1], &self, sizeof(self));
-    }));
     SelfAdmission self;
-    ASSERT_EQ((ssize_t)sizeof(self), read(report[0], &self, sizeof(self)));
-    close(report[0]);
-    close(report[1]);
+    ASSERT_NO_FATAL_FAILURE(newcomer_admits_itself(client.pid, &self));
     EXPECT_EQ((int32_t)RT_SUCCESS, self.rc);
     EXPECT_EQ(SCHED_RR, self.policy);
     EXPECT_EQ((uint32_t)SCHED_RR, sched_of(newcomer_).policy);
@@ -200,18 +203,8 @@ TEST_F(ReusedIds, RecordWithoutAnIdentityIsTrustedByItsIdsAsBefore) {
     ASSERT_NO_FATAL_FAILURE(run_and_kill_client(false, &client));
     // As a domain made by an older build: no identities kept at all.
     ASSERT_EQ(0, unlink(kIdentityFile));
-    int report[2];
-    ASSERT_EQ(0, pipe(report));
-    ASSERT_NO_FATAL_FAILURE(newcomer_takes(client.pid, [&] {
-        SelfAdmission self;
-        self.rc = (int32_t)QX_REALTIME_AddThread(kRr, "Class_A", getpid(), 0);
-        self.policy = sched_getscheduler(0);
-        (void)!write(report[1], &self, sizeof(self));
-    }));
     SelfAdmission self;
-    ASSERT_EQ((ssize_t)sizeof(self), read(report[0], &self, sizeof(self)));
-    close(report[0]);
-    close(report[1]);
+    ASSERT_NO_FATAL_FAILURE(newcomer_admits_itself(client.pid, &self));
     // Taken as already admitted, as ever: success, and the newcomer stays as it was.
     EXPECT_EQ((int32_t)RT_SUCCESS, self.rc);
     EXPECT_EQ(SCHED_OTHER, self.policy);
